@@ -1,0 +1,145 @@
+#include <fmt/format.h>
+
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <vector>
+
+#include "cli/Commands.h"
+#include "monitor/DiskIOKitStatisticsProvider.h"
+#include "platform/linux/LinuxVolumeInfoSource.h"
+#include "platform/linux/SysfsRegistry.h"
+#include "text/Formats.h"
+#include "text/Language.h"
+#include "volumes/DiskVolumeResolver.h"
+
+namespace vantorix::cli {
+namespace {
+
+using ordered_json = nlohmann::ordered_json;
+
+template <class T>
+ordered_json optionalJson(const std::optional<T>& value) {
+    return value ? ordered_json(*value) : ordered_json(nullptr);
+}
+
+std::string orUnknown(const std::optional<std::string>& value) {
+    if (value && value->find_first_not_of(" \t\n") != std::string::npos) return *value;
+    return text::localized("未知", "Unknown");
+}
+
+std::string capacityLine(const std::optional<std::uint64_t>& bytes) {
+    if (!bytes) return text::localized("未知", "Unknown");
+    return fmt::format("{} ({} {})", text::capacityText(*bytes), *bytes, text::localized("字节", "bytes"));
+}
+
+std::string counterLine(std::uint64_t bytes) {
+    return fmt::format("{} ({})", text::totalBytesText(bytes), bytes);
+}
+
+void printTable(std::ostream& out, const std::vector<std::pair<std::string, std::string>>& rows) {
+    std::size_t width = 0;
+    const auto displayWidth = [](const std::string& s) {
+        // Every CJK character of these labels takes two columns; other text is ASCII.
+        std::size_t columns = 0;
+        for (std::size_t i = 0; i < s.size();) {
+            const auto c = static_cast<unsigned char>(s[i]);
+            const std::size_t length = c < 0x80 ? 1 : c < 0xE0 ? 2 : c < 0xF0 ? 3 : 4;
+            columns += length >= 3 ? 2 : 1;
+            i += length;
+        }
+        return columns;
+    };
+    for (const auto& row : rows) width = std::max(width, displayWidth(row.first));
+    for (const auto& [label, value] : rows) {
+        out << label << std::string(width - displayWidth(label) + 2, ' ') << value << '\n';
+    }
+}
+
+}  // namespace
+
+Environment Environment::system() {
+    return Environment{std::make_shared<SysfsRegistry>(), std::make_shared<LinuxVolumeInfoSource>(), &std::cout,
+                       &std::cerr};
+}
+
+int runInfo(const InfoOptions& options, Environment& environment) {
+    auto& out = *environment.out;
+    auto& err = *environment.err;
+    auto descriptor = DiskVolumeResolver::resolve(options.path, *environment.files, *environment.registry);
+    if (!descriptor.ok()) {
+        err << descriptor.error().description() << '\n';
+        if (options.json) {
+            out << ordered_json{{"error", {{"code", descriptor.error().name()},
+                                           {"message", descriptor.error().description()}}}}
+                       .dump(2)
+                << '\n';
+        }
+        return kFailure;
+    }
+    const auto& volume = descriptor.value();
+
+    std::optional<MonitorError> statisticsError;
+    std::optional<DiskIOKitStatisticsProvider::Snapshot> snapshot;
+    auto session = StatisticsSession::create(environment.registry, volume);
+    if (session.ok()) {
+        auto read = session.value()->snapshot();
+        if (read.ok()) snapshot = read.value();
+        else statisticsError = read.error();
+    } else {
+        statisticsError = session.error();
+    }
+
+    if (options.json) {
+        ordered_json document{
+            {"url", volume.url},
+            {"bsdName", volume.bsdName},
+            {"displayName", volume.displayName},
+            {"connectionTypeDescription", volume.connectionTypeDescription},
+            {"connectionSpeedDescription", optionalJson(volume.connectionSpeedDescription)},
+            {"fileSystemDescription", optionalJson(volume.fileSystemDescription)},
+            {"totalCapacityBytes", optionalJson(volume.totalCapacityBytes)},
+            {"availableCapacityBytes", optionalJson(volume.availableCapacityBytes)},
+            {"hardwareVendor", optionalJson(volume.hardwareVendor)},
+            {"hardwareModel", optionalJson(volume.hardwareModel)},
+        };
+        if (snapshot) {
+            document["statistics"] = ordered_json{{"bytesRead", snapshot->bytesRead},
+                                                  {"bytesWritten", snapshot->bytesWritten},
+                                                  {"readOperations", snapshot->readOperations},
+                                                  {"writeOperations", snapshot->writeOperations}};
+        } else {
+            document["statistics"] = nullptr;
+            document["error"] = ordered_json{{"code", statisticsError->name()},
+                                             {"message", statisticsError->description()}};
+        }
+        out << document.dump(2) << '\n';
+    } else {
+        std::vector<std::pair<std::string, std::string>> rows{
+            {text::localized("卷", "Volume"), volume.displayName},
+            {text::localized("路径", "Path"), volume.url},
+            {text::localized("BSD 名称", "BSD name"), volume.bsdName},
+            {text::localized("文件系统", "File system"),
+             volume.fileSystemDescription.value_or(text::localized("文件系统未知", "File system unknown"))},
+            {text::localized("总容量", "Total capacity"), capacityLine(volume.totalCapacityBytes)},
+            {text::localized("可用容量", "Available Capacity"), capacityLine(volume.availableCapacityBytes)},
+            {text::localized("连接", "Connection"), volume.connectionTypeDescription},
+            {text::localized("链路速度", "Link speed"), orUnknown(volume.connectionSpeedDescription)},
+            {text::localized("厂商", "Vendor"), orUnknown(volume.hardwareVendor)},
+            {text::localized("型号", "Model"), orUnknown(volume.hardwareModel)},
+        };
+        if (snapshot) {
+            rows.emplace_back(text::localized("累计读取", "Bytes read"), counterLine(snapshot->bytesRead));
+            rows.emplace_back(text::localized("累计写入", "Bytes written"), counterLine(snapshot->bytesWritten));
+            rows.emplace_back(text::localized("读操作", "Read operations"), std::to_string(snapshot->readOperations));
+            rows.emplace_back(text::localized("写操作", "Write operations"), std::to_string(snapshot->writeOperations));
+        }
+        printTable(out, rows);
+    }
+    if (statisticsError) {
+        err << statisticsError->description() << '\n';
+        return kFailure;
+    }
+    return kSuccess;
+}
+
+}  // namespace vantorix::cli

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "smart/DiskSMARTInfo.h"
+
+namespace vantorix {
+
+// The selected volume, as the resolver describes it. Compared field by field.
+struct DiskVolumeDescriptor {
+    std::string url;  // absolute path of the chosen folder, symbolic links resolved
+    std::string bsdName;
+    std::string displayName;
+    std::string connectionTypeDescription;
+    std::optional<std::string> connectionSpeedDescription;
+    std::optional<std::string> fileSystemDescription;
+    std::optional<std::uint64_t> totalCapacityBytes;
+    std::optional<std::uint64_t> availableCapacityBytes;
+    std::optional<std::string> hardwareVendor;
+    std::optional<std::string> hardwareModel;
+    std::optional<DiskSMARTInfo> smartInfo;
+
+    friend bool operator==(const DiskVolumeDescriptor&, const DiskVolumeDescriptor&) = default;
+};
+
+}  // namespace vantorix
