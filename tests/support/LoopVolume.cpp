@@ -1,0 +1,69 @@
+#include "support/LoopVolume.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+#include "support/Process.h"
+
+namespace vantorix::testing {
+
+std::string LoopVolume::unavailableReason() {
+    if (::geteuid() != 0) return "needs root to attach and mount a loop device";
+    struct stat st {};
+    if (::stat("/dev/loop-control", &st) != 0) return "no /dev/loop-control: loop devices are not available";
+    for (const char* tool : {"/sbin/mkfs.ext4", "/sbin/losetup", "/bin/mount"}) {
+        if (::access(tool, X_OK) != 0 && ::access((std::string("/usr") + tool).c_str(), X_OK) != 0) {
+            return std::string("missing ") + tool;
+        }
+    }
+    return {};
+}
+
+std::unique_ptr<LoopVolume> LoopVolume::create(const std::string& label, std::uint64_t sizeBytes, std::string* error) {
+    std::unique_ptr<LoopVolume> volume(new LoopVolume());
+    char pattern[] = "/tmp/vantorix-loop-XXXXXX";
+    if (::mkdtemp(pattern) == nullptr) {
+        *error = "mkdtemp failed";
+        return nullptr;
+    }
+    volume->directory_ = pattern;
+    volume->image_ = volume->directory_ + "/image.ext4";
+    volume->mountPoint_ = volume->directory_ + "/mnt";
+    std::filesystem::create_directory(volume->mountPoint_);
+
+    auto step = runShell("truncate -s " + std::to_string(sizeBytes) + " '" + volume->image_ + "' && mkfs.ext4 -q -F -L '" +
+                         label + "' '" + volume->image_ + "'");
+    if (step.exitStatus != 0) {
+        *error = "mkfs.ext4 failed: " + step.err;
+        return nullptr;
+    }
+    step = runProcess({"/sbin/losetup", "--find", "--show", volume->image_});
+    if (step.exitStatus != 0) {
+        *error = "losetup failed: " + step.err;
+        return nullptr;
+    }
+    volume->device_ = step.out.substr(0, step.out.find('\n'));
+    step = runProcess({"/bin/mount", volume->device_, volume->mountPoint_});
+    if (step.exitStatus != 0) {
+        *error = "mount failed: " + step.err;
+        return nullptr;
+    }
+    volume->mounted_ = true;
+    return volume;
+}
+
+LoopVolume::~LoopVolume() {
+    if (mounted_ && runProcess({"/bin/umount", mountPoint_}).exitStatus != 0) {
+        runProcess({"/bin/umount", "-l", mountPoint_});
+    }
+    if (!device_.empty()) runProcess({"/sbin/losetup", "-d", device_});
+    if (!directory_.empty()) {
+        std::error_code ignored;
+        std::filesystem::remove_all(directory_, ignored);
+    }
+}
+
+}  // namespace vantorix::testing

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace vantorix::testing {
+
+// A freshly made ext4 file system on a loop device, mounted in a temporary folder. Needs root and
+// loop devices; `unavailableReason()` says why one cannot be made here. Unmounted, detached and
+// deleted on destruction, whatever happened in between.
+class LoopVolume {
+public:
+    static std::string unavailableReason();
+    static std::unique_ptr<LoopVolume> create(const std::string& label, std::uint64_t sizeBytes, std::string* error);
+    ~LoopVolume();
+    LoopVolume(const LoopVolume&) = delete;
+    LoopVolume& operator=(const LoopVolume&) = delete;
+
+    const std::string& device() const { return device_; }          // "/dev/loop3"
+    std::string bsdName() const { return device_.substr(5); }      // "loop3"
+    const std::string& mountPoint() const { return mountPoint_; }
+
+private:
+    LoopVolume() = default;
+    std::string directory_;
+    std::string image_;
+    std::string device_;
+    std::string mountPoint_;
+    bool mounted_ = false;
+};
+
+}  // namespace vantorix::testing
