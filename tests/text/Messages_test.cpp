@@ -1,0 +1,77 @@
+#include "text/Messages.h"
+
+#include "support/ScopedEnvironment.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <string>
+#include <vector>
+
+namespace vantorix::text {
+namespace {
+
+TEST(Messages, EachMessageInBothLanguages) {
+    struct Case {
+        const char* name;
+        std::function<std::string()> make;
+        std::string chinese, english;
+    };
+    const std::vector<Case> cases = {
+        {"newVersionFound", [] { return newVersionFound("2.1.0"); }, "发现新版本 2.1.0", "New version found 2.1.0"},
+        {"downloadFailed", [] { return downloadFailed("timeout"); }, "下载失败：timeout", "Download failed: timeout"},
+        {"updateCheckFailed", [] { return updateCheckFailed("offline"); }, "检查更新失败：offline",
+         "Update check failed: offline"},
+        {"feedbackAccepted", [] { return feedbackAccepted("F-42"); }, "提交成功，反馈ID：F-42",
+         "Submitted successfully. Feedback ID: F-42"},
+        {"feedbackServerError", [] { return feedbackServerError(503); }, "提交失败：服务器错误（503）",
+         "Submission failed: server error (503)"},
+        {"statisticsMatchingFailed", [] { return statisticsMatchingFailed(-536870206); },
+         "IOKit 匹配失败，错误码：-536870206。", "IOKit matching failed with code: -536870206."},
+        {"statisticsMatchingFailed min",
+         [] { return statisticsMatchingFailed(std::numeric_limits<std::int32_t>::min()); },
+         "IOKit 匹配失败，错误码：-2147483648。", "IOKit matching failed with code: -2147483648."},
+        {"reportExportFailed", [] { return reportExportFailed("disk full"); }, "性能测试报告导出失败：\ndisk full",
+         "Failed to export performance report:\ndisk full"},
+        {"automaticReportExportFailed", [] { return automaticReportExportFailed("denied"); },
+         "性能测试报告自动导出失败：\ndenied", "Automatic performance report export failed:\ndenied"},
+        {"automaticReportSaved", [] { return automaticReportSaved("/mnt/x/r.html"); },
+         "性能测试完成，报告已自动保存至：/mnt/x/r.html",
+         "Performance test finished. Report automatically saved to: /mnt/x/r.html"},
+        {"randomTestSummary", [] { return randomTestSummary("4 KB", 1234567); },
+         "随机测试：块大小 4 KB，共 1234567 次操作。", "Random test: block size 4 KB, 1234567 operations."},
+        {"randomTestSummary max",
+         [] { return randomTestSummary("4 KB", std::numeric_limits<std::uint64_t>::max()); },
+         "随机测试：块大小 4 KB，共 18446744073709551615 次操作。",
+         "Random test: block size 4 KB, 18446744073709551615 operations."},
+        {"chartExportSaved", [] { return chartExportSaved("/a.csv", "/a.png"); },
+         "CSV 已保存至：/a.csv\nPNG 已保存至：/a.png", "CSV saved to: /a.csv\nPNG saved to: /a.png"},
+        {"chartExportFailed", [] { return chartExportFailed("no data"); }, "导出失败：no data",
+         "Export failed: no data"},
+        {"wholeDiskPayload", [] { return wholeDiskPayload("256 GB"); }, "数据量：全盘（256 GB）",
+         "Payload: Full Disk (256 GB)"},
+        {"adjustedPayload", [] { return adjustedPayload("10 GB", "4.5 GB"); },
+         "当前测试数据量：10 GB（预计自动调整为 4.5 GB）", "Current payload: 10 GB (will adjust to 4.5 GB)"},
+        {"smartSheetTitle", [] { return smartSheetTitle("Data"); }, "Data 的 SMART 信息", "SMART Details for Data"},
+        {"versionLine", [] { return versionLine("0.1.0", "17"); }, "版本：0.1.0 · 构建：17",
+         "Version: 0.1.0 · Build: 17"},
+        {"gigabytes", [] { return gigabytes(1000); }, "1000 GB", "1000 GB"},
+        {"values with braces", [] { return chartExportFailed("{0} {}"); }, "导出失败：{0} {}",
+         "Export failed: {0} {}"},
+    };
+    for (const auto& c : cases) {
+        {
+            const testing::ScopedLanguage chinese("zh_CN.UTF-8");
+            EXPECT_EQ(c.make(), c.chinese) << c.name;
+        }
+        {
+            const testing::ScopedLanguage english("en_US.UTF-8");
+            EXPECT_EQ(c.make(), c.english) << c.name;
+        }
+    }
+}
+
+}  // namespace
+}  // namespace vantorix::text
