@@ -111,9 +111,10 @@ Result<VolumeResourceValues, int> LinuxVolumeInfoSource::resourceValues(const st
     VolumeResourceValues values;
     struct stat st {};
     if (::stat(mount->mountSource.c_str(), &st) == 0 && S_ISBLK(st.st_mode)) values.name = labelOf(mount->mountSource);
-    if (!values.name && mount->mountPoint != "/") {
+    if (!values.name) {
+        // An unlabelled file system is named after where it is mounted; the root file system is "/".
         const auto last = std::filesystem::path(mount->mountPoint).filename().string();
-        if (!last.empty()) values.name = last;
+        values.name = last.empty() ? std::string("/") : last;
     }
     values.totalCapacity = static_cast<std::uint64_t>(vfs.f_blocks) * vfs.f_frsize;
     values.availableCapacity = static_cast<std::uint64_t>(vfs.f_bavail) * vfs.f_frsize;
