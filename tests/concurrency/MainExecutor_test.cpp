@@ -1,0 +1,96 @@
+#include "concurrency/LoopMainExecutor.h"
+#include "concurrency/ManualMainExecutor.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace vantorix {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr int kProducers = 4;
+constexpr int kItems = 500;
+
+// Posts kItems items from each of kProducers threads; each records (producer, index) into
+// `seen`, touched on the main thread only, and counts runs off the main thread.
+void postFromSeveralThreads(MainExecutor& executor, std::vector<std::pair<int, int>>& seen, std::atomic<int>& offMain) {
+    std::vector<std::thread> producers;
+    for (int p = 0; p < kProducers; ++p) {
+        producers.emplace_back([&, p] {
+            for (int i = 0; i < kItems; ++i) {
+                executor.post([&, p, i] {
+                    if (!executor.isMainThread()) ++offMain;
+                    seen.emplace_back(p, i);
+                });
+            }
+        });
+    }
+    for (auto& t : producers) t.join();
+}
+
+void expectEveryProducersOrder(const std::vector<std::pair<int, int>>& seen) {
+    ASSERT_EQ(seen.size(), static_cast<std::size_t>(kProducers * kItems));
+    std::array<int, kProducers> next{};
+    for (const auto& [producer, index] : seen) ASSERT_EQ(index, next[static_cast<std::size_t>(producer)]++);
+}
+
+TEST(ManualMainExecutor, RunsPostedWorkOnlyWhenDrainedInEachPostersOrder) {
+    ManualMainExecutor executor;
+    std::vector<std::pair<int, int>> seen;
+    std::atomic<int> offMain{0};
+    postFromSeveralThreads(executor, seen, offMain);
+    EXPECT_TRUE(seen.empty());
+    EXPECT_FALSE(std::async(std::launch::async, [&] { return executor.isMainThread(); }).get());
+
+    executor.post([&] { executor.post([&] { seen.emplace_back(-1, -1); }); });  // posted while draining
+    EXPECT_EQ(executor.drain(), static_cast<std::size_t>(kProducers * kItems + 2));
+    EXPECT_EQ(offMain.load(), 0);
+    ASSERT_EQ(seen.back(), std::make_pair(-1, -1));
+    seen.pop_back();
+    expectEveryProducersOrder(seen);
+}
+
+TEST(ManualMainExecutor, RunUntilWaitsForWorkOrForAConditionMetElsewhere) {
+    ManualMainExecutor executor;
+    int delivered = 0;
+    std::atomic<bool> flag{false};
+    std::thread worker([&] {
+        for (int i = 0; i < 5; ++i) {
+            std::this_thread::sleep_for(1ms);
+            executor.post([&] { ++delivered; });
+        }
+        flag = true;  // posts nothing for this one
+    });
+    EXPECT_TRUE(executor.runUntil([&] { return delivered == 5; }, 10s));
+    EXPECT_TRUE(executor.runUntil([&] { return flag.load(); }, 10s));
+    worker.join();
+    EXPECT_FALSE(executor.runUntil([] { return false; }, 20ms));
+}
+
+TEST(LoopMainExecutor, RunsWorkFromOtherThreadsAndStopsAfterTheWorkPostedBeforeTheStop) {
+    LoopMainExecutor executor;
+    std::vector<std::pair<int, int>> seen;
+    std::atomic<int> offMain{0};
+    std::thread poster([&] {
+        postFromSeveralThreads(executor, seen, offMain);
+        executor.stop();
+        executor.post([&] { seen.emplace_back(-1, -1); });
+    });
+    EXPECT_TRUE(executor.runFor(10s));
+    poster.join();
+    EXPECT_EQ(offMain.load(), 0);
+    expectEveryProducersOrder(seen);  // and not the item posted after stop()
+    EXPECT_FALSE(executor.runFor(20ms)) << "no stop is pending";
+    EXPECT_EQ(seen.back(), std::make_pair(-1, -1));
+}
+
+}  // namespace
+}  // namespace vantorix

@@ -1,0 +1,220 @@
+#include "concurrency/RepeatingTimer.h"
+
+#include "WaitFor.h"
+#include "concurrency/SerialQueue.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <thread>
+#include <vector>
+
+// Counts each thread's allocations, so that a test can check that steady ticks allocate nothing.
+namespace {
+thread_local std::size_t tAllocations = 0;
+void* countedAllocation(std::size_t size) {
+    ++tAllocations;
+    if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
+    throw std::bad_alloc();
+}
+}  // namespace
+void* operator new(std::size_t size) { return countedAllocation(size); }
+void* operator new[](std::size_t size) { return countedAllocation(size); }
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete[](void* p) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
+
+namespace vantorix {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::waitFor;
+using Clock = RepeatingTimer::Clock;
+
+// Start times of the ticks, written on the queue; read after cancel(), which orders the reads
+// after every tick.
+struct TickLog {
+    TickLog() { times.reserve(10000); }
+    void record() {
+        times.push_back(Clock::now());
+        ++count;
+    }
+    std::vector<Clock::time_point> times;
+    std::atomic<std::size_t> count{0};
+};
+
+// No tick starts before a deadline of its own: the i-th tick cannot start before the i-th
+// deadline of the grid first + k * interval.
+void expectNeverEarly(const TickLog& log, Clock::time_point first, Clock::duration interval) {
+    for (std::size_t i = 0; i < log.times.size(); ++i) {
+        ASSERT_GE(log.times[i], first) << "tick " << i;
+        const auto deadlinesPassed = static_cast<std::size_t>((log.times[i] - first) / interval) + 1;
+        EXPECT_LE(i + 1, deadlinesPassed) << "tick " << i << " came before its deadline";
+    }
+}
+
+TEST(RepeatingTimer, TicksOnTheQueueOnTheGridOfItsFirstDeadline) {
+    SerialQueue queue("com.vantorix.test.grid", QualityOfService::userInteractive);
+    TickLog log;
+    std::atomic<bool> offQueue{false};
+    RepeatingTimer timer(queue);
+    const auto first = Clock::now() + 20ms;
+    timer.setHandler([&] {
+        if (!queue.isCurrent()) offQueue = true;
+        log.record();
+    });
+    timer.schedule(first, 3ms, 200us);
+    std::this_thread::sleep_for(30ms);
+    EXPECT_EQ(log.count.load(), 0U) << "ticked before resume()";
+    timer.resume();
+    ASSERT_TRUE(waitFor([&] { return log.count >= 30; }));
+    timer.cancel();
+    EXPECT_FALSE(offQueue.load());
+    expectNeverEarly(log, first, 3ms);
+}
+
+TEST(RepeatingTimer, ASlowTickSkipsTheMissedDeadlinesInsteadOfBursting) {
+    SerialQueue queue("com.vantorix.test.skip", QualityOfService::userInteractive);
+    TickLog log;
+    Clock::time_point slowTickEnd;
+    RepeatingTimer timer(queue);
+    const auto first = Clock::now() + 10ms;
+    timer.setHandler([&] {
+        log.record();
+        if (log.times.size() == 1) {
+            std::this_thread::sleep_for(35ms);  // misses the next three deadlines
+            slowTickEnd = Clock::now();
+        }
+    });
+    timer.schedule(first, 10ms, 0ns);
+    timer.resume();
+    ASSERT_TRUE(waitFor([&] { return log.count >= 6; }));
+    timer.cancel();
+
+    // Only the tick that was already due may start before the next grid deadline after the
+    // slow tick; the other missed deadlines are skipped.
+    const Clock::time_point nextGridDeadline = first + ((slowTickEnd - first + 10ms - 1ns) / 10ms) * 10ms;
+    std::size_t catchUp = 0;
+    for (const auto t : log.times) catchUp += (t >= slowTickEnd && t < nextGridDeadline) ? 1U : 0U;
+    EXPECT_LE(catchUp, 1U);
+    expectNeverEarly(log, first, 10ms);
+}
+
+TEST(RepeatingTimer, RescheduleToAShorterIntervalTakesEffectAtTheNextTickKeepingThePhase) {
+    for (const bool fromHandler : {true, false}) {
+        SCOPED_TRACE(fromHandler ? "rescheduled by the handler" : "rescheduled by another thread");
+        SerialQueue queue("com.vantorix.test.shorter", QualityOfService::userInteractive);
+        TickLog log;
+        RepeatingTimer timer(queue);
+        const auto first = Clock::now();
+        timer.setHandler([&] {
+            log.record();
+            if (fromHandler && log.times.size() == 1) timer.reschedule(2ms, 0ns);
+        });
+        timer.schedule(first, 1h, 0ns);
+        timer.resume();
+        ASSERT_TRUE(waitFor([&] { return log.count >= 1; }));
+        if (!fromHandler) timer.reschedule(2ms, 0ns);
+        ASSERT_TRUE(waitFor([&] { return log.count >= 6; })) << "the one-hour interval is still in force";
+        timer.cancel();
+        expectNeverEarly(log, first, 2ms);
+    }
+}
+
+TEST(RepeatingTimer, NoTickRunsAfterCancelReturnsOnAnotherThread) {
+    SerialQueue queue("com.vantorix.test.cancel", QualityOfService::userInteractive);
+    for (int round = 0; round < 20; ++round) {
+        std::atomic<int> ticks{0};
+        std::atomic<bool> inHandler{false};
+        RepeatingTimer timer(queue);
+        timer.setHandler([&] {
+            inHandler = true;
+            std::this_thread::sleep_for(100us);
+            ++ticks;
+            inHandler = false;
+        });
+        timer.schedule(Clock::now(), 500us, 0ns);
+        timer.resume();
+        ASSERT_TRUE(waitFor([&] { return ticks >= 3; }));
+        timer.cancel();
+        EXPECT_FALSE(inHandler.load()) << "round " << round;
+        const int atCancel = ticks;
+        timer.schedule(Clock::now(), 500us, 0ns);  // a cancelled timer stays cancelled
+        timer.resume();
+        std::this_thread::sleep_for(5ms);
+        EXPECT_EQ(ticks.load(), atCancel) << "round " << round;
+    }
+}
+
+TEST(RepeatingTimer, StoppingFromItsOwnHandlerEndsTheTicks) {
+    SerialQueue queue("com.vantorix.test.selfcancel", QualityOfService::userInteractive);
+    // The way an owner stops on its own queue: clear the handler, cancel, drop the timer.
+    std::atomic<int> ticks{0};
+    auto timer = std::make_unique<RepeatingTimer>(queue);
+    timer->setHandler([&] {
+        if (++ticks == 3) {
+            timer->setHandler({});
+            timer->cancel();
+            timer.reset();
+        }
+    });
+    timer->schedule(Clock::now(), 1ms, 0ns);
+    timer->resume();
+    ASSERT_TRUE(waitFor([&] { return ticks >= 3; }));
+    std::this_thread::sleep_for(20ms);
+    EXPECT_EQ(ticks.load(), 3);
+    EXPECT_TRUE(queue.sync([&] { return timer == nullptr; }));  // also orders the reset before ours
+}
+
+TEST(RepeatingTimer, AReplacedHandlerIsNotCalledOnceTheNewOneHasRun) {
+    SerialQueue queue("com.vantorix.test.handler", QualityOfService::userInteractive);
+    std::atomic<int> oldTicks{0};
+    std::atomic<int> newTicks{0};
+    RepeatingTimer timer(queue);
+    timer.setHandler([&] { ++oldTicks; });
+    timer.schedule(Clock::now(), 200us, 0ns);
+    timer.resume();
+    ASSERT_TRUE(waitFor([&] { return oldTicks >= 3; }));
+
+    // Replaced many times from several threads; the captured payload dies on whichever thread
+    // lets go of it last.
+    std::vector<std::thread> swappers;
+    for (int t = 0; t < 3; ++t) {
+        swappers.emplace_back([&] {
+            for (int i = 0; i < 200; ++i) timer.setHandler([&newTicks, payload = std::make_shared<int>(1)] { newTicks += *payload; });
+        });
+    }
+    for (auto& t : swappers) t.join();
+    ASSERT_TRUE(waitFor([&] { return newTicks >= 1; }));
+    const int oldAfterSwitch = oldTicks;
+    ASSERT_TRUE(waitFor([&] { return newTicks >= 5; }));
+    EXPECT_EQ(oldTicks.load(), oldAfterSwitch);
+    timer.cancel();
+}
+
+TEST(RepeatingTimer, SteadyTicksAllocateNothing) {
+    SerialQueue queue("com.vantorix.test.alloc", QualityOfService::userInteractive);
+    constexpr std::size_t kTicks = 300;
+    std::vector<std::size_t> allocationsAtTick(kTicks);
+    std::atomic<std::size_t> ticks{0};
+    RepeatingTimer timer(queue);
+    timer.setHandler([&] {
+        if (const std::size_t i = ticks; i < kTicks) {
+            allocationsAtTick[i] = tAllocations;
+            ticks = i + 1;
+        }
+    });
+    timer.schedule(Clock::now(), 100us, 0ns);
+    timer.resume();
+    ASSERT_TRUE(waitFor([&] { return ticks >= kTicks; }));
+    timer.cancel();
+    EXPECT_EQ(allocationsAtTick[kTicks - 1], allocationsAtTick[kTicks / 3]);
+}
+
+}  // namespace
+}  // namespace vantorix
