@@ -1,9 +1,3 @@
-// GCC warns that ThreadSanitizer does not instrument atomic_thread_fence, which Asio's reference
-// counts and fenced blocks use; the warning cannot be avoided by this code, only silenced.
-#if defined(__SANITIZE_THREAD__)
-#pragma GCC diagnostic ignored "-Wtsan"
-#endif
-
 #include "concurrency/SerialQueue.h"
 
 #include "platform/Log.h"
