@@ -29,11 +29,13 @@ std::string orUnknown(const std::optional<std::string>& value) {
 
 std::string capacityLine(const std::optional<std::uint64_t>& bytes) {
     if (!bytes) return text::localized("未知", "Unknown");
-    return fmt::format("{} ({} {})", text::capacityText(*bytes), *bytes, text::localized("字节", "bytes"));
+    return text::isEnglish() ? fmt::format("{} ({} bytes)", text::capacityText(*bytes), *bytes)
+                             : fmt::format("{}（{} 字节）", text::capacityText(*bytes), *bytes);
 }
 
 std::string counterLine(std::uint64_t bytes) {
-    return fmt::format("{} ({})", text::totalBytesText(bytes), bytes);
+    return text::isEnglish() ? fmt::format("{} ({})", text::totalBytesText(bytes), bytes)
+                             : fmt::format("{}（{}）", text::totalBytesText(bytes), bytes);
 }
 
 void printTable(std::ostream& out, const std::vector<std::pair<std::string, std::string>>& rows) {
