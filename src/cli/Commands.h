@@ -1,9 +1,11 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <string>
 
+#include "monitor/DiskIOMonitor.h"
 #include "platform/Registry.h"
 #include "platform/VolumeInfoSource.h"
 
@@ -28,5 +30,16 @@ struct InfoOptions {
 };
 
 int runInfo(const InfoOptions& options, Environment& environment);
+
+struct MonitorOptions {
+    std::string path;
+    DiskIOMonitor::SamplingPrecision precision = DiskIOMonitor::SamplingPrecision::ms1000;
+    std::optional<double> duration;  // seconds; until Ctrl-C when absent
+    bool json = false;
+};
+
+// Monitors the volume behind a folder: a line of figures a second until the duration ends or the
+// user presses Ctrl-C, then a summary. Exit status 0, 1 on an error, 130 when interrupted.
+int runMonitor(const MonitorOptions& options, Environment& environment);
 
 }  // namespace vantorix::cli

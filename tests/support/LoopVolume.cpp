@@ -1,5 +1,8 @@
 #include "support/LoopVolume.h"
 
+#include <fcntl.h>
+#include <linux/loop.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -34,7 +37,7 @@ std::unique_ptr<LoopVolume> LoopVolume::create(const std::string& label, std::ui
     volume->mountPoint_ = volume->directory_ + "/mnt";
     std::filesystem::create_directory(volume->mountPoint_);
 
-    auto step = runShell("truncate -s " + std::to_string(sizeBytes) + " '" + volume->image_ + "' && mkfs.ext4 -q -F -L '" +
+    auto step = runShell("truncate -s " + std::to_string(sizeBytes) + " '" + volume->image_ + "' && mkfs.ext4 -q -F -E lazy_itable_init=0,lazy_journal_init=0 -L '" +
                          label + "' '" + volume->image_ + "'");
     if (step.exitStatus != 0) {
         *error = "mkfs.ext4 failed: " + step.err;
@@ -46,6 +49,7 @@ std::unique_ptr<LoopVolume> LoopVolume::create(const std::string& label, std::ui
         return nullptr;
     }
     volume->device_ = step.out.substr(0, step.out.find('\n'));
+    volume->attached_ = true;
     step = runProcess({"/bin/mount", volume->device_, volume->mountPoint_});
     if (step.exitStatus != 0) {
         *error = "mount failed: " + step.err;
@@ -55,11 +59,38 @@ std::unique_ptr<LoopVolume> LoopVolume::create(const std::string& label, std::ui
     return volume;
 }
 
-LoopVolume::~LoopVolume() {
-    if (mounted_ && runProcess({"/bin/umount", mountPoint_}).exitStatus != 0) {
-        runProcess({"/bin/umount", "-l", mountPoint_});
+bool LoopVolume::unmount() {
+    if (!mounted_) return true;
+    if (runProcess({"/bin/umount", mountPoint_}).exitStatus != 0) return false;
+    mounted_ = false;
+    return true;
+}
+
+bool LoopVolume::detach() {
+    if (!attached_) return true;
+    if (runProcess({"/sbin/losetup", "-d", device_}).exitStatus != 0) return false;
+    attached_ = false;
+    return true;
+}
+
+bool LoopVolume::removeDevice() {
+    if (!unmount() || !detach()) return false;
+    const int control = ::open("/dev/loop-control", O_RDWR | O_CLOEXEC);
+    if (control < 0) return false;
+    const int index = std::atoi(device_.c_str() + std::string("/dev/loop").size());
+    // The kernel refuses while the detach is still settling; try for a moment.
+    bool removed = false;
+    for (int attempt = 0; attempt < 50 && !removed; ++attempt) {
+        removed = ::ioctl(control, LOOP_CTL_REMOVE, index) >= 0;
+        if (!removed) ::usleep(20000);
     }
-    if (!device_.empty()) runProcess({"/sbin/losetup", "-d", device_});
+    ::close(control);
+    return removed;
+}
+
+LoopVolume::~LoopVolume() {
+    if (mounted_ && !unmount()) runProcess({"/bin/umount", "-l", mountPoint_});
+    if (attached_) detach();
     if (!directory_.empty()) {
         std::error_code ignored;
         std::filesystem::remove_all(directory_, ignored);

@@ -21,6 +21,12 @@ public:
     std::string bsdName() const { return device_.substr(5); }      // "loop3"
     const std::string& mountPoint() const { return mountPoint_; }
 
+    // Takes the volume apart step by step, as a pulled disk would vanish: unmount, detach the
+    // loop device, then remove the device itself (its sysfs node disappears). True on success.
+    bool unmount();
+    bool detach();
+    bool removeDevice();
+
 private:
     LoopVolume() = default;
     std::string directory_;
@@ -28,6 +34,7 @@ private:
     std::string device_;
     std::string mountPoint_;
     bool mounted_ = false;
+    bool attached_ = false;
 };
 
 }  // namespace vantorix::testing

@@ -1,0 +1,279 @@
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+#include <optional>
+
+#include "cli/Commands.h"
+#include "cli/SignalWatcher.h"
+#include "concurrency/LoopMainExecutor.h"
+#include "concurrency/RepeatingTimer.h"
+#include "concurrency/SerialQueue.h"
+#include "monitor/DiskIOMonitor.h"
+#include "monitor/MonitorMetrics.h"
+#include "text/Formats.h"
+#include "text/Language.h"
+
+namespace vantorix::cli {
+namespace {
+
+using ordered_json = nlohmann::ordered_json;
+
+// What one line of output says: the dashboard's figures at one moment.
+struct Figures {
+    double duration = 0;
+    MonitorMetrics::Rates speeds;
+    MonitorMetrics::Rates rates;
+    std::uint64_t totalReadBytes = 0;
+    std::uint64_t totalWriteBytes = 0;
+    std::size_t samples = 0;
+};
+
+Figures figuresOf(const DiskIOMonitor::State& state, double duration) {
+    Figures f;
+    f.duration = duration;
+    f.speeds = MonitorMetrics::lastSecondSpeeds(state.samples, state.samplingPrecision);
+    f.rates = MonitorMetrics::operationRates(state.samples, state.samplingPrecision);
+    f.totalReadBytes = state.totalReadBytes;
+    f.totalWriteBytes = state.totalWriteBytes;
+    f.samples = state.samples.size();
+    return f;
+}
+
+std::string humanLine(const Figures& f) {
+    const auto pair = [](std::string_view zh, std::string_view en, const std::string& value) {
+        return text::localized(zh, en) + " " + value;
+    };
+    return fmt::format("{}  {}  {}  {}  {}  {}  {}", MonitorMetrics::durationText(f.duration),
+                       pair("读取速度", "Read Speed", text::cardSpeedText(f.speeds.read)),
+                       pair("写入速度", "Write Speed", text::cardSpeedText(f.speeds.write)),
+                       pair("读操作频率", "Read Ops Rate", text::operationRateText(f.rates.read)),
+                       pair("写操作频率", "Write Ops Rate", text::operationRateText(f.rates.write)),
+                       pair("累计读取", "Total Read", text::totalBytesText(f.totalReadBytes)),
+                       pair("累计写入", "Total Write", text::totalBytesText(f.totalWriteBytes)));
+}
+
+ordered_json jsonLine(const Figures& f) {
+    return ordered_json{{"duration", f.duration},
+                        {"readSpeed", f.speeds.read},
+                        {"writeSpeed", f.speeds.write},
+                        {"readOperationsRate", f.rates.read},
+                        {"writeOperationsRate", f.rates.write},
+                        {"totalReadBytes", f.totalReadBytes},
+                        {"totalWriteBytes", f.totalWriteBytes},
+                        {"samples", f.samples}};
+}
+
+// The whole run: how much moved, over how long, and the sums of the history it kept.
+ordered_json jsonSummary(const DiskIOMonitor::State& state, double duration, const std::string& bsdName) {
+    std::uint64_t readOps = 0, writeOps = 0, readBytes = 0, writeBytes = 0;
+    for (const auto& sample : state.samples) {
+        readBytes += sample.readBytes;
+        writeBytes += sample.writeBytes;
+        readOps += sample.readOperations;
+        writeOps += sample.writeOperations;
+    }
+    return ordered_json{{"summary",
+                         {{"bsdName", bsdName},
+                          {"precisionMilliseconds", DiskIOMonitor::rawValue(state.samplingPrecision)},
+                          {"duration", duration},
+                          {"samples", state.samples.size()},
+                          {"totalReadBytes", state.totalReadBytes},
+                          {"totalWriteBytes", state.totalWriteBytes},
+                          {"historyReadBytes", readBytes},
+                          {"historyWriteBytes", writeBytes},
+                          {"historyReadOperations", readOps},
+                          {"historyWriteOperations", writeOps}}}};
+}
+
+std::string humanSummary(const DiskIOMonitor::State& state, double duration) {
+    const double seconds = duration > 0 ? duration : 1;
+    const auto averageRead = text::cardSpeedText(static_cast<double>(state.totalReadBytes) / seconds);
+    const auto averageWrite = text::cardSpeedText(static_cast<double>(state.totalWriteBytes) / seconds);
+    if (text::isEnglish()) {
+        return fmt::format("Monitored {} with {} samples. Total Read {} (average {}), Total Write {} (average {}).",
+                           MonitorMetrics::durationText(duration), state.samples.size(),
+                           text::totalBytesText(state.totalReadBytes), averageRead,
+                           text::totalBytesText(state.totalWriteBytes), averageWrite);
+    }
+    return fmt::format("共监控 {}，{} 个样本。累计读取 {}（平均 {}），累计写入 {}（平均 {}）。",
+                       MonitorMetrics::durationText(duration), state.samples.size(),
+                       text::totalBytesText(state.totalReadBytes), averageRead,
+                       text::totalBytesText(state.totalWriteBytes), averageWrite);
+}
+
+// Drives one monitoring run on the main loop: select, start, a line a second, stop, summary.
+class MonitorSession {
+public:
+    MonitorSession(const MonitorOptions& options, Environment& environment,
+                   std::shared_ptr<LoopMainExecutor> main)
+        : options_(options), out_(*environment.out), err_(*environment.err), main_(std::move(main)),
+          monitor_(DiskIOMonitor::create({environment.registry, environment.files, main_})),
+          reportQueue_("com.vantorix.cli.report", QualityOfService::utility) {}
+
+    ~MonitorSession() {
+        if (reportTimer_) reportTimer_->cancel();
+        if (stopTimer_) stopTimer_->cancel();
+    }
+
+    int run() {
+        subscription_ = monitor_->subscribe([this](const DiskIOMonitor::State& state) { observe(state); });
+        monitor_->setSamplingPrecision(options_.precision);
+        monitor_->selectVolume(options_.path);
+        main_->run();
+        return exitStatus_;
+    }
+
+    // Called on the main thread when the user asks to stop.
+    void interrupt() {
+        interrupted_ = true;
+        requestStop();
+    }
+
+private:
+    enum class Phase { selecting, starting, running, stopping, done };
+
+    void observe(const DiskIOMonitor::State& state) {
+        switch (phase_) {
+            case Phase::selecting:
+                if (state.selectedVolume) {
+                    phase_ = Phase::starting;
+                    bsdName_ = state.selectedVolume->bsdName;
+                    announce(*state.selectedVolume);
+                    monitor_->startMonitoring();
+                } else if (state.errorMessage) {
+                    fail(*state.errorMessage);
+                }
+                break;
+            case Phase::starting:
+                if (state.isMonitoring) {
+                    phase_ = Phase::running;
+                    startReporting();
+                }
+                break;
+            case Phase::running:
+                lastDuration_ = state.monitoringDuration;
+                if (!state.isMonitoring) {  // the run ended by itself: the error is already set
+                    failure_ = state.errorMessage;
+                    finish(state);
+                }
+                break;
+            case Phase::stopping:
+                if (state.isMonitoring) lastDuration_ = state.monitoringDuration;
+                else finish(state);
+                break;
+            case Phase::done: break;
+        }
+    }
+
+    void announce(const DiskVolumeDescriptor& volume) {
+        const int ms = DiskIOMonitor::rawValue(options_.precision);
+        err_ << (text::isEnglish()
+                     ? fmt::format("Monitoring {} ({}) every {} ms. Press Ctrl-C to stop.", volume.displayName,
+                                   volume.bsdName, ms)
+                     : fmt::format("正在监控 {}（{}），每 {} 毫秒采样一次。按 Ctrl-C 停止。", volume.displayName,
+                                   volume.bsdName, ms))
+             << std::endl;
+    }
+
+    void startReporting() {
+        reportTimer_ = std::make_unique<RepeatingTimer>(reportQueue_);
+        const auto second = std::chrono::seconds(1);
+        reportTimer_->schedule(second, second, std::chrono::milliseconds(10));
+        reportTimer_->setHandler([this] { main_->post([this] { report(); }); });
+        reportTimer_->resume();
+        if (options_.duration) {
+            stopTimer_ = std::make_unique<RepeatingTimer>(reportQueue_);
+            const auto end = std::chrono::duration_cast<RepeatingTimer::Duration>(
+                std::chrono::duration<double>(*options_.duration));
+            stopTimer_->schedule(end, std::chrono::hours(24), std::chrono::milliseconds(1));
+            stopTimer_->setHandler([this] {
+                stopTimer_->cancel();
+                main_->post([this] { requestStop(); });
+            });
+            stopTimer_->resume();
+        }
+    }
+
+    void report() {
+        if (phase_ != Phase::running) return;
+        const auto& state = monitor_->state();
+        const auto figures = figuresOf(state, state.monitoringDuration);
+        if (options_.json) out_ << jsonLine(figures).dump() << std::endl;
+        else out_ << humanLine(figures) << std::endl;
+    }
+
+    void requestStop() {
+        if (phase_ == Phase::running || phase_ == Phase::starting) {
+            phase_ = Phase::stopping;
+            if (reportTimer_) reportTimer_->cancel();
+            if (stopTimer_) stopTimer_->cancel();
+            monitor_->stopMonitoring(true);
+        } else if (phase_ == Phase::selecting) {
+            exitStatus_ = kInterrupted;
+            phase_ = Phase::done;
+            main_->stop();
+        }
+    }
+
+    void finish(const DiskIOMonitor::State& state) {
+        phase_ = Phase::done;
+        if (reportTimer_) reportTimer_->cancel();
+        if (stopTimer_) stopTimer_->cancel();
+        // A run that failed before its first sample has nothing to sum up: the error says it all.
+        if (!failure_ || !state.samples.empty()) {
+            if (options_.json) out_ << jsonSummary(state, lastDuration_, bsdName_).dump() << std::endl;
+            else out_ << humanSummary(state, lastDuration_) << std::endl;
+        }
+        if (failure_) {
+            err_ << *failure_ << std::endl;
+            exitStatus_ = kFailure;
+        } else {
+            exitStatus_ = interrupted_ ? kInterrupted : kSuccess;
+        }
+        main_->stop();
+    }
+
+    void fail(const std::string& message) {
+        phase_ = Phase::done;
+        err_ << message << std::endl;
+        exitStatus_ = kFailure;
+        main_->stop();
+    }
+
+    MonitorOptions options_;
+    std::ostream& out_;
+    std::ostream& err_;
+    std::shared_ptr<LoopMainExecutor> main_;
+    std::shared_ptr<DiskIOMonitor> monitor_;
+    Subscription subscription_;
+    SerialQueue reportQueue_;
+    std::unique_ptr<RepeatingTimer> reportTimer_;
+    std::unique_ptr<RepeatingTimer> stopTimer_;
+    Phase phase_ = Phase::selecting;
+    double lastDuration_ = 0;
+    std::string bsdName_;
+    std::optional<std::string> failure_;
+    bool interrupted_ = false;
+    int exitStatus_ = kSuccess;
+};
+
+}  // namespace
+
+int runMonitor(const MonitorOptions& options, Environment& environment) {
+    // Signals are blocked before the monitor's threads start, so only the watcher receives them.
+    std::shared_ptr<LoopMainExecutor> main = std::make_shared<LoopMainExecutor>();
+    MonitorSession* current = nullptr;
+    SignalWatcher signals([&main, &current](int) {
+        main->post([&current] {
+            if (current != nullptr) current->interrupt();
+        });
+    });
+    MonitorSession session(options, environment, main);
+    current = &session;
+    const int status = session.run();
+    current = nullptr;
+    return status;
+}
+
+}  // namespace vantorix::cli
