@@ -1,0 +1,156 @@
+#include "monitor/FixedRingBuffer.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <numeric>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace vantorix {
+namespace {
+
+using Strings = std::vector<std::string>;
+using View = FixedRingBuffer<std::string>::Elements;
+
+static_assert(std::random_access_iterator<View::const_iterator>);
+
+// Long enough to live on the heap, so that the sanitizers see a lost or doubly destroyed element.
+std::string value(std::size_t i) { return "element number " + std::to_string(i) + " of the history"; }
+
+// Reads the view segment by segment and element by element.
+void expectHolds(const View& view, const Strings& expected, const std::string& where) {
+    EXPECT_EQ(view.toVector(), expected) << where;
+    EXPECT_EQ(Strings(view.begin(), view.end()), expected) << where;
+}
+
+TEST(FixedRingBuffer, AppendReturnsWhatItPushesOutOnceFull) {
+    const std::optional<std::string> no;
+    struct Case {
+        const char* name;
+        std::size_t capacity;
+        Strings steps;  // "-" is removeAll(), anything else is appended
+        std::vector<std::optional<std::string>> returned;
+        Strings held;
+    };
+    const Case cases[] = {
+        {"empty", 3, {}, {}, {}},
+        {"not full", 3, {"A", "B"}, {no, no}, {"A", "B"}},
+        {"one past full", 3, {"A", "B", "C", "D"}, {no, no, no, "A"}, {"B", "C", "D"}},
+        {"capacity 1", 1, {"A", "B", "C"}, {no, "A", "B"}, {"C"}},
+        {"removeAll starts afresh", 3, {"A", "B", "C", "D", "-", "E", "F", "G", "H"},
+         {no, no, no, "A", no, no, no, "E"}, {"F", "G", "H"}},
+    };
+    for (const Case& c : cases) {
+        FixedRingBuffer<std::string> buffer(c.capacity);
+        std::vector<std::optional<std::string>> returned;
+        for (const auto& step : c.steps) {
+            if (step == "-") {
+                buffer.removeAll();
+                expectHolds(buffer.elements(), {}, std::string(c.name) + " after removeAll");
+            } else {
+                returned.push_back(buffer.append(step));
+            }
+        }
+        EXPECT_EQ(returned, c.returned) << c.name;
+        EXPECT_EQ(buffer.count(), c.held.size()) << c.name;
+        expectHolds(buffer.elements(), c.held, c.name);
+    }
+}
+
+// Against a deque: every append's result, and every view taken on the way, which must still show
+// what the buffer held at the time after all that followed (evictions across segment boundaries,
+// a removeAll, the buffer's destruction).
+TEST(FixedRingBuffer, ViewsKeepWhatTheyShowedWhateverTheBufferDoesLater) {
+    for (const std::size_t capacity : {1U, 2U, 3U, 5U, 1023U, 1024U, 1025U, 2500U}) {
+        std::vector<std::pair<View, Strings>> kept;
+        {
+            FixedRingBuffer<std::string> buffer(capacity);
+            const std::size_t length = buffer.segmentLength();
+            const std::size_t appends = 3 * capacity + 2 * length + 7;
+            const std::size_t every = std::max<std::size_t>(1, capacity / 5);
+            std::deque<std::string> model;
+            for (std::size_t i = 0; i < appends; ++i) {
+                if (i == appends / 2) {
+                    buffer.removeAll();
+                    model.clear();
+                }
+                std::optional<std::string> evicted;
+                if (model.size() == capacity) {
+                    evicted = model.front();
+                    model.pop_front();
+                }
+                model.push_back(value(i));
+                ASSERT_EQ(buffer.append(value(i)), evicted) << "capacity " << capacity << ", append " << i;
+                if (i % every == 0 || (i + 1) % length <= 2) {
+                    kept.emplace_back(buffer.elements(), Strings(model.begin(), model.end()));
+                }
+            }
+        }
+        for (std::size_t k = 0; k < kept.size(); ++k) {
+            expectHolds(View(kept[k].first), kept[k].second,
+                        "capacity " + std::to_string(capacity) + ", view " + std::to_string(k));
+        }
+    }
+}
+
+TEST(FixedRingBuffer, FullHistoryKeepsExactlyTheNewestOldestFirst) {
+    FixedRingBuffer<std::uint64_t> buffer(60000);
+    for (std::uint64_t i = 0; i < 61000; ++i) buffer.append(i);
+    const auto view = buffer.elements();
+    std::vector<std::uint64_t> expected(60000);
+    std::iota(expected.begin(), expected.end(), std::uint64_t{1000});
+    EXPECT_EQ(view.toVector(), expected);
+    EXPECT_TRUE(std::equal(view.begin(), view.end(), expected.begin(), expected.end()));
+    EXPECT_EQ(*view.rbegin(), 60999U);
+    EXPECT_EQ(std::lower_bound(view.begin(), view.end(), std::uint64_t{30500}) - view.begin(), 29500);
+}
+
+// For ThreadSanitizer: a reader checks views while the owner keeps appending into the segments
+// those views show, and publishing new views.
+TEST(FixedRingBuffer, ViewsCanBeReadOnAnotherThreadWhileTheBufferAppends) {
+    constexpr std::size_t capacity = 3000;  // not a multiple of the segment length
+    FixedRingBuffer<std::uint64_t> buffer(capacity);
+    std::mutex mutex;
+    FixedRingBuffer<std::uint64_t>::Elements latest;
+    std::atomic<bool> done{false};
+    std::atomic<std::size_t> checked{0};
+    std::atomic<std::size_t> bad{0};
+    std::thread reader([&] {
+        while (!done) {
+            FixedRingBuffer<std::uint64_t>::Elements view;
+            {
+                std::lock_guard lock(mutex);
+                view = latest;
+            }
+            if (view.empty()) continue;
+            bool good = view.size() <= capacity;
+            std::uint64_t next = view.front();
+            for (const std::uint64_t element : view) good = good && element == next++;
+            if (!good) ++bad;
+            ++checked;
+        }
+    });
+    // Goes on until the reader has seen enough views; the cap only stops a broken build.
+    for (std::uint64_t i = 0; i < 30000 || (checked < 50 && i < 50'000'000); ++i) {
+        buffer.append(i);
+        if (i % 17 == 16) {
+            std::lock_guard lock(mutex);
+            latest = buffer.elements();
+        }
+    }
+    done = true;
+    reader.join();
+    EXPECT_GE(checked.load(), 50U);
+    EXPECT_EQ(bad.load(), 0U);
+}
+
+}  // namespace
+}  // namespace vantorix
