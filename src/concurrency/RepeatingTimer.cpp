@@ -5,8 +5,10 @@
 
 #include <asio/io_context.hpp>
 #include <asio/post.hpp>
-#include <asio/steady_timer.hpp>
+#include <asio/posix/stream_descriptor.hpp>
 #include <sys/prctl.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <condition_variable>
@@ -75,17 +77,25 @@ thread_local TimerSlack tTimerSlack;
 
 }  // namespace
 
+// Each timer owns a kernel timer (timerfd) that repeats on its own: once armed with an absolute
+// first deadline and an interval, it fires every interval without being re-armed, and a read of it
+// says how many deadlines have passed since the last read. A tick therefore costs one wake-up and
+// one read; missed deadlines collapse into a single tick, keeping the phase.
 struct RepeatingTimer::State : std::enable_shared_from_this<RepeatingTimer::State> {
-    explicit State(SerialQueue& queue) : label(queue.label()), timer(queue.context()) {}
+    explicit State(SerialQueue& queue)
+        : label(queue.label()),
+          descriptor(queue.context(), ::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)) {}
 
     const std::string label;
 
     // Queue thread only.
-    asio::steady_timer timer;
+    asio::posix::stream_descriptor descriptor;
+    bool waiting = false;
+    std::uint64_t armedGeneration = 0;
     std::optional<Duration> slackRequested;
 
-    // Guarded by `mutex`. `generation` changes whenever the timer is armed or its schedule or
-    // state changes, so that an expiry that was already on its way when that happened is ignored.
+    // Guarded by `mutex`. `generation` changes whenever the schedule or state changes; a kernel
+    // expiry read before the change has been applied to the kernel timer is ignored.
     mutable std::mutex mutex;
     std::condition_variable tickFinished;
     std::shared_ptr<const std::function<void()>> handler;
@@ -99,50 +109,92 @@ struct RepeatingTimer::State : std::enable_shared_from_this<RepeatingTimer::Stat
     bool cancelled = false;
     bool tickRunning = false;
 
-    // Queue thread only: (re)arms the Asio timer for `nextDeadline`, or disarms it when the timer
-    // is cancelled, suspended or unscheduled.
+    static itimerspec timerSpec(Clock::time_point deadline, Duration interval) {
+        const auto toTimespec = [](std::chrono::nanoseconds ns) {
+            timespec t{};
+            t.tv_sec = static_cast<time_t>(ns.count() / 1'000'000'000);
+            t.tv_nsec = static_cast<long>(ns.count() % 1'000'000'000);
+            return t;
+        };
+        itimerspec spec{};
+        // steady_clock is CLOCK_MONOTONIC; a zero it_value would disarm, so keep it at least 1 ns.
+        const auto since = std::max(std::chrono::duration_cast<std::chrono::nanoseconds>(deadline.time_since_epoch()),
+                                    std::chrono::nanoseconds(1));
+        spec.it_value = toTimespec(since);
+        spec.it_interval = toTimespec(std::chrono::duration_cast<std::chrono::nanoseconds>(interval));
+        return spec;
+    }
+
+    // Queue thread only: programs the kernel timer for `nextDeadline` and `interval`, or disarms it
+    // when the timer is cancelled, suspended or unscheduled.
     void arm() {
         std::unique_lock lock(mutex);
-        if (cancelled || !resumed || !scheduled) {
-            lock.unlock();
-            timer.cancel();
+        const bool active = !cancelled && resumed && scheduled;
+        const std::uint64_t armed = generation;
+        const Clock::time_point deadline = nextDeadline;
+        const Duration every = interval;
+        const Duration wantedLeeway = leeway;
+        lock.unlock();
+
+        if (!active) {
+            const itimerspec off{};
+            ::timerfd_settime(descriptor.native_handle(), 0, &off, nullptr);
+            armedGeneration = armed;
+            if (waiting) {
+                std::error_code ignored;
+                descriptor.cancel(ignored);
+            }
             if (slackRequested) {
                 tTimerSlack.release(this);
                 slackRequested.reset();
             }
             return;
         }
-        const std::uint64_t armed = ++generation;
-        const Clock::time_point deadline = nextDeadline;
-        const Duration wantedLeeway = leeway;
-        lock.unlock();
-
         if (slackRequested != wantedLeeway) {
             tTimerSlack.request(this, wantedLeeway);
             slackRequested = wantedLeeway;
         }
-        timer.expires_at(deadline);
-        timer.async_wait([self = shared_from_this(), armed](const std::error_code& error) {
-            if (!error) self->expired(armed);
-        });
+        const itimerspec spec = timerSpec(deadline, every);
+        ::timerfd_settime(descriptor.native_handle(), TFD_TIMER_ABSTIME, &spec, nullptr);
+        armedGeneration = armed;
+        wait();
     }
 
-    // Queue thread only: one expiry of the Asio timer.
-    void expired(std::uint64_t armed) {
+    // Queue thread only.
+    void wait() {
+        if (waiting) return;
+        waiting = true;
+        descriptor.async_wait(asio::posix::stream_descriptor::wait_read,
+                              [self = shared_from_this()](const std::error_code& error) {
+                                  self->waiting = false;
+                                  if (!error) self->expired();
+                              });
+    }
+
+    // Queue thread only: the kernel timer fired one or more times.
+    void expired() {
+        std::uint64_t expirations = 0;
+        const auto n = ::read(descriptor.native_handle(), &expirations, sizeof expirations);
         std::shared_ptr<const std::function<void()>> tickHandler;
+        bool tick = false;
         {
             std::lock_guard lock(mutex);
-            if (armed != generation || cancelled || !resumed) return;
-            const Clock::time_point deadline = nextDeadline;
-            Clock::time_point next = deadline + interval;
-            const Clock::time_point now = Clock::now();
-            if (next <= now) next = deadline + ((now - deadline) / interval + 1) * interval;
-            lastDeadline = deadline;
-            nextDeadline = next;
-            tickHandler = handler;
-            tickRunning = true;
+            if (cancelled || !resumed || !scheduled) return;
+            if (n != static_cast<ssize_t>(sizeof expirations) || expirations == 0 || armedGeneration != generation) {
+                // Nothing due (the timer was re-programmed meanwhile): wait on.
+            } else {
+                // Ticks that were missed collapse into this one; the deadlines keep their phase.
+                const Clock::time_point deadline =
+                    nextDeadline + interval * static_cast<Clock::rep>(expirations - 1);
+                lastDeadline = deadline;
+                nextDeadline = deadline + interval;
+                tickHandler = handler;
+                tickRunning = true;
+                tick = true;
+            }
         }
-        arm();  // the next deadline is absolute, so arming before the handler runs costs no precision
+        wait();
+        if (!tick) return;
 
         if (tickHandler && *tickHandler) {
             try {

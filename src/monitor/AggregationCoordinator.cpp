@@ -30,9 +30,14 @@ void AggregationCoordinator::setHandler(Handler handler) {
 }
 
 void AggregationCoordinator::enqueue(DiskSample sample, std::uint64_t readBytes, std::uint64_t writeBytes) {
-    queue_.async(weakly(this, [sample = std::move(sample), readBytes, writeBytes](AggregationCoordinator& self) {
-        self.enqueueNow(sample, readBytes, writeBytes);
-    }));
+    // Taken straight into the pending list under its lock, which is only ever held for a push or
+    // a swap: the sampling thread never waits for a delivery, and the coordinator's thread is not
+    // woken a thousand times a second just to append.
+    std::lock_guard lock(pendingMutex_);
+    pendingSamples_.push_back(std::move(sample));
+    pendingReadBytes_ += readBytes;  // unsigned: wraps modulo 2^64
+    pendingWriteBytes_ += writeBytes;
+    pendingLatestSample_ = pendingSamples_.back();
 }
 
 void AggregationCoordinator::reset() {
@@ -56,15 +61,8 @@ void AggregationCoordinator::flush() {
     queue_.sync([this] { flushNow(); });
 }
 
-void AggregationCoordinator::enqueueNow(const DiskSample& sample, std::uint64_t readBytes,
-                                        std::uint64_t writeBytes) {
-    pendingSamples_.push_back(sample);
-    pendingReadBytes_ += readBytes;  // unsigned: wraps modulo 2^64
-    pendingWriteBytes_ += writeBytes;
-    pendingLatestSample_ = sample;
-}
-
 void AggregationCoordinator::clearPending() noexcept {
+    std::lock_guard lock(pendingMutex_);
     pendingSamples_.clear();  // keeps the capacity
     pendingReadBytes_ = 0;
     pendingWriteBytes_ = 0;
@@ -90,10 +88,17 @@ void AggregationCoordinator::stopTimer() {
 }
 
 void AggregationCoordinator::flushNow() {
-    if (pendingSamples_.empty()) return;
-    Payload payload{std::vector<DiskSample>(pendingSamples_.begin(), pendingSamples_.end()), pendingReadBytes_,
-                    pendingWriteBytes_, std::move(pendingLatestSample_)};
-    clearPending();
+    Payload payload;
+    {
+        std::lock_guard lock(pendingMutex_);
+        if (pendingSamples_.empty()) return;
+        payload = Payload{std::vector<DiskSample>(pendingSamples_.begin(), pendingSamples_.end()), pendingReadBytes_,
+                          pendingWriteBytes_, std::move(pendingLatestSample_)};
+        pendingSamples_.clear();
+        pendingReadBytes_ = 0;
+        pendingWriteBytes_ = 0;
+        pendingLatestSample_.reset();
+    }
     const std::shared_ptr<const Handler> handler = handler_;
     if (*handler) (*handler)(std::move(payload));
 }

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -18,10 +19,11 @@ class RepeatingTimer;
 // delivery period, so that whoever receives the batches (the main thread, through the monitor)
 // sees at most one update per period however fast the samples come, and none while none come.
 //
-// All of the coordinator's state lives on queue(). enqueue() is asynchronous and returns at once;
-// every other member function runs its work synchronously on the queue (inline when called on
-// it), so when it returns, everything enqueued before the call has been applied. They may be
-// called from any thread except from work that the queue itself is waiting for.
+// The coordinator's timer and handler live on queue(). enqueue() adds to the pending list at
+// once, under a lock held only for the append (the sampling thread never waits for a delivery and
+// wakes no thread); every other member function runs its work synchronously on the queue (inline
+// when called on it), so when it returns, everything enqueued before the call has been applied.
+// They may be called from any thread except from work that the queue itself is waiting for.
 //
 // The handler runs on queue(). It must not wait for a thread that may be waiting synchronously on
 // the coordinator (the main thread in stop(), for instance): forward the batch asynchronously.
@@ -56,7 +58,7 @@ public:
     // Replaces the handler; batches delivered after this returns go to the new one.
     void setHandler(Handler handler);
 
-    // Adds one sample with its byte deltas, asynchronously on the queue. Safe from any thread.
+    // Adds one sample with its byte deltas to the pending list. Safe from any thread.
     void enqueue(DiskSample sample, std::uint64_t readBytes, std::uint64_t writeBytes);
 
     // Drops everything pending. Does not touch the timer.
@@ -82,7 +84,6 @@ private:
     AggregationCoordinator(std::chrono::nanoseconds interval, std::chrono::nanoseconds leeway, Handler handler);
 
     // Queue only.
-    void enqueueNow(const DiskSample& sample, std::uint64_t readBytes, std::uint64_t writeBytes);
     void clearPending() noexcept;
     void startNow();
     void stopTimer();
@@ -97,9 +98,11 @@ private:
     // alive until its call ends.
     std::shared_ptr<const Handler> handler_;
     std::unique_ptr<RepeatingTimer> timer_;
+    // The pending samples, guarded by pendingMutex_ (enqueue() runs on the sampling thread).
     // Keeps its capacity from period to period: once warmed up, enqueueing allocates nothing. A
     // batch is copied out of it into a vector of exactly the batch's size, the one allocation per
     // delivered period (the payload travels on to its receiver and does not come back).
+    std::mutex pendingMutex_;
     std::vector<DiskSample> pendingSamples_;
     std::uint64_t pendingReadBytes_ = 0;
     std::uint64_t pendingWriteBytes_ = 0;
