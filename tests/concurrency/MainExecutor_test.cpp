@@ -1,9 +1,10 @@
 #include "concurrency/LoopMainExecutor.h"
 #include "concurrency/ManualMainExecutor.h"
 
+#include "WaitFor.h"
+
 #include <gtest/gtest.h>
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <future>
@@ -19,27 +20,14 @@ using namespace std::chrono_literals;
 constexpr int kProducers = 4;
 constexpr int kItems = 500;
 
-// Posts kItems items from each of kProducers threads; each records (producer, index) into
-// `seen`, touched on the main thread only, and counts runs off the main thread.
+// Each item records (producer, index) into `seen` (main thread only) and counts runs off the main thread.
 void postFromSeveralThreads(MainExecutor& executor, std::vector<std::pair<int, int>>& seen, std::atomic<int>& offMain) {
-    std::vector<std::thread> producers;
-    for (int p = 0; p < kProducers; ++p) {
-        producers.emplace_back([&, p] {
-            for (int i = 0; i < kItems; ++i) {
-                executor.post([&, p, i] {
-                    if (!executor.isMainThread()) ++offMain;
-                    seen.emplace_back(p, i);
-                });
-            }
+    testing::postFromThreads(kProducers, kItems, [&](int p, int i) {
+        executor.post([&, p, i] {
+            if (!executor.isMainThread()) ++offMain;
+            seen.emplace_back(p, i);
         });
-    }
-    for (auto& t : producers) t.join();
-}
-
-void expectEveryProducersOrder(const std::vector<std::pair<int, int>>& seen) {
-    ASSERT_EQ(seen.size(), static_cast<std::size_t>(kProducers * kItems));
-    std::array<int, kProducers> next{};
-    for (const auto& [producer, index] : seen) ASSERT_EQ(index, next[static_cast<std::size_t>(producer)]++);
+    });
 }
 
 TEST(ManualMainExecutor, RunsPostedWorkOnlyWhenDrainedInEachPostersOrder) {
@@ -55,7 +43,7 @@ TEST(ManualMainExecutor, RunsPostedWorkOnlyWhenDrainedInEachPostersOrder) {
     EXPECT_EQ(offMain.load(), 0);
     ASSERT_EQ(seen.back(), std::make_pair(-1, -1));
     seen.pop_back();
-    expectEveryProducersOrder(seen);
+    EXPECT_TRUE(testing::keepsEachProducersOrder(seen, kProducers, kItems));
 }
 
 TEST(ManualMainExecutor, RunUntilWaitsForWorkOrForAConditionMetElsewhere) {
@@ -87,7 +75,7 @@ TEST(LoopMainExecutor, RunsWorkFromOtherThreadsAndStopsAfterTheWorkPostedBeforeT
     EXPECT_TRUE(executor.runFor(10s));
     poster.join();
     EXPECT_EQ(offMain.load(), 0);
-    expectEveryProducersOrder(seen);  // and not the item posted after stop()
+    EXPECT_TRUE(testing::keepsEachProducersOrder(seen, kProducers, kItems));  // not the item posted after stop()
     EXPECT_FALSE(executor.runFor(20ms)) << "no stop is pending";
     EXPECT_EQ(seen.back(), std::make_pair(-1, -1));
 }

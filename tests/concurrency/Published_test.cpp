@@ -10,11 +10,7 @@ namespace vantorix {
 namespace {
 
 TEST(Published, SetAlwaysNotifiesAndSetIfChangedOnlyOnAChange) {
-    const struct {
-        bool onlyChanges;
-        std::vector<int> writes;
-        std::vector<int> told;
-    } cases[] = {
+    const struct { bool onlyChanges; std::vector<int> writes, told; } cases[] = {
         {false, {1, 1, 2, 2, 0}, {1, 1, 2, 2, 0}},
         {true, {1, 1, 2, 2, 0}, {1, 2, 0}},
         {true, {0}, {}},

@@ -8,9 +8,11 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <new>
 #include <thread>
+#include <utility>
 #include <vector>
 
 // Counts each thread's allocations, so that a test can check that steady ticks allocate nothing.
@@ -36,8 +38,7 @@ using namespace std::chrono_literals;
 using testing::waitFor;
 using Clock = RepeatingTimer::Clock;
 
-// Start times of the ticks, written on the queue; read after cancel(), which orders the reads
-// after every tick.
+// Tick start times, written on the queue; read after cancel(), which orders the reads after every tick.
 struct TickLog {
     TickLog() { times.reserve(10000); }
     void record() {
@@ -48,14 +49,19 @@ struct TickLog {
     std::atomic<std::size_t> count{0};
 };
 
-// No tick starts before a deadline of its own: the i-th tick cannot start before the i-th
-// deadline of the grid first + k * interval.
+// The i-th tick never starts before the i-th deadline of the grid first + k * interval.
 void expectNeverEarly(const TickLog& log, Clock::time_point first, Clock::duration interval) {
     for (std::size_t i = 0; i < log.times.size(); ++i) {
         ASSERT_GE(log.times[i], first) << "tick " << i;
         const auto deadlinesPassed = static_cast<std::size_t>((log.times[i] - first) / interval) + 1;
         EXPECT_LE(i + 1, deadlinesPassed) << "tick " << i << " came before its deadline";
     }
+}
+
+void start(RepeatingTimer& timer, Clock::time_point first, Clock::duration interval, std::function<void()> handler) {
+    timer.setHandler(std::move(handler));
+    timer.schedule(first, interval, 0ns);
+    timer.resume();
 }
 
 TEST(RepeatingTimer, TicksOnTheQueueOnTheGridOfItsFirstDeadline) {
@@ -84,20 +90,17 @@ TEST(RepeatingTimer, ASlowTickSkipsTheMissedDeadlinesInsteadOfBursting) {
     Clock::time_point slowTickEnd;
     RepeatingTimer timer(queue);
     const auto first = Clock::now() + 10ms;
-    timer.setHandler([&] {
+    start(timer, first, 10ms, [&] {
         log.record();
         if (log.times.size() == 1) {
             std::this_thread::sleep_for(35ms);  // misses the next three deadlines
             slowTickEnd = Clock::now();
         }
     });
-    timer.schedule(first, 10ms, 0ns);
-    timer.resume();
     ASSERT_TRUE(waitFor([&] { return log.count >= 6; }));
     timer.cancel();
 
-    // Only the tick that was already due may start before the next grid deadline after the
-    // slow tick; the other missed deadlines are skipped.
+    // Of the missed deadlines only one tick may run before the next grid deadline.
     const Clock::time_point nextGridDeadline = first + ((slowTickEnd - first + 10ms - 1ns) / 10ms) * 10ms;
     std::size_t catchUp = 0;
     for (const auto t : log.times) catchUp += (t >= slowTickEnd && t < nextGridDeadline) ? 1U : 0U;
@@ -112,12 +115,10 @@ TEST(RepeatingTimer, RescheduleToAShorterIntervalTakesEffectAtTheNextTickKeeping
         TickLog log;
         RepeatingTimer timer(queue);
         const auto first = Clock::now();
-        timer.setHandler([&] {
+        start(timer, first, 1h, [&] {
             log.record();
             if (fromHandler && log.times.size() == 1) timer.reschedule(2ms, 0ns);
         });
-        timer.schedule(first, 1h, 0ns);
-        timer.resume();
         ASSERT_TRUE(waitFor([&] { return log.count >= 1; }));
         if (!fromHandler) timer.reschedule(2ms, 0ns);
         ASSERT_TRUE(waitFor([&] { return log.count >= 6; })) << "the one-hour interval is still in force";
@@ -132,14 +133,12 @@ TEST(RepeatingTimer, NoTickRunsAfterCancelReturnsOnAnotherThread) {
         std::atomic<int> ticks{0};
         std::atomic<bool> inHandler{false};
         RepeatingTimer timer(queue);
-        timer.setHandler([&] {
+        start(timer, Clock::now(), 500us, [&] {
             inHandler = true;
             std::this_thread::sleep_for(100us);
             ++ticks;
             inHandler = false;
         });
-        timer.schedule(Clock::now(), 500us, 0ns);
-        timer.resume();
         ASSERT_TRUE(waitFor([&] { return ticks >= 3; }));
         timer.cancel();
         EXPECT_FALSE(inHandler.load()) << "round " << round;
@@ -156,15 +155,13 @@ TEST(RepeatingTimer, StoppingFromItsOwnHandlerEndsTheTicks) {
     // The way an owner stops on its own queue: clear the handler, cancel, drop the timer.
     std::atomic<int> ticks{0};
     auto timer = std::make_unique<RepeatingTimer>(queue);
-    timer->setHandler([&] {
+    start(*timer, Clock::now(), 1ms, [&] {
         if (++ticks == 3) {
             timer->setHandler({});
             timer->cancel();
             timer.reset();
         }
     });
-    timer->schedule(Clock::now(), 1ms, 0ns);
-    timer->resume();
     ASSERT_TRUE(waitFor([&] { return ticks >= 3; }));
     std::this_thread::sleep_for(20ms);
     EXPECT_EQ(ticks.load(), 3);
@@ -176,13 +173,10 @@ TEST(RepeatingTimer, AReplacedHandlerIsNotCalledOnceTheNewOneHasRun) {
     std::atomic<int> oldTicks{0};
     std::atomic<int> newTicks{0};
     RepeatingTimer timer(queue);
-    timer.setHandler([&] { ++oldTicks; });
-    timer.schedule(Clock::now(), 200us, 0ns);
-    timer.resume();
+    start(timer, Clock::now(), 200us, [&] { ++oldTicks; });
     ASSERT_TRUE(waitFor([&] { return oldTicks >= 3; }));
 
-    // Replaced many times from several threads; the captured payload dies on whichever thread
-    // lets go of it last.
+    // Replaced from several threads; each payload dies on whichever thread lets go of it last.
     std::vector<std::thread> swappers;
     for (int t = 0; t < 3; ++t) {
         swappers.emplace_back([&] {
@@ -203,14 +197,12 @@ TEST(RepeatingTimer, SteadyTicksAllocateNothing) {
     std::vector<std::size_t> allocationsAtTick(kTicks);
     std::atomic<std::size_t> ticks{0};
     RepeatingTimer timer(queue);
-    timer.setHandler([&] {
+    start(timer, Clock::now(), 100us, [&] {
         if (const std::size_t i = ticks; i < kTicks) {
             allocationsAtTick[i] = tAllocations;
             ticks = i + 1;
         }
     });
-    timer.schedule(Clock::now(), 100us, 0ns);
-    timer.resume();
     ASSERT_TRUE(waitFor([&] { return ticks >= kTicks; }));
     timer.cancel();
     EXPECT_EQ(allocationsAtTick[kTicks - 1], allocationsAtTick[kTicks / 3]);

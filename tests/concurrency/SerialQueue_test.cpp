@@ -28,27 +28,16 @@ TEST(SerialQueue, RunsItemsOneAtATimeKeepingEachProducersOrder) {
     std::vector<std::pair<int, int>> seen;  // touched on the queue only
     std::atomic<int> running{0};
     std::atomic<int> overlaps{0};
-    std::vector<std::thread> producers;
-    for (int p = 0; p < kProducers; ++p) {
-        producers.emplace_back([&, p] {
-            for (int i = 0; i < kItems; ++i) {
-                queue.async([&, p, i] {
-                    if (running.fetch_add(1) != 0) overlaps.fetch_add(1);
-                    seen.emplace_back(p, i);
-                    running.fetch_sub(1);
-                });
-            }
+    testing::postFromThreads(kProducers, kItems, [&](int p, int i) {
+        queue.async([&, p, i] {
+            if (running.fetch_add(1) != 0) overlaps.fetch_add(1);
+            seen.emplace_back(p, i);
+            running.fetch_sub(1);
         });
-    }
-    for (auto& t : producers) t.join();
-
+    });
     const auto result = queue.sync([&] { return seen; });
     EXPECT_EQ(overlaps.load(), 0);
-    ASSERT_EQ(result.size(), static_cast<std::size_t>(kProducers * kItems));
-    std::array<int, kProducers> next{};
-    for (const auto& [producer, index] : result) {
-        ASSERT_EQ(index, next[static_cast<std::size_t>(producer)]++) << "producer " << producer;
-    }
+    EXPECT_TRUE(testing::keepsEachProducersOrder(result, kProducers, kItems));
 }
 
 TEST(SerialQueue, SyncWaitsForEarlierWorkRunsInlineOnItsQueueAndRethrows) {

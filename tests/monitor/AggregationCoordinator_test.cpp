@@ -33,8 +33,7 @@ void enqueue(AggregationCoordinator& coordinator, const DiskSample& s) {
     coordinator.enqueue(s, s.readBytes, s.writeBytes);
 }
 
-// Keeps the payloads and checks each as it arrives: on the coordinator's queue, not empty, with
-// sums and latest sample matching its samples.
+// Checks each payload as it arrives: on the coordinator's queue, not empty, sums and latest sample right.
 struct Recorder {
     std::atomic<const SerialQueue*> queue{nullptr};
     std::mutex mutex;
@@ -74,9 +73,8 @@ std::shared_ptr<AggregationCoordinator> makeCoordinator(Recorder& recorder, std:
     return coordinator;
 }
 
-// The timer never fires here (an hour's interval): deliveries come from the script's calls.
-// enqueue is asynchronous and the other calls wait for the queue, so this also checks that each
-// call sees the samples enqueued before it.
+// The timer never fires (an hour's interval); enqueue is asynchronous, so each call must also
+// see the samples enqueued before it.
 TEST(AggregationCoordinator, DeliversWhatIsPendingWhenAskedTo) {
     enum Op : std::uint64_t { flush = 1000, stopFlushing, stopDiscarding, reset, start };  // others: enqueue n
     struct Case {
@@ -128,9 +126,7 @@ TEST(AggregationCoordinator, SumsWrapAround) {
     EXPECT_EQ(recorder.payloads[0].writeBytes, 5U);  // half + half + 5
 }
 
-// With its timer: samples arrive in order, in several batches and never as
-// an empty payload; a stopped timer delivers nothing more, and after reset and start the next
-// batch holds only what came after.
+// In order, in several non-empty batches; nothing after stop; after reset and start only what came after.
 TEST(AggregationCoordinator, DeliversOnItsTimer) {
     Recorder recorder;
     const auto coordinator = makeCoordinator(recorder, 2ms);

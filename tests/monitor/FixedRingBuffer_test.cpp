@@ -65,9 +65,8 @@ TEST(FixedRingBuffer, AppendReturnsWhatItPushesOutOnceFull) {
     }
 }
 
-// Against a deque: every append's result, and every view taken on the way, which must still show
-// what the buffer held at the time after all that followed (evictions across segment boundaries,
-// a removeAll, the buffer's destruction).
+// Against a deque: every append's result, and every view, which must still show what the buffer held
+// then after evictions across segment boundaries, a removeAll and the buffer's destruction.
 TEST(FixedRingBuffer, ViewsKeepWhatTheyShowedWhateverTheBufferDoesLater) {
     for (const std::size_t capacity : {1U, 2U, 3U, 5U, 1023U, 1024U, 1025U, 2500U}) {
         std::vector<std::pair<View, Strings>> kept;
@@ -113,8 +112,7 @@ TEST(FixedRingBuffer, FullHistoryKeepsExactlyTheNewestOldestFirst) {
     EXPECT_EQ(std::lower_bound(view.begin(), view.end(), std::uint64_t{30500}) - view.begin(), 29500);
 }
 
-// For ThreadSanitizer: a reader checks views while the owner keeps appending into the segments
-// those views show, and publishing new views.
+// For ThreadSanitizer: a reader checks views while the owner appends into the segments they show.
 TEST(FixedRingBuffer, ViewsCanBeReadOnAnotherThreadWhileTheBufferAppends) {
     constexpr std::size_t capacity = 3000;  // not a multiple of the segment length
     FixedRingBuffer<std::uint64_t> buffer(capacity);

@@ -36,10 +36,7 @@ private:
     fs::path path_;
 };
 
-void writeFile(const fs::path& path, const std::string& content) {
-    std::ofstream out(path, std::ios::binary);
-    out << content;
-}
+void writeFile(const fs::path& path, const std::string& content) { std::ofstream(path, std::ios::binary) << content; }
 
 // A value described for comparison: "n:<number>" or "s:<text>".
 std::string describe(const PropertyValue& value) {
@@ -49,11 +46,7 @@ std::string describe(const PropertyValue& value) {
 }
 
 TEST(SysfsAttributeTyping, NumbersTextAndIdentifiers) {
-    struct Case {
-        std::string name;
-        std::string text;
-        std::string expected;
-    };
+    struct Case { std::string name, text, expected; };
     const std::vector<Case> cases = {
         {"size", "1953525168", "n:1953525168"},
         {"size", "18446744073709551615", "n:18446744073709551615"},
@@ -74,16 +67,12 @@ TEST(SysfsAttributeTyping, NumbersTextAndIdentifiers) {
         {"serial", "0123456789", "s:0123456789"},
         {"manufacturer", "0x1234", "n:4660"},
     };
-    for (const auto& c : cases) {
+    for (const auto& c : cases)
         EXPECT_EQ(describe(typedAttribute(c.name, c.text)), c.expected) << c.name << " = '" << c.text << "'";
-    }
 }
 
 TEST(SysfsBlockStat, ParsesTheCountersOfAStatLine) {
-    struct Case {
-        std::string text;
-        std::optional<BlockStatCounters> expected;
-    };
+    struct Case { std::string text; std::optional<BlockStatCounters> expected; };
     const std::vector<Case> cases = {
         {"   31289     7505  2552514    16775     5995     6471   337112     1795        0    10272    19060     4705"
          "       78   177032      444      610       44\n",
@@ -97,9 +86,7 @@ TEST(SysfsBlockStat, ParsesTheCountersOfAStatLine) {
         {"1 2 3 4 5 6 7 8 9 10 eleven", std::nullopt},
         {"1 2 18446744073709551616 4 5 6 7", std::nullopt},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(parseBlockStat(c.text), c.expected) << "'" << c.text << "'";
-    }
+    for (const auto& c : cases) EXPECT_EQ(parseBlockStat(c.text), c.expected) << "'" << c.text << "'";
 }
 
 TEST(SysfsAttributeFile, ReadsTextAndPassesOverWhatIsNotAReadableTextAttribute) {
@@ -119,30 +106,15 @@ TEST(SysfsAttributeFile, ReadsTextAndPassesOverWhatIsNotAReadableTextAttribute) 
     fs::create_symlink("plain", d / "a-link");
     ASSERT_EQ(::mkfifo((d / "a-fifo").c_str(), 0644), 0);
 
-    struct Case {
-        std::string name;
-        std::optional<std::string> expected;
-    };
+    struct Case { std::string name; std::optional<std::string> expected; };
     const std::vector<Case> cases = {
-        {"plain", "Samsung SSD 860 "},
-        {"lines", "MAJOR=8\nMINOR=0"},
-        {"empty", ""},
-        {"page", std::string(kMaxAttributeSize, 'a')},
-        {"utf8", "\xe9\x9b\xb7\xe9\x9b\xb3"},
-        {"too-long", std::nullopt},
-        {"binary", std::nullopt},
-        {"latin1", std::nullopt},
-        {"write-only", std::nullopt},
-        {"a-directory", std::nullopt},
-        {"a-link", std::nullopt},
-        {"a-fifo", std::nullopt},
-        {"missing", std::nullopt},
-        {"..", std::nullopt},
-        {"a-directory/../plain", std::nullopt},
+        {"plain", "Samsung SSD 860 "}, {"lines", "MAJOR=8\nMINOR=0"}, {"empty", ""},
+        {"page", std::string(kMaxAttributeSize, 'a')}, {"utf8", "\xe9\x9b\xb7\xe9\x9b\xb3"},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(readAttribute(d, c.name), c.expected) << c.name;
-    }
+    for (const char* rejected : {"too-long", "binary", "latin1", "write-only", "a-directory", "a-link", "a-fifo",
+                                 "missing", "..", "a-directory/../plain"})
+        EXPECT_EQ(readAttribute(d, rejected), std::nullopt) << rejected;
+    for (const auto& c : cases) EXPECT_EQ(readAttribute(d, c.name), c.expected) << c.name;
 }
 
 }  // namespace

@@ -368,7 +368,7 @@ TEST(SysfsRegistry, ADeviceMadeAgainAtTheSamePlaceIsANewService) {
     const TreeCopy tree("usb-stick");
     SysfsRegistry registry(tree.root());
     const RegistryRef disk(registry, match(registry, "sdb"));
-    // The old directory is kept elsewhere so that the new one cannot get its inode.
+    // Moved aside, not deleted, so that the new directory cannot get its inode.
     fs::rename(tree / kUsbStickDisk, tree / "unplugged-sdb");
     fs::copy(fixture("usb-stick") / kUsbStickDisk, tree / kUsbStickDisk,
              fs::copy_options::recursive | fs::copy_options::copy_symlinks);

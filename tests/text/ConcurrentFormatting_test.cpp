@@ -13,9 +13,8 @@
 namespace vantorix::text {
 namespace {
 
-// The formatter caches and date formats are built lazily; here several threads make them at once.
-// This file's test runs before the others in the program, and its locale is used by no other test,
-// so the first use is concurrent in any order. Meant for AddressSanitizer and ThreadSanitizer.
+// Lazily built formatters, first used from several threads at once (this test runs first and its
+// locale is used by no other test). Meant for AddressSanitizer and ThreadSanitizer.
 TEST(ConcurrentFormatting, ThreadsFormattingAtOnceAgreeWithOneThread) {
     const testing::ScopedEnvironment environment{{"LANGUAGE", std::nullopt}, {"LC_ALL", "nb_NO.UTF-8"}};
     constexpr std::size_t kThreads = 8;
