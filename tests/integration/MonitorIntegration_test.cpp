@@ -14,6 +14,7 @@
 #include "monitor/DiskIOMonitor.h"
 #include "platform/linux/LinuxVolumeInfoSource.h"
 #include "platform/linux/SysfsRegistry.h"
+#include "support/BlockDevice.h"
 #include "support/LoopVolume.h"
 #include "support/Process.h"
 #include "support/ScopedEnvironment.h"
@@ -26,12 +27,7 @@ using testing::LoopVolume;
 using Precision = DiskIOMonitor::SamplingPrecision;
 using json = nlohmann::json;
 
-std::uint64_t bytesWrittenOf(const std::string& bsdName) {
-    std::ifstream in("/sys/class/block/" + bsdName + "/stat");
-    std::array<std::uint64_t, 7> f{};
-    for (auto& v : f) in >> v;
-    return f[6] * 512;
-}
+std::uint64_t bytesWrittenOf(const std::string& bsdName) { return testing::deviceCounters(bsdName)[1]; }
 
 // Waits until the device's write counter has not moved for a while, so that a reading taken
 // now also holds a moment later.
@@ -43,19 +39,6 @@ void waitUntilQuiet(const std::string& bsdName) {
         stable = now == last ? stable + 1 : 0;
         last = now;
     }
-}
-
-void writeDirect(const std::string& path, std::size_t mebibytes) {
-    constexpr std::size_t kChunk = 1 << 20;
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_DIRECT, 0600);
-    ASSERT_GE(fd, 0) << std::strerror(errno);
-    void* buffer = nullptr;
-    ASSERT_EQ(::posix_memalign(&buffer, 4096, kChunk), 0);
-    std::memset(buffer, 0x5A, kChunk);
-    for (std::size_t i = 0; i < mebibytes; ++i) ASSERT_EQ(::write(fd, buffer, kChunk), static_cast<ssize_t>(kChunk));
-    ::fsync(fd);
-    ::close(fd);
-    std::free(buffer);
 }
 
 class MonitorOnLoopVolume : public ::testing::Test {
@@ -95,8 +78,8 @@ protected:
         ASSERT_TRUE(runUntil([&] { return state().samples.size() >= 2; }));
 
         std::thread writer([&] {
-            writeDirect(volume_->mountPoint() + "/first.bin", 32);
-            writeDirect(volume_->mountPoint() + "/second.bin", 32);
+            EXPECT_TRUE(testing::writeDirect(volume_->mountPoint() + "/first.bin", 32));
+            EXPECT_TRUE(testing::writeDirect(volume_->mountPoint() + "/second.bin", 32));
         });
         ASSERT_TRUE(runUntil([&] { return state().totalWriteBytes >= 16u << 20; }));
         midway();

@@ -15,6 +15,7 @@
 #include "monitor/DiskIOKitStatisticsProvider.h"
 #include "platform/linux/LinuxVolumeInfoSource.h"
 #include "platform/linux/SysfsRegistry.h"
+#include "support/BlockDevice.h"
 #include "support/LoopVolume.h"
 #include "support/Process.h"
 #include "volumes/DiskVolumeResolver.h"
@@ -39,13 +40,7 @@ testing::ProcessResult cli(const std::vector<std::string>& args,
     return runProcess(argv, env);
 }
 
-// The four counters of a block device as its sysfs stat file gives them: sectors are 512 bytes.
-std::array<std::uint64_t, 4> deviceStat(const std::string& bsdName) {
-    std::ifstream in("/sys/class/block/" + bsdName + "/stat");
-    std::array<std::uint64_t, 11> f{};
-    for (auto& v : f) in >> v;
-    return {f[2] * 512, f[6] * 512, f[0], f[4]};
-}
+using testing::deviceCounters;
 
 std::string firstLine(const std::string& text) { return text.substr(0, text.find('\n')); }
 
@@ -64,9 +59,9 @@ TEST(VolumeInfoIntegration, RootAgreesWithDfFindmntAndTheDeviceCounters) {
     for (auto& c : upperType) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
 
     const bool isBlock = std::filesystem::exists("/sys/class/block/" + bsdName + "/stat");
-    const auto before = isBlock ? deviceStat(bsdName) : std::array<std::uint64_t, 4>{};
+    const auto before = isBlock ? deviceCounters(bsdName) : std::array<std::uint64_t, 4>{};
     const auto run = cli({"info", "/", "--json"});
-    const auto after = isBlock ? deviceStat(bsdName) : std::array<std::uint64_t, 4>{};
+    const auto after = isBlock ? deviceCounters(bsdName) : std::array<std::uint64_t, 4>{};
     const auto info = json::parse(run.out);
 
     EXPECT_EQ(info["bsdName"], bsdName);
@@ -135,25 +130,15 @@ TEST_F(LoopVolumeTest, DirectWritesRaiseTheWriteCounterBySixteenMebibytes) {
     const auto before = session.value()->snapshot();
     ASSERT_TRUE(before.ok());
 
-    constexpr std::size_t kChunk = 1 << 20;
-    const auto path = volume_->mountPoint() + "/direct.bin";
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_DIRECT, 0600);
-    ASSERT_GE(fd, 0) << std::strerror(errno);
-    void* buffer = nullptr;
-    ASSERT_EQ(::posix_memalign(&buffer, 4096, kChunk), 0);
-    std::memset(buffer, 0xA5, kChunk);
-    for (int i = 0; i < 16; ++i) ASSERT_EQ(::write(fd, buffer, kChunk), static_cast<ssize_t>(kChunk));
-    ::fsync(fd);
-    ::close(fd);
-    std::free(buffer);
+    ASSERT_TRUE(testing::writeDirect(volume_->mountPoint() + "/direct.bin", 16));
 
     const auto after = session.value()->snapshot();
     ASSERT_TRUE(after.ok());
-    EXPECT_GE(after.value().bytesWritten - before.value().bytesWritten, 16u * kChunk);
+    EXPECT_GE(after.value().bytesWritten - before.value().bytesWritten, 16u << 20);
     EXPECT_GE(after.value().writeOperations - before.value().writeOperations, 1u);
     // The session reads the loop device's own counters, which the CLI shows too.
     const auto run = cli({"info", volume_->mountPoint(), "--json"});
-    const auto stat = deviceStat(volume_->bsdName());
+    const auto stat = deviceCounters(volume_->bsdName());
     EXPECT_LE(json::parse(run.out)["statistics"]["bytesWritten"].get<std::uint64_t>(), stat[1]);
     EXPECT_GE(json::parse(run.out)["statistics"]["bytesWritten"].get<std::uint64_t>(), after.value().bytesWritten);
 }

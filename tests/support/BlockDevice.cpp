@@ -1,0 +1,33 @@
+#include "support/BlockDevice.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+
+namespace vantorix::testing {
+
+std::array<std::uint64_t, 4> deviceCounters(const std::string& bsdName) {
+    std::ifstream in("/sys/class/block/" + bsdName + "/stat");
+    std::array<std::uint64_t, 7> f{};
+    for (auto& v : f) in >> v;
+    return {f[2] * 512, f[6] * 512, f[0], f[4]};
+}
+
+bool writeDirect(const std::string& path, std::size_t mebibytes) {
+    constexpr std::size_t kChunk = 1 << 20;
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_DIRECT, 0600);
+    if (fd < 0) return false;
+    void* buffer = nullptr;
+    bool ok = ::posix_memalign(&buffer, 4096, kChunk) == 0;
+    if (ok) std::memset(buffer, 0x5A, kChunk);
+    for (std::size_t i = 0; ok && i < mebibytes; ++i) ok = ::write(fd, buffer, kChunk) == static_cast<ssize_t>(kChunk);
+    ok = ok && ::fsync(fd) == 0;
+    ::close(fd);
+    std::free(buffer);
+    return ok;
+}
+
+}  // namespace vantorix::testing
