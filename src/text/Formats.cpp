@@ -186,6 +186,33 @@ DateFormatter& fileNameDateFormatter() {
     return *formatter;
 }
 
+// Medium date and time styles, one formatter per language, each used under a lock.
+class MediumDateTimeFormatter {
+public:
+    explicit MediumDateTimeFormatter(const char* localeId)
+        : format_(icu::DateFormat::createDateTimeInstance(icu::DateFormat::kMedium, icu::DateFormat::kMedium,
+                                                          icu::Locale(localeId))) {}
+
+    std::optional<std::string> format(std::chrono::system_clock::time_point time, const char* zoneId) {
+        const auto milliseconds =
+            std::chrono::floor<std::chrono::milliseconds>(time.time_since_epoch()).count();
+        const std::lock_guard lock(mutex_);
+        if (!format_) return std::nullopt;
+        format_->adoptTimeZone(zoneId != nullptr ? icu::TimeZone::createTimeZone(icu::UnicodeString(zoneId, -1, US_INV))
+                                                 : icu::TimeZone::createDefault());
+        icu::UnicodeString text;
+        format_->format(static_cast<UDate>(milliseconds), text);
+        if (text.isEmpty()) return std::nullopt;
+        std::string result;
+        text.toUTF8String(result);
+        return result;
+    }
+
+private:
+    std::mutex mutex_;
+    std::unique_ptr<icu::DateFormat> format_;
+};
+
 std::tm brokenDownTime(std::chrono::system_clock::time_point time, bool utc) {
     const std::time_t seconds = std::chrono::system_clock::to_time_t(std::chrono::floor<std::chrono::seconds>(time));
     std::tm parts{};
@@ -308,6 +335,13 @@ std::string tooltipTimeText(std::chrono::system_clock::time_point time) {
 std::string fileNameTimestamp(std::chrono::system_clock::time_point time, bool utc) {
     if (auto text = fileNameDateFormatter().format(time, utc)) return *std::move(text);
     return fmt::format("{:%Y%m%d-%H%M%S}", brokenDownTime(time, utc));
+}
+
+std::string mediumDateTimeText(std::chrono::system_clock::time_point time, const char* zoneId) {
+    static auto* english = new MediumDateTimeFormatter(kPosixLocale);
+    static auto* chinese = new MediumDateTimeFormatter("zh_CN");
+    if (auto text = (isEnglish() ? english : chinese)->format(time, zoneId)) return *std::move(text);
+    return fmt::format("{:%Y-%m-%d %H:%M:%S}", brokenDownTime(time, zoneId != nullptr));
 }
 
 std::string percentText(double fraction, int maxFractionDigits) {

@@ -60,6 +60,10 @@ std::string tooltipTimeText(std::chrono::system_clock::time_point time);
 // "yyyyMMdd-HHmmss" in UTC or in the user's time zone, for file names.
 std::string fileNameTimestamp(std::chrono::system_clock::time_point time, bool utc);
 
+// Medium date and medium time ("Nov 16, 2026, 1:45:01 PM" / "2026年11月16日 13:45:01") in the
+// current language (zh_CN or en_US_POSIX), in the zone `zoneId` or else the user's zone.
+std::string mediumDateTimeText(std::chrono::system_clock::time_point time, const char* zoneId = nullptr);
+
 // A fraction (0.25) written as a percentage ("25%") in the current locale.
 std::string percentText(double fraction, int maxFractionDigits);
 

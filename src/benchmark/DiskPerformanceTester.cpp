@@ -1,0 +1,487 @@
+#include "benchmark/DiskPerformanceTester.h"
+
+#include <algorithm>
+#include <array>
+#include <limits>
+#include <random>
+#include <span>
+
+#include "benchmark/PerformanceReport.h"
+#include "benchmark/TestError.h"
+#include "concurrency/WeakOwner.h"
+#include "text/Formats.h"
+#include "text/Messages.h"
+
+namespace vantorix {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double secondsBetween(Clock::time_point from, Clock::time_point to) {
+    return std::chrono::duration<double>(to - from).count();
+}
+
+// Thrown inside a run when its task has been cancelled.
+struct RunCancelled {};
+
+std::string joinPath(const std::string& folder, const std::string& name) {
+    if (!folder.empty() && folder.back() == '/') return folder + name;
+    return folder + "/" + name;
+}
+
+// Removes one test file if it is there (a failure is ignored) and forgets it.
+void removeTestFile(FileSystem& files, TemporaryFileRegistry& registry, const std::string& path) {
+    if (files.exists(path)) (void)files.remove(path);
+    registry.remove(path);
+}
+
+}  // namespace
+
+// One run on the task's thread: the four phases, from file creation to the assembled result.
+// Failures are thrown as TestError, cancellation as RunCancelled.
+class DiskPerformanceTester::Run {
+public:
+    struct Context {
+        std::weak_ptr<DiskPerformanceTester> tester;
+        std::shared_ptr<MainExecutor> main;
+        std::shared_ptr<FileSystem> files;
+        std::shared_ptr<TemporaryFileRegistry> registry;
+        std::shared_ptr<SerialQueue> cleanupQueue;
+        PhaseObserver observer;
+        Parameters parameters;
+        DiskVolumeDescriptor volume;
+        DataSize dataSize = DataSize::availableSpace();
+        EffectivePayload payload;
+        Uuid token;
+    };
+
+    Run(Context context, CancellationToken cancellation)
+        : c_(std::move(context)), cancellation_(std::move(cancellation)),
+          tracker_({0, 0, static_cast<double>(c_.payload.byteCount), static_cast<double>(c_.payload.byteCount)}) {}
+
+    void operator()() {
+        Outcome outcome = Outcome::success;
+        std::optional<Result> result;
+        std::string message;
+        try {
+            result = perform();
+        } catch (const RunCancelled&) {
+            outcome = Outcome::cancelled;
+        } catch (const TestError& error) {
+            outcome = Outcome::failed;
+            message = error.description();
+        } catch (const std::exception& error) {
+            outcome = Outcome::failed;
+            message = error.what();
+        }
+        c_.main->post(weakly(c_.tester, [token = c_.token, outcome, result = std::move(result),
+                                         message = std::move(message)](DiskPerformanceTester& tester) mutable {
+            tester.deliver(token, outcome, std::move(result), std::move(message));
+        }));
+    }
+
+private:
+    struct RandomFigures {
+        std::uint64_t writeCount = 0;
+        std::uint64_t readCount = 0;
+        double writeIOPS = 0;
+        double readIOPS = 0;
+    };
+    struct SequentialFigures {
+        double duration = 0;
+        double throughput = 0;
+        double maximum = 0;
+        std::vector<TimelineSample> samples;
+    };
+
+    Result perform() {
+        runStart_ = Clock::now();
+        checkCancellation();
+
+        const std::string randomPath = createTestFile("Vantorix_IO_RandomTest_");
+        RandomFigures random;
+        try {
+            random = randomPhases(randomPath);
+        } catch (...) {
+            handToCleanup(randomPath);
+            throw;
+        }
+        handToCleanup(randomPath);
+
+        const std::string sequentialPath = createTestFile("Vantorix_IO_Test_");
+        SequentialFigures write;
+        SequentialFigures read;
+        try {
+            write = sequentialWrite(sequentialPath);
+            read = sequentialRead(sequentialPath);
+        } catch (...) {
+            handToCleanup(sequentialPath);
+            throw;
+        }
+
+        Result result;
+        result.id = Uuid::make();
+        result.dataSize = c_.dataSize;
+        result.actualByteCount = c_.payload.byteCount;
+        result.isPayloadAdjusted = c_.payload.isAdjusted;
+        result.writeDuration = write.duration;
+        result.writeThroughput = write.throughput;
+        result.readDuration = read.duration;
+        result.readThroughput = read.throughput;
+        result.randomWriteIOPS = random.writeIOPS;
+        result.randomReadIOPS = random.readIOPS;
+        result.randomBlockSize = randomBlockSize;
+        result.randomOperationCount = static_cast<std::int64_t>(std::min(random.writeCount, random.readCount));
+        result.maximumWriteThroughput = write.maximum;
+        result.maximumReadThroughput = read.maximum;
+        result.timeline = std::move(write.samples);
+        result.timeline.insert(result.timeline.end(), std::make_move_iterator(read.samples.begin()),
+                               std::make_move_iterator(read.samples.end()));
+        result.finishedAt = std::chrono::system_clock::now();
+        handToCleanup(sequentialPath);
+        return result;
+    }
+
+    void checkCancellation() const {
+        if (cancellation_.isCancelled()) throw RunCancelled{};
+    }
+
+    std::string createTestFile(const std::string& prefix) {
+        const std::string path = joinPath(c_.volume.url, prefix + Uuid::make().text());
+        if (!c_.files->createEmptyFile(path)) throw TestError(TestError::temporaryFileCreationFailed);
+        c_.registry->add(path);
+        return path;
+    }
+
+    void handToCleanup(const std::string& path) {
+        c_.cleanupQueue->async([files = c_.files, registry = c_.registry, path] { removeTestFile(*files, *registry, path); });
+    }
+
+    std::unique_ptr<FileHandle> open(vantorix::Result<std::unique_ptr<FileHandle>, FileError> (FileSystem::*how)(const std::string&),
+                                     const std::string& path) {
+        auto handle = ((*c_.files).*how)(path);
+        if (!handle) throw TestError(TestError::fileHandleUnavailable);
+        return std::move(handle).value();
+    }
+
+    void publish(BenchmarkPhase phase, Clock::time_point now) {
+        const ProgressState progress = tracker_.snapshot(phase, runStart_, now);
+        c_.main->post(weakly(c_.tester, [token = c_.token, progress](DiskPerformanceTester& tester) {
+            tester.publishProgress(token, progress);
+        }));
+    }
+
+    void started(BenchmarkPhase phase) {
+        if (c_.observer.started) c_.observer.started(phase);
+    }
+    void finished(BenchmarkPhase phase, std::uint64_t bytes) {
+        if (c_.observer.finished) c_.observer.finished(phase, bytes);
+    }
+
+    RandomFigures randomPhases(const std::string& path) {
+        const std::uint64_t payload = c_.payload.byteCount;
+        const std::uint64_t workingSet = std::min(payload, randomPhaseWorkingSetLimit);
+        const std::uint64_t block = std::min<std::uint64_t>(payload, randomBlockSize);
+        if (payload == 0) {
+            handToCleanup(path);
+            return {};
+        }
+
+        auto handle = open(&FileSystem::openForUpdating, path);
+        if (!handle->truncate(workingSet)) {
+            (void)handle->close();
+            throw TestError(TestError::temporaryFileCreationFailed);
+        }
+
+        // One buffer of system randomness, written by every random write; offsets come from a
+        // generator seeded by the system, drawn without bias over every byte offset.
+        std::random_device system;
+        std::array<std::byte, randomBlockSize> buffer{};
+        for (std::size_t i = 0; i < buffer.size(); i += sizeof(unsigned)) {
+            const unsigned word = system();
+            for (std::size_t j = 0; j < sizeof(unsigned); ++j) buffer[i + j] = static_cast<std::byte>(word >> (8 * j));
+        }
+        std::seed_seq seed{system(), system(), system(), system()};
+        std::mt19937_64 generator(seed);
+        std::uniform_int_distribution<std::uint64_t> offsets(0, workingSet - block);
+        const auto nextOffset = [&]() -> std::uint64_t { return payload > randomBlockSize ? offsets(generator) : 0; };
+        const auto phaseLength = std::chrono::duration_cast<Clock::duration>(
+            std::chrono::duration<double>(c_.parameters.randomPhaseDuration));
+        const std::span<const std::byte> data(buffer.data(), block);
+
+        RandomFigures figures;
+        started(BenchmarkPhase::randomWrite);
+        auto phaseStart = Clock::now();
+        auto deadline = phaseStart + phaseLength;
+        for (auto now = phaseStart; now < deadline;) {
+            checkCancellation();
+            if (!handle->seek(nextOffset())) throw TestError(TestError::fileHandleUnavailable);
+            if (!handle->write(data)) throw TestError(TestError::writeFailed);
+            ++figures.writeCount;
+            tracker_.advance(BenchmarkPhase::randomWrite, static_cast<double>(block));
+            now = Clock::now();
+            if (tracker_.shouldPublish(now) || now >= deadline) publish(BenchmarkPhase::randomWrite, now);
+        }
+        if (!handle->synchronize()) throw TestError(TestError::writeFailed);
+        tracker_.complete(BenchmarkPhase::randomWrite);
+        auto now = Clock::now();
+        publish(BenchmarkPhase::randomWrite, now);
+        const double writeDuration = secondsBetween(phaseStart, now);
+        (void)handle->close();
+        finished(BenchmarkPhase::randomWrite, figures.writeCount * block);
+
+        handle = open(&FileSystem::openForReading, path);
+        std::array<std::byte, randomBlockSize> readBuffer{};
+        const std::span<std::byte> target(readBuffer.data(), block);
+        started(BenchmarkPhase::randomRead);
+        phaseStart = Clock::now();
+        deadline = phaseStart + phaseLength;
+        for (now = phaseStart; now < deadline;) {
+            checkCancellation();
+            if (!handle->seek(nextOffset())) throw TestError(TestError::fileHandleUnavailable);
+            const auto count = handle->read(target);
+            if (!count || *count != block) throw TestError(TestError::readFailed);
+            ++figures.readCount;
+            tracker_.advance(BenchmarkPhase::randomRead, static_cast<double>(block));
+            now = Clock::now();
+            if (tracker_.shouldPublish(now) || now >= deadline) publish(BenchmarkPhase::randomRead, now);
+        }
+        tracker_.complete(BenchmarkPhase::randomRead);
+        now = Clock::now();
+        publish(BenchmarkPhase::randomRead, now);
+        const double readDuration = secondsBetween(phaseStart, now);
+        finished(BenchmarkPhase::randomRead, figures.readCount * block);
+
+        constexpr double epsilon = std::numeric_limits<double>::epsilon();
+        figures.writeIOPS = static_cast<double>(figures.writeCount) / std::max(writeDuration, epsilon);
+        figures.readIOPS = static_cast<double>(figures.readCount) / std::max(readDuration, epsilon);
+        (void)handle->close();
+        return figures;
+    }
+
+    // The sequential loop shared by both directions: `transfer` moves one chunk or throws.
+    template <class Transfer>
+    SequentialFigures sequential(BenchmarkPhase phase, TimelineSample::Phase samplePhase, Transfer&& transfer) {
+        TimelineSampler sampler(samplePhase);
+        std::uint64_t remaining = c_.payload.byteCount;
+        while (remaining > 0) {
+            const std::uint64_t chunk = std::min<std::uint64_t>(remaining, sequentialBlockSize);
+            const auto chunkStart = Clock::now();
+            transfer(static_cast<std::size_t>(chunk));
+            const auto now = Clock::now();
+            sampler.feed(chunk, secondsBetween(chunkStart, now), secondsBetween(runStart_, now));
+            remaining -= chunk;
+            tracker_.advance(phase, static_cast<double>(chunk));
+            if (tracker_.shouldPublish(now)) publish(phase, now);
+            checkCancellation();
+        }
+        sampler.finish(secondsBetween(runStart_, Clock::now()));
+        SequentialFigures figures;
+        figures.maximum = sampler.maximumThroughput();
+        figures.samples = sampler.takeSamples();
+        return figures;
+    }
+
+    void finishPhase(BenchmarkPhase phase, Clock::time_point phaseStart, SequentialFigures& figures) {
+        tracker_.complete(phase);
+        const auto now = Clock::now();
+        publish(phase, now);
+        figures.duration = secondsBetween(phaseStart, now);
+        figures.throughput =
+            figures.duration > 0 ? static_cast<double>(c_.payload.byteCount) / figures.duration : 0.0;
+    }
+
+    SequentialFigures sequentialWrite(const std::string& path) {
+        auto handle = open(&FileSystem::openForWriting, path);
+        const std::vector<std::byte> zeros(static_cast<std::size_t>(
+            std::min<std::uint64_t>(c_.payload.byteCount, sequentialBlockSize)));
+        started(BenchmarkPhase::sequentialWrite);
+        const auto phaseStart = Clock::now();
+        auto figures = sequential(BenchmarkPhase::sequentialWrite, TimelineSample::Phase::sequentialWrite,
+                                  [&](std::size_t chunk) {
+                                      if (!handle->write(std::span<const std::byte>(zeros.data(), chunk))) {
+                                          throw TestError(TestError::writeFailed);
+                                      }
+                                  });
+        if (!handle->synchronize()) throw TestError(TestError::writeFailed);
+        finishPhase(BenchmarkPhase::sequentialWrite, phaseStart, figures);
+        (void)handle->close();
+        finished(BenchmarkPhase::sequentialWrite, c_.payload.byteCount);
+        return figures;
+    }
+
+    SequentialFigures sequentialRead(const std::string& path) {
+        auto handle = open(&FileSystem::openForReading, path);
+        std::vector<std::byte> buffer(static_cast<std::size_t>(
+            std::min<std::uint64_t>(c_.payload.byteCount, sequentialBlockSize)));
+        started(BenchmarkPhase::sequentialRead);
+        const auto phaseStart = Clock::now();
+        auto figures = sequential(BenchmarkPhase::sequentialRead, TimelineSample::Phase::sequentialRead,
+                                  [&](std::size_t chunk) {
+                                      const auto count = handle->read(std::span<std::byte>(buffer.data(), chunk));
+                                      if (!count || *count != chunk) throw TestError(TestError::readFailed);
+                                  });
+        finishPhase(BenchmarkPhase::sequentialRead, phaseStart, figures);
+        (void)handle->close();
+        finished(BenchmarkPhase::sequentialRead, c_.payload.byteCount);
+        return figures;
+    }
+
+    Context c_;
+    CancellationToken cancellation_;
+    ProgressTracker tracker_;
+    Clock::time_point runStart_;
+};
+
+std::shared_ptr<DiskPerformanceTester> DiskPerformanceTester::create(Dependencies dependencies) {
+    return create(std::move(dependencies), Parameters());
+}
+
+std::shared_ptr<DiskPerformanceTester> DiskPerformanceTester::create(Dependencies dependencies, Parameters parameters) {
+    return std::shared_ptr<DiskPerformanceTester>(new DiskPerformanceTester(std::move(dependencies), parameters));
+}
+
+DiskPerformanceTester::DiskPerformanceTester(Dependencies dependencies, Parameters parameters)
+    : dependencies_(std::move(dependencies)), parameters_(parameters),
+      cleanupQueue_(std::make_shared<SerialQueue>("com.vantorix.performanceTester.cleanup", QualityOfService::utility)),
+      automaticExportQueue_(
+          std::make_shared<SerialQueue>("com.vantorix.performanceTester.export", QualityOfService::utility)) {}
+
+DiskPerformanceTester::~DiskPerformanceTester() {
+    // A task still running keeps what it uses alive and hands its files to the cleanup queue,
+    // which outlives it; nothing waits here.
+    currentTestTask_.cancel();
+}
+
+void DiskPerformanceTester::setDataSize(const DataSize& size) {
+    state_.update([&](State& state) { state.dataSize = size; });
+}
+
+std::optional<EffectivePayload> DiskPerformanceTester::payloadPreview(
+    const std::optional<DiskVolumeDescriptor>& volume) const {
+    if (!volume) return std::nullopt;
+    auto payload = effectivePayload(state().dataSize, volume->availableCapacityBytes);
+    if (payload && parameters_.payloadBytes) {
+        if (volume->availableCapacityBytes && *parameters_.payloadBytes > *volume->availableCapacityBytes) {
+            return std::nullopt;
+        }
+        payload->byteCount = *parameters_.payloadBytes;
+    }
+    return payload;
+}
+
+void DiskPerformanceTester::runTest(const std::optional<DiskVolumeDescriptor>& volume) {
+    if (state().isRunning) return;
+    if (!volume) {
+        state_.update([](State& state) { state.errorMessage = TestError(TestError::volumeUnavailable).description(); });
+        return;
+    }
+    const auto payload = payloadPreview(volume);
+    if (!payload) {
+        state_.update([](State& state) { state.errorMessage = TestError(TestError::insufficientFreeSpace).description(); });
+        return;
+    }
+
+    state_.update([&](State& state) {
+        state.isRunning = true;
+        state.progressState = ProgressState{BenchmarkPhase::randomWrite, 0, 0, std::nullopt};
+        state.errorMessage.reset();
+        state.automaticReportMessage.reset();
+        state.automaticReportMessageToken = Uuid::make();
+        state.lastTestVolume = volume;
+    });
+    const Uuid token = Uuid::make();
+    activeTestToken_ = token;
+
+    Run::Context context{weak_from_this(), dependencies_.mainExecutor, dependencies_.files, temporaryFiles_,
+                         cleanupQueue_,     observer_,                   parameters_,         *volume,
+                         state().dataSize,  *payload,                    token};
+    retire(std::move(currentTestTask_));
+    currentTestTask_ = Task("performanceTest", QualityOfService::userInitiated,
+                            [context = std::move(context)](const CancellationToken& cancellation) mutable {
+                                Run(std::move(context), cancellation)();
+                            });
+}
+
+void DiskPerformanceTester::stopTest() {
+    if (!state().isRunning) return;
+    currentTestTask_.cancel();
+    retire(std::move(currentTestTask_));
+    activeTestToken_.reset();
+    state_.update([](State& state) {
+        state.isRunning = false;
+        state.progressState.reset();
+    });
+    // Whatever the run has registered so far goes now; a file it registers later is removed by
+    // the run itself when it notices the cancellation. A removal that fails is registered again
+    // for the next stop.
+    cleanupQueue_->async([files = dependencies_.files, registry = temporaryFiles_] {
+        for (const auto& path : registry->takeAll()) {
+            if (files->exists(path) && !files->remove(path)) registry->add(path);
+        }
+    });
+}
+
+void DiskPerformanceTester::waitForBackgroundWork() {
+    currentTestTask_.join();
+    for (auto& task : retiredTasks_) task.join();
+    retiredTasks_.clear();
+    cleanupQueue_->sync([] {});
+    automaticExportQueue_->sync([] {});
+}
+
+void DiskPerformanceTester::retire(Task task) {
+    std::erase_if(retiredTasks_, [](const Task& t) { return t.isFinished(); });
+    if (task.valid()) retiredTasks_.push_back(std::move(task));
+}
+
+void DiskPerformanceTester::publishProgress(const Uuid& token, const ProgressState& progress) {
+    if (activeTestToken_ != token) return;
+    state_.update([&](State& state) { state.progressState = progress; });
+}
+
+void DiskPerformanceTester::deliver(const Uuid& token, Outcome outcome, std::optional<Result> result,
+                                    std::string message) {
+    if (activeTestToken_ != token) return;
+    activeTestToken_.reset();
+    retire(std::move(currentTestTask_));
+    state_.update([&](State& state) {
+        state.isRunning = false;
+        state.progressState.reset();
+        switch (outcome) {
+            case Outcome::success:
+                state.errorMessage.reset();
+                state.lastResult = std::move(result);
+                break;
+            case Outcome::cancelled: state.errorMessage.reset(); break;
+            case Outcome::failed: state.errorMessage = std::move(message); break;
+        }
+    });
+    if (outcome == Outcome::success && state().lastResult && state().lastTestVolume) {
+        startAutomaticExport(*state().lastResult, *state().lastTestVolume);
+    }
+}
+
+void DiskPerformanceTester::startAutomaticExport(const Result& result, const DiskVolumeDescriptor& volume) {
+    automaticExportQueue_->async([weak = weak_from_this(), main = dependencies_.mainExecutor,
+                                  files = dependencies_.files, result, volume] {
+        const std::string html = report::reportHTML(result, volume);
+        auto written = files->writeNewFileAtomically(volume.url, report::reportBaseName(result.finishedAt), ".html", html);
+        std::optional<std::string> path;
+        std::string message;
+        if (written) {
+            path = *written;
+            message = text::automaticReportSaved(*written);
+        } else {
+            message = text::automaticReportExportFailed(written.error().message);
+        }
+        main->post(weakly(weak, [path, message](DiskPerformanceTester& tester) {
+            tester.state_.update([&](State& state) {
+                state.automaticReportMessage = message;
+                state.lastReportPath = path;
+            });
+        }));
+    });
+}
+
+}  // namespace vantorix

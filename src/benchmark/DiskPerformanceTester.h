@@ -1,0 +1,119 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "benchmark/BenchmarkPhase.h"
+#include "benchmark/DataSize.h"
+#include "benchmark/PerformanceResult.h"
+#include "benchmark/ProgressTracker.h"
+#include "benchmark/TemporaryFileRegistry.h"
+#include "concurrency/MainExecutor.h"
+#include "concurrency/Published.h"
+#include "concurrency/SerialQueue.h"
+#include "concurrency/Task.h"
+#include "platform/FileSystem.h"
+#include "util/Uuid.h"
+#include "volumes/DiskVolumeDescriptor.h"
+
+namespace vantorix {
+
+// Measures a volume by writing and reading real files in its folder in four timed phases:
+// random 4 KiB writes, random 4 KiB reads, a sequential write of the whole payload in 16 MiB
+// blocks and a sequential read of it. Each run is one task, known by a token; its progress and
+// outcome are published on the main thread, its files are removed on the cleanup queue and,
+// after a success, a report is written on the export queue.
+class DiskPerformanceTester : public std::enable_shared_from_this<DiskPerformanceTester> {
+public:
+    using Result = PerformanceResult;
+
+    static constexpr std::int64_t randomBlockSize = 4096;
+    static constexpr std::uint64_t randomPhaseWorkingSetLimit = 536'870'912;  // 512 MiB
+    static constexpr std::int64_t sequentialBlockSize = 16'777'216;          // 16 MiB
+
+    struct Dependencies {
+        std::shared_ptr<MainExecutor> mainExecutor;
+        std::shared_ptr<FileSystem> files;
+    };
+
+    // What a run does. The defaults are what users get; tests and comparisons may shorten them.
+    struct Parameters {
+        double randomPhaseDuration = 5.0;  // seconds of each random phase
+        // Bytes of each sequential phase in place of the size rule's count (still checked
+        // against the volume's free space).
+        std::optional<std::uint64_t> payloadBytes;
+    };
+
+    // Told on the test's own thread, synchronously, when each phase starts and when it ends
+    // with the bytes it moved. For callers that measure around the phases (the command line
+    // compares them with the device's counters).
+    struct PhaseObserver {
+        std::function<void(BenchmarkPhase)> started;
+        std::function<void(BenchmarkPhase, std::uint64_t bytesMoved)> finished;
+    };
+
+    struct State {
+        DataSize dataSize = DataSize::availableSpace();
+        bool isRunning = false;
+        std::optional<ProgressState> progressState;
+        std::optional<Result> lastResult;
+        std::optional<std::string> errorMessage;
+        std::optional<std::string> automaticReportMessage;
+        Uuid automaticReportMessageToken = Uuid::make();
+        std::optional<DiskVolumeDescriptor> lastTestVolume;
+        std::optional<std::string> lastReportPath;  // the file of the last automatic report
+    };
+
+    static std::shared_ptr<DiskPerformanceTester> create(Dependencies dependencies);
+    static std::shared_ptr<DiskPerformanceTester> create(Dependencies dependencies, Parameters parameters);
+    ~DiskPerformanceTester();
+    DiskPerformanceTester(const DiskPerformanceTester&) = delete;
+    DiskPerformanceTester& operator=(const DiskPerformanceTester&) = delete;
+
+    // Main thread only, like everything below unless said otherwise.
+    const State& state() const { return state_.get(); }
+    Subscription subscribe(std::function<void(const State&)> subscriber) { return state_.subscribe(std::move(subscriber)); }
+
+    void setDataSize(const DataSize& size);
+    std::optional<EffectivePayload> payloadPreview(const std::optional<DiskVolumeDescriptor>& volume) const;
+    // Set before a run starts; the running task keeps the observer it started with.
+    void setPhaseObserver(PhaseObserver observer) { observer_ = std::move(observer); }
+
+    void runTest(const std::optional<DiskVolumeDescriptor>& volume);
+    void stopTest();
+
+    // Waits until every run's task has returned and the file removals and report writes
+    // enqueued so far are done. Their outcomes still arrive on the main thread afterwards.
+    void waitForBackgroundWork();
+
+    const TemporaryFileRegistry& temporaryFiles() const { return *temporaryFiles_; }
+
+private:
+    class Run;
+    enum class Outcome { success, cancelled, failed };
+
+    DiskPerformanceTester(Dependencies dependencies, Parameters parameters);
+
+    void publishProgress(const Uuid& token, const ProgressState& progress);
+    void deliver(const Uuid& token, Outcome outcome, std::optional<Result> result, std::string message);
+    void startAutomaticExport(const Result& result, const DiskVolumeDescriptor& volume);
+    void retire(Task task);
+
+    Dependencies dependencies_;
+    Parameters parameters_;
+    Published<State> state_;
+    PhaseObserver observer_;
+    std::shared_ptr<TemporaryFileRegistry> temporaryFiles_ = std::make_shared<TemporaryFileRegistry>();
+    std::shared_ptr<SerialQueue> cleanupQueue_;
+    std::shared_ptr<SerialQueue> automaticExportQueue_;
+    Task currentTestTask_;
+    std::vector<Task> retiredTasks_;  // stopped or finished tasks that may still be winding down
+    std::optional<Uuid> activeTestToken_;
+};
+
+}  // namespace vantorix

@@ -1,0 +1,81 @@
+#include "benchmark/PerformanceMetrics.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "text/Formats.h"
+#include "text/Language.h"
+
+namespace vantorix {
+
+using text::localized;
+using Style = MetricItem::Style;
+
+std::string PerformanceMetrics::durationText(double seconds) { return text::clockDurationText(seconds); }
+
+std::string PerformanceMetrics::progressText(double fraction) {
+    const double clamped = std::isnan(fraction) ? 0.0 : std::clamp(fraction, 0.0, 1.0);
+    std::string text = text::percentText(clamped, 1);
+    return text.empty() ? std::string("0%") : text;
+}
+
+MetricItem PerformanceMetrics::heading() {
+    return {"speedometer", localized("性能测试", "Performance Test"), {}, Style::normal};
+}
+
+std::vector<MetricItem> PerformanceMetrics::runningItems(const std::optional<ProgressState>& progress,
+                                                         const std::string& payloadValue) {
+    const BenchmarkPhase phase = progress ? progress->phase : BenchmarkPhase::randomWrite;
+    std::vector<MetricItem> items{
+        {"gauge.with.needle", localized("进度", "Progress"), progressText(progress ? progress->fractionCompleted : 0),
+         Style::highlight},
+        {"tray.full.fill", localized("数据量", "Payload"), payloadValue, Style::normal},
+        {"internaldrive", localized("阶段", "Phase"), phaseName(phase), Style::normal},
+        {"clock", localized("已用时间", "Elapsed"), durationText(progress ? progress->elapsedTime : 0), Style::normal},
+    };
+    if (progress && progress->estimatedRemainingTime) {
+        items.push_back({"hourglass", localized("预计剩余", "ETA"), durationText(*progress->estimatedRemainingTime),
+                         Style::normal});
+    } else {
+        items.push_back({"hourglass", localized("预计剩余", "ETA"), localized("计算中…", "Calculating…"),
+                         Style::placeholder});
+    }
+    return items;
+}
+
+std::string PerformanceMetrics::speedText(double bytesPerSecond) {
+    const double clamped = std::isnan(bytesPerSecond) ? 0.0 : std::clamp(bytesPerSecond, 0.0, 9.2e18);
+    return text::byteCountText(static_cast<std::uint64_t>(std::llround(clamped)),
+                               text::ByteUnits::megabytes | text::ByteUnits::gigabytes) +
+           "/s";
+}
+
+std::string PerformanceMetrics::sizeText(std::uint64_t bytes) {
+    return text::byteCountText(bytes, text::ByteUnits::megabytes | text::ByteUnits::gigabytes);
+}
+
+std::string PerformanceMetrics::iopsText(double operationsPerSecond) {
+    return text::decimalText(std::max(operationsPerSecond, 0.0), 0, 0);
+}
+
+std::vector<MetricItem> PerformanceMetrics::resultItems(const PerformanceResult& result) {
+    return {
+        {"externaldrive.fill", localized("样本大小", "Sample Size"), sizeText(result.actualByteCount), Style::normal},
+        {"arrow.down.circle.fill", localized("写入平均速度", "Average Write Speed"), speedText(result.writeThroughput),
+         Style::highlight},
+        {"arrow.up.circle.fill", localized("读取平均速度", "Average Read Speed"), speedText(result.readThroughput),
+         Style::highlight},
+        {"square.grid.3x3.fill", localized("随机写入 IOPS", "Random Write IOPS"), iopsText(result.randomWriteIOPS),
+         Style::normal},
+        {"square.grid.3x3", localized("随机读取 IOPS", "Random Read IOPS"), iopsText(result.randomReadIOPS),
+         Style::normal},
+        {"arrow.down.to.line.compact", localized("写入最大速度", "Peak Write Speed"),
+         speedText(result.maximumWriteThroughput), Style::normal},
+        {"arrow.up.to.line.compact", localized("读取最大速度", "Peak Read Speed"),
+         speedText(result.maximumReadThroughput), Style::normal},
+        {"clock.badge.checkmark", localized("完成时间", "Finished"), text::mediumDateTimeText(result.finishedAt),
+         Style::normal},
+    };
+}
+
+}  // namespace vantorix

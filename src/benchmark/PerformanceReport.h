@@ -1,0 +1,46 @@
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "benchmark/PerformanceResult.h"
+#include "smart/DiskSMARTInfo.h"
+#include "volumes/DiskVolumeDescriptor.h"
+
+namespace vantorix::report {
+
+// The self-contained HTML report of one run, with its inline SVG chart, in the current language.
+
+// "&", '"', "'", "<" and ">" replaced by their entities, in that order.
+std::string htmlEscaped(std::string_view text);
+
+// The shortest decimal that reads back as the same double, with ".0" on whole numbers ("2400.0").
+std::string shortestDecimal(double value);
+
+// "Vantorix-Performance-" and the finish time in UTC as "yyyyMMdd-HHmmss".
+std::string reportBaseName(std::chrono::system_clock::time_point finishedAt);
+
+struct ChartLabels {
+    std::string timeAxis;
+    std::string throughputAxis;
+    std::string writeLegend;
+    std::string readLegend;
+    std::string empty;
+    std::string accessible;
+
+    // The labels in the current language.
+    static ChartLabels current();
+};
+
+// The 2400 × 1000 chart of the sequential write and read throughput.
+std::string chartSVG(const std::vector<TimelineSample>& timeline, const ChartLabels& labels);
+
+// The SMART card: the summary's status and capability, then its attributes.
+std::string smartSection(const std::optional<DiskSMARTInfo>& smart);
+
+std::string reportHTML(const PerformanceResult& result, const DiskVolumeDescriptor& volume);
+
+}  // namespace vantorix::report

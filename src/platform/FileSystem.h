@@ -1,0 +1,70 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "util/Result.h"
+
+namespace vantorix {
+
+// A failed file operation: the system's error number and its text.
+struct FileError {
+    int code = 0;
+    std::string message;
+};
+
+// An open file with a current position. Reads and writes happen at the position and advance it.
+class FileHandle {
+public:
+    virtual ~FileHandle() = default;
+
+    virtual Result<Unit, FileError> seek(std::uint64_t offset) = 0;
+    // Writes the whole buffer or fails.
+    virtual Result<Unit, FileError> write(std::span<const std::byte> data) = 0;
+    // Reads up to `buffer.size()` bytes; fewer at the end of the file, 0 at or past the end.
+    virtual Result<std::size_t, FileError> read(std::span<std::byte> buffer) = 0;
+    virtual Result<Unit, FileError> truncate(std::uint64_t length) = 0;
+    // Flushes the file's data to storage.
+    virtual Result<Unit, FileError> synchronize() = 0;
+    // Closes the file; later calls fail. Destroying an open handle closes it too.
+    virtual Result<Unit, FileError> close() = 0;
+
+protected:
+    FileHandle() = default;
+    FileHandle(const FileHandle&) = default;
+    FileHandle& operator=(const FileHandle&) = default;
+};
+
+// The file operations of the performance test and its report.
+class FileSystem {
+public:
+    virtual ~FileSystem() = default;
+
+    // Creates an empty file; fails when something exists at the path already.
+    virtual Result<Unit, FileError> createEmptyFile(const std::string& path) = 0;
+    virtual bool exists(const std::string& path) = 0;
+    virtual Result<Unit, FileError> remove(const std::string& path) = 0;
+
+    virtual Result<std::unique_ptr<FileHandle>, FileError> openForUpdating(const std::string& path) = 0;
+    virtual Result<std::unique_ptr<FileHandle>, FileError> openForWriting(const std::string& path) = 0;
+    virtual Result<std::unique_ptr<FileHandle>, FileError> openForReading(const std::string& path) = 0;
+
+    // Writes `data` as a new file in `directory` named `baseName` + `extension`, or, when that
+    // name is taken, `baseName` + "-1" + `extension`, "-2", … (the first free one). The file
+    // appears complete or not at all, and an existing file is never replaced. Returns its path.
+    virtual Result<std::string, FileError> writeNewFileAtomically(const std::string& directory,
+                                                                  const std::string& baseName,
+                                                                  const std::string& extension,
+                                                                  std::string_view data) = 0;
+
+protected:
+    FileSystem() = default;
+    FileSystem(const FileSystem&) = default;
+    FileSystem& operator=(const FileSystem&) = default;
+};
+
+}  // namespace vantorix
