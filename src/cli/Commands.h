@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <ostream>
@@ -36,10 +37,35 @@ struct MonitorOptions {
     DiskIOMonitor::SamplingPrecision precision = DiskIOMonitor::SamplingPrecision::ms1000;
     std::optional<double> duration;  // seconds; until Ctrl-C when absent
     bool json = false;
+    std::optional<std::string> csvPath;  // when set, the chart export (CSV and PNG beside it) at the end
 };
 
 // Monitors the volume behind a folder: a line of figures a second until the duration ends or the
 // user presses Ctrl-C, then a summary. Exit status 0, 1 on an error, 130 when interrupted.
 int runMonitor(const MonitorOptions& options, Environment& environment);
+
+struct BenchOptions {
+    std::string path;
+    std::string size = "full";  // "full", or a gigabyte count: "1", "10", "100", "1000", "10000"
+    bool json = false;
+    // Shorter runs for tests and comparisons; hidden from --help.
+    std::optional<std::uint64_t> payloadBytes;
+    std::optional<double> randomSeconds;
+};
+
+// Runs the four-phase performance test on the volume behind a folder, with a progress line, then
+// prints the result and the report's path. Exit status 0, 1 on an error, 130 when interrupted
+// (the test files are removed first).
+int runBench(const BenchOptions& options, Environment& environment);
+
+struct SmartOptions {
+    std::string jsonFile;
+    bool json = false;
+};
+
+// Replays a saved `smartctl --json` output through the SMART interpretation and prints the overall
+// status, the capability and the rows. Exit status 0, 1 when the file cannot be read or holds no
+// usable SMART information.
+int runSmart(const SmartOptions& options, Environment& environment);
 
 }  // namespace vantorix::cli

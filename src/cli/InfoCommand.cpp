@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "cli/Commands.h"
+#include "cli/TextTable.h"
 #include "monitor/DiskIOKitStatisticsProvider.h"
 #include "platform/linux/LinuxVolumeInfoSource.h"
 #include "platform/linux/SysfsRegistry.h"
@@ -36,25 +37,6 @@ std::string capacityLine(const std::optional<std::uint64_t>& bytes) {
 std::string counterLine(std::uint64_t bytes) {
     return text::isEnglish() ? fmt::format("{} ({})", text::totalBytesText(bytes), bytes)
                              : fmt::format("{}（{}）", text::totalBytesText(bytes), bytes);
-}
-
-void printTable(std::ostream& out, const std::vector<std::pair<std::string, std::string>>& rows) {
-    std::size_t width = 0;
-    const auto displayWidth = [](const std::string& s) {
-        // Every CJK character of these labels takes two columns; other text is ASCII.
-        std::size_t columns = 0;
-        for (std::size_t i = 0; i < s.size();) {
-            const auto c = static_cast<unsigned char>(s[i]);
-            const std::size_t length = c < 0x80 ? 1 : c < 0xE0 ? 2 : c < 0xF0 ? 3 : 4;
-            columns += length >= 3 ? 2 : 1;
-            i += length;
-        }
-        return columns;
-    };
-    for (const auto& row : rows) width = std::max(width, displayWidth(row.first));
-    for (const auto& [label, value] : rows) {
-        out << label << std::string(width - displayWidth(label) + 2, ' ') << value << '\n';
-    }
 }
 
 }  // namespace

@@ -1,0 +1,345 @@
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <iostream>
+#include <map>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <optional>
+
+#include "benchmark/DiskPerformanceTester.h"
+#include "benchmark/PerformanceMetrics.h"
+#include "cli/Commands.h"
+#include "cli/SignalWatcher.h"
+#include "cli/TextTable.h"
+#include "concurrency/LoopMainExecutor.h"
+#include "monitor/DiskIOKitStatisticsProvider.h"
+#include "platform/linux/PosixFileSystem.h"
+#include "text/Formats.h"
+#include "text/Language.h"
+#include "text/Messages.h"
+#include "volumes/DiskVolumeResolver.h"
+
+namespace vantorix::cli {
+namespace {
+
+using ordered_json = nlohmann::ordered_json;
+using text::localized;
+
+// A phase is taken as served from the page cache when less than half of the bytes it moved
+// reached the device.
+constexpr double kCacheThreshold = 0.5;
+
+bool isWritePhase(BenchmarkPhase phase) {
+    return phase == BenchmarkPhase::randomWrite || phase == BenchmarkPhase::sequentialWrite;
+}
+
+// What each phase moved, next to what the volume's block counters saw in the same span.
+class DeviceTraffic {
+public:
+    struct Phase {
+        std::uint64_t bytesMoved = 0;
+        std::optional<std::uint64_t> deviceBytes;
+
+        bool servedFromPageCache() const {
+            return deviceBytes && bytesMoved > 0 &&
+                   static_cast<double>(*deviceBytes) < kCacheThreshold * static_cast<double>(bytesMoved);
+        }
+    };
+
+    explicit DeviceTraffic(std::unique_ptr<StatisticsSession> session) : session_(std::move(session)) {}
+
+    // Called on the test's thread.
+    DiskPerformanceTester::PhaseObserver observer() {
+        return {[this](BenchmarkPhase phase) {
+                    const auto now = read();
+                    std::lock_guard lock(mutex_);
+                    startCounters_[phase] = now;
+                },
+                [this](BenchmarkPhase phase, std::uint64_t bytesMoved) {
+                    const auto now = read();
+                    std::lock_guard lock(mutex_);
+                    Phase& entry = phases_[phase];
+                    entry.bytesMoved = bytesMoved;
+                    const auto start = startCounters_.find(phase);
+                    if (now && start != startCounters_.end() && start->second) {
+                        // Counters wrap modulo 2^64, so the difference is right across a wrap.
+                        entry.deviceBytes = isWritePhase(phase) ? now->bytesWritten - start->second->bytesWritten
+                                                                : now->bytesRead - start->second->bytesRead;
+                    }
+                }};
+    }
+
+    std::map<BenchmarkPhase, Phase> phases() const {
+        std::lock_guard lock(mutex_);
+        return phases_;
+    }
+
+    ~DeviceTraffic() {
+        if (session_) session_->end();
+    }
+    DeviceTraffic(const DeviceTraffic&) = delete;
+    DeviceTraffic& operator=(const DeviceTraffic&) = delete;
+
+private:
+    std::optional<StatisticsSession::Snapshot> read() {
+        if (!session_) return std::nullopt;
+        auto snapshot = session_->snapshot();
+        if (!snapshot) return std::nullopt;
+        return snapshot.value();
+    }
+
+    std::unique_ptr<StatisticsSession> session_;
+    mutable std::mutex mutex_;
+    std::map<BenchmarkPhase, std::optional<StatisticsSession::Snapshot>> startCounters_;
+    std::map<BenchmarkPhase, Phase> phases_;
+};
+
+std::string deviceLine(BenchmarkPhase phase, const DeviceTraffic::Phase& traffic) {
+    using text::ByteUnits;
+    const auto bytes = [](std::uint64_t count) {
+        return text::byteCountText(count, ByteUnits::bytes | ByteUnits::kilobytes | ByteUnits::megabytes |
+                                              ByteUnits::gigabytes | ByteUnits::terabytes);
+    };
+    const bool write = isWritePhase(phase);
+    if (!traffic.deviceBytes) {
+        return text::isEnglish() ? fmt::format("moved {}; device counters unavailable", bytes(traffic.bytesMoved))
+                                 : fmt::format("传输 {}；无法读取设备计数", bytes(traffic.bytesMoved));
+    }
+    if (text::isEnglish()) {
+        return fmt::format("moved {}, device {} {}", bytes(traffic.bytesMoved), write ? "wrote" : "read",
+                           bytes(*traffic.deviceBytes));
+    }
+    return fmt::format("传输 {}，设备{} {}", bytes(traffic.bytesMoved), write ? "写入" : "读取",
+                       bytes(*traffic.deviceBytes));
+}
+
+std::string cacheWarning(BenchmarkPhase phase) {
+    return text::isEnglish()
+               ? fmt::format("Warning: the {} was served mostly from the page cache; its speed reflects memory, not "
+                             "the disk.",
+                             phaseName(phase))
+               : fmt::format("警告：{}的数据大多来自页面缓存，其速度反映的是内存而不是磁盘。", phaseName(phase));
+}
+
+std::string progressLine(const ProgressState& progress) {
+    const std::string eta = progress.estimatedRemainingTime
+                                ? PerformanceMetrics::durationText(*progress.estimatedRemainingTime)
+                                : localized("计算中…", "Calculating…");
+    return fmt::format("{}  {}  {} {}  {} {}", phaseName(progress.phase),
+                       PerformanceMetrics::progressText(progress.fractionCompleted),
+                       localized("已用时间", "Elapsed"), PerformanceMetrics::durationText(progress.elapsedTime),
+                       localized("预计剩余", "ETA"), eta);
+}
+
+std::string isoTime(std::chrono::system_clock::time_point time) {
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
+    const auto millis = std::chrono::duration_cast<std::chrono::milliseconds>(time - seconds).count();
+    return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}Z", fmt::gmtime(std::chrono::system_clock::to_time_t(seconds)), millis);
+}
+
+ordered_json resultJson(const PerformanceResult& result, const DiskVolumeDescriptor& volume,
+                        const std::map<BenchmarkPhase, DeviceTraffic::Phase>& traffic,
+                        const std::optional<std::string>& reportPath, const std::string& reportMessage) {
+    ordered_json timeline = ordered_json::array();
+    for (const auto& sample : result.timeline) {
+        timeline.push_back({{"phase", TimelineSample::rawValue(sample.phase)},
+                            {"timestamp", sample.timestamp},
+                            {"bytesTransferred", sample.bytesTransferred},
+                            {"throughput", sample.throughput}});
+    }
+    ordered_json phases = ordered_json::array();
+    for (const auto phase : kBenchmarkPhases) {
+        const auto found = traffic.find(phase);
+        if (found == traffic.end()) continue;
+        phases.push_back({{"phase", rawValue(phase)},
+                          {"bytesMoved", found->second.bytesMoved},
+                          {"deviceBytes", found->second.deviceBytes ? ordered_json(*found->second.deviceBytes)
+                                                                    : ordered_json(nullptr)},
+                          {"servedFromPageCache", found->second.servedFromPageCache()}});
+    }
+    return ordered_json{
+        {"volume", {{"url", volume.url}, {"bsdName", volume.bsdName}, {"displayName", volume.displayName}}},
+        {"dataSize", result.dataSize.id()},
+        {"actualByteCount", result.actualByteCount},
+        {"isPayloadAdjusted", result.isPayloadAdjusted},
+        {"writeDuration", result.writeDuration},
+        {"writeThroughput", result.writeThroughput},
+        {"readDuration", result.readDuration},
+        {"readThroughput", result.readThroughput},
+        {"randomWriteIOPS", result.randomWriteIOPS},
+        {"randomReadIOPS", result.randomReadIOPS},
+        {"randomBlockSize", result.randomBlockSize},
+        {"randomOperationCount", result.randomOperationCount},
+        {"maximumWriteThroughput", result.maximumWriteThroughput},
+        {"maximumReadThroughput", result.maximumReadThroughput},
+        {"finishedAt", isoTime(result.finishedAt)},
+        {"timeline", timeline},
+        {"phases", phases},
+        {"reportPath", reportPath ? ordered_json(*reportPath) : ordered_json(nullptr)},
+        {"reportMessage", reportMessage},
+    };
+}
+
+// Drives one run on the main loop: start, progress, outcome, report.
+class BenchSession {
+public:
+    BenchSession(const BenchOptions& options, Environment& environment, std::shared_ptr<LoopMainExecutor> main)
+        : options_(options), environment_(environment), out_(*environment.out), err_(*environment.err),
+          main_(std::move(main)), interactive_(environment.err == &std::cerr && ::isatty(STDERR_FILENO) == 1) {}
+
+    int run() {
+        auto resolved = DiskVolumeResolver::resolve(options_.path, *environment_.files, *environment_.registry);
+        if (!resolved) return fail(resolved.error().description());
+        volume_ = std::move(resolved).value();
+
+        DiskPerformanceTester::Parameters parameters;
+        if (options_.randomSeconds) parameters.randomPhaseDuration = *options_.randomSeconds;
+        parameters.payloadBytes = options_.payloadBytes;
+        tester_ = DiskPerformanceTester::create({main_, std::make_shared<PosixFileSystem>()}, parameters);
+        tester_->setDataSize(options_.size == "full" ? DataSize::availableSpace()
+                                                     : DataSize::gigabytes(std::stoll(options_.size)));
+
+        auto session = StatisticsSession::create(environment_.registry, *volume_);
+        traffic_ = std::make_unique<DeviceTraffic>(session ? std::move(session).value() : nullptr);
+        tester_->setPhaseObserver(traffic_->observer());
+
+        const auto preview = tester_->payloadPreview(volume_);
+        const auto context = performancePayloadContext(volume_, tester_->state().dataSize, preview);
+        tester_->runTest(volume_);
+        if (!tester_->state().isRunning) {
+            return fail(tester_->state().errorMessage.value_or(context.description));
+        }
+        err_ << (text::isEnglish()
+                     ? fmt::format("Testing {} ({}) in {}. {}. Press Ctrl-C to stop.", volume_->displayName,
+                                   volume_->bsdName, volume_->url, context.description)
+                     : fmt::format("正在测试 {}（{}），目录 {}。{}。按 Ctrl-C 停止。", volume_->displayName,
+                                   volume_->bsdName, volume_->url, context.description))
+             << std::endl;
+        subscription_ = tester_->subscribe([this](const DiskPerformanceTester::State& state) { observe(state); });
+        observe(tester_->state());
+        main_->run();
+        tester_->waitForBackgroundWork();
+        return exitStatus_;
+    }
+
+    void interrupt() {
+        if (done_) return;
+        interrupted_ = true;
+        tester_->stopTest();
+    }
+
+private:
+    void observe(const DiskPerformanceTester::State& state) {
+        if (done_) return;
+        if (state.isRunning) {
+            if (state.progressState) showProgress(progressLine(*state.progressState));
+            return;
+        }
+        endProgressLine();
+        if (interrupted_) {
+            err_ << localized("性能测试已停止，测试文件已删除。", "Performance test stopped; its test files were removed.")
+                 << std::endl;
+            finish(kInterrupted);
+        } else if (state.lastResult && !state.automaticReportMessage) {
+            // Success: the report is being written; its message follows.
+        } else if (state.lastResult) {
+            printResult(*state.lastResult, state);
+            finish(state.lastReportPath ? kSuccess : kFailure);
+        } else {
+            fail(state.errorMessage.value_or(""));
+            main_->stop();
+        }
+    }
+
+    // Shows a progress line when its text changed: in place on a terminal, else as a new line.
+    void showProgress(const std::string& line) {
+        if (line == lastProgressLine_) return;
+        lastProgressLine_ = line;
+        if (interactive_) {
+            err_ << "\r\033[K" << line << std::flush;
+            lineOpen_ = true;
+        } else {
+            err_ << line << '\n' << std::flush;
+        }
+    }
+
+    void endProgressLine() {
+        if (lineOpen_) err_ << '\n' << std::flush;
+        lineOpen_ = false;
+    }
+
+    void printResult(const PerformanceResult& result, const DiskPerformanceTester::State& state) {
+        const auto traffic = traffic_->phases();
+        if (options_.json) {
+            out_ << resultJson(result, *volume_, traffic, state.lastReportPath, *state.automaticReportMessage).dump(2)
+                 << std::endl;
+        } else {
+            std::vector<std::pair<std::string, std::string>> rows;
+            for (const auto& item : PerformanceMetrics::resultItems(result)) rows.emplace_back(item.title, item.value);
+            rows.emplace_back(localized("随机操作次数", "Random Operations"), std::to_string(result.randomOperationCount));
+            for (const auto phase : kBenchmarkPhases) {
+                const auto found = traffic.find(phase);
+                if (found != traffic.end()) rows.emplace_back(phaseName(phase), deviceLine(phase, found->second));
+            }
+            printTable(out_, rows);
+            out_ << std::flush;
+        }
+        for (const auto phase : kBenchmarkPhases) {
+            const auto found = traffic.find(phase);
+            if (found != traffic.end() && found->second.servedFromPageCache()) err_ << cacheWarning(phase) << '\n';
+        }
+        (state.lastReportPath ? (options_.json ? err_ : out_) : err_) << *state.automaticReportMessage << std::endl;
+    }
+
+    int fail(const std::string& message) {
+        err_ << message << std::endl;
+        if (options_.json) out_ << ordered_json{{"error", {{"message", message}}}}.dump(2) << std::endl;
+        exitStatus_ = kFailure;
+        done_ = true;
+        return kFailure;
+    }
+
+    void finish(int status) {
+        exitStatus_ = status;
+        done_ = true;
+        main_->stop();
+    }
+
+    BenchOptions options_;
+    Environment& environment_;
+    std::ostream& out_;
+    std::ostream& err_;
+    std::shared_ptr<LoopMainExecutor> main_;
+    bool interactive_;
+    std::optional<DiskVolumeDescriptor> volume_;
+    std::shared_ptr<DiskPerformanceTester> tester_;
+    std::unique_ptr<DeviceTraffic> traffic_;
+    Subscription subscription_;
+    std::string lastProgressLine_;
+    bool lineOpen_ = false;
+    bool interrupted_ = false;
+    bool done_ = false;
+    int exitStatus_ = kSuccess;
+};
+
+}  // namespace
+
+int runBench(const BenchOptions& options, Environment& environment) {
+    // Signals are blocked before the tester's threads start, so only the watcher receives them.
+    auto main = std::make_shared<LoopMainExecutor>();
+    BenchSession* current = nullptr;
+    SignalWatcher signals([&main, &current](int) {
+        main->post([&current] {
+            if (current != nullptr) current->interrupt();
+        });
+    });
+    BenchSession session(options, environment, main);
+    current = &session;
+    const int status = session.run();
+    current = nullptr;
+    return status;
+}
+
+}  // namespace vantorix::cli

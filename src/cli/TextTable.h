@@ -1,0 +1,16 @@
+#pragma once
+
+#include <ostream>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace vantorix::cli {
+
+// Columns a text takes on a terminal: two for each CJK character, one for anything else.
+std::size_t displayWidth(const std::string& text);
+
+// Prints label/value rows with the values lined up in one column.
+void printTable(std::ostream& out, const std::vector<std::pair<std::string, std::string>>& rows);
+
+}  // namespace vantorix::cli

@@ -1,0 +1,148 @@
+#include "smart/SmartValueText.h"
+
+#include <unicode/locid.h>
+#include <unicode/numberformatter.h>
+#include <unicode/uchar.h>
+#include <unicode/unistr.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+#include <optional>
+
+#include "smart/Utf8.h"
+
+namespace vantorix::smart {
+namespace {
+
+namespace number = icu::number;
+
+bool isWhiteSpaceOrLineBreak(UChar32 c) {
+    if (c == 0x09 || (c >= 0x0A && c <= 0x0D) || c == 0x85) return true;
+    const auto type = u_charType(c);
+    return type == U_SPACE_SEPARATOR || type == U_LINE_SEPARATOR || type == U_PARAGRAPH_SEPARATOR;
+}
+
+bool isAsciiLower(char c) { return c >= 'a' && c <= 'z'; }
+bool isAsciiUpper(char c) { return c >= 'A' && c <= 'Z'; }
+bool isAsciiDigit(char c) { return c >= '0' && c <= '9'; }
+
+// Decimal style with grouping and up to two fraction digits. en_US_POSIX has no grouping of its
+// own, so grouping is asked for explicitly (in threes, as in every locale used here). Made once;
+// formatting through a const LocalizedNumberFormatter is thread-safe.
+const number::LocalizedNumberFormatter& numberFormatter(bool english) {
+    static const auto make = [](const char* locale) {
+        return new number::LocalizedNumberFormatter(number::NumberFormatter::withLocale(icu::Locale(locale))
+                                                        .grouping(UNUM_GROUPING_ON_ALIGNED)
+                                                        .precision(number::Precision::maxFraction(2)));
+    };
+    static const number::LocalizedNumberFormatter* posix = make("en_US_POSIX");
+    static const number::LocalizedNumberFormatter* chinese = make("zh_CN");
+    return english ? *posix : *chinese;
+}
+
+std::optional<std::string> toUtf8(const number::FormattedNumber& formatted, UErrorCode& status) {
+    const icu::UnicodeString text = formatted.toString(status);
+    if (U_FAILURE(status) || text.isEmpty()) return std::nullopt;
+    std::string result;
+    text.toUTF8String(result);
+    return result;
+}
+
+std::string formattedNumber(const nlohmann::ordered_json& value, bool english) {
+    const auto& formatter = numberFormatter(english);
+    UErrorCode status = U_ZERO_ERROR;
+    std::optional<std::string> text;
+    std::string plain;
+    if (value.is_number_unsigned()) {
+        const auto unsignedValue = value.get<std::uint64_t>();
+        plain = std::to_string(unsignedValue);
+        if (unsignedValue <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
+            text = toUtf8(formatter.formatInt(static_cast<std::int64_t>(unsignedValue), status), status);
+        } else {
+            // Beyond int64: through ICU's decimal number, which keeps every digit.
+            text = toUtf8(formatter.formatDecimal(icu::StringPiece(plain.data(), static_cast<std::int32_t>(plain.size())),
+                                                  status),
+                          status);
+        }
+    } else if (value.is_number_integer()) {
+        const auto signedValue = value.get<std::int64_t>();
+        plain = std::to_string(signedValue);
+        text = toUtf8(formatter.formatInt(signedValue, status), status);
+    } else {
+        const auto doubleValue = value.get<double>();
+        plain = value.dump();
+        text = toUtf8(formatter.formatDouble(doubleValue, status), status);
+    }
+    return text ? *std::move(text) : plain;
+}
+
+}  // namespace
+
+std::string_view trimmed(std::string_view text) {
+    std::size_t begin = 0;
+    while (begin < text.size()) {
+        std::size_t next = begin;
+        const UChar32 c = nextCodePoint(text, next);
+        if (c < 0 || !isWhiteSpaceOrLineBreak(c)) break;
+        begin = next;
+    }
+    std::size_t end = text.size();
+    while (end > begin) {
+        std::size_t previous = end;
+        const UChar32 c = previousCodePoint(text, begin, previous);
+        if (c < 0 || !isWhiteSpaceOrLineBreak(c)) break;
+        end = previous;
+    }
+    return text.substr(begin, end - begin);
+}
+
+std::string lowercased(std::string_view text) {
+    if (std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; })) {
+        std::string result(text);
+        for (auto& c : result) {
+            if (isAsciiUpper(c)) c = static_cast<char>(c - 'A' + 'a');
+        }
+        return result;
+    }
+    icu::UnicodeString unicode =
+        icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<std::int32_t>(text.size())));
+    unicode.toLower(icu::Locale::getRoot());
+    std::string result;
+    unicode.toUTF8String(result);
+    return result;
+}
+
+std::string derivedName(std::string_view memberName) {
+    std::string name;
+    name.reserve(memberName.size() + 4);
+    char previous = '\0';
+    for (const char c : memberName) {
+        if (isAsciiUpper(c) && (isAsciiLower(previous) || isAsciiDigit(previous))) name += ' ';
+        name += c == '_' ? ' ' : c;
+        previous = c;
+    }
+    const std::string_view kept = trimmed(name);
+    return kept.empty() ? std::string(memberName) : std::string(kept);
+}
+
+std::string formattedValue(const nlohmann::ordered_json& value, bool english) {
+    switch (value.type()) {
+        case nlohmann::ordered_json::value_t::string:
+            return std::string(trimmed(value.get_ref<const std::string&>()));
+        case nlohmann::ordered_json::value_t::boolean:
+            if (english) return value.get<bool>() ? "Yes" : "No";
+            return value.get<bool>() ? "是" : "否";
+        case nlohmann::ordered_json::value_t::number_integer:
+        case nlohmann::ordered_json::value_t::number_unsigned:
+        case nlohmann::ordered_json::value_t::number_float:
+            return formattedNumber(value, english);
+        case nlohmann::ordered_json::value_t::null:
+            return "<null>";
+        default:
+            // Containers are walked, never formatted; this keeps the function total.
+            return value.type_name();
+    }
+}
+
+}  // namespace vantorix::smart

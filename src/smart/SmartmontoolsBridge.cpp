@@ -1,0 +1,109 @@
+#include "smart/SmartmontoolsBridge.h"
+
+#include <algorithm>
+#include <array>
+#include <exception>
+#include <string>
+
+#include "platform/Log.h"
+#include "smart/Base64.h"
+#include "smart/SmartValueText.h"
+#include "smart/SmartctlJSONInterpreter.h"
+#include "smart/Utf8.h"
+
+namespace vantorix::smart {
+namespace {
+
+using json = nlohmann::ordered_json;
+
+const log::Logger& logger() { return log::logger(kBridgeLogCategory); }
+
+std::string readableBytes(std::string_view bytes) {
+    return isValidUtf8(bytes) ? std::string(bytes) : base64Encoded(bytes);
+}
+
+bool isSevere(std::string_view severity) {
+    static constexpr std::array<std::string_view, 5> kSevere{"error", "fatal", "critical", "warning", "warn"};
+    const std::string lower = lowercased(severity);
+    return std::find(kSevere.begin(), kSevere.end(), lower) != kSevere.end();
+}
+
+void logMessages(const json& list, const std::string& command) {
+    if (!list.is_array()) return;
+    for (const auto& message : list) {
+        if (!message.is_object()) continue;
+        const auto text = message.find("string");
+        if (text == message.end() || !text->is_string()) continue;
+        const std::string_view content = trimmed(text->get_ref<const std::string&>());
+        if (content.empty()) continue;
+        const auto severityMember = message.find("severity");
+        const std::string severity = severityMember != message.end() && severityMember->is_string()
+                                         ? severityMember->get<std::string>()
+                                         : std::string("notice");
+        const auto line = fmt::format("smartctl reported message (severity: {}) for command {}: {}", severity,
+                                      command, content);
+        logger().write(isSevere(severity) ? log::Level::error : log::Level::notice, line);
+    }
+}
+
+void logDiagnostics(const SmartctlExecutionResult& result, std::string_view bsdName, const json* document) {
+    const auto& log = logger();
+    if (result.terminationStatus != 0) {
+        log.notice("smartctl exited with status {} for BSD name {}; continuing to parse command: {}",
+                   result.terminationStatus, bsdName, result.commandDescription);
+    } else {
+        log.debug("smartctl exited with status 0 for BSD name {}; command: {}", bsdName, result.commandDescription);
+    }
+    if (log.enabled(log::Level::debug)) {
+        if (result.jsonData.empty()) log.debug("smartctl stdout for BSD name {} was empty", bsdName);
+        else log.debug("smartctl stdout for BSD name {}: {}", bsdName, readableBytes(result.jsonData));
+        if (result.standardError.empty()) log.debug("smartctl stderr for BSD name {} was empty", bsdName);
+        else log.debug("smartctl stderr for BSD name {}: {}", bsdName, readableBytes(result.standardError));
+    }
+    if (document == nullptr) return;
+    if (const auto messages = document->find("messages"); messages != document->end()) {
+        logMessages(*messages, result.commandDescription);
+    }
+    if (const auto tool = document->find("smartctl"); tool != document->end() && tool->is_object()) {
+        if (const auto messages = tool->find("messages"); messages != tool->end()) {
+            logMessages(*messages, result.commandDescription);
+        }
+    }
+}
+
+}  // namespace
+
+std::optional<json> parsedDocument(std::string_view jsonData) {
+    if (jsonData.empty()) return std::nullopt;
+    try {
+        json document = json::parse(jsonData.begin(), jsonData.end(), nullptr, /*allow_exceptions=*/false);
+        if (!document.is_object()) return std::nullopt;
+        return document;
+    } catch (const std::exception&) {
+        // Parsing reports malformed text without exceptions; what is left is running out of memory.
+        return std::nullopt;
+    }
+}
+
+void logResultDiagnostics(const SmartctlExecutionResult& result, std::string_view bsdName) {
+    const auto document = parsedDocument(result.jsonData);
+    logDiagnostics(result, bsdName, document ? &*document : nullptr);
+}
+
+std::optional<DiskSMARTInfo> interpretResult(const SmartctlExecutionResult& result, std::string_view bsdName) {
+    const auto document = parsedDocument(result.jsonData);
+    logDiagnostics(result, bsdName, document ? &*document : nullptr);
+    if (!document) {
+        logger().error("Failed to decode smartctl JSON for BSD name {}", bsdName);
+        return std::nullopt;
+    }
+    auto info = interpret(*document, result.commandDescription);
+    if (!info) {
+        logger().error("smartctl JSON for BSD name {} did not contain usable SMART information", bsdName);
+        return std::nullopt;
+    }
+    logger().notice("Successfully parsed SMART details for BSD name {} via privileged helper", bsdName);
+    return info;
+}
+
+}  // namespace vantorix::smart

@@ -1,0 +1,214 @@
+#include "benchmark/DiskPerformanceTester.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "MemoryFileSystem.h"
+#include "benchmark/ProgressTracker.h"
+#include "concurrency/ManualMainExecutor.h"
+#include "support/ScopedEnvironment.h"
+
+namespace vantorix {
+namespace {
+
+using testing::MemoryFileSystem;
+using Operation = MemoryFileSystem::Operation;
+
+DiskVolumeDescriptor volume(std::optional<std::uint64_t> freeBytes = 100'000'000'000ULL) {
+    DiskVolumeDescriptor descriptor;
+    descriptor.url = "/mnt/test";
+    descriptor.bsdName = "loop9";
+    descriptor.displayName = "TEST";
+    descriptor.connectionTypeDescription = "Virtual Interface";
+    descriptor.availableCapacityBytes = freeBytes;
+    return descriptor;
+}
+
+struct Harness {
+    explicit Harness(std::uint64_t payload, double randomSeconds = 0.05) {
+        DiskPerformanceTester::Parameters parameters;
+        parameters.randomPhaseDuration = randomSeconds;
+        parameters.payloadBytes = payload;
+        tester = DiskPerformanceTester::create({main, files}, parameters);
+        tester->setDataSize(DataSize::gigabytes(1));
+        subscription = tester->subscribe([this](const DiskPerformanceTester::State& state) {
+            if (state.progressState) progress.push_back(*state.progressState);
+        });
+    }
+
+    // Runs until the run has ended and its files and report are done with.
+    void runToEnd() {
+        tester->runTest(volume());
+        ASSERT_TRUE(main->runUntil([&] { return !tester->state().isRunning; }, std::chrono::seconds(60)));
+        tester->waitForBackgroundWork();
+        main->drain();
+    }
+
+    std::shared_ptr<ManualMainExecutor> main = std::make_shared<ManualMainExecutor>();
+    std::shared_ptr<MemoryFileSystem> files = std::make_shared<MemoryFileSystem>();
+    std::shared_ptr<DiskPerformanceTester> tester;
+    std::vector<ProgressState> progress;
+    Subscription subscription;
+};
+
+std::vector<std::uint64_t> values(const std::vector<Operation>& operations, Operation::Kind kind) {
+    std::vector<std::uint64_t> found;
+    for (const auto& operation : operations) {
+        if (operation.kind == kind) found.push_back(operation.value);
+    }
+    return found;
+}
+
+TEST(DiskPerformanceTester, SuccessfulRunPublishesResultRemovesFilesAndWritesTheReport) {
+    testing::ScopedLanguage english("en_US.UTF-8");
+    const std::uint64_t payload = 16'777'216ULL * 2 + 1;
+    Harness h(payload);
+    h.runToEnd();
+    const auto& state = h.tester->state();
+
+    ASSERT_TRUE(state.lastResult) << state.errorMessage.value_or("");
+    const auto& result = *state.lastResult;
+    EXPECT_EQ(result.actualByteCount, payload);
+    EXPECT_EQ(result.dataSize, DataSize::gigabytes(1));
+    EXPECT_GT(result.randomWriteIOPS, 0);
+    EXPECT_GT(result.randomReadIOPS, 0);
+    EXPECT_GT(result.randomOperationCount, 0);
+    EXPECT_GT(result.writeThroughput, 0);
+    EXPECT_GT(result.readThroughput, 0);
+    EXPECT_FALSE(state.errorMessage);
+    EXPECT_FALSE(state.progressState);
+
+    // The file names, and nothing left behind.
+    const auto created = h.files->everCreated();
+    ASSERT_EQ(created.size(), 2U);
+    EXPECT_EQ(created[0].rfind("/mnt/test/Vantorix_IO_RandomTest_", 0), 0U);
+    EXPECT_EQ(created[1].rfind("/mnt/test/Vantorix_IO_Test_", 0), 0U);
+    EXPECT_EQ(created[1].size(), std::string("/mnt/test/Vantorix_IO_Test_").size() + 36);
+    EXPECT_TRUE(h.files->existingFiles().empty());
+    EXPECT_TRUE(h.tester->temporaryFiles().empty());
+
+    // Three sequential writes: 16 MiB, 16 MiB and the last byte; the same three reads.
+    const auto writes = values(h.files->operations(), Operation::write);
+    ASSERT_GE(writes.size(), 3U);
+    EXPECT_EQ(std::vector<std::uint64_t>(writes.end() - 3, writes.end()),
+              (std::vector<std::uint64_t>{16'777'216, 16'777'216, 1}));
+    const auto reads = values(h.files->operations(), Operation::read);
+    EXPECT_EQ(std::vector<std::uint64_t>(reads.end() - 3, reads.end()),
+              (std::vector<std::uint64_t>{16'777'216, 16'777'216, 1}));
+    // Random offsets stay inside the working set.
+    for (const auto offset : values(h.files->operations(), Operation::seek)) EXPECT_LE(offset, payload - 4096);
+
+    // Progress: the fraction stays 0 with no estimate while the random phases run, reaches 0.5
+    // after the write and ends at 1 with nothing remaining.
+    ASSERT_FALSE(h.progress.empty());
+    for (const auto& p : h.progress) {
+        if (p.phase == BenchmarkPhase::randomWrite || p.phase == BenchmarkPhase::randomRead) {
+            EXPECT_EQ(p.fractionCompleted, 0);
+            EXPECT_FALSE(p.estimatedRemainingTime);
+        }
+    }
+    EXPECT_TRUE(std::any_of(h.progress.begin(), h.progress.end(), [](const ProgressState& p) {
+        return p.phase == BenchmarkPhase::sequentialWrite && p.fractionCompleted == 0.5;
+    }));
+    EXPECT_EQ(h.progress.back().phase, BenchmarkPhase::sequentialRead);
+    EXPECT_EQ(h.progress.back().fractionCompleted, 1);
+    EXPECT_EQ(h.progress.back().estimatedRemainingTime, 0.0);
+
+    // The report went to the volume's folder, and its message says where.
+    const auto reports = h.files->reports();
+    ASSERT_EQ(reports.size(), 1U);
+    EXPECT_EQ(state.lastReportPath, reports.begin()->first);
+    EXPECT_EQ(state.automaticReportMessage,
+              "Performance test finished. Report automatically saved to: " + reports.begin()->first);
+}
+
+TEST(DiskPerformanceTester, SmallPayloadsUseOffsetZeroAndShorterBlocks) {
+    struct Case {
+        std::uint64_t payload;
+        std::uint64_t randomBlock;
+    };
+    for (const Case c : {Case{4096, 4096}, Case{1000, 1000}}) {
+        SCOPED_TRACE(c.payload);
+        Harness h(c.payload);
+        h.runToEnd();
+        ASSERT_TRUE(h.tester->state().lastResult);
+        const auto seeks = values(h.files->operations(), Operation::seek);
+        ASSERT_FALSE(seeks.empty());
+        EXPECT_TRUE(std::all_of(seeks.begin(), seeks.end(), [](std::uint64_t offset) { return offset == 0; }));
+        const auto writes = values(h.files->operations(), Operation::write);
+        EXPECT_EQ(writes.front(), c.randomBlock);
+        EXPECT_EQ(writes.back(), c.payload);  // the one sequential chunk
+    }
+}
+
+TEST(DiskPerformanceTester, FailuresBecomeTheirTexts) {
+    testing::ScopedLanguage english("en_US.UTF-8");
+    struct Case {
+        const char* name;
+        void (*arrange)(MemoryFileSystem&);
+        const char* message;
+    };
+    const Case cases[] = {
+        {"creation", [](MemoryFileSystem& f) { f.failCreation = true; }, "Failed to create the temporary test file."},
+        {"short read", [](MemoryFileSystem& f) { f.shortReadBy = 1; }, "Read phase failed. Please check the disk status."},
+        {"disk full", [](MemoryFileSystem& f) { f.capacity = 20'000'000; },
+         "Write phase failed. Please check the disk status."},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        Harness h(16'777'216ULL * 2);
+        c.arrange(*h.files);
+        h.runToEnd();
+        EXPECT_EQ(h.tester->state().errorMessage, c.message);
+        EXPECT_FALSE(h.tester->state().lastResult);
+        EXPECT_FALSE(h.tester->state().isRunning);
+        EXPECT_TRUE(h.files->existingFiles().empty());
+        EXPECT_TRUE(h.files->reports().empty());
+    }
+}
+
+TEST(DiskPerformanceTester, RunsThatCannotStartSayWhy) {
+    testing::ScopedLanguage chinese("zh_CN.UTF-8");
+    Harness h(1'000'000);
+    h.tester->runTest(std::nullopt);
+    EXPECT_EQ(h.tester->state().errorMessage, "请先选择需要测试的卷。");
+    h.tester->runTest(volume(999'999));
+    EXPECT_EQ(h.tester->state().errorMessage, "剩余容量不足，无法运行性能测试。");
+    EXPECT_FALSE(h.tester->state().isRunning);
+    EXPECT_TRUE(h.files->everCreated().empty());
+
+    // A second start while running changes nothing.
+    h.tester->runTest(volume());
+    ASSERT_TRUE(h.tester->state().isRunning);
+    EXPECT_FALSE(h.tester->state().errorMessage);
+    const auto token = h.tester->state().automaticReportMessageToken;
+    h.tester->runTest(std::nullopt);
+    EXPECT_FALSE(h.tester->state().errorMessage);
+    EXPECT_EQ(h.tester->state().automaticReportMessageToken, token);
+    h.tester->stopTest();
+    h.tester->waitForBackgroundWork();
+}
+
+TEST(DiskPerformanceTester, StopDuringTheRandomPhasesPublishesNothingAndRemovesTheFiles) {
+    Harness h(16'777'216ULL, 30.0);
+    h.tester->setPhaseObserver({[&](BenchmarkPhase phase) {
+                                    if (phase == BenchmarkPhase::randomWrite) {
+                                        h.main->post([&] { h.tester->stopTest(); });
+                                    }
+                                },
+                                {}});
+    h.tester->runTest(volume());
+    ASSERT_TRUE(h.main->runUntil([&] { return !h.tester->state().isRunning; }, std::chrono::seconds(10)));
+    EXPECT_FALSE(h.tester->state().progressState);
+    h.tester->waitForBackgroundWork();
+    h.main->drain();
+    EXPECT_FALSE(h.tester->state().lastResult);
+    EXPECT_FALSE(h.tester->state().errorMessage);
+    EXPECT_EQ(h.files->everCreated().size(), 1U);
+    EXPECT_TRUE(h.files->existingFiles().empty());
+    EXPECT_TRUE(h.tester->temporaryFiles().empty());
+}
+
+}  // namespace
+}  // namespace vantorix
