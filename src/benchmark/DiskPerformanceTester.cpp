@@ -360,14 +360,13 @@ void DiskPerformanceTester::setDataSize(const DataSize& size) {
 std::optional<EffectivePayload> DiskPerformanceTester::payloadPreview(
     const std::optional<DiskVolumeDescriptor>& volume) const {
     if (!volume) return std::nullopt;
-    auto payload = effectivePayload(state().dataSize, volume->availableCapacityBytes);
-    if (payload && parameters_.payloadBytes) {
+    if (parameters_.payloadBytes) {
         if (volume->availableCapacityBytes && *parameters_.payloadBytes > *volume->availableCapacityBytes) {
             return std::nullopt;
         }
-        payload->byteCount = *parameters_.payloadBytes;
+        return EffectivePayload{*parameters_.payloadBytes, false};
     }
-    return payload;
+    return effectivePayload(state().dataSize, volume->availableCapacityBytes);
 }
 
 void DiskPerformanceTester::runTest(const std::optional<DiskVolumeDescriptor>& volume) {

@@ -44,8 +44,8 @@ public:
     // What a run does. The defaults are what users get; tests and comparisons may shorten them.
     struct Parameters {
         double randomPhaseDuration = 5.0;  // seconds of each random phase
-        // Bytes of each sequential phase in place of the size rule's count (still checked
-        // against the volume's free space).
+        // Bytes of each sequential phase in place of the size rule (still checked against the
+        // volume's free space).
         std::optional<std::uint64_t> payloadBytes;
     };
 

@@ -116,6 +116,14 @@ std::string deviceLine(BenchmarkPhase phase, const DeviceTraffic::Phase& traffic
 }
 
 std::string cacheWarning(BenchmarkPhase phase) {
+    if (isWritePhase(phase)) {
+        return text::isEnglish()
+                   ? fmt::format("Warning: most writes of the {} stayed in the page cache and never reached the "
+                                 "disk; its speed reflects memory, not the disk.",
+                                 phaseName(phase))
+                   : fmt::format("警告：{}的大部分写入停留在页面缓存中，没有到达磁盘；其速度反映的是内存而不是磁盘。",
+                                 phaseName(phase));
+    }
     return text::isEnglish()
                ? fmt::format("Warning: the {} was served mostly from the page cache; its speed reflects memory, not "
                              "the disk.",
@@ -206,7 +214,8 @@ public:
         tester_->setPhaseObserver(traffic_->observer());
 
         const auto preview = tester_->payloadPreview(volume_);
-        const auto context = performancePayloadContext(volume_, tester_->state().dataSize, preview);
+        auto context = performancePayloadContext(volume_, tester_->state().dataSize, preview);
+        if (options_.payloadBytes) context.description = localized("数据量：", "Payload: ") + payloadSizeText(*options_.payloadBytes);
         tester_->runTest(volume_);
         if (!tester_->state().isRunning) {
             return fail(tester_->state().errorMessage.value_or(context.description));

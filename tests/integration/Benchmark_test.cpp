@@ -1,0 +1,204 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <set>
+#include <sstream>
+
+#include "benchmark/DiskPerformanceTester.h"
+#include "benchmark/PerformanceReport.h"
+#include "concurrency/ManualMainExecutor.h"
+#include "platform/linux/LinuxVolumeInfoSource.h"
+#include "platform/linux/PosixFileSystem.h"
+#include "platform/linux/SysfsRegistry.h"
+#include "support/LoopVolume.h"
+#include "support/Process.h"
+#include "support/ScopedEnvironment.h"
+#include "volumes/DiskVolumeResolver.h"
+
+namespace vantorix {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::LoopVolume;
+using json = nlohmann::json;
+namespace fs = std::filesystem;
+
+const std::map<std::string, std::optional<std::string>> kEnglish{{"LANGUAGE", "en_US"}, {"LC_ALL", std::nullopt}};
+
+// True when every element that is opened is closed, in order (void elements and "/>" aside).
+::testing::AssertionResult wellFormedHTML(const std::string& html) {
+    static const std::set<std::string> voidElements{"meta", "br", "img", "hr", "link", "input"};
+    static const std::regex tag(R"(<(/?)([a-zA-Z][a-zA-Z0-9]*)([^<>]*?)(/?)>)");
+    if (html.rfind("<!DOCTYPE html>\n", 0) != 0) return ::testing::AssertionFailure() << "no doctype";
+    std::vector<std::string> open;
+    for (auto it = std::sregex_iterator(html.begin(), html.end(), tag); it != std::sregex_iterator(); ++it) {
+        const auto& m = *it;
+        const std::string name = m[2];
+        if (m[1] == "/") {
+            if (open.empty() || open.back() != name) {
+                return ::testing::AssertionFailure() << "</" << name << "> closes " << (open.empty() ? "nothing" : open.back());
+            }
+            open.pop_back();
+        } else if (m[4] != "/" && voidElements.count(name) == 0) {
+            open.push_back(name);
+        }
+    }
+    if (!open.empty()) return ::testing::AssertionFailure() << "<" << open.back() << "> never closed";
+    return ::testing::AssertionSuccess();
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream content;
+    content << in.rdbuf();
+    return content.str();
+}
+
+class BenchmarkOnLoopVolume : public ::testing::Test {
+protected:
+    void SetUp() override {
+        const auto reason = LoopVolume::unavailableReason();
+        if (!reason.empty()) GTEST_SKIP() << "loop-device test skipped: " << reason;
+        std::string error;
+        volume_ = LoopVolume::create("VTXBENCH", 96ull * 1024 * 1024, &error);
+        ASSERT_TRUE(volume_) << error;
+    }
+
+    // The names in the volume's root other than lost+found.
+    std::vector<std::string> rootEntries() const {
+        std::vector<std::string> names;
+        for (const auto& entry : fs::directory_iterator(volume_->mountPoint())) {
+            const auto name = entry.path().filename().string();
+            if (name != "lost+found") names.push_back(name);
+        }
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+
+    testing::ProcessResult bench(std::vector<std::string> arguments) {
+        std::vector<std::string> argv{VANTORIX_CLI_PATH, "bench", volume_->mountPoint()};
+        argv.insert(argv.end(), arguments.begin(), arguments.end());
+        return testing::runProcess(argv, kEnglish);
+    }
+
+    // A tester on the real volume, with short random phases.
+    std::shared_ptr<DiskPerformanceTester> makeTester(std::uint64_t payload) {
+        DiskPerformanceTester::Parameters parameters;
+        parameters.randomPhaseDuration = 0.2;
+        parameters.payloadBytes = payload;
+        return DiskPerformanceTester::create({main_, std::make_shared<PosixFileSystem>()}, parameters);
+    }
+
+    DiskVolumeDescriptor resolve() {
+        LinuxVolumeInfoSource files;
+        SysfsRegistry registry;
+        auto descriptor = DiskVolumeResolver::resolve(volume_->mountPoint(), files, registry);
+        EXPECT_TRUE(descriptor.ok());
+        return descriptor.value();
+    }
+
+    std::unique_ptr<LoopVolume> volume_;
+    std::shared_ptr<ManualMainExecutor> main_ = std::make_shared<ManualMainExecutor>();
+};
+
+TEST_F(BenchmarkOnLoopVolume, CommandRunsTheFourPhasesAndLeavesOnlyTheReport) {
+    const std::uint64_t payload = 40'000'000;
+    const auto run = bench({"--json", "--payload-bytes", std::to_string(payload), "--random-seconds", "0.3"});
+    ASSERT_EQ(run.exitStatus, 0) << run.err;
+    const auto result = json::parse(run.out);
+
+    EXPECT_EQ(result["actualByteCount"], payload);
+    EXPECT_GT(result["randomOperationCount"].get<std::int64_t>(), 0);
+    EXPECT_GT(result["writeThroughput"].get<double>(), 0);
+    EXPECT_GT(result["readThroughput"].get<double>(), 0);
+    std::vector<std::string> phases;
+    for (const auto& phase : result["phases"]) phases.push_back(phase["phase"]);
+    EXPECT_EQ(phases, (std::vector<std::string>{"randomWrite", "randomRead", "sequentialWrite", "sequentialRead"}));
+    // The sequential write was flushed, so all of it reached the loop device.
+    EXPECT_GE(result["phases"][2]["deviceBytes"].get<std::uint64_t>(), payload);
+    EXPECT_EQ(result["phases"][2]["bytesMoved"], payload);
+
+    // The report is the only file left, in the volume's root, and is well-formed HTML.
+    const std::string reportPath = result["reportPath"];
+    EXPECT_EQ(fs::path(reportPath).parent_path(), fs::path(volume_->mountPoint()));
+    EXPECT_TRUE(std::regex_match(fs::path(reportPath).filename().string(),
+                                 std::regex(R"(Vantorix-Performance-\d{8}-\d{6}\.html)")));
+    EXPECT_EQ(rootEntries(), std::vector<std::string>{fs::path(reportPath).filename().string()});
+    const std::string html = readFile(reportPath);
+    EXPECT_TRUE(wellFormedHTML(html));
+    EXPECT_NE(html.find("VTXBENCH"), std::string::npos);
+    EXPECT_NE(html.find("<polyline"), std::string::npos);
+    EXPECT_NE(run.err.find("Performance test finished. Report automatically saved to: " + reportPath), std::string::npos);
+}
+
+TEST_F(BenchmarkOnLoopVolume, CommandErrorsUseTheirTexts) {
+    // 96 MiB cannot hold 1 GB, and "Full Disk" needs at least a gigabyte free.
+    for (const char* size : {"1", "full"}) {
+        const auto run = bench({"--size", size});
+        EXPECT_EQ(run.exitStatus, 1);
+        EXPECT_EQ(run.err, "Not enough free space to run the performance test.\n");
+    }
+    ASSERT_EQ(testing::runShell("mount -o remount,ro " + volume_->mountPoint()).exitStatus, 0);
+    const auto run = bench({"--payload-bytes", "1000000", "--random-seconds", "0.1"});
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_NE(run.err.find("Failed to create the temporary test file.\n"), std::string::npos) << run.err;
+    EXPECT_TRUE(rootEntries().empty());
+}
+
+TEST_F(BenchmarkOnLoopVolume, InterruptedCommandRemovesItsFiles) {
+    const auto run = testing::runShell("LANGUAGE=en_US timeout --preserve-status -s INT 1.5 " +
+                                       std::string(VANTORIX_CLI_PATH) + " bench " + volume_->mountPoint() +
+                                       " --payload-bytes 20000000 --random-seconds 30");
+    EXPECT_EQ(run.exitStatus, 130) << run.err;
+    EXPECT_NE(run.err.find("Performance test stopped; its test files were removed."), std::string::npos) << run.err;
+    EXPECT_TRUE(rootEntries().empty());
+}
+
+TEST_F(BenchmarkOnLoopVolume, AVolumeThatFillsUpFailsTheWritePhase) {
+    testing::ScopedLanguage english("en_US.UTF-8");
+    auto descriptor = resolve();
+    descriptor.availableCapacityBytes = 10'000'000'000ULL;  // free space that has gone since it was read
+    auto tester = makeTester(200'000'000);
+    tester->runTest(descriptor);
+    ASSERT_TRUE(main_->runUntil([&] { return !tester->state().isRunning; }, 60s));
+    tester->waitForBackgroundWork();
+    main_->drain();
+    EXPECT_EQ(tester->state().errorMessage, "Write phase failed. Please check the disk status.");
+    EXPECT_FALSE(tester->state().lastResult);
+    EXPECT_TRUE(rootEntries().empty());
+}
+
+TEST_F(BenchmarkOnLoopVolume, AStopInEachPhaseLeavesNoFileAndNoResult) {
+    const auto descriptor = resolve();
+    for (const auto phase : kBenchmarkPhases) {
+        SCOPED_TRACE(rawValue(phase));
+        auto tester = makeTester(48'000'000);
+        bool stopped = false;
+        tester->setPhaseObserver({[&, phase](BenchmarkPhase started) {
+                                      if (started == phase) main_->post([&] { tester->stopTest(); stopped = true; });
+                                  },
+                                  {}});
+        tester->runTest(descriptor);
+        ASSERT_TRUE(main_->runUntil([&] { return !tester->state().isRunning; }, 60s));
+        tester->waitForBackgroundWork();
+        main_->drain();
+        EXPECT_TRUE(stopped);
+        EXPECT_FALSE(tester->state().lastResult);
+        EXPECT_FALSE(tester->state().errorMessage);
+        EXPECT_FALSE(tester->state().automaticReportMessage);
+        EXPECT_TRUE(rootEntries().empty());
+    }
+}
+
+TEST_F(BenchmarkOnLoopVolume, ReportsOfTheSameSecondGetSuffixes) {
+    PosixFileSystem files;
+    const auto base = report::reportBaseName(std::chrono::system_clock::now());
+    for (int i = 0; i < 2; ++i) ASSERT_TRUE(files.writeNewFileAtomically(volume_->mountPoint(), base, ".html", "<p></p>"));
+    EXPECT_EQ(rootEntries(), (std::vector<std::string>{base + "-1.html", base + ".html"}));
+}
+
+}  // namespace
+}  // namespace vantorix
