@@ -34,14 +34,15 @@ int main(int argc, char** argv) {
     monitorCommand->add_flag("--json", monitor.json, text::localized("每行输出一个 JSON 对象", "Print one JSON object per line"));
     monitorCommand->add_option("--csv", monitor.csvPath,
                                text::localized("结束时将图表数据导出为 CSV 文件，并在旁边保存同名 PNG 图表",
-                                               "At the end, export the chart data as this CSV file and the chart as a PNG beside it"));
+                                               "At the end, export the chart data as this CSV file and the chart as a PNG beside it"))
+        ->type_name("FILE");
 
     cli::BenchOptions bench;
     auto* benchCommand = app.add_subcommand(
         "bench", text::localized("对文件夹所在卷运行四阶段性能测试并写出 HTML 报告",
                                  "Run the four-phase performance test on the volume behind a folder and write an HTML report"));
     benchCommand->add_option("path", bench.path, text::localized("卷上的文件夹", "A folder on the volume"))->required();
-    benchCommand->add_option("--size", bench.size, text::localized("测试样本大小：full（全盘）或 GB 数", "Test sample size: full (the whole free space) or a number of GB"))
+    benchCommand->add_option("--size", bench.size, text::localized("测试样本大小：full（全盘）或 GB 数", "Test Sample Size: full (the whole free space) or a number of GB"))
         ->check(CLI::IsMember({"full", "1", "10", "100", "1000", "10000"}))
         ->default_val("full");
     benchCommand->add_flag("--json", bench.json, text::localized("以 JSON 输出", "Print JSON"));
