@@ -1,5 +1,4 @@
 #include <fmt/format.h>
-#include <unicode/uchar.h>
 
 #include <cerrno>
 #include <cstring>
@@ -11,10 +10,10 @@
 #include <vector>
 
 #include "cli/Commands.h"
+#include "cli/TextTable.h"
 #include "smart/SmartSheetTexts.h"
 #include "smart/SmartctlExecutionResult.h"
 #include "smart/SmartmontoolsBridge.h"
-#include "smart/Utf8.h"
 #include "text/Language.h"
 
 namespace vantorix::cli {
@@ -43,13 +42,16 @@ std::optional<std::string> readFile(const std::string& path, std::string& reason
 struct Replay {
     SmartctlExecutionResult result;
     std::string deviceName;
+    bool isJsonObject = false;
 };
 
 Replay replayOf(const std::string& path, std::string contents) {
     Replay replay;
     replay.result.commandDescription = path;
     replay.deviceName = std::filesystem::path(path).stem().string();
-    if (const auto document = smart::parsedDocument(contents)) {
+    const auto document = smart::parsedDocument(contents);
+    replay.isJsonObject = document.has_value();
+    if (document) {
         if (const auto tool = document->find("smartctl"); tool != document->end() && tool->is_object()) {
             if (const auto argv = tool->find("argv"); argv != tool->end() && argv->is_array() && !argv->empty()) {
                 std::string command;
@@ -79,26 +81,6 @@ Replay replayOf(const std::string& path, std::string contents) {
     return replay;
 }
 
-// Terminal columns of a text: two for East Asian wide and full-width characters, one otherwise.
-std::size_t terminalColumns(std::string_view text) {
-    std::size_t columns = 0;
-    std::size_t offset = 0;
-    while (offset < text.size()) {
-        const int c = smart::nextCodePoint(text, offset);
-        const auto width = c < 0 ? U_EA_NEUTRAL : u_getIntPropertyValue(c, UCHAR_EAST_ASIAN_WIDTH);
-        columns += width == U_EA_WIDE || width == U_EA_FULLWIDTH ? 2 : 1;
-    }
-    return columns;
-}
-
-void printAligned(std::ostream& out, const std::vector<std::pair<std::string, std::string>>& rows) {
-    std::size_t width = 0;
-    for (const auto& row : rows) width = std::max(width, terminalColumns(row.first));
-    for (const auto& [label, value] : rows) {
-        out << label << std::string(width - terminalColumns(label) + 2, ' ') << value << '\n';
-    }
-}
-
 int fail(const SmartOptions& options, Environment& environment, std::string_view code, const std::string& message) {
     *environment.err << message << '\n';
     if (options.json) *environment.out << ordered_json{{"error", {{"code", code}, {"message", message}}}}.dump(2) << '\n';
@@ -115,11 +97,10 @@ int runSmart(const SmartOptions& options, Environment& environment) {
                     text::isEnglish() ? fmt::format("Cannot read {}: {}", options.jsonFile, reason)
                                       : fmt::format("无法读取 {}：{}", options.jsonFile, reason));
     }
-    const bool isObject = smart::parsedDocument(*contents).has_value();
     const Replay replay = replayOf(options.jsonFile, *std::move(contents));
     const auto info = smart::interpretResult(replay.result, replay.deviceName);
     if (!info) {
-        if (!isObject) {
+        if (!replay.isJsonObject) {
             return fail(options, environment, "notSmartctlJSON",
                         text::localized("文件不是 smartctl 的 JSON 输出。", "The file is not smartctl JSON output."));
         }
@@ -152,7 +133,7 @@ int runSmart(const SmartOptions& options, Environment& environment) {
     }
     if (info->isCapable) summary.emplace_back(smart::smartCapableLabel(), smart::capabilityText(*info->isCapable));
     if (!summary.empty()) {
-        printAligned(out, summary);
+        printTable(out, summary);
         out << '\n';
     }
     if (info->details.empty()) {
@@ -162,7 +143,7 @@ int runSmart(const SmartOptions& options, Environment& environment) {
     std::vector<std::pair<std::string, std::string>> rows;
     rows.reserve(info->details.size());
     for (const auto& detail : info->details) rows.emplace_back(detail.displayName, detail.value);
-    printAligned(out, rows);
+    printTable(out, rows);
     return kSuccess;
 }
 

@@ -1,16 +1,21 @@
 #include "cli/TextTable.h"
 
+#include <unicode/uchar.h>
+#include <unicode/utf8.h>
+
 #include <algorithm>
 
 namespace vantorix::cli {
 
 std::size_t displayWidth(const std::string& text) {
     std::size_t columns = 0;
-    for (std::size_t i = 0; i < text.size();) {
-        const auto c = static_cast<unsigned char>(text[i]);
-        const std::size_t length = c < 0x80 ? 1 : c < 0xE0 ? 2 : c < 0xF0 ? 3 : 4;
-        columns += length >= 3 ? 2 : 1;
-        i += length;
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
+    const auto length = static_cast<std::int32_t>(text.size());
+    for (std::int32_t offset = 0; offset < length;) {
+        UChar32 c = 0;
+        U8_NEXT(bytes, offset, length, c);
+        const auto width = c < 0 ? U_EA_NEUTRAL : u_getIntPropertyValue(c, UCHAR_EAST_ASIAN_WIDTH);
+        columns += width == U_EA_WIDE || width == U_EA_FULLWIDTH ? 2 : 1;
     }
     return columns;
 }

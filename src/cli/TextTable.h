@@ -7,7 +7,7 @@
 
 namespace vantorix::cli {
 
-// Columns a text takes on a terminal: two for each CJK character, one for anything else.
+// Columns a text takes on a terminal: two for East Asian wide and full-width characters, one otherwise.
 std::size_t displayWidth(const std::string& text);
 
 // Prints label/value rows with the values lined up in one column.

@@ -98,18 +98,26 @@ std::string_view trimmed(std::string_view text) {
 }
 
 std::string lowercased(std::string_view text) {
-    if (std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; })) {
-        std::string result(text);
-        for (auto& c : result) {
+    // Most text is ASCII or caseless (CJK, "›"); only text with a cased non-ASCII character needs
+    // ICU's full, context-sensitive mapping.
+    std::string result(text);
+    for (std::size_t offset = 0; offset < result.size();) {
+        char& c = result[offset];
+        if (static_cast<unsigned char>(c) < 0x80) {
             if (isAsciiUpper(c)) c = static_cast<char>(c - 'A' + 'a');
+            ++offset;
+            continue;
         }
-        return result;
+        const UChar32 codePoint = nextCodePoint(text, offset);
+        if (codePoint < 0 || u_hasBinaryProperty(codePoint, UCHAR_CHANGES_WHEN_LOWERCASED)) {
+            result.clear();
+            icu::UnicodeString unicode =
+                icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<std::int32_t>(text.size())));
+            unicode.toLower(icu::Locale::getRoot());
+            unicode.toUTF8String(result);
+            return result;
+        }
     }
-    icu::UnicodeString unicode =
-        icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<std::int32_t>(text.size())));
-    unicode.toLower(icu::Locale::getRoot());
-    std::string result;
-    unicode.toUTF8String(result);
     return result;
 }
 

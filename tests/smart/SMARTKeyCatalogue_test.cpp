@@ -1,0 +1,99 @@
+#include "smart/SMARTKeyCatalogue.h"
+
+#include "support/ScopedEnvironment.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <optional>
+#include <string>
+
+namespace vantorix {
+namespace {
+
+TEST(SMARTKeyCatalogue, HoldsEveryKeyOnceUnderItsOwnIndexFreePath) {
+    const auto& entries = SMARTKeyCatalogue::entries();
+    EXPECT_EQ(entries.size(), 177U);
+    EXPECT_EQ(std::count_if(entries.begin(), entries.end(), [](const auto& e) { return e.second.shouldDisplay; }), 67);
+    for (const auto& [key, entry] : entries) {
+        EXPECT_EQ(key, entry.key);
+        EXPECT_EQ(SMARTKeyCatalogue::normalizedKeyPath(key), key) << key;
+        EXPECT_FALSE(entry.displayNameChinese.empty() || entry.displayNameEnglish.empty()) << key;
+    }
+}
+
+TEST(SMARTKeyCatalogue, NormalizesIndicesBeforeAnExactLookup) {
+    struct Case {
+        std::string path;
+        std::string normalized;
+        std::optional<std::string> english;  // label of the entry found, if any
+        bool shown = false;
+    };
+    const std::vector<Case> cases = {
+        {"ata_smart_attributes.table[0].flags.auto_keep", "ata_smart_attributes.table[].flags.auto_keep", "Auto Keep",
+         true},
+        {"nvme_power_states[12]", "nvme_power_states[]", "Power State", false},
+        {"nvme_power_states", "nvme_power_states", std::nullopt},
+        {"nvme_power_states[2].max_power.value", "nvme_power_states[].max_power.value", "Power Value", false},
+        {"ata_smart_attributes.table[10]", "ata_smart_attributes.table[]", "Attribute Entry", false},
+        {"Model_Name", "Model_Name", std::nullopt},
+        {"model_name", "model_name", "Model Name", true},
+        {"smartctl.version", "smartctl.version", "smartctl Version", false},
+        {"user_capacity.bytes", "user_capacity.bytes", std::nullopt},
+        {"nvme_firmware_update_capabilities.activiation_without_reset",
+         "nvme_firmware_update_capabilities.activiation_without_reset", "Activate Without Reset", false},
+        {"nvme_firmware_update_capabilities.activation_without_reset",
+         "nvme_firmware_update_capabilities.activation_without_reset", std::nullopt},
+        // Any run of Unicode decimal digits is an index; anything else between brackets is not.
+        {"a[007][1][]", "a[][][]", std::nullopt},
+        {"nvme_power_states[\u0663]", "nvme_power_states[]", "Power State", false},
+        {"x[1a].y[-1].z[ 1][1", "x[1a].y[-1].z[ 1][1", std::nullopt},
+        {"nvme_power_states[1]]", "nvme_power_states[]]", std::nullopt},
+        {"smartctl.messages[0x1]", "smartctl.messages[0x1]", std::nullopt},
+        {"", "", std::nullopt},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(SMARTKeyCatalogue::normalizedKeyPath(c.path), c.normalized) << c.path;
+        const auto* entry = SMARTKeyCatalogue::descriptor(c.path);
+        ASSERT_EQ(entry != nullptr, c.english.has_value()) << c.path;
+        if (entry != nullptr) {
+            EXPECT_EQ(entry->displayNameEnglish, *c.english) << c.path;
+            EXPECT_EQ(entry->shouldDisplay, c.shown) << c.path;
+        }
+    }
+}
+
+TEST(SMARTKeyCatalogue, LabelsFollowTheFirstPreferredLanguageAndKeepTheirExactSpelling) {
+    struct Case {
+        std::string key, chinese, english;
+    };
+    const std::vector<Case> cases = {
+        {"power_cycle_count", "通电次数", "Power Cycle Count"},
+        {"power_cycles", "通电次数", "Power Cycles"},
+        {"temperature_celsius", "温度（°C）", "Temperature (°C)"},
+        {"endurance_used.current_percent", "已用耐久度 (%)", "Endurance Consumed (%)"},
+        {"nvme_power_states[].entry_latency_us", "进入延迟 (µs)", "Entry Latency (µs)"},
+        {"nvme_optional_admin_commands.command_and_feature_lockdown", "指令锁定", "Command & Feature Lockdown"},
+        {"ata_smart_attributes.table[].raw.hex", "原始十六进制", "Raw Hex"},
+    };
+    for (const auto& c : cases) {
+        const auto* entry = SMARTKeyCatalogue::descriptor(c.key);
+        ASSERT_NE(entry, nullptr) << c.key;
+        {
+            const testing::ScopedEnvironment zh{{"LANGUAGE", "zh-Hans-CN:en"}};
+            EXPECT_EQ(entry->localizedDisplayName(), c.chinese);
+        }
+        {
+            const testing::ScopedEnvironment en{{"LANGUAGE", "en-GB:zh_CN"}};
+            EXPECT_EQ(entry->localizedDisplayName(), c.english);
+        }
+        {
+            const testing::ScopedEnvironment none{
+                {"LANGUAGE", std::nullopt}, {"LC_ALL", std::nullopt}, {"LC_MESSAGES", std::nullopt}, {"LANG", std::nullopt}};
+            EXPECT_EQ(entry->localizedDisplayName(), c.english);
+        }
+    }
+}
+
+}  // namespace
+}  // namespace vantorix

@@ -1,0 +1,79 @@
+#include "smart/SmartValueText.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace vantorix::smart {
+namespace {
+
+using json = nlohmann::ordered_json;
+
+TEST(SmartValueText, FormatsEachJsonTypeInBothLanguages) {
+    struct Case {
+        std::string json;  // one value, parsed as smartctl output would be
+        std::string english, chinese;
+    };
+    const std::vector<Case> cases = {
+        {"1234567", "1,234,567", "1,234,567"},
+        {"0", "0", "0"},
+        {"-42", "-42", "-42"},
+        {"1234.0", "1,234", "1,234"},
+        {"0.5", "0.5", "0.5"},
+        {"36.456", "36.46", "36.46"},
+        {"-1234.5", "-1,234.5", "-1,234.5"},
+        {"0.125", "0.12", "0.12"},  // the formatter's default rounding: half to even
+        {"1e3", "1,000", "1,000"},
+        {"1e20", "100,000,000,000,000,000,000", "100,000,000,000,000,000,000"},
+        // Integers are printed exactly, including above 2^53 and at both ends of 64 bits.
+        {"9230082287649927", "9,230,082,287,649,927", "9,230,082,287,649,927"},
+        {"9223372036854775807", "9,223,372,036,854,775,807", "9,223,372,036,854,775,807"},
+        {"-9223372036854775808", "-9,223,372,036,854,775,808", "-9,223,372,036,854,775,808"},
+        {"18446744073709551615", "18,446,744,073,709,551,615", "18,446,744,073,709,551,615"},
+        {"true", "Yes", "是"},
+        {"false", "No", "否"},
+        {"null", "<null>", "<null>"},
+        {R"("  PO-R-- ")", "PO-R--", "PO-R--"},
+        {R"("WDC  WUH721816ALE6L4")", "WDC  WUH721816ALE6L4", "WDC  WUH721816ALE6L4"},
+        {R"("\t\r\n line one\nline two \u2028")", "line one\nline two", "line one\nline two"},
+        {R"("\u3000温度\u00a0")", "温度", "温度"},
+        {R"("\u200b")", "\u200b", "\u200b"},  // a zero-width space is a format character, not white space
+        {R"("   ")", "", ""},
+        {R"("")", "", ""},
+    };
+    for (const auto& c : cases) {
+        const auto value = json::parse(c.json);
+        EXPECT_EQ(formattedValue(value, true), c.english) << c.json;
+        EXPECT_EQ(formattedValue(value, false), c.chinese) << c.json;
+    }
+}
+
+TEST(SmartValueText, DerivesReadableNamesFromMemberNames) {
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"fooBarBaz_qux", "foo Bar Baz qux"},
+        {"power_on_time", "power on time"},
+        {"rawValue", "raw Value"},
+        {"sata2Speed", "sata2 Speed"},
+        {"eui64", "eui64"},
+        {"HTTPServer", "HTTPServer"},
+        {"ABC_def", "ABC def"},
+        {"a_B", "a B"},
+        {"__lead_and_trail__", "lead and trail"},
+        {"温度Celsius", "温度Celsius"},
+        {"_", "_"},
+        {"  ", "  "},
+        {"", ""},
+    };
+    for (const auto& [member, expected] : cases) EXPECT_EQ(derivedName(member), expected) << member;
+}
+
+TEST(SmartValueText, LowerCasesAnyScriptAndTrimsIllFormedTextSafely) {
+    EXPECT_EQ(lowercased("SMART Status › ÄÖ Ω"), "smart status › äö ω");
+    EXPECT_EQ(lowercased("İ"), "i\u0307");
+    EXPECT_EQ(trimmed(std::string("\xff \xe2\x80", 4)), std::string("\xff \xe2\x80", 4));
+    EXPECT_EQ(trimmed(std::string(" \xc3", 2)), "\xc3");
+}
+
+}  // namespace
+}  // namespace vantorix::smart

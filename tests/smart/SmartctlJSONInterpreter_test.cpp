@@ -1,0 +1,226 @@
+#include "smart/SmartctlJSONInterpreter.h"
+#include "smart/SmartRowOrder.h"
+
+#include "support/ScopedEnvironment.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace vantorix::smart {
+namespace {
+
+using json = nlohmann::ordered_json;
+using ::testing::ElementsAreArray;
+
+std::vector<std::string> rowTexts(const std::vector<DiskSMARTInfo::Detail>& rows) {
+    std::vector<std::string> texts;
+    for (const auto& row : rows) texts.push_back(row.keyPath + " | " + row.displayName + " | " + row.value);
+    return texts;
+}
+
+std::vector<std::string> interpretedRows(const std::string& text) {
+    const auto info = interpret(json::parse(text));
+    return info ? rowTexts(info->details) : std::vector<std::string>{"<nothing>"};
+}
+
+TEST(SmartctlJSONInterpreter, DerivesTheOverallStatus) {
+    const std::vector<std::pair<std::string, std::optional<std::string>>> cases = {
+        {R"({"smart_status": {"passed": true}})", "PASSED"},
+        {R"({"smart_status": {"passed": false, "string": " Drive failing \n"}})", " Drive failing \n"},
+        {R"({"smart_status": {"string": "  ", "passed": false}})", "FAILED"},
+        {R"({"smart_status": {"passed": 1}})", std::nullopt},
+        {R"({"smart_status": {"string": 7, "passed": "yes"}, "nvme_smart_health_information_log": {"critical_warning": 16}})",
+         "NVMe Warning: 16"},
+        {R"({"smart_status": "PASSED"})", std::nullopt},
+        {R"({"nvme_smart_health_information_log": {"critical_warning": 0}})", "NVMe Warning: 0"},
+        {R"({"nvme_smart_health_information_log": {"critical_warning": 1234.5}})", "NVMe Warning: 1,234.5"},
+        {R"({"nvme_smart_health_information_log": {"critical_warning": " "}})", std::nullopt},
+        {R"({"nvme_smart_health_information_log": {"critical_warning": {"value": 1}}})", std::nullopt},
+        {R"({"nvme_smart_health_information_log": {"critical_warning": null}})", "NVMe Warning: <null>"},
+        {R"({"nvme_smart_health_information_log": [{"critical_warning": 1}]})", std::nullopt},
+        {R"({})", std::nullopt},
+    };
+    for (const auto& [text, expected] : cases) EXPECT_EQ(overallStatus(json::parse(text), true), expected) << text;
+}
+
+TEST(SmartctlJSONInterpreter, DerivesTheCapabilityFromTheFirstBoolean) {
+    const std::vector<std::pair<std::string, std::optional<bool>>> cases = {
+        {R"({"smart_support": {"available": true, "enabled": false}})", true},
+        {R"({"smart_support": {"available": "yes", "enabled": true}})", true},
+        {R"({"smart_support": {"enabled": false}})", false},
+        {R"({"smart_support": true})", std::nullopt},
+        {R"({"smart_support": {}, "ata_smart_data": {"capabilities": {"supports_smart": false}}})", false},
+        {R"({"ata_smart_data": {"capabilities": {"smart_capable": true, "supports_smart": false}}})", true},
+        {R"({"ata_smart_data": {"capabilities": {"smart_capable": 1}}})", std::nullopt},
+        {R"({"ata_smart_data": {"capabilities": [true]}})", std::nullopt},
+        {R"({})", std::nullopt},
+    };
+    for (const auto& [text, expected] : cases) EXPECT_EQ(capability(json::parse(text)), expected) << text;
+}
+
+TEST(SmartctlJSONInterpreter, FlattensEveryShapeOfJsonIntoNamedRows) {
+    const testing::ScopedLanguage english("en_US.UTF-8");
+    struct Case {
+        std::string json;
+        std::vector<std::string> rows;  // in display order
+    };
+    const std::vector<Case> cases = {
+        {R"({"smart_status": {"passed": true}})", {"smart_status.passed | Self-test Passed | Yes"}},
+        {R"({"smartctl": {"version": [7, 3]}, "json_format_version": [1, 0], "device": {"name": "/dev/sda"},
+             "ata_device": {}, "messages": [{"string": "x"}]})",
+         {"<nothing>"}},
+        {R"({"nvme_smart_health_information_log": {"temperature_sensors": [35, 41], "nsid": 1, "media_errors": 0}})",
+         {"nvme_smart_health_information_log.temperature_sensors | Temperature Sensors | 35, 41",
+          "nvme_smart_health_information_log.media_errors | NVMe Media Errors | 0"}},
+        // Paths are looked up as text: a top-level member named "smartctl.version" is the hidden entry.
+        {R"({"nvme_power_states": [{"max_power": {"value": 825, "scale": 2}}], "smartctl.version": 1})",
+         {"<nothing>"}},
+        {R"({"fooBarBaz_qux": "x", "a": null, "b": "", "c": "  ", "d": -3, "e": -0.125, "f": 2.5e-3})",
+         {"a | a | <null>", "d | d | -3", "e | e | -0.12", "f | f | 0", "fooBarBaz_qux | foo Bar Baz qux | x"}},
+        // Empty containers give no row; a list's own row follows the rows of its container elements.
+        {R"({"o": {}, "l": [], "n": [[], {}, [null]], "mix": [{"k": 1}, "two", 3.5, true, null, "", [4, [5]]]})",
+         {"mix | mix | two, 3.5, Yes, <null>", "mix[0].k | mix #1 › k | 1", "mix[6] | mix #7 | 4",
+          "mix[6][1] | mix #7 #2 | 5", "n[2] | n #3 | <null>"}},
+        // Upper-case and non-ASCII names are kept as written; names compare by lower-cased code points.
+        {R"({"Vendor": {"b": 1, "A": 2, "c": 3, "Ä": 4}, "型号X": "设备 ÿ"})",
+         {"型号X | 型号X | 设备 ÿ", "Vendor.A | Vendor › A | 2", "Vendor.b | Vendor › b | 1",
+          "Vendor.c | Vendor › c | 3", "Vendor.Ä | Vendor › Ä | 4"}},
+        // Names equal but for case keep the members' document order.
+        {R"({"o": {"b": 1, "B": 2, "a": 3}, "p": {"B": 4, "b": 5}})",
+         {"o.a | o › a | 3", "o.b | o › b | 1", "o.B | o › B | 2", "p.B | p › B | 4", "p.b | p › b | 5"}},
+        {R"({"wwn": {"id": 9230082287649927, "big": 18446744073709551615, "neg": -9223372036854775808}})",
+         {"wwn.big | wwn › big | 18,446,744,073,709,551,615", "wwn.id | wwn › id | 9,230,082,287,649,927",
+          "wwn.neg | wwn › neg | -9,223,372,036,854,775,808"}},
+        // A catalogue label replaces the composed name, also for containers and their unknown members.
+        {R"({"nvme_power_states": [{"x_y": 1}], "ata_smart_attributes": {"table": [{"new_flag": 2}]}})",
+         {"ata_smart_attributes.table[0].new_flag | Attribute Entry › new flag | 2",
+          "nvme_power_states[0].x_y | Power State › x y | 1"}},
+        {R"({"smart_status": {"nvme": {"value": 0, "spare_below": false}, "passed": true}})",
+         {"smart_status.passed | Self-test Passed | Yes",
+          "smart_status.nvme.spare_below | SMART Status › nvme › spare below | No"}},
+    };
+    for (const auto& c : cases) EXPECT_THAT(interpretedRows(c.json), ElementsAreArray(c.rows)) << c.json;
+}
+
+TEST(SmartctlJSONInterpreter, BuildsLabelsAndValuesInChinese) {
+    const testing::ScopedLanguage chinese("zh_CN.UTF-8");
+    EXPECT_THAT(interpretedRows(R"({"smart_status": {"passed": false}, "x": {"y": 1234567.891}})"),
+                ElementsAreArray({"smart_status.passed | 自检是否通过 | 否", "x.y | x › y | 1,234,567.89"}));
+}
+
+TEST(SmartctlJSONInterpreter, OrdersRowsByPriorityGroupThenNameThenArrival) {
+    const testing::ScopedLanguage english("en_US.UTF-8");
+    EXPECT_THAT(interpretedRows(R"({
+        "zzz": 1, "capacity_note": 2, "media_errors": 3, "percentage_used": 4, "power_on_hours": 5,
+        "nvme_smart_health_information_log": {"data_units_read": 6, "data_units_written": 7, "warning_temp_time": 8},
+        "temperature": {"current": 9}, "smart_status": {"passed": true}, "firmware_version": "F",
+        "model_name": "M", "serial_number": "S", "bytes_read_written": 10})"),
+                ElementsAreArray({
+                    "serial_number | Serial Number | S",
+                    "model_name | Model Name | M",
+                    "firmware_version | Firmware Version | F",
+                    "smart_status.passed | Self-test Passed | Yes",
+                    "temperature.current | Current Temperature | 9",
+                    "nvme_smart_health_information_log.warning_temp_time | Warning Temperature Time | 8",
+                    "bytes_read_written | bytes read written | 10",
+                    "nvme_smart_health_information_log.data_units_written | Data Units Written | 7",
+                    "nvme_smart_health_information_log.data_units_read | Data Units Read | 6",
+                    "power_on_hours | Power-on Hours | 5",
+                    "percentage_used | Percentage Used | 4",
+                    "media_errors | Media Errors | 3",
+                    "capacity_note | capacity note | 2",
+                    "zzz | zzz | 1",
+                }));
+
+    // Ten attributes: grouped by name, and within a name in table order.
+    json table = json::array();
+    for (int i = 0; i < 10; ++i) table.push_back({{"id", 10 - i}, {"name", "Attr"}, {"value", 100 + i}});
+    const auto info = interpret(json{{"ata_smart_attributes", {{"table", table}}}});
+    ASSERT_TRUE(info);
+    ASSERT_EQ(info->details.size(), 30U);
+    for (std::size_t i = 0; i < 10; ++i) {
+        EXPECT_EQ(info->details[i].displayName, "Attribute ID");
+        EXPECT_EQ(info->details[i].keyPath, "ata_smart_attributes.table[" + std::to_string(i) + "].id");
+        EXPECT_EQ(info->details[10 + i].displayName, "Attribute Name");
+        EXPECT_EQ(info->details[20 + i].value, std::to_string(100 + i));
+    }
+}
+
+TEST(SmartctlJSONInterpreter, FindsThePriorityGroupAnywhereInPathAndName) {
+    struct Case {
+        std::string path, name;
+        int priority;
+    };
+    const std::vector<Case> cases = {
+        {"SERIAL_NUMBER", "x", 0},
+        {"a", "Model Name", 1},
+        {"nvme_x", "fw", 2},          // a two-byte keyword at the very end
+        {"nvme_x", "f", kUnmatchedPriority},
+        {"x", "SMART状态", 3},
+        {"nvme_smart_health_information_log.warning_temp_time", "Warning Temperature Time", 4},
+        {"bytes_read_written", "n", 5},  // groups are tried in order: "written" before "read"
+        {"host_reads", "主机读取次数", 6},
+        {"a_power", "Cycle", 7},      // the keyword "power cycle" spans path and name
+        {"x", "寿命已用 (%)", 8},
+        {"x", "异常关机", 9},
+        {"x", "总容量 (字节)", 10},
+        {"serial", "number", 0},
+        {"", "", kUnmatchedPriority},
+        {"r", "", kUnmatchedPriority},
+    };
+    for (const auto& c : cases) EXPECT_EQ(rowPriority(c.path, c.name), c.priority) << c.path << " " << c.name;
+}
+
+TEST(SmartctlJSONInterpreter, GivesNothingForDocumentsWithoutSmartInformation) {
+    for (const auto* text : {R"({})", R"([{"smart_status": {"passed": true}}])", R"("PASSED")", R"(null)",
+                             R"({"device": {"name": "/dev/sda"}, "smartctl": {"exit_status": 2}})",
+                             R"({"a": "", "b": {}, "c": [], "smart_support": true, "x": [""]})"}) {
+        EXPECT_FALSE(interpret(json::parse(text))) << text;
+    }
+    // A capability alone is usable information.
+    const auto capableOnly =
+        interpret(json::parse(R"({"smart_support": {"available": false, "enabled": true}})"), "smartctl -a /dev/sda");
+    ASSERT_TRUE(capableOnly);
+    EXPECT_EQ(capableOnly->isCapable, false);
+    EXPECT_FALSE(capableOnly->overallStatus);
+    EXPECT_TRUE(capableOnly->details.empty());
+    EXPECT_EQ(capableOnly->sourceCommand, "smartctl -a /dev/sda");
+}
+
+TEST(SmartctlJSONInterpreter, GivesEveryRowAFreshIdentifier) {
+    const auto document = json::parse(R"({"a": 1, "b": 2})");
+    const auto first = interpret(document);
+    const auto second = interpret(document);
+    ASSERT_TRUE(first && second);
+    EXPECT_NE(first->details[0].id, first->details[1].id);
+    EXPECT_NE(first->details[0].id, second->details[0].id);
+    EXPECT_EQ(first->details[0].value, second->details[0].value);
+    EXPECT_NE(*first, *second);
+}
+
+TEST(SmartctlJSONInterpreter, WalksDeepNestingUpToItsBoundWithoutExhaustingTheStack) {
+    const testing::ScopedLanguage english("en_US.UTF-8");
+    // {"k": {"k": ... {"k": 1, "l": [2]}}}: the innermost of n objects is at depth n − 1.
+    const auto nested = [](int objects) {
+        json value = {{"k", 1}, {"l", {2}}};
+        for (int i = 1; i < objects; ++i) value = json{{"k", std::move(value)}};
+        return value;
+    };
+    EXPECT_EQ(interpret(nested(kMaximumWalkDepth))->details.size(), 2U);
+    const auto atBound = interpret(nested(kMaximumWalkDepth + 1));
+    ASSERT_TRUE(atBound);
+    ASSERT_EQ(atBound->details.size(), 1U);  // the list, one level deeper, is past the bound
+    EXPECT_EQ(atBound->details[0].value, "1");
+    EXPECT_EQ(std::count(atBound->details[0].keyPath.begin(), atBound->details[0].keyPath.end(), '.'),
+              kMaximumWalkDepth);
+    EXPECT_FALSE(interpret(nested(kMaximumWalkDepth + 2)));
+
+    const std::string deep = R"({"a": )" + std::string(200000, '[') + "1" + std::string(200000, ']') + "}";
+    EXPECT_FALSE(interpret(json::parse(deep)));
+}
+
+}  // namespace
+}  // namespace vantorix::smart

@@ -1,0 +1,103 @@
+#include "smart/SmartmontoolsBridge.h"
+
+#include "platform/Log.h"
+#include "smart/Base64.h"
+#include "support/ScopedEnvironment.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace vantorix::smart {
+namespace {
+
+using ::testing::ElementsAreArray;
+
+std::vector<std::string> bridgeLines(const log::Capture& capture) {
+    std::vector<std::string> lines;
+    for (const auto& record : capture.records()) {
+        if (record.category == kBridgeLogCategory) {
+            lines.push_back(std::string(log::levelName(record.level)) + ": " + record.message);
+        }
+    }
+    return lines;
+}
+
+TEST(SmartmontoolsBridge, LogsExitStatusOutputsAndTheToolsMessages) {
+    const std::string json = R"({"messages": [{"string": " top ", "severity": "Warning"}, {"string": "  "}, {"string": 5}, "x"],
+        "smartctl": {"messages": [{"string": "open failed", "severity": 3}, {"string": "deep", "severity": "FATAL"},
+                                  {"string": "info", "severity": "information"}, {"string": "w", "severity": "warn"}]}})";
+    const SmartctlExecutionResult result{json, "smartctl -a /dev/sda", std::string("\xff\xfe", 2), 4};
+    const log::Capture capture;
+    logResultDiagnostics(result, "sda");
+    const std::string command = "smartctl -a /dev/sda";
+    EXPECT_THAT(bridgeLines(capture),
+                ElementsAreArray({
+                    "default: smartctl exited with status 4 for BSD name sda; continuing to parse command: " + command,
+                    "debug: smartctl stdout for BSD name sda: " + json,
+                    std::string("debug: smartctl stderr for BSD name sda: //4="),
+                    "error: smartctl reported message (severity: Warning) for command " + command + ": top",
+                    "default: smartctl reported message (severity: notice) for command " + command + ": open failed",
+                    "error: smartctl reported message (severity: FATAL) for command " + command + ": deep",
+                    "default: smartctl reported message (severity: information) for command " + command + ": info",
+                    "error: smartctl reported message (severity: warn) for command " + command + ": w",
+                }));
+}
+
+TEST(SmartmontoolsBridge, LogsEmptyAndUndecodableOutputWithoutMessages) {
+    const log::Capture capture;
+    logResultDiagnostics(SmartctlExecutionResult{"", "c", "", 0}, "sda");
+    logResultDiagnostics(SmartctlExecutionResult{"[{\"messages\": 1}", "c", "careful", -1}, "sdb");
+    EXPECT_THAT(bridgeLines(capture), ElementsAreArray({
+                                          "debug: smartctl exited with status 0 for BSD name sda; command: c",
+                                          "debug: smartctl stdout for BSD name sda was empty",
+                                          "debug: smartctl stderr for BSD name sda was empty",
+                                          "default: smartctl exited with status -1 for BSD name sdb; continuing to "
+                                          "parse command: c",
+                                          "debug: smartctl stdout for BSD name sdb: [{\"messages\": 1}",
+                                          "debug: smartctl stderr for BSD name sdb: careful",
+                                      }));
+}
+
+TEST(SmartmontoolsBridge, InterpretsAResultOrSaysWhyItCannot) {
+    const testing::ScopedLanguage english("en_US.UTF-8");
+    struct Case {
+        std::string json;
+        bool usable;
+        std::string lastLine;
+    };
+    const std::vector<Case> cases = {
+        {"", false, "error: Failed to decode smartctl JSON for BSD name sdc"},
+        {"not json", false, "error: Failed to decode smartctl JSON for BSD name sdc"},
+        {R"([{"smart_status": {"passed": true}}])", false, "error: Failed to decode smartctl JSON for BSD name sdc"},
+        {"{\"a\": \"\xff\"}", false, "error: Failed to decode smartctl JSON for BSD name sdc"},
+        {R"({"device": {"name": "/dev/sdc"}})", false,
+         "error: smartctl JSON for BSD name sdc did not contain usable SMART information"},
+        {R"({"smart_status": {"passed": true}})", true,
+         "default: Successfully parsed SMART details for BSD name sdc via privileged helper"},
+    };
+    for (const auto& c : cases) {
+        const log::Capture capture;
+        const auto info = interpretResult(SmartctlExecutionResult{c.json, "smartctl -j -a /dev/sdc", "", 64}, "sdc");
+        EXPECT_EQ(info.has_value(), c.usable) << c.json;
+        if (info) {
+            EXPECT_EQ(info->sourceCommand, "smartctl -j -a /dev/sdc");
+        }
+        const auto lines = bridgeLines(capture);
+        ASSERT_FALSE(lines.empty());
+        EXPECT_EQ(lines.back(), c.lastLine) << c.json;
+    }
+}
+
+TEST(SmartmontoolsBridge, EncodesBase64WithPadding) {
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foobar", "Zm9vYmFy"},
+        {std::string("\0\xff\xfe\x80", 4), "AP/+gA=="},
+    };
+    for (const auto& [bytes, expected] : cases) EXPECT_EQ(base64Encoded(bytes), expected);
+}
+
+}  // namespace
+}  // namespace vantorix::smart
