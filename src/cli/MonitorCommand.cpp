@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
+#include "charts/ChartExportSupport.h"
 #include "cli/Commands.h"
 #include "cli/SignalWatcher.h"
 #include "concurrency/LoopMainExecutor.h"
@@ -11,6 +12,7 @@
 #include "concurrency/SerialQueue.h"
 #include "monitor/DiskIOMonitor.h"
 #include "monitor/MonitorMetrics.h"
+#include "render/ChartImageRenderer.h"
 #include "text/Formats.h"
 #include "text/Language.h"
 
@@ -225,13 +227,34 @@ private:
             if (options_.json) out_ << jsonSummary(state, lastDuration_, bsdName_).dump() << std::endl;
             else out_ << humanSummary(state, lastDuration_) << std::endl;
         }
+        const bool exported = exportChart(state);
         if (failure_) {
             err_ << *failure_ << std::endl;
+            exitStatus_ = kFailure;
+        } else if (!exported) {
             exitStatus_ = kFailure;
         } else {
             exitStatus_ = interrupted_ ? kInterrupted : kSuccess;
         }
         main_->stop();
+    }
+
+    // The chart export of the whole history, when --csv asked for it: the CSV file and the PNG
+    // beside it. The outcome is a result, so it goes to standard output, unless that carries JSON
+    // only; a failure goes to standard error. False when nothing was exported.
+    bool exportChart(const DiskIOMonitor::State& state) {
+        if (!options_.csvPath) return true;
+        // Runs on the main thread, where the picture's QGuiApplication must live.
+        const auto outcome =
+            ChartExportSupport::exportChart(SampleWindow(state.samples), DiskIOMonitor::rawValue(state.samplingPrecision),
+                                            *options_.csvPath, render::chartPNGRenderer());
+        if (!outcome) {
+            err_ << text::localized("样本不足 2 个，未导出图表。", "Fewer than 2 samples: the chart was not exported.")
+                 << std::endl;
+            return false;
+        }
+        (outcome->saved && !options_.json ? out_ : err_) << outcome->text << std::endl;
+        return outcome->saved;
     }
 
     void fail(const std::string& message) {

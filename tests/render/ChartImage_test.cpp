@@ -1,0 +1,140 @@
+// Our headers first: Qt defines "slots" as a macro, a name the sample history uses.
+#include "charts/ChartExportSupport.h"
+#include "charts/SampleFixtures.h"
+#include "render/ChartImageRenderer.h"
+#include "support/ScopedEnvironment.h"
+
+#include <QColor>
+#include <QImage>
+#include <QPainter>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+
+namespace vantorix {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::samplesBy;
+using testing::ScopedLanguage;
+
+// The pictures are kept next to the test program for people to look at.
+fs::path artifactPath(const std::string& name) {
+    const fs::path dir = fs::read_symlink("/proc/self/exe").parent_path() / "render-artifacts";
+    fs::create_directories(dir);
+    return dir / name;
+}
+
+// Renders, keeps the PNG as an artifact and decodes it again. The picture is transparent and
+// drawn for a dark appearance; a copy laid on a dark window colour is kept beside it, since most
+// image viewers show transparency as white.
+QImage render(const SampleWindow& samples, std::int64_t intervalMs, const std::string& name) {
+    auto png = render::chartPNGData(samples, intervalMs);
+    if (!png) {
+        ADD_FAILURE() << png.error().description();
+        return {};
+    }
+    std::ofstream(artifactPath(name + ".png"), std::ios::binary)
+        .write(reinterpret_cast<const char*>(png->data()), static_cast<std::streamsize>(png->size()));
+    QImage image =
+        QImage::fromData(png->data(), static_cast<int>(png->size()), "PNG").convertToFormat(QImage::Format_ARGB32);
+    QImage onDark(image.size(), QImage::Format_RGB32);
+    onDark.fill(QColor(30, 30, 30));
+    QPainter(&onDark).drawImage(0, 0, image);
+    onDark.save(QString::fromStdString(artifactPath(name + "-on-dark.png").string()));
+    return image;
+}
+
+bool isRead(QColor c) { return c.alpha() > 240 && c.green() > 170 && c.red() < 90 && c.blue() < 120; }
+bool isWrite(QColor c) { return c.alpha() > 240 && c.red() > 230 && c.green() > 110 && c.green() < 180 && c.blue() < 40; }
+bool isText(QColor c) { return c.alpha() > 100 && c.red() > 200 && c.green() > 200 && c.blue() > 200; }
+
+// Whether some pixel of the rectangle (Qt coordinates, y down) passes `test`.
+template <class Test>
+bool anyIn(const QImage& image, int left, int top, int width, int height, Test test) {
+    for (int y = top; y < top + height; ++y)
+        for (int x = left; x < left + width; ++x)
+            if (test(image.pixelColor(x, y))) return true;
+    return false;
+}
+
+// The picture's y (origin bottom left) as a Qt row.
+int row(double y) { return static_cast<int>(2160 - y); }
+
+// 101 samples a second apart: read 40 MB a second but 100 MB in the first, write 20 MB a second.
+// The throughput axis then tops out at 100 MB/s, the read line runs at 0.4 of the plot's height
+// and the write line at 0.2; the plot is 220 … 3680 across and 240 … 2000 up.
+SampleWindow knownSamples() {
+    return samplesBy(101, [](std::size_t i) { return i == 0 ? 100'000'000 : 40'000'000; },
+                     [](std::size_t) { return 20'000'000; });
+}
+
+TEST(ChartImage, DrawsLinesAxesLegendAndSummaryWhereTheyBelong) {
+    for (const char* lang : {"en_US.UTF-8", "zh_CN.UTF-8"}) {
+        SCOPED_TRACE(lang);
+        const ScopedLanguage language(lang);
+        const QImage image = render(knownSamples(), 1000, std::string("chart-") + lang);
+        ASSERT_EQ(image.size(), QSize(3840, 2160));
+        EXPECT_EQ(image.pixelColor(5, 2155).alpha(), 0);  // the background stays transparent
+
+        // Lines at the middle of the plot, and nothing of them a little above or below.
+        const int middle = 220 + 3460 / 2;
+        EXPECT_TRUE(isRead(image.pixelColor(middle, row(240 + 0.4 * 1760))));
+        EXPECT_TRUE(isWrite(image.pixelColor(middle, row(240 + 0.2 * 1760))));
+        EXPECT_FALSE(anyIn(image, middle, row(240 + 0.4 * 1760) - 12, 1, 6, isRead));
+        EXPECT_FALSE(anyIn(image, middle, row(240 + 0.2 * 1760) + 6, 1, 6, isWrite));
+        // The first sample's 100 MB/s reaches the top of the plot at its left edge.
+        EXPECT_TRUE(anyIn(image, 220, row(2000) - 2, 4, 6, isRead));
+
+        // Axes: the left and bottom edges in the label colour.
+        EXPECT_TRUE(isText(image.pixelColor(220, 1000)));
+        EXPECT_TRUE(isText(image.pixelColor(1000, row(240))));
+        // Tick marks left of the plot and below it (time ticks every 20 s, so 0.4 of the way at
+        // 40 s), with labels further out.
+        EXPECT_TRUE(isText(image.pixelColor(208, row(240 + 0.6 * 1760))));
+        EXPECT_TRUE(anyIn(image, 100, row(240 + 0.6 * 1760) - 15, 90, 30, isText));
+        EXPECT_TRUE(isText(image.pixelColor(220 + 1384, row(240) + 12)));
+        EXPECT_TRUE(anyIn(image, 220 + 1384 - 60, row(240) + 28, 120, 40, isText));
+
+        // A dashed grid line at 0.6 of the height: 6 pixels on, 4 off.
+        int lit = 0;
+        const int gridRow = row(240 + 0.6 * 1760);
+        for (int x = 300; x < 3600; ++x) lit += image.pixelColor(x, gridRow).alpha() > 30 ? 1 : 0;
+        EXPECT_NEAR(lit / 3300.0, 0.6, 0.1);
+
+        // Legend above the plot: the green disc at the plot's left, the orange one after the text.
+        EXPECT_TRUE(isRead(image.pixelColor(244, row(2048 + 24))));
+        EXPECT_TRUE(anyIn(image, 290, row(2048 + 48), 200, 48, isText));
+        EXPECT_TRUE(anyIn(image, 400, row(2048 + 24), 800, 1, isWrite));
+
+        // Summary box in the top right corner: dark, with white text.
+        EXPECT_NEAR(image.pixelColor(3840 - 40, 40).alpha(), 115, 3);
+        EXPECT_TRUE(anyIn(image, 3000, 60, 800, 50, isText));
+    }
+}
+
+TEST(ChartImage, WithoutDataSaysItIsWaiting) {
+    for (const char* lang : {"en_US.UTF-8", "zh_CN.UTF-8"}) {
+        SCOPED_TRACE(lang);
+        const ScopedLanguage language(lang);
+        const QImage image = render(samplesBy(0, [](std::size_t) { return 0; }, [](std::size_t) { return 0; }), 1000,
+                                    std::string("chart-empty-") + lang);
+        ASSERT_EQ(image.size(), QSize(3840, 2160));
+        const auto secondary = [](QColor c) { return c.alpha() > 100 && c.red() > 200; };
+        EXPECT_TRUE(anyIn(image, 1950 - 300, 1040 - 30, 600, 60, secondary));
+        EXPECT_FALSE(anyIn(image, 0, 0, 3840, 2160, [](QColor c) { return isRead(c) || isWrite(c); }));
+        EXPECT_EQ(image.pixelColor(3840 - 40, 40).alpha(), 0);  // no summary
+        EXPECT_TRUE(isText(image.pixelColor(220, 1000)));      // the axes are still there
+    }
+}
+
+TEST(ChartImage, AnImpossibleBitmapIsReported) {
+    // Wider than Qt allows (its row length in bits must fit an int): refused before allocating.
+    const auto png = render::chartPNGData(knownSamples(), 1000, 70'000'000, 1);
+    ASSERT_FALSE(png.ok());
+    EXPECT_EQ(png.error(), ChartDataExportError::bitmapContextUnavailable());
+}
+
+}  // namespace
+}  // namespace vantorix
