@@ -146,60 +146,29 @@ std::string withSuffix(std::string text, std::string_view chinese, std::string_v
 
 // ---- dates ----
 
-// SimpleDateFormat is not thread-safe, so each one is used under a lock.
+// ICU date formats are not thread-safe, so each one is used under a lock.
 class DateFormatter {
 public:
+    // A fixed pattern in en_US_POSIX.
     explicit DateFormatter(const char* pattern) {
         UErrorCode status = U_ZERO_ERROR;
         auto format = std::make_unique<icu::SimpleDateFormat>(icu::UnicodeString(pattern, -1, US_INV),
                                                               icu::Locale(kPosixLocale), status);
         if (U_SUCCESS(status)) format_ = std::move(format);
     }
+    // Date and time both in `style`, in a locale.
+    DateFormatter(icu::DateFormat::EStyle style, const char* localeId)
+        : format_(icu::DateFormat::createDateTimeInstance(style, style, icu::Locale(localeId))) {}
 
-    std::optional<std::string> format(std::chrono::system_clock::time_point time, bool utc) {
+    // In `zone`, or in the user's zone when it is null. The zone is set on every call so that a
+    // change of the user's zone is followed.
+    std::optional<std::string> format(std::chrono::system_clock::time_point time, std::unique_ptr<icu::TimeZone> zone) {
+        std::unique_ptr<icu::TimeZone> owned = zone ? std::move(zone) : std::unique_ptr<icu::TimeZone>(icu::TimeZone::createDefault());
         const auto milliseconds =
             std::chrono::floor<std::chrono::milliseconds>(time.time_since_epoch()).count();
         const std::lock_guard lock(mutex_);
         if (!format_) return std::nullopt;
-        // The zone is set on every call so that a change of the user's zone is followed.
-        format_->adoptTimeZone(utc ? icu::TimeZone::getGMT()->clone() : icu::TimeZone::createDefault());
-        icu::UnicodeString text;
-        format_->format(static_cast<UDate>(milliseconds), text);
-        if (text.isEmpty()) return std::nullopt;
-        std::string result;
-        text.toUTF8String(result);
-        return result;
-    }
-
-private:
-    std::mutex mutex_;
-    std::unique_ptr<icu::SimpleDateFormat> format_;
-};
-
-DateFormatter& tooltipDateFormatter() {
-    static auto* formatter = new DateFormatter("yyyy-MM-dd HH:mm:ss.SSS");
-    return *formatter;
-}
-
-DateFormatter& fileNameDateFormatter() {
-    static auto* formatter = new DateFormatter("yyyyMMdd-HHmmss");
-    return *formatter;
-}
-
-// Medium date and time styles, one formatter per language, each used under a lock.
-class MediumDateTimeFormatter {
-public:
-    explicit MediumDateTimeFormatter(const char* localeId)
-        : format_(icu::DateFormat::createDateTimeInstance(icu::DateFormat::kMedium, icu::DateFormat::kMedium,
-                                                          icu::Locale(localeId))) {}
-
-    std::optional<std::string> format(std::chrono::system_clock::time_point time, const char* zoneId) {
-        const auto milliseconds =
-            std::chrono::floor<std::chrono::milliseconds>(time.time_since_epoch()).count();
-        const std::lock_guard lock(mutex_);
-        if (!format_) return std::nullopt;
-        format_->adoptTimeZone(zoneId != nullptr ? icu::TimeZone::createTimeZone(icu::UnicodeString(zoneId, -1, US_INV))
-                                                 : icu::TimeZone::createDefault());
+        format_->adoptTimeZone(owned.release());
         icu::UnicodeString text;
         format_->format(static_cast<UDate>(milliseconds), text);
         if (text.isEmpty()) return std::nullopt;
@@ -212,6 +181,20 @@ private:
     std::mutex mutex_;
     std::unique_ptr<icu::DateFormat> format_;
 };
+
+std::unique_ptr<icu::TimeZone> utcZone(bool utc) {
+    return std::unique_ptr<icu::TimeZone>(utc ? icu::TimeZone::getGMT()->clone() : nullptr);
+}
+
+DateFormatter& tooltipDateFormatter() {
+    static auto* formatter = new DateFormatter("yyyy-MM-dd HH:mm:ss.SSS");
+    return *formatter;
+}
+
+DateFormatter& fileNameDateFormatter() {
+    static auto* formatter = new DateFormatter("yyyyMMdd-HHmmss");
+    return *formatter;
+}
 
 std::tm brokenDownTime(std::chrono::system_clock::time_point time, bool utc) {
     const std::time_t seconds = std::chrono::system_clock::to_time_t(std::chrono::floor<std::chrono::seconds>(time));
@@ -326,21 +309,23 @@ std::string clockDurationText(double seconds) {
 }
 
 std::string tooltipTimeText(std::chrono::system_clock::time_point time) {
-    if (auto text = tooltipDateFormatter().format(time, false)) return *std::move(text);
+    if (auto text = tooltipDateFormatter().format(time, nullptr)) return *std::move(text);
     const auto milliseconds =
         std::chrono::floor<std::chrono::milliseconds>(time.time_since_epoch()).count() % 1000;
     return fmt::format("{:%Y-%m-%d %H:%M:%S}.{:03}", brokenDownTime(time, false), (milliseconds + 1000) % 1000);
 }
 
 std::string fileNameTimestamp(std::chrono::system_clock::time_point time, bool utc) {
-    if (auto text = fileNameDateFormatter().format(time, utc)) return *std::move(text);
+    if (auto text = fileNameDateFormatter().format(time, utcZone(utc))) return *std::move(text);
     return fmt::format("{:%Y%m%d-%H%M%S}", brokenDownTime(time, utc));
 }
 
 std::string mediumDateTimeText(std::chrono::system_clock::time_point time, const char* zoneId) {
-    static auto* english = new MediumDateTimeFormatter(kPosixLocale);
-    static auto* chinese = new MediumDateTimeFormatter("zh_CN");
-    if (auto text = (isEnglish() ? english : chinese)->format(time, zoneId)) return *std::move(text);
+    static auto* english = new DateFormatter(icu::DateFormat::kMedium, kPosixLocale);
+    static auto* chinese = new DateFormatter(icu::DateFormat::kMedium, "zh_CN");
+    std::unique_ptr<icu::TimeZone> zone(
+        zoneId != nullptr ? icu::TimeZone::createTimeZone(icu::UnicodeString(zoneId, -1, US_INV)) : nullptr);
+    if (auto text = (isEnglish() ? english : chinese)->format(time, std::move(zone))) return *std::move(text);
     return fmt::format("{:%Y-%m-%d %H:%M:%S}", brokenDownTime(time, zoneId != nullptr));
 }
 
