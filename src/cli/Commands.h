@@ -46,7 +46,9 @@ int runMonitor(const MonitorOptions& options, Environment& environment);
 
 struct BenchOptions {
     std::string path;
-    std::string size = "full";  // "full", or a gigabyte count: "1", "10", "100", "1000", "10000"
+    // "full" (the free space, truncated to whole gigabytes), or a gigabyte count: "1", "10", "100",
+    // "1000", "10000". 1 GB by default: a command typed without a size should not fill the disk.
+    std::string size = "1";
     bool json = false;
     // Shorter runs for tests and comparisons; hidden from --help.
     std::optional<std::uint64_t> payloadBytes;

@@ -42,9 +42,9 @@ int main(int argc, char** argv) {
         "bench", text::localized("对文件夹所在卷运行四阶段性能测试并写出 HTML 报告",
                                  "Run the four-phase performance test on the volume behind a folder and write an HTML report"));
     benchCommand->add_option("path", bench.path, text::localized("卷上的文件夹", "A folder on the volume"))->required();
-    benchCommand->add_option("--size", bench.size, text::localized("测试样本大小：full（全盘）或 GB 数", "Test Sample Size: full (the whole free space) or a number of GB"))
+    benchCommand->add_option("--size", bench.size, text::localized("测试样本大小：full（全盘）或 GB 数，默认 1", "Test Sample Size: full (the whole free space) or a number of GB; 1 by default"))
         ->check(CLI::IsMember({"full", "1", "10", "100", "1000", "10000"}))
-        ->default_val("full");
+        ->default_val("1");
     benchCommand->add_flag("--json", bench.json, text::localized("以 JSON 输出", "Print JSON"));
     std::uint64_t payloadBytes = 0;
     double randomSeconds = 0;

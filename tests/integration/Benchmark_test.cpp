@@ -135,9 +135,10 @@ TEST_F(BenchmarkOnLoopVolume, CommandRunsTheFourPhasesAndLeavesOnlyTheReport) {
 }
 
 TEST_F(BenchmarkOnLoopVolume, CommandErrorsUseTheirTexts) {
-    // 96 MiB cannot hold 1 GB, and "Full Disk" needs at least a gigabyte free.
-    for (const char* size : {"1", "full"}) {
-        const auto run = bench({"--size", size});
+    // 96 MiB cannot hold 1 GB (also the default size), and "Full Disk" needs a gigabyte free.
+    for (const std::vector<std::string>& size : {std::vector<std::string>{"--size", "1"},
+                                                 std::vector<std::string>{"--size", "full"}, std::vector<std::string>{}}) {
+        const auto run = bench(size);
         EXPECT_EQ(run.exitStatus, 1);
         EXPECT_EQ(run.err, "Not enough free space to run the performance test.\n");
     }
