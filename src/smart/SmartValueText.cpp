@@ -11,11 +11,13 @@
 #include <optional>
 
 #include "smart/Utf8.h"
+#include "text/IcuText.h"
 
 namespace vantorix::smart {
 namespace {
 
 namespace number = icu::number;
+using text::toUtf8;
 
 bool isWhiteSpaceOrLineBreak(UChar32 c) {
     if (c == 0x09 || (c >= 0x0A && c <= 0x0D) || c == 0x85) return true;
@@ -39,14 +41,6 @@ const number::LocalizedNumberFormatter& numberFormatter(bool english) {
     static const number::LocalizedNumberFormatter* posix = make("en_US_POSIX");
     static const number::LocalizedNumberFormatter* chinese = make("zh_CN");
     return english ? *posix : *chinese;
-}
-
-std::optional<std::string> toUtf8(const number::FormattedNumber& formatted, UErrorCode& status) {
-    const icu::UnicodeString text = formatted.toString(status);
-    if (U_FAILURE(status) || text.isEmpty()) return std::nullopt;
-    std::string result;
-    text.toUTF8String(result);
-    return result;
 }
 
 std::string formattedNumber(const nlohmann::ordered_json& value, bool english) {

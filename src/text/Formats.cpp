@@ -1,4 +1,5 @@
 #include "text/Formats.h"
+#include "text/IcuText.h"
 
 #include "text/Language.h"
 
@@ -23,6 +24,15 @@
 #include <optional>
 
 namespace vantorix::text {
+
+std::optional<std::string> toUtf8(const icu::number::FormattedNumber& formatted, UErrorCode& status) {
+    const icu::UnicodeString text = formatted.toString(status);
+    if (U_FAILURE(status) || text.isEmpty()) return std::nullopt;
+    std::string result;
+    text.toUTF8String(result);
+    return result;
+}
+
 namespace {
 
 namespace number = icu::number;
@@ -61,14 +71,6 @@ NumberFormatterCache& numberFormatters() {
     // Deliberately never destroyed, so that a thread still formatting during exit finds it intact.
     static auto* cache = new NumberFormatterCache;
     return *cache;
-}
-
-std::optional<std::string> toUtf8(const number::FormattedNumber& formatted, UErrorCode& status) {
-    const icu::UnicodeString text = formatted.toString(status);
-    if (U_FAILURE(status) || text.isEmpty()) return std::nullopt;
-    std::string result;
-    text.toUTF8String(result);
-    return result;
 }
 
 std::optional<std::string> formatDouble(const number::LocalizedNumberFormatter& formatter, double value) {
