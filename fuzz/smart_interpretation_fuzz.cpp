@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "platform/Log.h"
+#include "log/Log.h"
 #include "smart/SmartmontoolsBridge.h"
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {

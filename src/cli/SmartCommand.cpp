@@ -12,7 +12,7 @@
 #include "cli/Commands.h"
 #include "cli/TextTable.h"
 #include "smart/SmartSheetTexts.h"
-#include "smart/SmartctlExecutionResult.h"
+#include "protocol/SmartctlExecutionResult.h"
 #include "smart/SmartmontoolsBridge.h"
 #include "text/Language.h"
 

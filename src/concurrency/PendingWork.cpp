@@ -1,6 +1,6 @@
 #include "concurrency/PendingWork.h"
 
-#include "platform/Log.h"
+#include "log/Log.h"
 
 #include <exception>
 #include <utility>

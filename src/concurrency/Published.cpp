@@ -1,6 +1,6 @@
 #include "concurrency/Published.h"
 
-#include "platform/Log.h"
+#include "log/Log.h"
 
 namespace vantorix::detail {
 

@@ -1,7 +1,7 @@
 #include "concurrency/RepeatingTimer.h"
 
 #include "concurrency/SerialQueue.h"
-#include "platform/Log.h"
+#include "log/Log.h"
 
 #include <asio/io_context.hpp>
 #include <asio/post.hpp>

@@ -1,6 +1,6 @@
 #include "concurrency/SerialQueue.h"
 
-#include "platform/Log.h"
+#include "log/Log.h"
 
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>

@@ -1,6 +1,6 @@
 #include "concurrency/Task.h"
 
-#include "platform/Log.h"
+#include "log/Log.h"
 
 #include <condition_variable>
 #include <mutex>

@@ -1,6 +1,6 @@
 #include "concurrency/ThreadAttributes.h"
 
-#include "platform/Log.h"
+#include "log/Log.h"
 
 #include <pthread.h>
 #include <sys/resource.h>

@@ -4,7 +4,7 @@
 
 #include <unordered_set>
 
-#include "platform/Log.h"
+#include "log/Log.h"
 
 namespace vantorix {
 namespace {

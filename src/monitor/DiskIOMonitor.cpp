@@ -1,7 +1,7 @@
 #include "monitor/DiskIOMonitor.h"
 
 #include "concurrency/WeakOwner.h"
-#include "platform/Log.h"
+#include "log/Log.h"
 #include "volumes/DiskVolumeResolver.h"
 
 namespace vantorix {

@@ -4,7 +4,7 @@
 #include <QString>
 #include <QtGlobal>
 
-#include "platform/Log.h"
+#include "log/Log.h"
 
 namespace vantorix::render {
 namespace {

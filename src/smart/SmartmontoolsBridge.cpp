@@ -5,8 +5,8 @@
 #include <exception>
 #include <string>
 
-#include "platform/Log.h"
-#include "smart/Base64.h"
+#include "log/Log.h"
+#include "protocol/Base64.h"
 #include "smart/SmartValueText.h"
 #include "smart/SmartctlJSONInterpreter.h"
 #include "smart/Utf8.h"
@@ -19,7 +19,7 @@ using json = nlohmann::ordered_json;
 const log::Logger& logger() { return log::logger(kBridgeLogCategory); }
 
 std::string readableBytes(std::string_view bytes) {
-    return isValidUtf8(bytes) ? std::string(bytes) : base64Encoded(bytes);
+    return isValidUtf8(bytes) ? std::string(bytes) : protocol::base64Encoded(bytes);
 }
 
 bool isSevere(std::string_view severity) {

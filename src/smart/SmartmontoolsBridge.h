@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "smart/DiskSMARTInfo.h"
-#include "smart/SmartctlExecutionResult.h"
+#include "protocol/SmartctlExecutionResult.h"
 
 namespace vantorix::smart {
 

@@ -1,7 +1,7 @@
 #include "concurrency/SerialQueue.h"
 
 #include "WaitFor.h"
-#include "platform/Log.h"
+#include "log/Log.h"
 
 #include <gtest/gtest.h>
 #include <pthread.h>

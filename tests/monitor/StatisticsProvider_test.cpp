@@ -3,7 +3,7 @@
 
 #include "monitor/DiskIOKitStatisticsProvider.h"
 #include "platform/FakeRegistry.h"
-#include "platform/Log.h"
+#include "log/Log.h"
 
 namespace vantorix {
 namespace {

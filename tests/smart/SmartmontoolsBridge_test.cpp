@@ -1,7 +1,6 @@
 #include "smart/SmartmontoolsBridge.h"
 
-#include "platform/Log.h"
-#include "smart/Base64.h"
+#include "log/Log.h"
 #include "support/ScopedEnvironment.h"
 
 #include <gmock/gmock.h>
@@ -89,14 +88,6 @@ TEST(SmartmontoolsBridge, InterpretsAResultOrSaysWhyItCannot) {
         ASSERT_FALSE(lines.empty());
         EXPECT_EQ(lines.back(), c.lastLine) << c.json;
     }
-}
-
-TEST(SmartmontoolsBridge, EncodesBase64WithPadding) {
-    const std::vector<std::pair<std::string, std::string>> cases = {
-        {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foobar", "Zm9vYmFy"},
-        {std::string("\0\xff\xfe\x80", 4), "AP/+gA=="},
-    };
-    for (const auto& [bytes, expected] : cases) EXPECT_EQ(base64Encoded(bytes), expected);
 }
 
 }  // namespace

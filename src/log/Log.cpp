@@ -1,4 +1,4 @@
-#include "platform/Log.h"
+#include "log/Log.h"
 
 #include <spdlog/logger.h>
 #include <spdlog/sinks/base_sink.h>
