@@ -1,3 +1,4 @@
+#include <CLI/CLI.hpp>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <unistd.h>
@@ -12,6 +13,8 @@
 #include "benchmark/PerformanceMetrics.h"
 #include "cli/Commands.h"
 #include "cli/SignalWatcher.h"
+#include "cli/SmartFetch.h"
+#include "composition/SmartPipeline.h"
 #include "cli/TextTable.h"
 #include "concurrency/LoopMainExecutor.h"
 #include "monitor/DiskIOKitStatisticsProvider.h"
@@ -201,6 +204,13 @@ public:
         auto resolved = DiskVolumeResolver::resolve(options_.path, *environment_.files, *environment_.registry);
         if (!resolved) return fail(resolved.error().description());
         volume_ = std::move(resolved).value();
+        // The report carries the drive's SMART data when the helper answers. It is read before the
+        // test starts: SMART commands cost the drive time the test would measure.
+        readSmartInfo();
+        if (interrupted_) {
+            err_ << localized("性能测试已停止。", "Performance test stopped.") << std::endl;
+            return kInterrupted;
+        }
 
         DiskPerformanceTester::Parameters parameters;
         if (options_.randomSeconds) parameters.randomPhaseDuration = *options_.randomSeconds;
@@ -236,10 +246,24 @@ public:
     void interrupt() {
         if (done_) return;
         interrupted_ = true;
-        tester_->stopTest();
+        smartCancellation_.cancel();
+        if (tester_) tester_->stopTest();
     }
 
 private:
+    void readSmartInfo() {
+        const auto pipeline = SmartPipeline::system(main_, RegistrationPolicy{false});
+        const auto outcome = fetchSmartInfo(pipeline, *main_, volume_->bsdName, smartCancellation_);
+        if (interrupted_) return;
+        volume_->smartInfo = outcome.info;
+        if (outcome.info) return;
+        const auto reason = helperUnavailableReason(pipeline);
+        err_ << localized("报告中将没有 SMART 数据：", "The report will have no SMART data: ")
+             << (reason ? *reason
+                        : localized("硬盘没有提供可用的 SMART 信息。", "the drive gave no usable SMART information."))
+             << std::endl;
+    }
+
     void observe(const DiskPerformanceTester::State& state) {
         if (done_) return;
         if (state.isRunning) {
@@ -330,6 +354,7 @@ private:
     bool lineOpen_ = false;
     bool interrupted_ = false;
     bool done_ = false;
+    CancellationSource smartCancellation_;
     int exitStatus_ = kSuccess;
 };
 
@@ -349,6 +374,31 @@ int runBench(const BenchOptions& options, Environment& environment) {
     const int status = session.run();
     current = nullptr;
     return status;
+}
+
+Command addBenchCommand(CLI::App& parent) {
+    struct Parsed {
+        BenchOptions options;
+        std::uint64_t payloadBytes = 0;
+        double randomSeconds = 0;
+    };
+    auto parsed = std::make_shared<Parsed>();
+    auto* command = parent.add_subcommand(
+        "bench", text::localized("对文件夹所在卷运行四阶段性能测试并写出 HTML 报告",
+                                 "Run the four-phase performance test on the volume behind a folder and write an HTML report"));
+    command->add_option("path", parsed->options.path, text::localized("卷上的文件夹", "A folder on the volume"))->required();
+    command->add_option("--size", parsed->options.size, text::localized("测试样本大小：full（全盘）或 GB 数，默认 1", "Test Sample Size: full (the whole free space) or a number of GB; 1 by default"))
+        ->check(CLI::IsMember({"full", "1", "10", "100", "1000", "10000"}))
+        ->default_val("1");
+    command->add_flag("--json", parsed->options.json, text::localized("以 JSON 输出", "Print JSON"));
+    // Shorter runs for tests and comparisons; not shown by --help.
+    auto* payloadOption = command->add_option("--payload-bytes", parsed->payloadBytes)->group("");
+    auto* randomOption = command->add_option("--random-seconds", parsed->randomSeconds)->check(CLI::PositiveNumber)->group("");
+    return {command, [parsed, payloadOption, randomOption](Environment& environment) {
+                if (*payloadOption) parsed->options.payloadBytes = parsed->payloadBytes;
+                if (*randomOption) parsed->options.randomSeconds = parsed->randomSeconds;
+                return runBench(parsed->options, environment);
+            }};
 }
 
 }  // namespace vantorix::cli

@@ -1,12 +1,17 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <ostream>
 #include <string>
 
 #include "monitor/DiskIOMonitor.h"
+
+namespace CLI {
+class App;
+}
 #include "platform/Registry.h"
 #include "platform/VolumeInfoSource.h"
 
@@ -24,6 +29,19 @@ struct Environment {
 
     static Environment system();
 };
+
+// One subcommand: its options are declared by its add function, next to its code; `run` runs it
+// once the command line has been parsed, when the subcommand was chosen.
+struct Command {
+    CLI::App* app = nullptr;
+    std::function<int(Environment&)> run;
+};
+
+Command addInfoCommand(CLI::App& parent);
+Command addMonitorCommand(CLI::App& parent);
+Command addBenchCommand(CLI::App& parent);
+Command addSmartCommand(CLI::App& parent);
+Command addHelperCommand(CLI::App& parent);
 
 struct InfoOptions {
     std::string path;
@@ -61,13 +79,26 @@ struct BenchOptions {
 int runBench(const BenchOptions& options, Environment& environment);
 
 struct SmartOptions {
-    std::string jsonFile;
+    std::optional<std::string> path;      // a folder on the volume whose drive is asked, through the helper
+    std::optional<std::string> jsonFile;  // or a saved `smartctl --json` output to replay
+    bool json = false;
+    bool watch = false;  // with a path: keep refreshing and print every published change until Ctrl-C
+};
+
+// Prints the overall status, the capability and the rows of a drive's SMART data: live through the
+// privileged helper for the volume behind a folder, or replayed from a saved `smartctl --json`
+// output. Exit status 0; 1 when there is no usable SMART information, the helper is not available
+// (the message says how to enable it) or the file cannot be read; 130 when --watch is stopped.
+int runSmart(const SmartOptions& options, Environment& environment);
+
+struct HelperOptions {
+    enum class Action { status, enable, disable };
+    Action action = Action::status;
     bool json = false;
 };
 
-// Replays a saved `smartctl --json` output through the SMART interpretation and prints the overall
-// status, the capability and the rows. Exit status 0, 1 when the file cannot be read or holds no
-// usable SMART information.
-int runSmart(const SmartOptions& options, Environment& environment);
+// Shows the SMART helper's registration as the helper manager sees it, or registers or removes it
+// through the service manager.
+int runHelper(const HelperOptions& options, Environment& environment);
 
 }  // namespace vantorix::cli

@@ -1,3 +1,4 @@
+#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include <iostream>
@@ -124,6 +125,15 @@ int runInfo(const InfoOptions& options, Environment& environment) {
         return kFailure;
     }
     return kSuccess;
+}
+
+Command addInfoCommand(CLI::App& parent) {
+    auto options = std::make_shared<InfoOptions>();
+    auto* command = parent.add_subcommand(
+        "info", text::localized("显示文件夹所在卷的信息和累计读写计数", "Describe the volume behind a folder and its cumulative I/O counters"));
+    command->add_option("path", options->path, text::localized("卷上的文件夹", "A folder on the volume"))->required();
+    command->add_flag("--json", options->json, text::localized("以 JSON 输出", "Print JSON"));
+    return {command, [options](Environment& environment) { return runInfo(*options, environment); }};
 }
 
 }  // namespace vantorix::cli

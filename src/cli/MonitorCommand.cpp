@@ -1,3 +1,4 @@
+#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -297,6 +298,34 @@ int runMonitor(const MonitorOptions& options, Environment& environment) {
     const int status = session.run();
     current = nullptr;
     return status;
+}
+
+Command addMonitorCommand(CLI::App& parent) {
+    struct Parsed {
+        MonitorOptions options;
+        int precision = 1000;
+        double duration = 0;
+    };
+    auto parsed = std::make_shared<Parsed>();
+    auto* command = parent.add_subcommand(
+        "monitor", text::localized("监控文件夹所在卷的实时读写", "Watch the live read and write traffic of the volume behind a folder"));
+    command->add_option("path", parsed->options.path, text::localized("卷上的文件夹", "A folder on the volume"))->required();
+    command->add_option("--precision", parsed->precision, text::localized("采样间隔（毫秒）", "Sampling interval in milliseconds"))
+        ->check(CLI::IsMember({1, 10, 100, 1000}))
+        ->default_val(1000);
+    auto* durationOption = command->add_option(
+        "--duration", parsed->duration, text::localized("监控时长（秒），默认直到按下 Ctrl-C", "Seconds to monitor; until Ctrl-C when absent"))
+        ->check(CLI::PositiveNumber);
+    command->add_flag("--json", parsed->options.json, text::localized("每行输出一个 JSON 对象", "Print one JSON object per line"));
+    command->add_option("--csv", parsed->options.csvPath,
+                        text::localized("结束时将图表数据导出为 CSV 文件，并在旁边保存同名 PNG 图表",
+                                        "At the end, export the chart data as this CSV file and the chart as a PNG beside it"))
+        ->type_name("FILE");
+    return {command, [parsed, durationOption](Environment& environment) {
+                parsed->options.precision = *DiskIOMonitor::precisionFromRawValue(parsed->precision);
+                if (*durationOption) parsed->options.duration = parsed->duration;
+                return runMonitor(parsed->options, environment);
+            }};
 }
 
 }  // namespace vantorix::cli

@@ -1,3 +1,5 @@
+#include <CLI/CLI.hpp>
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 
 #include <cerrno>
@@ -5,12 +7,18 @@
 #include <filesystem>
 #include <fstream>
 #include <limits>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <vector>
 
 #include "cli/Commands.h"
+#include "cli/SignalWatcher.h"
+#include "cli/SmartFetch.h"
 #include "cli/TextTable.h"
+#include "composition/SmartPipeline.h"
+#include "concurrency/LoopMainExecutor.h"
+#include "volumes/DiskVolumeResolver.h"
 #include "smart/SmartSheetTexts.h"
 #include "protocol/SmartctlExecutionResult.h"
 #include "smart/SmartmontoolsBridge.h"
@@ -87,17 +95,60 @@ int fail(const SmartOptions& options, Environment& environment, std::string_view
     return kFailure;
 }
 
-}  // namespace
+ordered_json optionalJson(const auto& value) { return value ? ordered_json(*value) : ordered_json(nullptr); }
 
-int runSmart(const SmartOptions& options, Environment& environment) {
+ordered_json infoJson(const DiskSMARTInfo& info) {
+    ordered_json details = ordered_json::array();
+    for (const auto& detail : info.details) {
+        details.push_back({{"id", detail.id.text()},
+                           {"keyPath", detail.keyPath},
+                           {"displayName", detail.displayName},
+                           {"value", detail.value}});
+    }
+    return ordered_json{{"overallStatus", optionalJson(info.overallStatus)},
+                        {"isCapable", optionalJson(info.isCapable)},
+                        {"sourceCommand", optionalJson(info.sourceCommand)},
+                        {"details", std::move(details)}};
+}
+
+std::string dumped(const ordered_json& document, int indent) {
+    return document.dump(indent, ' ', false, ordered_json::error_handler_t::replace);
+}
+
+void printRows(std::ostream& out, const std::vector<DiskSMARTInfo::Detail>& details) {
+    std::vector<std::pair<std::string, std::string>> rows;
+    rows.reserve(details.size());
+    for (const auto& detail : details) rows.emplace_back(detail.displayName, detail.value);
+    printTable(out, rows);
+}
+
+void printInfo(std::ostream& out, const DiskSMARTInfo& info) {
+    std::vector<std::pair<std::string, std::string>> summary;
+    if (info.overallStatus && !info.overallStatus->empty()) {
+        summary.emplace_back(smart::overallStatusLabel(), *info.overallStatus);
+    }
+    if (info.isCapable) summary.emplace_back(smart::smartCapableLabel(), smart::capabilityText(*info.isCapable));
+    if (!summary.empty()) {
+        printTable(out, summary);
+        out << '\n';
+    }
+    if (info.details.empty()) {
+        out << smart::noDetailsNote() << '\n';
+        return;
+    }
+    printRows(out, info.details);
+}
+
+int replay(const SmartOptions& options, Environment& environment) {
     std::string reason;
-    auto contents = readFile(options.jsonFile, reason);
+    const std::string& path = *options.jsonFile;
+    auto contents = readFile(path, reason);
     if (!contents) {
         return fail(options, environment, "fileUnreadable",
-                    text::isEnglish() ? fmt::format("Cannot read {}: {}", options.jsonFile, reason)
-                                      : fmt::format("无法读取 {}：{}", options.jsonFile, reason));
+                    text::isEnglish() ? fmt::format("Cannot read {}: {}", path, reason)
+                                      : fmt::format("无法读取 {}：{}", path, reason));
     }
-    const Replay replay = replayOf(options.jsonFile, *std::move(contents));
+    const Replay replay = replayOf(path, *std::move(contents));
     const auto info = smart::interpretResult(replay.result, replay.deviceName);
     if (!info) {
         if (!replay.isJsonObject) {
@@ -107,44 +158,223 @@ int runSmart(const SmartOptions& options, Environment& environment) {
         return fail(options, environment, "noUsableData",
                     text::localized("文件中没有可用的 SMART 信息。", "The file holds no usable SMART information."));
     }
-
-    auto& out = *environment.out;
-    if (options.json) {
-        ordered_json details = ordered_json::array();
-        for (const auto& detail : info->details) {
-            details.push_back({{"id", detail.id.text()},
-                               {"keyPath", detail.keyPath},
-                               {"displayName", detail.displayName},
-                               {"value", detail.value}});
-        }
-        const auto optionalJson = [](const auto& value) { return value ? ordered_json(*value) : ordered_json(nullptr); };
-        out << ordered_json{{"overallStatus", optionalJson(info->overallStatus)},
-                            {"isCapable", optionalJson(info->isCapable)},
-                            {"sourceCommand", optionalJson(info->sourceCommand)},
-                            {"details", std::move(details)}}
-                   .dump(2, ' ', false, ordered_json::error_handler_t::replace)
-            << '\n';
-        return kSuccess;
-    }
-
-    std::vector<std::pair<std::string, std::string>> summary;
-    if (info->overallStatus && !info->overallStatus->empty()) {
-        summary.emplace_back(smart::overallStatusLabel(), *info->overallStatus);
-    }
-    if (info->isCapable) summary.emplace_back(smart::smartCapableLabel(), smart::capabilityText(*info->isCapable));
-    if (!summary.empty()) {
-        printTable(out, summary);
-        out << '\n';
-    }
-    if (info->details.empty()) {
-        out << smart::noDetailsNote() << '\n';
-        return kSuccess;
-    }
-    std::vector<std::pair<std::string, std::string>> rows;
-    rows.reserve(info->details.size());
-    for (const auto& detail : info->details) rows.emplace_back(detail.displayName, detail.value);
-    printTable(out, rows);
+    if (options.json) *environment.out << dumped(infoJson(*info), 2) << '\n';
+    else printInfo(*environment.out, *info);
     return kSuccess;
+}
+
+std::string noDataMessage(const std::string& bsdName, bool asleep) {
+    if (asleep) {
+        return text::isEnglish()
+                   ? fmt::format("The drive of {} is in standby; smartctl did not wake it to read SMART data.", bsdName)
+                   : fmt::format("{} 所在的硬盘处于待机状态；smartctl 没有唤醒它读取 SMART 数据。", bsdName);
+    }
+    return text::isEnglish() ? fmt::format("The drive of {} gave no usable SMART information.", bsdName)
+                             : fmt::format("{} 所在的硬盘没有提供可用的 SMART 信息。", bsdName);
+}
+
+// One fetch through the helper for the volume behind a folder.
+int fetchOnce(const SmartOptions& options, Environment& environment) {
+    auto main = std::make_shared<LoopMainExecutor>();
+    CancellationSource cancellation;
+    bool interrupted = false;
+    SignalWatcher signals([&](int) {
+        main->post([&] {
+            interrupted = true;
+            cancellation.cancel();
+        });
+    });
+    auto volume = DiskVolumeResolver::resolve(*options.path, *environment.files, *environment.registry);
+    if (!volume.ok()) return fail(options, environment, volume.error().name(), volume.error().description());
+    const auto pipeline = SmartPipeline::system(main, RegistrationPolicy{false});
+    const auto outcome = fetchSmartInfo(pipeline, *main, volume->bsdName, cancellation);
+    if (interrupted) return kInterrupted;
+    if (!outcome.info) {
+        if (const auto reason = helperUnavailableReason(pipeline)) {
+            return fail(options, environment, "helperUnavailable", *reason);
+        }
+        return fail(options, environment, outcome.driveAsleep ? "driveAsleep" : "noUsableData",
+                    noDataMessage(volume->bsdName, outcome.driveAsleep));
+    }
+    if (options.json) *environment.out << dumped(infoJson(*outcome.info), 2) << '\n';
+    else printInfo(*environment.out, *outcome.info);
+    return kSuccess;
+}
+
+std::string clockText(std::chrono::system_clock::time_point time) {
+    return fmt::format("{:%H:%M:%S}", fmt::localtime(std::chrono::system_clock::to_time_t(time)));
+}
+
+// The SMART refresh of a monitor selection, printed as it publishes until Ctrl-C.
+class WatchSession {
+public:
+    WatchSession(const SmartOptions& options, Environment& environment, std::shared_ptr<LoopMainExecutor> main)
+        : options_(options), environment_(environment), main_(std::move(main)),
+          pipeline_(SmartPipeline::system(main_, RegistrationPolicy{false})) {}
+
+    int run() {
+        monitor_ = DiskIOMonitor::create({environment_.registry, environment_.files, main_});
+        refresh_ = pipeline_.attachRefresh(monitor_, main_);
+        refresh_->setRoundObserver([this](const std::string& bsdName, SmartRefresh::Round round) { observeRound(bsdName, round); });
+        subscription_ = monitor_->subscribe([this](const DiskIOMonitor::State& state) { observe(state); });
+        monitor_->selectVolume(*options_.path);
+        main_->run();
+        // The refresh may be waiting for the main thread (helper registration): keep serving it
+        // until its task has ended.
+        refresh_->cancel();
+        while (!refresh_->isFinished()) main_->runFor(std::chrono::milliseconds(20));
+        subscription_.cancel();
+        return status_;
+    }
+
+    void interrupt() { finish(kInterrupted); }
+
+private:
+    void observe(const DiskIOMonitor::State& state) {
+        if (done_) return;
+        if (!state.selectedVolume) {
+            if (state.errorMessage) {
+                fail(options_, environment_, "invalidSelection", *state.errorMessage);
+                finish(kFailure);
+            }
+            return;
+        }
+        const auto& volume = *state.selectedVolume;
+        if (!announced_) {
+            announced_ = true;
+            *environment_.err << (text::isEnglish()
+                                      ? fmt::format("Watching the SMART data of {} ({}). Press Ctrl-C to stop.",
+                                                    volume.displayName, volume.bsdName)
+                                      : fmt::format("正在监视 {}（{}）的 SMART 数据。按 Ctrl-C 停止。", volume.displayName,
+                                                    volume.bsdName))
+                              << std::endl;
+            last_ = volume.smartInfo;
+            return;
+        }
+        if (volume.smartInfo == last_) return;
+        print(volume.bsdName, volume.smartInfo);
+        last_ = volume.smartInfo;
+    }
+
+    void print(const std::string& bsdName, const std::optional<DiskSMARTInfo>& info) {
+        const auto now = std::chrono::system_clock::now();
+        auto& out = *environment_.out;
+        ++publications_;
+        if (options_.json) {
+            out << dumped(ordered_json{{"time", clockText(now)},
+                                       {"bsdName", bsdName},
+                                       {"smart", info ? infoJson(*info) : ordered_json(nullptr)}},
+                          -1)
+                << std::endl;
+            return;
+        }
+        if (!info) {
+            out << "[" << clockText(now) << "] " << text::localized("SMART 数据已不可用。", "SMART data is no longer available.")
+                << std::endl;
+            printedValues_.clear();
+            return;
+        }
+        // The first table in full; afterwards the rows whose values changed.
+        std::vector<DiskSMARTInfo::Detail> changed;
+        for (const auto& detail : info->details) {
+            const auto previous = printedValues_.find(detail.keyPath);
+            if (previous == printedValues_.end() || previous->second != detail.value) changed.push_back(detail);
+        }
+        const bool first = printedValues_.empty();
+        printedValues_.clear();
+        for (const auto& detail : info->details) printedValues_[detail.keyPath] = detail.value;
+        if (first) {
+            out << "[" << clockText(now) << "]\n";
+            printInfo(out, *info);
+        } else if (changed.empty()) {
+            out << "[" << clockText(now) << "] " << text::localized("已刷新，没有数值变化。", "Refreshed; no value changed.") << '\n';
+        } else {
+            out << "[" << clockText(now) << "] " << text::localized("已变化：", "Changed:") << '\n';
+            printRows(out, changed);
+        }
+        out << std::flush;
+    }
+
+    // After the first round without data, says why when it is the helper's fault and ends.
+    void observeRound(const std::string& bsdName, SmartRefresh::Round round) {
+        if (done_ || ++rounds_ > 1 || publications_ > 0) return;
+        if (round != SmartRefresh::Round::identical && round != SmartRefresh::Round::published) return;
+        if (const auto reason = helperUnavailableReason(pipeline_)) {
+            fail(options_, environment_, "helperUnavailable", *reason);
+            finish(kFailure);
+            return;
+        }
+        const auto& selected = monitor_->state().selectedVolume;
+        if (selected && !selected->smartInfo) *environment_.err << noDataMessage(bsdName, false) << std::endl;
+    }
+
+    void finish(int status) {
+        if (done_) return;
+        done_ = true;
+        status_ = status;
+        main_->stop();
+    }
+
+    SmartOptions options_;
+    Environment& environment_;
+    std::shared_ptr<LoopMainExecutor> main_;
+    SmartPipeline pipeline_;
+    std::shared_ptr<DiskIOMonitor> monitor_;
+    std::shared_ptr<SmartRefresh> refresh_;
+    Subscription subscription_;
+    std::optional<DiskSMARTInfo> last_;
+    std::map<std::string, std::string> printedValues_;
+    bool announced_ = false;
+    int rounds_ = 0;
+    int publications_ = 0;
+    bool done_ = false;
+    int status_ = kSuccess;
+};
+
+int watch(const SmartOptions& options, Environment& environment) {
+    auto main = std::make_shared<LoopMainExecutor>();
+    WatchSession* current = nullptr;
+    SignalWatcher signals([&main, &current](int) {
+        main->post([&current] {
+            if (current != nullptr) current->interrupt();
+        });
+    });
+    WatchSession session(options, environment, main);
+    current = &session;
+    const int status = session.run();
+    current = nullptr;
+    return status;
+}
+
+}  // namespace
+
+int runSmart(const SmartOptions& options, Environment& environment) {
+    if (options.jsonFile) return replay(options, environment);
+    if (options.watch) return watch(options, environment);
+    return fetchOnce(options, environment);
+}
+
+Command addSmartCommand(CLI::App& parent) {
+    auto options = std::make_shared<SmartOptions>();
+    auto* command = parent.add_subcommand(
+        "smart", text::localized("显示文件夹所在卷的硬盘 SMART 信息，或重放保存的 smartctl --json 输出",
+                                 "Show the SMART data of the drive behind a folder, or replay a saved smartctl --json output"));
+    auto* path = command->add_option("path", options->path, text::localized("卷上的文件夹", "A folder on the volume"));
+    auto* file = command->add_option("--json-file", options->jsonFile,
+                                     text::localized("smartctl --json 的输出文件", "A file with smartctl --json output"))
+                     ->type_name("FILE");
+    path->excludes(file);
+    command->add_flag("--json", options->json, text::localized("以 JSON 输出", "Print JSON"));
+    command->add_flag("--watch", options->watch,
+                      text::localized("每秒刷新，显示每次发布的变化，直到按下 Ctrl-C",
+                                      "Refresh once a second and print every published change until Ctrl-C"))
+        ->needs(path);
+    command->callback([path, file] {
+        if (path->count() == 0 && file->count() == 0) {
+            throw CLI::RequiredError(text::localized("需要文件夹或 --json-file", "A folder or --json-file is required"));
+        }
+    });
+    return {command, [options](Environment& environment) { return runSmart(*options, environment); }};
 }
 
 }  // namespace vantorix::cli

@@ -51,6 +51,7 @@ DiskIOMonitor::DiskIOMonitor(Dependencies dependencies)
 }
 
 DiskIOMonitor::~DiskIOMonitor() {
+    if (follower_) follower_->cancel();
     // Nothing of this monitor runs any more (every closure holds it weakly), except possibly the
     // work item on whose thread the last owner let go. Stop the timer before its queue goes.
     if (timer_) {
@@ -227,6 +228,13 @@ void DiskIOMonitor::setSamplingPrecision(SamplingPrecision precision) {
             self.timer_->schedule(interval, interval, timerLeeway(precision));
         }
     }));
+}
+
+bool DiskIOMonitor::replaceSmartInfo(const std::optional<DiskSMARTInfo>& info) {
+    const auto& selected = state_.get().selectedVolume;
+    if (!selected || selected->smartInfo == info) return false;
+    state_.update([&info](State& state) { state.selectedVolume->smartInfo = info; });
+    return true;
 }
 
 void DiskIOMonitor::applyBatch(const AggregationCoordinator::Payload& batch) {

@@ -99,6 +99,11 @@ public:
     void stopMonitoring(bool flushPending);
     void setSamplingPrecision(SamplingPrecision precision);
 
+    // Replaces the selection by a copy whose SMART data is `info`, unless the selection carries
+    // that value already (compared field by field, row ids included); true when it published.
+    // Main thread; there must be a selection.
+    bool replaceSmartInfo(const std::optional<DiskSMARTInfo>& info);
+
     // The main-thread half of a delivery: appends a batch to the history and updates the current
     // values, totals and duration. The coordinator's deliveries land here.
     void applyBatch(const AggregationCoordinator::Payload& batch);

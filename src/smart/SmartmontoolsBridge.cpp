@@ -76,6 +76,13 @@ void logDiagnostics(const SmartctlExecutionResult& result, std::string_view bsdN
 std::optional<json> parsedDocument(std::string_view jsonData) {
     if (jsonData.empty()) return std::nullopt;
     try {
+        // Broken USB bridges put bytes that are not UTF-8 into identification strings; the rest of
+        // such output is still worth reading, so those bytes become U+FFFD instead of failing the parse.
+        std::string repaired;
+        if (!isValidUtf8(jsonData)) {
+            repaired = repairedUtf8(jsonData);
+            jsonData = repaired;
+        }
         json document = json::parse(jsonData.begin(), jsonData.end(), nullptr, /*allow_exceptions=*/false);
         if (!document.is_object()) return std::nullopt;
         return document;

@@ -13,7 +13,8 @@ namespace vantorix::smart {
 // Log category of one smartctl attempt and its interpretation.
 inline constexpr std::string_view kBridgeLogCategory = "SmartmontoolsBridge";
 
-// smartctl's output parsed as JSON when its top level is an object; nothing otherwise.
+// smartctl's output parsed as JSON when its top level is an object (ill-formed UTF-8 read as U+FFFD);
+// nothing otherwise.
 std::optional<nlohmann::ordered_json> parsedDocument(std::string_view jsonData);
 
 // Logs what the helper returned for a device name: the exit status with the command, the standard

@@ -47,4 +47,22 @@ bool isValidUtf8(std::string_view text) {
     return true;
 }
 
+std::string repairedUtf8(std::string_view text) {
+    static constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
+    std::string repaired;
+    repaired.reserve(text.size());
+    std::size_t offset = 0;
+    while (offset < text.size()) {
+        const std::size_t start = offset;
+        if (static_cast<unsigned char>(text[offset]) < 0x80) {
+            ++offset;
+        } else if (nextCodePoint(text, offset) < 0) {
+            repaired += kReplacement;
+            continue;
+        }
+        repaired.append(text.substr(start, offset - start));
+    }
+    return repaired;
+}
+
 }  // namespace vantorix::smart

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 namespace vantorix::smart {
@@ -14,5 +15,8 @@ int nextCodePoint(std::string_view text, std::size_t& offset);
 int previousCodePoint(std::string_view text, std::size_t begin, std::size_t& end);
 
 bool isValidUtf8(std::string_view text);
+
+// The text with every ill-formed sequence (each maximal ill-formed subpart) replaced by U+FFFD.
+std::string repairedUtf8(std::string_view text);
 
 }  // namespace vantorix::smart

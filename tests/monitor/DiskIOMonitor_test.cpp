@@ -8,6 +8,7 @@
 #include "monitor/DiskIOMonitor.h"
 #include "monitor/MonitorMetrics.h"
 #include "platform/FakeRegistry.h"
+#include "FakeVolumes.h"
 #include "support/ScopedEnvironment.h"
 
 namespace vantorix {
@@ -42,16 +43,6 @@ private:
     std::int64_t step_;
     mutable std::atomic<std::uint64_t> value_{1'000'000'000'000};
     mutable std::atomic<std::uint64_t> reads_{0};
-};
-
-class AnyPathOnFakeDisk final : public VolumeInfoSource {
-public:
-    std::optional<std::string> resolveSymlinks(const std::string& path) override { return path; }
-    Result<FileSystemStatistics, int> fileSystemStatistics(const std::string& path) override {
-        if (path.rfind("/missing", 0) == 0) return Failure{2};
-        return FileSystemStatistics{"/dev/" + path.substr(path.rfind('/') + 1), "ext4", "/", 4096, 100, 50};
-    }
-    Result<VolumeResourceValues, int> resourceValues(const std::string&) override { return Failure{5}; }
 };
 
 class DiskIOMonitorTest : public ::testing::Test {

@@ -71,7 +71,9 @@ TEST(SmartmontoolsBridge, InterpretsAResultOrSaysWhyItCannot) {
         {"", false, "error: Failed to decode smartctl JSON for BSD name sdc"},
         {"not json", false, "error: Failed to decode smartctl JSON for BSD name sdc"},
         {R"([{"smart_status": {"passed": true}}])", false, "error: Failed to decode smartctl JSON for BSD name sdc"},
-        {"{\"a\": \"\xff\"}", false, "error: Failed to decode smartctl JSON for BSD name sdc"},
+        // Bytes that are not UTF-8 (broken USB bridges) become U+FFFD; the rest is still read.
+        {"{\"model_name\": \"WD\xff\xc3\"}", true,
+         "default: Successfully parsed SMART details for BSD name sdc via privileged helper"},
         {R"({"device": {"name": "/dev/sdc"}})", false,
          "error: smartctl JSON for BSD name sdc did not contain usable SMART information"},
         {R"({"smart_status": {"passed": true}})", true,
@@ -83,6 +85,9 @@ TEST(SmartmontoolsBridge, InterpretsAResultOrSaysWhyItCannot) {
         EXPECT_EQ(info.has_value(), c.usable) << c.json;
         if (info) {
             EXPECT_EQ(info->sourceCommand, "smartctl -j -a /dev/sdc");
+            if (info->details[0].keyPath == "model_name") {
+                EXPECT_EQ(info->details[0].value, "WD\uFFFD\uFFFD");
+            }
         }
         const auto lines = bridgeLines(capture);
         ASSERT_FALSE(lines.empty());

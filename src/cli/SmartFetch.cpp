@@ -1,0 +1,38 @@
+#include "cli/SmartFetch.h"
+
+#include "concurrency/Task.h"
+#include "smart/HelperApprovalTexts.h"
+
+namespace vantorix::cli {
+
+SMARTInfoProvider::Outcome fetchSmartInfo(const SmartPipeline& pipeline, LoopMainExecutor& main,
+                                          const std::string& bsdName, const CancellationSource& cancellation) {
+    SMARTInfoProvider::Outcome outcome;
+    Task task("com.vantorix.cli.smartFetch", QualityOfService::userInitiated,
+              [&](const CancellationToken& token) {
+                  // The task's own token is cancelled only when the handle goes; the caller's source
+                  // is the one the user's Ctrl-C cancels.
+                  (void)token;
+                  outcome = pipeline.provider->fetch(bsdName, cancellation.token());
+                  main.stop();
+              });
+    main.run();
+    task.join();
+    return outcome;
+}
+
+std::optional<std::string> helperUnavailableReason(const SmartPipeline& pipeline) {
+    const auto& environment = pipeline.manager->runtimeEnvironment();
+    if (!environment.allowsPrivilegedOperations) {
+        return smart::privilegedOperationsDisabledMessage(environment.reasonsText());
+    }
+    if (pipeline.manager->cachedInstallationState().value_or(true)) return std::nullopt;
+    auto& services = *pipeline.serviceManager;
+    if (!services.definitionPath(PrivilegedHelperManager::kHelperDefinitionName)) {
+        return smart::helperNotInstalledMessage(services.backendName(), services.helperExecutable().path);
+    }
+    return smart::helperApprovalTitle() + ": " +
+           smart::helperApprovalMessage(pipeline.serviceManager->backendName(), pipeline.serviceManager->socketPath());
+}
+
+}  // namespace vantorix::cli

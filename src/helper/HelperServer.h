@@ -1,0 +1,69 @@
+#pragma once
+
+#include <asio/io_context.hpp>
+#include <asio/local/stream_protocol.hpp>
+#include <asio/steady_timer.hpp>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "helper/ClientConnection.h"
+#include "helper/DeviceNameValidator.h"
+#include "helper/RunCoalescer.h"
+#include "helper/SmartctlRun.h"
+
+namespace vantorix::helper {
+
+struct HelperSettings {
+    std::string smartctl = "/usr/sbin/smartctl";
+    DeviceRoots roots;
+    RunLimits limits;
+    std::chrono::milliseconds clientIdleTimeout{5000};
+    // After this long with no client and nothing running, idleExit() is called; zero: never.
+    std::chrono::milliseconds exitWhenIdle{0};
+    std::string version;
+};
+
+// Accepts clients on a listening socket, at most kMaximumConnections at once: a connection beyond
+// that is accepted and closed at once. Everything runs on the one io_context it is given.
+class HelperServer {
+public:
+    static constexpr std::size_t kMaximumConnections = 64;
+
+    HelperServer(asio::io_context& io, asio::local::stream_protocol::acceptor acceptor, const HelperSettings& settings,
+                 std::function<void()> idleExit);
+    ~HelperServer();
+    HelperServer(const HelperServer&) = delete;
+    HelperServer& operator=(const HelperServer&) = delete;
+
+    void start();
+    // Stops accepting, closes every connection and kills every smartctl still running.
+    void stop();
+    // After stop(): every smartctl it killed has been reaped, and the daemon may exit.
+    bool childrenEnded() const { return runs_.stoppedChildrenEnded(); }
+
+private:
+    void accept();
+    void connectionClosed(std::uint64_t id);
+    void watchIdleness();
+
+    asio::io_context& io_;
+    asio::local::stream_protocol::acceptor acceptor_;
+    RunCoalescer runs_;
+    ConnectionContext context_;
+    std::function<void()> idleExit_;
+    std::chrono::milliseconds exitWhenIdle_;
+    asio::steady_timer retryTimer_;
+    asio::steady_timer idleTimer_;
+    std::map<std::uint64_t, std::shared_ptr<ClientConnection>> connections_;
+    std::uint64_t nextId_ = 1;
+    std::chrono::steady_clock::time_point lastActivity_;
+    bool stopped_ = false;
+};
+
+}  // namespace vantorix::helper

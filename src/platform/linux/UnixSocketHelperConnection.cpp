@@ -1,0 +1,303 @@
+#include "platform/linux/UnixSocketHelperConnection.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <asio/local/stream_protocol.hpp>
+#include <asio/read.hpp>
+#include <asio/write.hpp>
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <optional>
+
+#include "concurrency/SerialQueue.h"
+#include "log/Log.h"
+#include "util/Result.h"
+
+namespace vantorix {
+namespace {
+
+using protocol::HelperError;
+using Socket = asio::local::stream_protocol::socket;
+
+HelperError connectionError(std::int64_t code, std::string description) {
+    return HelperError{std::string(kConnectionErrorDomain), code, std::move(description)};
+}
+
+// A connected, close-on-exec socket to `path` whose peer runs as `uid`; or the reason there is none.
+Result<int, std::string> connectToPeer(const std::string& path, uid_t uid) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof(address.sun_path)) return Failure{"the socket path " + path + " is not usable"};
+    std::memcpy(address.sun_path, path.data(), path.size());
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) return Failure{std::string("socket: ") + std::strerror(errno)};
+    // A Unix socket connects at once or not at all (EAGAIN: the listener's backlog is full).
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        const int error = errno;
+        ::close(fd);
+        return Failure{"cannot connect to " + path + ": " + std::strerror(error)};
+    }
+    ucred peer{};
+    socklen_t length = sizeof(peer);
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) {
+        const int error = errno;
+        ::close(fd);
+        return Failure{std::string("cannot read the peer's credentials: ") + std::strerror(error)};
+    }
+    if (peer.uid != uid) {
+        ::close(fd);
+        return Failure{"the process listening at " + path + " runs as user " + std::to_string(peer.uid) +
+                       ", not as user " + std::to_string(uid) + "; nothing was sent to it"};
+    }
+    return fd;
+}
+
+const log::Logger& logger() { return log::logger("SmartctlHelperClient"); }
+
+}  // namespace
+
+struct UnixSocketHelperConnection::State : std::enable_shared_from_this<State> {
+    struct Pending {
+        FetchReply fetchReply;      // set for a SMART request
+        VersionReply versionReply;  // set for a version request
+        ErrorHandler errorHandler;
+    };
+
+    State(std::string path, uid_t uid)
+        : queue(std::make_unique<SerialQueue>("com.vantorix.SmartctlHelperClient.reply", QualityOfService::utility)),
+          socketPath(std::move(path)), peerUid(uid) {}
+
+    // Declared first: destroyed last, after the socket that lives on it.
+    std::unique_ptr<SerialQueue> queue;
+    const std::string socketPath;
+    const uid_t peerUid;
+
+    // Everything below belongs to the queue.
+    std::function<void()> invalidationHandler;
+    std::function<void()> interruptionHandler;
+    std::optional<Socket> socket;
+    std::deque<Pending> outstanding;
+    std::deque<std::string> writes;
+    bool writing = false;
+    bool invalidated = false;
+    unsigned char header[protocol::kFrameHeaderBytes]{};
+    std::string payload;
+
+    void send(std::string request, Pending pending) {
+        if (invalidated) {
+            pending.errorHandler(connectionError(kConnectionInvalid, "The connection to the privileged helper was invalidated."));
+            return;
+        }
+        if (!socket) {
+            auto fd = connectToPeer(socketPath, peerUid);
+            if (!fd.ok()) {
+                pending.errorHandler(connectionError(kConnectionInvalid, "Cannot reach the privileged helper: " + fd.error()));
+                invalidateNow();
+                return;
+            }
+            socket.emplace(queue->context());
+            asio::error_code error;
+            socket->assign(asio::local::stream_protocol(), fd.value(), error);
+            if (error) {
+                ::close(fd.value());
+                socket.reset();
+                pending.errorHandler(connectionError(kConnectionInvalid, "Cannot use the helper's socket: " + error.message()));
+                invalidateNow();
+                return;
+            }
+            readHeader();
+        }
+        outstanding.push_back(std::move(pending));
+        writes.push_back(protocol::framed(request));
+        writeNext();
+    }
+
+    void writeNext() {
+        if (writing || writes.empty() || !socket) return;
+        writing = true;
+        asio::async_write(*socket, asio::buffer(writes.front()),
+                          [weak = weak_from_this()](const asio::error_code& error, std::size_t) {
+                              const auto self = weak.lock();
+                              if (!self) return;
+                              self->writing = false;
+                              if (error) {
+                                  if (error != asio::error::operation_aborted) self->lost(error.message());
+                                  return;
+                              }
+                              self->writes.pop_front();
+                              self->writeNext();
+                          });
+    }
+
+    void readHeader() {
+        asio::async_read(*socket, asio::buffer(header), [weak = weak_from_this()](const asio::error_code& error, std::size_t) {
+            const auto self = weak.lock();
+            if (!self) return;
+            if (error) {
+                if (error != asio::error::operation_aborted) self->lost(error.message());
+                return;
+            }
+            const auto length = protocol::payloadLength(self->header);
+            if (!length) {
+                self->broken("the helper sent a frame over the size limit");
+                return;
+            }
+            self->payload.assign(*length, '\0');
+            asio::async_read(*self->socket, asio::buffer(self->payload), [weak](const asio::error_code& readError, std::size_t) {
+                const auto state = weak.lock();
+                if (!state) return;
+                if (readError) {
+                    if (readError != asio::error::operation_aborted) state->lost(readError.message());
+                    return;
+                }
+                if (state->deliver()) state->readHeader();
+            });
+        });
+    }
+
+    // Hands the reply in `payload` to the oldest outstanding request. False when the reply broke
+    // the conversation (the connection is then invalid).
+    bool deliver() {
+        if (outstanding.empty()) {
+            broken("the helper sent a reply nobody asked for");
+            return false;
+        }
+        auto reply = protocol::parsedReply(payload);
+        payload.clear();
+        payload.shrink_to_fit();
+        Pending pending = std::move(outstanding.front());
+        outstanding.pop_front();
+        if (reply) {
+            if (pending.fetchReply) {
+                if (auto* result = std::get_if<SmartctlExecutionResult>(&*reply)) {
+                    pending.fetchReply(std::move(*result), std::nullopt);
+                    return true;
+                }
+                if (auto* error = std::get_if<HelperError>(&*reply)) {
+                    pending.fetchReply(std::nullopt, std::move(*error));
+                    return true;
+                }
+            } else if (auto* version = std::get_if<protocol::VersionReply>(&*reply)) {
+                pending.versionReply(std::move(version->version));
+                return true;
+            } else if (auto* error = std::get_if<HelperError>(&*reply)) {
+                pending.errorHandler(*error);
+                return true;
+            }
+        }
+        pending.errorHandler(connectionError(kConnectionInvalid, "The privileged helper sent a malformed reply."));
+        broken("the helper sent a malformed reply");
+        return false;
+    }
+
+    // The stream ended or failed. With requests outstanding the helper went away in the middle of
+    // the conversation: that is an interruption. Without, it closed an idle connection.
+    void lost(const std::string& reason) {
+        closeSocket();
+        if (outstanding.empty()) {
+            logger().debug("The privileged helper closed an idle connection ({})", reason);
+            return;
+        }
+        auto failed = std::move(outstanding);
+        outstanding.clear();
+        if (interruptionHandler) interruptionHandler();
+        for (auto& pending : failed) {
+            pending.errorHandler(connectionError(kConnectionInterrupted, "The privileged helper closed the connection: " + reason));
+        }
+    }
+
+    // The helper broke the protocol: every outstanding request fails and the connection is done.
+    void broken(const std::string& reason) {
+        auto failed = std::move(outstanding);
+        outstanding.clear();
+        for (auto& pending : failed) {
+            pending.errorHandler(connectionError(kConnectionInvalid, "The privileged helper broke the protocol: " + reason));
+        }
+        invalidateNow();
+    }
+
+    void closeSocket() {
+        if (socket) {
+            asio::error_code ignored;
+            socket->close(ignored);
+            socket.reset();
+        }
+        writes.clear();
+        writing = false;
+        payload.clear();
+    }
+
+    void invalidateNow() {
+        if (invalidated) return;
+        invalidated = true;
+        closeSocket();
+        outstanding.clear();
+        if (auto handler = std::exchange(invalidationHandler, nullptr)) handler();
+        interruptionHandler = nullptr;
+    }
+};
+
+std::shared_ptr<UnixSocketHelperConnection> UnixSocketHelperConnection::create(std::string socketPath, uid_t requiredPeerUid) {
+    return std::shared_ptr<UnixSocketHelperConnection>(new UnixSocketHelperConnection(std::move(socketPath), requiredPeerUid));
+}
+
+UnixSocketHelperConnection::UnixSocketHelperConnection(std::string socketPath, uid_t requiredPeerUid)
+    : state_(std::make_shared<State>(std::move(socketPath), requiredPeerUid)) {}
+
+UnixSocketHelperConnection::~UnixSocketHelperConnection() {
+    auto& queue = *state_->queue;
+    const auto close = [state = state_] {
+        state->closeSocket();
+        state->outstanding.clear();
+    };
+    if (queue.isCurrent()) close();
+    else queue.sync(close);
+}
+
+void UnixSocketHelperConnection::setInvalidationHandler(std::function<void()> handler) {
+    state_->queue->sync([&] { state_->invalidationHandler = std::move(handler); });
+}
+
+void UnixSocketHelperConnection::setInterruptionHandler(std::function<void()> handler) {
+    state_->queue->sync([&] { state_->interruptionHandler = std::move(handler); });
+}
+
+void UnixSocketHelperConnection::resume() {}
+
+void UnixSocketHelperConnection::invalidate() {
+    state_->queue->async([weak = std::weak_ptr<State>(state_)] {
+        if (const auto state = weak.lock()) state->invalidateNow();
+    });
+}
+
+void UnixSocketHelperConnection::fetchSMARTData(const std::string& bsdName, FetchReply reply, ErrorHandler errorHandler) {
+    State::Pending pending{std::move(reply), nullptr, std::move(errorHandler)};
+    state_->queue->async([weak = std::weak_ptr<State>(state_), request = protocol::encodedRequest(protocol::FetchRequest{bsdName}),
+                          pending = std::move(pending)]() mutable {
+        if (const auto state = weak.lock()) state->send(std::move(request), std::move(pending));
+    });
+}
+
+void UnixSocketHelperConnection::helperVersion(VersionReply reply, ErrorHandler errorHandler) {
+    State::Pending pending{nullptr, std::move(reply), std::move(errorHandler)};
+    state_->queue->async([weak = std::weak_ptr<State>(state_), request = protocol::encodedRequest(protocol::VersionRequest{}),
+                          pending = std::move(pending)]() mutable {
+        if (const auto state = weak.lock()) state->send(std::move(request), std::move(pending));
+    });
+}
+
+std::shared_ptr<HelperConnection> UnixSocketHelperConnector::connect(std::string_view) {
+    return UnixSocketHelperConnection::create(socketPath_(), requiredPeerUid_);
+}
+
+bool helperListensAt(const std::string& socketPath, uid_t uid) {
+    auto fd = connectToPeer(socketPath, uid);
+    if (!fd.ok()) return false;
+    ::close(fd.value());
+    return true;
+}
+
+}  // namespace vantorix

@@ -1,0 +1,54 @@
+#include "smart/HelperApprovalTexts.h"
+
+#include <fmt/format.h>
+
+#include "text/Language.h"
+
+namespace vantorix::smart {
+
+std::string helperApprovalTitle() { return text::localized("需要启用后台权限", "Enable Permissions"); }
+
+std::string helperApprovalButton() { return text::localized("我已了解", "Understood"); }
+
+std::string helperApprovalMessage(std::string_view backend, std::string_view socketPath) {
+    const bool english = text::isEnglish();
+    if (backend == "external") {
+        return english ? fmt::format("No Vantorix SMART helper running as root answers at {} (VANTORIX_HELPER_SOCKET). "
+                                     "Start it there as root, then please restart Vantorix.",
+                                     socketPath)
+                       : fmt::format("{}（VANTORIX_HELPER_SOCKET）处没有以 root 身份运行的 Vantorix SMART 辅助程序。"
+                                     "请以 root 身份在该处启动它，然后重新启动 Vantorix。",
+                                     socketPath);
+    }
+    if (backend == "standalone") {
+        return english ? std::string("Reading SMART data needs the Vantorix SMART helper, which runs with administrator "
+                                     "rights. This system has no systemd: run Vantorix as root, or have an administrator "
+                                     "start “vantorix-smartctl-helper --socket PATH” and set VANTORIX_HELPER_SOCKET=PATH. "
+                                     "Then please restart Vantorix.")
+                       : std::string("读取 SMART 数据需要以管理员权限运行的 Vantorix SMART 辅助程序。此系统没有 systemd："
+                                     "请以 root 身份运行 Vantorix，或请管理员启动 “vantorix-smartctl-helper --socket PATH” "
+                                     "并设置 VANTORIX_HELPER_SOCKET=PATH，然后重新启动 Vantorix。");
+    }
+    return english ? std::string("Reading SMART data needs the Vantorix SMART helper service, which an administrator "
+                                 "must enable: sudo systemctl enable --now vantorix-smartctl-helper.socket. After "
+                                 "enabling it, please restart Vantorix.")
+                   : std::string("读取 SMART 数据需要 Vantorix SMART 辅助服务，须由管理员启用："
+                                 "sudo systemctl enable --now vantorix-smartctl-helper.socket。启用后，请重新启动 Vantorix。");
+}
+
+std::string helperNotInstalledMessage(std::string_view backend, std::string_view helperPath) {
+    if (backend == "systemd") {
+        return text::localized("未安装 SMART 辅助服务（vantorix-smartctl-helper.socket）。请重新安装 Vantorix。",
+                               "The SMART helper service (vantorix-smartctl-helper.socket) is not installed. Please "
+                               "reinstall Vantorix.");
+    }
+    return text::isEnglish() ? fmt::format("The SMART helper program is missing ({}). Please reinstall Vantorix.", helperPath)
+                             : fmt::format("缺少 SMART 辅助程序（{}）。请重新安装 Vantorix。", helperPath);
+}
+
+std::string privilegedOperationsDisabledMessage(std::string_view reasons) {
+    return text::isEnglish() ? fmt::format("Privileged operations are disabled here ({}), so SMART data cannot be read.", reasons)
+                             : fmt::format("此环境已禁用特权操作（{}），因此无法读取 SMART 数据。", reasons);
+}
+
+}  // namespace vantorix::smart

@@ -1,0 +1,133 @@
+#include "smart/SMARTInfoProvider.h"
+
+#include <algorithm>
+
+#include "log/Log.h"
+#include "smart/SmartValueText.h"
+#include "smart/SmartmontoolsBridge.h"
+
+namespace vantorix {
+namespace {
+
+const log::Logger& logger() {
+    static const log::Logger& instance = log::logger("SMARTInfoProvider");
+    return instance;
+}
+
+const log::Logger& bridgeLogger() { return log::logger(smart::kBridgeLogCategory); }
+
+std::string listText(const std::vector<std::string>& names) {
+    std::string text = "[";
+    for (const auto& name : names) {
+        if (text.size() > 1) text += ", ";
+        text += "\"" + name + "\"";
+    }
+    return text + "]";
+}
+
+// smartctl's exit status bit 1: the device could not be opened, or, with "-n standby", was not
+// opened because it sleeps.
+constexpr std::int32_t kDeviceOpenFailedBit = 0x02;
+
+bool containsCaseInsensitive(std::string_view text, std::string_view needle) {
+    return std::search(text.begin(), text.end(), needle.begin(), needle.end(), [](char a, char b) {
+               return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
+           }) != text.end();
+}
+
+}  // namespace
+
+SMARTInfoProvider::SMARTInfoProvider(std::shared_ptr<SmartctlHelperClient> client,
+                                     std::shared_ptr<BlockDeviceTopology> topology)
+    : client_(std::move(client)), topology_(std::move(topology)) {}
+
+std::vector<std::string> SMARTInfoProvider::candidateNames(std::string_view bsdName, BlockDeviceTopology& topology) {
+    std::vector<std::string> names;
+    const auto add = [&names](const std::string& name) {
+        if (names.size() < kMaximumCandidates && !name.empty() &&
+            std::find(names.begin(), names.end(), name) == names.end()) {
+            names.push_back(name);
+        }
+    };
+    std::string name(smart::trimmed(bsdName));
+    if (name.rfind("/dev/", 0) == 0) name.erase(0, 5);
+    add(name);
+    if (name.empty()) return names;
+
+    if (const auto disk = topology.wholeDiskOf(name)) add(*disk);
+    // The disks under a stacked device: partitions become their disks, stacked devices are opened
+    // up in turn. The visited set keeps a malformed tree from looping.
+    std::vector<std::string> pending = topology.slavesOf(name);
+    std::vector<std::string> visited{name};
+    while (!pending.empty() && names.size() < kMaximumCandidates) {
+        const std::string slave = pending.front();
+        pending.erase(pending.begin());
+        if (std::find(visited.begin(), visited.end(), slave) != visited.end()) continue;
+        visited.push_back(slave);
+        auto below = topology.slavesOf(slave);
+        if (!below.empty()) {
+            pending.insert(pending.begin(), below.begin(), below.end());
+            continue;
+        }
+        add(topology.wholeDiskOf(slave).value_or(slave));
+    }
+    const std::vector<std::string> devices = names;
+    for (const auto& device : devices) {
+        if (const auto controller = topology.nvmeControllerOf(device)) add(*controller);
+    }
+    return names;
+}
+
+bool SMARTInfoProvider::reportsSleepingDrive(const SmartctlExecutionResult& result) {
+    if ((result.terminationStatus & kDeviceOpenFailedBit) == 0) return false;
+    for (const std::string_view text : {std::string_view(result.jsonData), std::string_view(result.standardError)}) {
+        if (containsCaseInsensitive(text, "STANDBY mode") || containsCaseInsensitive(text, "SLEEP mode")) return true;
+    }
+    return false;
+}
+
+SMARTInfoProvider::Outcome SMARTInfoProvider::fetch(std::string_view bsdName, const CancellationToken& cancellation) {
+    const std::string original(bsdName);
+    logger().debug("Starting smartctl-only SMART fetch for BSD name {}", original);
+    const auto candidates = candidateNames(original, *topology_);
+    logger().debug("Evaluating candidate BSD names {} for original BSD name {}", listText(candidates), original);
+    for (const auto& candidate : candidates) {
+        if (cancellation.isCancelled()) return {};
+        auto result = attempt(candidate, cancellation);
+        if (result.info) {
+            logger().notice("SMART data sourced from smartctl for BSD name {}", candidate);
+            return {std::move(result.info), false};
+        }
+        if (result.driveAsleep) {
+            // The other names lead to the same drive; asking again would only be refused again.
+            logger().debug("smartctl left BSD name {} alone because the drive is in standby; keeping the SMART data "
+                           "already known",
+                           candidate);
+            return {std::nullopt, true};
+        }
+        logger().debug("smartctl attempt did not return usable data for candidate BSD name {}", candidate);
+    }
+    if (cancellation.isCancelled()) return {};
+    logger().error("All smartctl attempts exhausted for BSD name {}; SMART data unavailable", original);
+    return {};
+}
+
+SMARTInfoProvider::Attempt SMARTInfoProvider::attempt(const std::string& name, const CancellationToken& cancellation) {
+    if (!client_->manager().runtimeEnvironment().allowsPrivilegedOperations) {
+        bridgeLogger().notice("Privileged operations disabled; skipping smartctl request for BSD name {}", name);
+        return {};
+    }
+    bridgeLogger().debug("Requesting SMART info from privileged helper for BSD name {}", name);
+    const auto result = client_->fetchSMARTData(name, cancellation);
+    if (!result) {
+        if (!cancellation.isCancelled()) {
+            bridgeLogger().error("Privileged helper failed to provide SMART data for BSD name {}", name);
+        }
+        return {};
+    }
+    auto info = smart::interpretResult(*result, name);
+    if (!info && reportsSleepingDrive(*result)) return {std::nullopt, true};
+    return {std::move(info), false};
+}
+
+}  // namespace vantorix

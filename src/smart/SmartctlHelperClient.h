@@ -1,0 +1,59 @@
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "concurrency/Cancellation.h"
+#include "concurrency/SerialQueue.h"
+#include "platform/HelperConnection.h"
+#include "smart/PrivilegedHelperManager.h"
+
+namespace vantorix {
+
+// The program's side of the privileged helper: owns one connection to it, made by the first
+// request and kept for the next ones, and turns the helper's asynchronous reply into a blocking
+// call with a time limit. A time-out and any failure of the connection itself drop the
+// connection; the next request makes a fresh one.
+class SmartctlHelperClient : public std::enable_shared_from_this<SmartctlHelperClient> {
+public:
+    static constexpr std::chrono::nanoseconds kDefaultReplyTimeout = std::chrono::seconds(5);
+
+    struct Dependencies {
+        std::shared_ptr<HelperConnector> connector;
+        std::shared_ptr<PrivilegedHelperManager> manager;
+        std::chrono::nanoseconds replyTimeout = kDefaultReplyTimeout;
+    };
+
+    static std::shared_ptr<SmartctlHelperClient> create(Dependencies dependencies);
+    ~SmartctlHelperClient();
+    SmartctlHelperClient(const SmartctlHelperClient&) = delete;
+    SmartctlHelperClient& operator=(const SmartctlHelperClient&) = delete;
+
+    // smartctl's run for a device name, or nothing (every failure is logged). Blocks the calling
+    // thread for up to the reply time-out, less when `cancellation` is cancelled meanwhile; never
+    // call it on the main thread of a program whose main thread must stay responsive.
+    std::optional<SmartctlExecutionResult> fetchSMARTData(std::string_view bsdName,
+                                                          const CancellationToken& cancellation = {});
+
+    // The helper's version, when a connection can be had and the helper answers in time. Registers
+    // nothing.
+    std::optional<std::string> helperVersion();
+
+    PrivilegedHelperManager& manager() const { return *dependencies_.manager; }
+
+private:
+    explicit SmartctlHelperClient(Dependencies dependencies);
+
+    std::shared_ptr<HelperConnection> remoteProxy();
+    // Takes `failed` out of `connection_` when it is still the current one, and invalidates it.
+    void dropConnection(const std::shared_ptr<HelperConnection>& failed);
+
+    Dependencies dependencies_;
+    SerialQueue connectionQueue_;
+    std::shared_ptr<HelperConnection> connection_;  // on connectionQueue_ only
+};
+
+}  // namespace vantorix

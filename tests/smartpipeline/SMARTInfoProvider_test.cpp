@@ -1,0 +1,222 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <fstream>
+#include <sstream>
+
+#include "concurrency/ManualMainExecutor.h"
+#include "log/Log.h"
+#include "platform/SubstituteServiceManager.h"
+#include "platform/linux/SysfsBlockDeviceTopology.h"
+#include "smart/SMARTInfoProvider.h"
+#include "support/ScopedEnvironment.h"
+
+namespace vantorix {
+namespace {
+
+using namespace std::chrono_literals;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using protocol::HelperError;
+
+const std::string kFixtures = std::string(VANTORIX_TEST_DATA_DIR) + "/smartctl/";
+
+std::string fixture(const std::string& name) {
+    std::ifstream in(kFixtures + name, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+TEST(SMARTInfoProviderCandidates, FollowPartitionsStacksAndNvmeControllers) {
+    struct Case {
+        std::string machine;
+        std::string bsdName;
+        std::vector<std::string> candidates;
+    };
+    const std::vector<Case> cases = {
+        {"nvme-laptop", "nvme0n1p2", {"nvme0n1p2", "nvme0n1", "nvme0"}},
+        {"nvme-laptop", " /dev/nvme0n1\n", {"nvme0n1", "nvme0"}},
+        {"dmcrypt-nvme", "dm-0", {"dm-0", "nvme0n1", "nvme0"}},
+        {"sata-disk", "sda1", {"sda1", "sda"}},
+        {"usb-stick", "sdb1", {"sdb1", "sdb"}},
+        {"virtio-disk", "vda", {"vda"}},
+        {"virtio-disk", "", {}},
+        {"nvme-laptop", "unknown9", {"unknown9"}},
+    };
+    for (const auto& c : cases) {
+        SysfsBlockDeviceTopology topology(std::string(VANTORIX_TEST_DATA_DIR) + "/sysfs/" + c.machine);
+        EXPECT_EQ(SMARTInfoProvider::candidateNames(c.bsdName, topology), c.candidates) << c.machine << " " << c.bsdName;
+    }
+}
+
+// A topology that gives every name a fixed list of relatives.
+class ListedTopology final : public BlockDeviceTopology {
+public:
+    std::optional<std::string> wholeDiskOf(std::string_view name) override {
+        return name == "sdz1" ? std::optional<std::string>("sdz") : std::nullopt;
+    }
+    std::vector<std::string> slavesOf(std::string_view) override { return {}; }
+    std::optional<std::string> nvmeControllerOf(std::string_view) override { return std::nullopt; }
+};
+
+// An in-process helper: answers each request as the test script says, on the calling thread.
+struct Answer {
+    enum class Kind { result, helperError, connectionError, silence } kind = Kind::silence;
+    SmartctlExecutionResult result;
+};
+
+class ScriptedHelper final : public HelperConnector {
+public:
+    std::function<Answer(const std::string& bsdName)> answer;
+    std::atomic<int> connections{0};
+    std::atomic<int> invalidations{0};
+
+    std::shared_ptr<HelperConnection> connect(std::string_view) override {
+        ++connections;
+        return std::make_shared<Connection>(*this);
+    }
+
+private:
+    class Connection final : public HelperConnection {
+    public:
+        explicit Connection(ScriptedHelper& helper) : helper_(helper) {}
+        void setInvalidationHandler(std::function<void()>) override {}
+        void setInterruptionHandler(std::function<void()>) override {}
+        void resume() override {}
+        void invalidate() override { ++helper_.invalidations; }
+        void fetchSMARTData(const std::string& bsdName, FetchReply reply, ErrorHandler errorHandler) override {
+            const Answer answer = helper_.answer(bsdName);
+            switch (answer.kind) {
+                case Answer::Kind::result: reply(answer.result, std::nullopt); break;
+                case Answer::Kind::helperError:
+                    reply(std::nullopt, protocol::helperError(protocol::HelperFailure::deviceNotFound, "no " + bsdName));
+                    break;
+                case Answer::Kind::connectionError:
+                    errorHandler(HelperError{std::string(kConnectionErrorDomain), kConnectionInvalid, "refused"});
+                    break;
+                case Answer::Kind::silence: break;
+            }
+        }
+        void helperVersion(VersionReply reply, ErrorHandler) override { reply("test"); }
+
+    private:
+        ScriptedHelper& helper_;
+    };
+};
+
+class SMARTInfoProviderTest : public ::testing::Test {
+protected:
+    SMARTInfoProvider provider(RuntimeEnvironment environment = {}) {
+        Script script;
+        script.status = static_cast<int>(ServiceStatus::enabled);
+        services_ = std::make_shared<SubstituteServiceManager>(script);
+        PrivilegedHelperManager::Dependencies dependencies;
+        dependencies.serviceManager = services_;
+        dependencies.mainExecutor = main_;  // the manager runs inline: the test thread is its main thread
+        dependencies.runtimeEnvironment = std::move(environment);
+        dependencies.notificationCenter = &notifications_;
+        auto manager = PrivilegedHelperManager::create(std::move(dependencies));
+        client_ = SmartctlHelperClient::create({helper_, manager, 100ms});
+        return SMARTInfoProvider(client_, std::make_shared<ListedTopology>());
+    }
+    std::vector<std::string> lines(std::string_view category) const { return capture_.messages(category); }
+
+    using Script = SubstituteServiceManager::Script;
+    testing::ScopedLanguage english_{"en_US.UTF-8"};
+    std::shared_ptr<ManualMainExecutor> main_ = std::make_shared<ManualMainExecutor>();
+    NotificationCenter notifications_;
+    std::shared_ptr<SubstituteServiceManager> services_;
+    std::shared_ptr<ScriptedHelper> helper_ = std::make_shared<ScriptedHelper>();
+    std::shared_ptr<SmartctlHelperClient> client_;
+    log::Capture capture_;
+};
+
+TEST_F(SMARTInfoProviderTest, DisallowedPolicyTouchesNeitherHelperNorManager) {
+    auto fetcher = provider(RuntimeEnvironment{false, {"Manual override: VANTORIX_DISABLE_PRIVILEGED_OPERATIONS"}});
+    helper_->answer = [](const std::string&) { return Answer{}; };
+    EXPECT_FALSE(fetcher.fetch("sdz1").info);
+    EXPECT_EQ(helper_->connections, 0);
+    EXPECT_EQ(services_->calls().statusReads, 0);
+    EXPECT_THAT(lines("SmartmontoolsBridge"),
+                ElementsAre("Privileged operations disabled; skipping smartctl request for BSD name sdz1",
+                            "Privileged operations disabled; skipping smartctl request for BSD name sdz"));
+}
+
+// Each case: how the helper answers the two candidates, and what the fetch makes of it.
+TEST_F(SMARTInfoProviderTest, TriesTheCandidatesUntilOneAnswerIsUsable) {
+    const std::string nvme = fixture("scrutiny-smart-nvme.json");
+    const Answer usable{Answer::Kind::result, {nvme, "smartctl --json -a -n standby /dev/sdz", "", 4}};
+    const Answer empty{Answer::Kind::result, {"", "smartctl", "", 1}};
+    const Answer asleep{Answer::Kind::result,
+                        {R"json({"smartctl":{"messages":[{"string":"Device is in STANDBY mode, exit(2)"}]}})json", "smartctl", "", 2}};
+    const Answer failedOpen{Answer::Kind::result, {R"({"smartctl":{"exit_status":2}})", "smartctl", "", 2}};
+    const Answer helperError{Answer::Kind::helperError, {}};
+    const Answer connectionError{Answer::Kind::connectionError, {}};
+    const Answer silence{};
+    struct Case {
+        std::string name;
+        Answer partition, disk;
+        bool data;
+        bool asleep;
+        int connections;  // made over the whole fetch: a dropped connection is made afresh
+        std::string sourcedFrom;
+    };
+    const std::vector<Case> cases = {
+        {"first usable, despite exit status 4", usable, silence, true, false, 1, "sdz1"},
+        {"helper error, then usable: connection kept", helperError, usable, true, false, 1, "sdz"},
+        {"empty output, then usable", empty, usable, true, false, 1, "sdz"},
+        {"a silent helper: dropped after each time-out", silence, silence, false, false, 2, ""},
+        {"connection error: dropped, next made afresh", connectionError, silence, false, false, 2, ""},
+        {"a sleeping drive ends the fetch", asleep, usable, false, true, 1, ""},
+        {"open failure without the standby message is no sleep", failedOpen, usable, true, false, 1, "sdz"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        capture_.clear();
+        helper_ = std::make_shared<ScriptedHelper>();
+        helper_->answer = [&c](const std::string& name) { return name == "sdz1" ? c.partition : c.disk; };
+        auto fetcher = provider();
+        const auto outcome = fetcher.fetch("sdz1");
+        EXPECT_EQ(outcome.info.has_value(), c.data);
+        EXPECT_EQ(outcome.driveAsleep, c.asleep);
+        EXPECT_EQ(helper_->connections, c.connections);
+        if (c.data) {
+            EXPECT_EQ(outcome.info->overallStatus, "PASSED");
+            EXPECT_EQ(outcome.info->sourceCommand, c.partition.kind == Answer::Kind::result && c.sourcedFrom == "sdz1"
+                                                       ? c.partition.result.commandDescription
+                                                       : c.disk.result.commandDescription);
+            EXPECT_THAT(lines("SMARTInfoProvider"), Contains("SMART data sourced from smartctl for BSD name " + c.sourcedFrom));
+        } else if (!c.asleep) {
+            EXPECT_THAT(lines("SMARTInfoProvider"),
+                        Contains("All smartctl attempts exhausted for BSD name sdz1; SMART data unavailable"));
+        }
+    }
+}
+
+TEST_F(SMARTInfoProviderTest, LogsEveryWayARequestEnds) {
+    struct Case {
+        Answer answer;
+        std::string line;
+    };
+    const std::vector<Case> cases = {
+        {Answer{}, "Timed out waiting for helper response when fetching SMART info for BSD name sdz"},
+        {Answer{Answer::Kind::helperError, {}}, "Privileged helper domain error (code: 4) for BSD name sdz: no sdz"},
+        {Answer{Answer::Kind::connectionError, {}}, "Remote proxy error: refused"},
+        {Answer{Answer::Kind::result, {"{}", "c", "", 0}},
+         "Received helper response containing 2 bytes of JSON for BSD name sdz; exit status: 0"},
+    };
+    for (const auto& c : cases) {
+        capture_.clear();
+        helper_ = std::make_shared<ScriptedHelper>();
+        helper_->answer = [&c](const std::string&) { return c.answer; };
+        auto fetcher = provider();
+        (void)fetcher;
+        (void)client_->fetchSMARTData("sdz");
+        EXPECT_THAT(lines("SmartctlHelperClient"), Contains(c.line));
+    }
+}
+
+}  // namespace
+}  // namespace vantorix

@@ -1,0 +1,172 @@
+#include "support/HelperDaemon.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <thread>
+
+namespace vantorix::testing {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+int remainingMilliseconds(Clock::time_point deadline) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    return left > 0 ? static_cast<int>(left) : 0;
+}
+
+// Reads exactly `size` bytes before the deadline; false on time-out, end of file or error.
+bool readExactly(int fd, char* data, std::size_t size, Clock::time_point deadline) {
+    std::size_t done = 0;
+    while (done < size) {
+        pollfd entry{fd, POLLIN, 0};
+        const int ready = ::poll(&entry, 1, remainingMilliseconds(deadline));
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready <= 0) return false;
+        const ssize_t count = ::recv(fd, data + done, size - done, 0);
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) return false;
+        done += static_cast<std::size_t>(count);
+    }
+    return true;
+}
+
+}  // namespace
+
+std::unique_ptr<HelperDaemon> HelperDaemon::start(const Options& options, std::string* error) {
+    std::unique_ptr<HelperDaemon> daemon(new HelperDaemon());
+    char pattern[] = "/tmp/vantorix-helper-XXXXXX";
+    if (::mkdtemp(pattern) == nullptr) {
+        *error = std::string("mkdtemp: ") + std::strerror(errno);
+        return nullptr;
+    }
+    daemon->directory_ = pattern;
+    daemon->socketPath_ = daemon->directory_ + "/helper.sock";
+
+    std::vector<std::string> arguments{VANTORIX_HELPER_PATH, "--socket", daemon->socketPath_, "--smartctl", options.smartctl};
+    arguments.insert(arguments.end(), options.extraArguments.begin(), options.extraArguments.end());
+    std::vector<char*> argv;
+    for (auto& argument : arguments) argv.push_back(argument.data());
+    argv.push_back(nullptr);
+
+    const pid_t pid = ::fork();
+    if (pid < 0) {
+        *error = std::string("fork: ") + std::strerror(errno);
+        return nullptr;
+    }
+    if (pid == 0) {
+        const int devNull = ::open("/dev/null", O_RDONLY);
+        ::dup2(devNull, 0);
+        ::execv(argv[0], argv.data());
+        std::fprintf(stderr, "exec %s: %s\n", argv[0], std::strerror(errno));
+        ::_exit(127);
+    }
+    daemon->pid_ = pid;
+    const auto deadline = Clock::now() + std::chrono::seconds(5);
+    while (Clock::now() < deadline) {
+        if (const auto status = waitForExit(pid, std::chrono::milliseconds(0))) {
+            daemon->exitStatus_ = *status;
+            *error = "the helper exited with status " + std::to_string(*status);
+            return nullptr;
+        }
+        if (const int fd = connectTo(daemon->socketPath_); fd >= 0) {
+            ::close(fd);
+            return daemon;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    *error = "the helper did not listen on " + daemon->socketPath_ + " within 5 s";
+    return nullptr;
+}
+
+int HelperDaemon::stop() {
+    if (exitStatus_) return *exitStatus_;
+    ::kill(pid_, SIGTERM);
+    auto status = waitForExit(pid_, std::chrono::seconds(5));
+    if (!status) {
+        ::kill(pid_, SIGKILL);
+        status = waitForExit(pid_, std::chrono::seconds(5));
+    }
+    exitStatus_ = status.value_or(-1);
+    return *exitStatus_;
+}
+
+HelperDaemon::~HelperDaemon() {
+    if (pid_ > 0) stop();
+    if (!directory_.empty()) {
+        std::error_code ignored;
+        std::filesystem::remove_all(directory_, ignored);
+    }
+}
+
+int connectTo(const std::string& socketPath) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (socketPath.size() >= sizeof(address.sun_path)) return -1;
+    std::memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return -1;
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+bool sendAll(int fd, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t count = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) return false;
+        bytes.remove_prefix(static_cast<std::size_t>(count));
+    }
+    return true;
+}
+
+std::optional<std::string> readFrame(int fd, std::chrono::milliseconds limit) {
+    const auto deadline = Clock::now() + limit;
+    unsigned char header[4];
+    if (!readExactly(fd, reinterpret_cast<char*>(header), sizeof header, deadline)) return std::nullopt;
+    const std::size_t length = std::size_t{header[0]} << 24U | std::size_t{header[1]} << 16U |
+                               std::size_t{header[2]} << 8U | std::size_t{header[3]};
+    std::string payload(length, '\0');
+    if (!readExactly(fd, payload.data(), length, deadline)) return std::nullopt;
+    return payload;
+}
+
+bool peerClosed(int fd, std::chrono::milliseconds limit) {
+    const auto deadline = Clock::now() + limit;
+    char buffer[4096];
+    while (true) {
+        pollfd entry{fd, POLLIN, 0};
+        const int ready = ::poll(&entry, 1, remainingMilliseconds(deadline));
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready <= 0) return false;
+        const ssize_t count = ::recv(fd, buffer, sizeof buffer, 0);
+        if (count == 0 || (count < 0 && errno != EINTR && errno != EAGAIN)) return true;
+    }
+}
+
+std::optional<int> waitForExit(pid_t pid, std::chrono::milliseconds limit) {
+    const auto deadline = Clock::now() + limit;
+    while (true) {
+        int status = 0;
+        const pid_t reaped = ::waitpid(pid, &status, WNOHANG);
+        if (reaped == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        if (reaped < 0) return -1;
+        if (Clock::now() >= deadline) return std::nullopt;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
+
+}  // namespace vantorix::testing

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace vantorix::testing {
+
+// The real vantorix-smartctl-helper, as built, listening on a socket in a temporary folder.
+class HelperDaemon {
+public:
+    struct Options {
+        std::string smartctl;
+        std::vector<std::string> extraArguments;
+    };
+
+    // Starts the daemon with --socket <tmp>/helper.sock --smartctl <smartctl> plus extraArguments,
+    // and waits (at most 5 s) until its socket accepts connections. nullptr (with *error) on failure.
+    static std::unique_ptr<HelperDaemon> start(const Options& options, std::string* error);
+    // Stops the daemon (see stop()) and removes its temporary folder.
+    ~HelperDaemon();
+    HelperDaemon(const HelperDaemon&) = delete;
+    HelperDaemon& operator=(const HelperDaemon&) = delete;
+
+    const std::string& socketPath() const { return socketPath_; }
+    pid_t pid() const { return pid_; }
+
+    // SIGTERM, then waits (5 s, then SIGKILL) and reaps: the exit status (128 + signal when killed).
+    int stop();
+
+private:
+    HelperDaemon() = default;
+    std::string directory_;
+    std::string socketPath_;
+    pid_t pid_ = -1;
+    std::optional<int> exitStatus_;
+};
+
+// A small blocking client for tests: raw bytes, frames and time limits.
+
+// A connected Unix stream socket (close-on-exec), or -1.
+int connectTo(const std::string& socketPath);
+// False when the peer is gone (no SIGPIPE).
+bool sendAll(int fd, std::string_view bytes);
+// The payload of the next frame, or nothing when none arrives complete within the limit or the
+// connection ends first.
+std::optional<std::string> readFrame(int fd, std::chrono::milliseconds limit);
+// Whether the peer closes the connection within the limit (what it sends until then is dropped).
+bool peerClosed(int fd, std::chrono::milliseconds limit);
+
+// The exit status of a child process, waiting at most the limit; nothing when it is still running.
+std::optional<int> waitForExit(pid_t pid, std::chrono::milliseconds limit);
+
+}  // namespace vantorix::testing
