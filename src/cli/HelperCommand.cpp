@@ -93,8 +93,7 @@ int report(const HelperOptions& options, Environment& environment, bool success,
 }
 
 std::string approvalText(const SmartPipeline& pipeline) {
-    return smart::helperApprovalTitle() + ": " +
-           smart::helperApprovalMessage(pipeline.serviceManager->backendName(), pipeline.serviceManager->socketPath());
+    return smart::helperApprovalLine(pipeline.serviceManager->backendName(), pipeline.serviceManager->socketPath());
 }
 
 int enable(const SmartPipeline& pipeline, const HelperOptions& options, Environment& environment) {

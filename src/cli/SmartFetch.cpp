@@ -31,8 +31,7 @@ std::optional<std::string> helperUnavailableReason(const SmartPipeline& pipeline
     if (!services.definitionPath(PrivilegedHelperManager::kHelperDefinitionName)) {
         return smart::helperNotInstalledMessage(services.backendName(), services.helperExecutable().path);
     }
-    return smart::helperApprovalTitle() + ": " +
-           smart::helperApprovalMessage(pipeline.serviceManager->backendName(), pipeline.serviceManager->socketPath());
+    return smart::helperApprovalLine(services.backendName(), services.socketPath());
 }
 
 }  // namespace vantorix::cli

@@ -46,6 +46,10 @@ std::string helperNotInstalledMessage(std::string_view backend, std::string_view
                              : fmt::format("缺少 SMART 辅助程序（{}）。请重新安装 Vantorix。", helperPath);
 }
 
+std::string helperApprovalLine(std::string_view backend, std::string_view socketPath) {
+    return helperApprovalTitle() + text::localized("：", ": ") + helperApprovalMessage(backend, socketPath);
+}
+
 std::string privilegedOperationsDisabledMessage(std::string_view reasons) {
     return text::isEnglish() ? fmt::format("Privileged operations are disabled here ({}), so SMART data cannot be read.", reasons)
                              : fmt::format("此环境已禁用特权操作（{}），因此无法读取 SMART 数据。", reasons);

@@ -12,6 +12,8 @@ namespace vantorix::smart {
 std::string helperApprovalTitle();
 std::string helperApprovalMessage(std::string_view backend, std::string_view socketPath);
 std::string helperApprovalButton();
+// The title and the message as one line, for a terminal.
+std::string helperApprovalLine(std::string_view backend, std::string_view socketPath);
 
 // The helper is not installed: its program (`standalone`) or its service units (`systemd`) are missing.
 std::string helperNotInstalledMessage(std::string_view backend, std::string_view helperPath);

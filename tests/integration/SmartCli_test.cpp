@@ -1,4 +1,6 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -6,8 +8,12 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 #include <string>
+#include <thread>
 
+#include "integration/HelperTestClient.h"
+#include "support/LoopVolume.h"
 #include "support/Process.h"
 
 namespace vantorix {
@@ -81,6 +87,196 @@ TEST(SmartCli, FailsWithAMessageForUnusableFiles) {
     const auto json = smart({"--json-file", (dir / "empty.json").string(), "--json"});
     EXPECT_EQ(nlohmann::json::parse(json.out)["error"]["code"], "noUsableData");
     fs::remove_all(dir);
+}
+
+using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+
+Environment with(Environment environment, const Environment& more) {
+    for (const auto& [name, value] : more) environment[name] = value;
+    return environment;
+}
+
+// The live path: a loop volume whose "drive" is a helper running a smartctl stand-in.
+class SmartCliLive : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (const auto reason = testing::LoopVolume::unavailableReason(); !reason.empty()) GTEST_SKIP() << reason;
+        std::string error;
+        volume_ = testing::LoopVolume::create("VTXSMART", 32ull * 1024 * 1024, &error);
+        ASSERT_NE(volume_, nullptr) << error;
+        testing::StandInBehaviour behaviour = testing::printing(kNvme);
+        behaviour.exitStatus = 4;  // "some SMART command failed": a bit that still comes with usable JSON
+        standIn_ = testing::SmartctlStandIn::create(behaviour);
+        daemon_ = testing::HelperDaemon::start({standIn_->path(), {}}, &error);
+        ASSERT_NE(daemon_, nullptr) << error;
+        environment_ = with(kEnglish, {{"VANTORIX_HELPER_SOCKET", daemon_->socketPath()}});
+    }
+
+    std::unique_ptr<testing::LoopVolume> volume_;
+    std::unique_ptr<testing::SmartctlStandIn> standIn_;
+    std::unique_ptr<testing::HelperDaemon> daemon_;
+    Environment environment_;
+};
+
+TEST_F(SmartCliLive, ShowsTheDrivesDataThroughTheHelper) {
+    const auto human = smart({volume_->mountPoint()}, environment_);
+    ASSERT_EQ(human.exitStatus, 0) << human.err;
+    EXPECT_EQ(human.out.substr(0, human.out.find("Model")),
+              "Overall Status  PASSED\n\nSerial Number                              BTNH93710FS91P0B\n");
+    const auto json = smart({volume_->mountPoint(), "--json"}, environment_);
+    ASSERT_EQ(json.exitStatus, 0) << json.err;
+    const auto document = nlohmann::json::parse(json.out);
+    EXPECT_EQ(document["sourceCommand"], standIn_->path() + " --json -a -n standby " + volume_->device());
+    EXPECT_EQ(document["details"].size(), 34U);
+    // The loop device has no partition: one name to try. A request within a second of the last
+    // run's end shares that run, so the second command may not start smartctl again.
+    const std::vector<std::string> arguments{"--json", "-a", "-n", "standby", volume_->device()};
+    const auto starts = standIn_->starts();
+    ASSERT_FALSE(starts.empty());
+    EXPECT_LE(starts.size(), 2U);
+    for (const auto& start : starts) EXPECT_EQ(start, arguments);
+}
+
+TEST_F(SmartCliLive, WatchPublishesEveryRefreshWithFreshRowsAndTheChangeOnce) {
+    auto watch = testing::RunningProcess::start({VANTORIX_CLI_PATH, "smart", volume_->mountPoint(), "--watch", "--json"},
+                                                environment_);
+    const auto next = [&] {
+        const auto line = watch->readLine(10s);
+        EXPECT_TRUE(line.has_value()) << watch->standardError();
+        return line ? nlohmann::json::parse(*line) : nlohmann::json();
+    };
+    const auto first = next();
+    const auto second = next();
+    ASSERT_EQ(first["smart"]["overallStatus"], "PASSED");
+    // Every interpretation makes fresh row ids, so the unchanged answer is published again.
+    EXPECT_EQ(second["smart"]["overallStatus"], "PASSED");
+    EXPECT_EQ(second["smart"]["details"].size(), first["smart"]["details"].size());
+    EXPECT_EQ(second["smart"]["details"][0]["value"], first["smart"]["details"][0]["value"]);
+    EXPECT_NE(second["smart"]["details"][0]["id"], first["smart"]["details"][0]["id"]);
+
+    // Another drive's answer: its serial number, the first row, shows from the first refresh after
+    // the change (or the one after, when a request still shared the run before it) and stays.
+    standIn_->setBehaviour(testing::printing(std::string(VANTORIX_TEST_DATA_DIR) + "/smartctl/scrutiny-smart-nvme-failed.json"));
+    std::vector<std::string> serials;
+    for (int i = 0; i < 4; ++i) serials.push_back(next()["smart"]["details"][0]["value"].get<std::string>());
+    const auto changed = std::find(serials.begin(), serials.end(), "S466NX0M776250H");
+    ASSERT_NE(changed, serials.end());
+    EXPECT_LE(changed - serials.begin(), 1);
+    EXPECT_TRUE(std::all_of(changed, serials.end(), [](const std::string& s) { return s == "S466NX0M776250H"; }));
+
+    watch->signal(SIGINT);
+    EXPECT_EQ(watch->waitForExit(10s), 130);
+    EXPECT_THAT(watch->standardError(), HasSubstr("Watching the SMART data of VTXSMART (" + volume_->bsdName() + ")"));
+}
+
+TEST_F(SmartCliLive, TheBenchReportCarriesTheDrivesSmartData) {
+    const auto run = testing::runProcess({VANTORIX_CLI_PATH, "bench", volume_->mountPoint(), "--json", "--payload-bytes",
+                                          "4000000", "--random-seconds", "0.1"},
+                                         environment_);
+    ASSERT_EQ(run.exitStatus, 0) << run.err;
+    const std::string report = nlohmann::json::parse(run.out)["reportPath"];
+    std::ifstream in(report);
+    std::stringstream html;
+    html << in.rdbuf();
+    EXPECT_THAT(html.str(), HasSubstr("<strong>Overall Status:</strong> PASSED"));
+    EXPECT_THAT(html.str(), HasSubstr("BTNH93710FS91P0B"));
+    fs::remove(report);
+}
+
+TEST(SmartCliHelper, SaysWhyTheHelperCannotBeAskedAndHowToEnableIt) {
+    const Environment nobody{{"VANTORIX_HELPER_SOCKET", "/nonexistent/helper.sock"}};
+    struct Case {
+        Environment environment;
+        std::vector<std::string> args;
+        std::string message;
+    };
+    const std::vector<Case> cases = {
+        {with(kEnglish, nobody), {"/"},
+         "Enable Permissions: No Vantorix SMART helper running as root answers at /nonexistent/helper.sock "
+         "(VANTORIX_HELPER_SOCKET). Start it there as root, then please restart Vantorix.\n"},
+        {with(kEnglish, nobody), {"/", "--watch"}, "Enable Permissions: No Vantorix SMART helper running as root"},
+        {with(kChinese, nobody), {"/"}, "需要启用后台权限：/nonexistent/helper.sock（VANTORIX_HELPER_SOCKET）处没有以 root 身份运行的"},
+        {with(kEnglish, {{"VANTORIX_DISABLE_PRIVILEGED_OPERATIONS", "1"}}), {"/"},
+         "Privileged operations are disabled here (Manual override: VANTORIX_DISABLE_PRIVILEGED_OPERATIONS), so SMART "
+         "data cannot be read.\n"},
+        {kEnglish, {"/missing-folder-of-vantorix"}, "Failed to resolve the BSD name for the selected path.\n"},
+    };
+    for (const auto& c : cases) {
+        const auto result = smart(c.args, c.environment);
+        EXPECT_EQ(result.exitStatus, 1) << result.err;
+        EXPECT_THAT(result.err, HasSubstr(c.message));
+    }
+}
+
+TEST(SmartCliHelper, StatusReportsTheHelperItFinds) {
+    const auto status = [](const Environment& environment) {
+        const auto run = testing::runProcess({VANTORIX_CLI_PATH, "helper", "status", "--json"}, environment);
+        EXPECT_EQ(run.exitStatus, 0) << run.err;
+        return nlohmann::json::parse(run.out);
+    };
+    const auto absent = status(with(kEnglish, {{"VANTORIX_HELPER_SOCKET", "/nonexistent/helper.sock"}}));
+    EXPECT_EQ(absent["serviceManager"], "external");
+    EXPECT_EQ(absent["status"], "requiresApproval");
+    EXPECT_TRUE(absent["helperVersion"].is_null());
+    if (::geteuid() != 0) GTEST_SKIP() << "the helper runs as root";
+    auto standIn = testing::SmartctlStandIn::create(testing::printing(kNvme));
+    std::string error;
+    auto daemon = testing::HelperDaemon::start({standIn->path(), {}}, &error);
+    ASSERT_NE(daemon, nullptr) << error;
+    const auto present = status(with(kEnglish, {{"VANTORIX_HELPER_SOCKET", daemon->socketPath()}}));
+    EXPECT_EQ(present["status"], "enabled");
+    EXPECT_EQ(present["socketPath"], daemon->socketPath());
+    EXPECT_EQ(present["helperVersion"], "0.1.0");
+    EXPECT_EQ(present["allowsPrivilegedOperations"], true);
+}
+
+// The helpers the CLI started (its children), as process ids.
+std::vector<pid_t> helperChildren(pid_t parent) {
+    std::vector<pid_t> children;
+    for (const auto& entry : fs::directory_iterator("/proc")) {
+        std::ifstream stat(entry.path() / "stat");
+        std::string pid, name, state;
+        pid_t ppid = 0;
+        if (stat >> pid >> name >> state >> ppid && ppid == parent && name.find("vantorix-smart") != std::string::npos) {
+            children.push_back(std::stoi(pid));
+        }
+    }
+    return children;
+}
+
+std::set<std::string> helperFolders() {
+    std::set<std::string> folders;
+    for (const auto& root : {"/run", "/tmp"}) {
+        for (const auto& entry : fs::directory_iterator(root)) {
+            if (entry.path().filename().string().rfind("vantorix-helper.", 0) == 0) folders.insert(entry.path());
+        }
+    }
+    return folders;
+}
+
+TEST(SmartCliHelper, WithoutSystemdARootProcessRunsItsOwnHelperAndLeavesNothingBehind) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root";
+    if (fs::exists("/run/systemd/system")) GTEST_SKIP() << "systemd runs here: the helper is its business";
+    const Environment standalone = with(kEnglish, {{"VANTORIX_HELPER_SOCKET", std::nullopt}});
+    const auto before = helperFolders();
+
+    const auto once = smart({"/"}, standalone);
+    EXPECT_THAT(once.err, HasSubstr("gave no usable SMART information"));  // this machine's virtual disk
+    EXPECT_EQ(helperFolders(), before);
+
+    auto watch = testing::RunningProcess::start({VANTORIX_CLI_PATH, "smart", "/", "--watch"}, standalone);
+    std::vector<pid_t> helpers;
+    for (int i = 0; i < 500 && helpers.empty(); ++i) {
+        std::this_thread::sleep_for(10ms);
+        helpers = helperChildren(watch->pid());
+    }
+    ASSERT_EQ(helpers.size(), 1U) << watch->standardError();
+    EXPECT_EQ(helperFolders().size(), before.size() + 1);
+    watch->signal(SIGINT);
+    EXPECT_EQ(watch->waitForExit(10s), 130);
+    EXPECT_NE(::kill(helpers[0], 0), 0);  // gone, and reaped
+    EXPECT_EQ(helperFolders(), before);
 }
 
 }  // namespace

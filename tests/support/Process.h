@@ -1,6 +1,10 @@
 #pragma once
 
+#include <sys/types.h>
+
+#include <chrono>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -20,5 +24,33 @@ ProcessResult runProcess(const std::vector<std::string>& argv,
 
 // Runs a command through /bin/sh -c; for test set-up steps.
 ProcessResult runShell(const std::string& command);
+
+// A program running in the background: its standard output comes through a pipe a line at a time,
+// its standard error goes to a file read when it has ended. Killed and reaped with the object.
+class RunningProcess {
+public:
+    static std::unique_ptr<RunningProcess> start(const std::vector<std::string>& argv,
+                                                 const std::map<std::string, std::optional<std::string>>& environment = {});
+    ~RunningProcess();
+    RunningProcess(const RunningProcess&) = delete;
+    RunningProcess& operator=(const RunningProcess&) = delete;
+
+    pid_t pid() const { return pid_; }
+    // The next line of standard output (without its newline), or nothing when none comes in time.
+    std::optional<std::string> readLine(std::chrono::milliseconds limit);
+    void signal(int number) const;
+    // The exit status (128 + signal when killed), waiting at most the limit.
+    std::optional<int> waitForExit(std::chrono::milliseconds limit);
+    // Standard error so far.
+    std::string standardError() const;
+
+private:
+    RunningProcess() = default;
+    pid_t pid_ = -1;
+    int out_ = -1;
+    std::string errPath_;
+    std::string pending_;
+    std::optional<int> status_;
+};
 
 }  // namespace vantorix::testing
