@@ -22,7 +22,7 @@ HelperServer::HelperServer(asio::io_context& io, asio::local::stream_protocol::a
                            const HelperSettings& settings, std::function<void()> idleExit)
     : io_(io),
       acceptor_(std::move(acceptor)),
-      runs_(io, settings.smartctl, settings.limits),
+      runs_(io, settings.smartctl, settings.limits, settings.shareWindow),
       context_{runs_, settings.roots, settings.version, settings.clientIdleTimeout},
       idleExit_(std::move(idleExit)),
       exitWhenIdle_(settings.exitWhenIdle),

@@ -24,6 +24,8 @@ struct HelperSettings {
     DeviceRoots roots;
     RunLimits limits;
     std::chrono::milliseconds clientIdleTimeout{5000};
+    // How long a finished run's result still answers requests for its device.
+    std::chrono::milliseconds shareWindow = RunCoalescer::kDefaultShareWindow;
     // After this long with no client and nothing running, idleExit() is called; zero: never.
     std::chrono::milliseconds exitWhenIdle{0};
     std::string version;

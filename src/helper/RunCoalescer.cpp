@@ -17,8 +17,9 @@ const log::Logger& logger() { return log::logger("PrivilegedSmartctlHelper"); }
 
 }  // namespace
 
-RunCoalescer::RunCoalescer(asio::io_context& io, std::string program, RunLimits limits)
-    : io_(io), program_(std::move(program)), limits_(limits) {}
+RunCoalescer::RunCoalescer(asio::io_context& io, std::string program, RunLimits limits,
+                           std::chrono::milliseconds shareWindow)
+    : io_(io), program_(std::move(program)), limits_(limits), shareWindow_(shareWindow) {}
 
 RunCoalescer::~RunCoalescer() { stop(); }
 
@@ -40,7 +41,7 @@ void RunCoalescer::request(const std::string& name, const std::string& devicePat
                         fmt::format("An earlier smartctl run on \"{}\" was stopped but has not ended yet.", name))));
         return;
     }
-    if (device.lastReply && std::chrono::steady_clock::now() - device.endedAt <= kShareWindow) {
+    if (device.lastReply && std::chrono::steady_clock::now() - device.endedAt <= shareWindow_) {
         answerLater(std::move(waiter), device.lastReply);
         return;
     }
@@ -107,7 +108,7 @@ void RunCoalescer::finished(const std::string& name, const SmartctlRun::Outcome&
     device.unreaped = std::move(device.run);
     device.lastReply = std::visit([](const auto& value) { return framedReply(protocol::Reply(value)); }, outcome);
     device.endedAt = std::chrono::steady_clock::now();
-    device.expiry.expires_after(kShareWindow);
+    device.expiry.expires_after(shareWindow_);
     device.expiry.async_wait([&device](const asio::error_code& error) {
         if (!error) device.lastReply.reset();
     });

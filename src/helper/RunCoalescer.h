@@ -28,7 +28,7 @@ class RunCoalescer {
 public:
     static constexpr std::size_t kMaximumRuns = 4;
     static constexpr std::size_t kMaximumWaiting = 64;
-    static constexpr std::chrono::milliseconds kShareWindow{1000};
+    static constexpr std::chrono::milliseconds kDefaultShareWindow{1000};
 
     // Who waits for a reply. Once its owner is gone the reply is dropped, and a queued run whose
     // waiters are all gone does not start.
@@ -37,7 +37,9 @@ public:
         std::function<void(const FramedReply&)> deliver;
     };
 
-    RunCoalescer(asio::io_context& io, std::string program, RunLimits limits);
+    // `shareWindow`: how long after a run ended its result still answers requests (zero: not at all).
+    RunCoalescer(asio::io_context& io, std::string program, RunLimits limits,
+                 std::chrono::milliseconds shareWindow = kDefaultShareWindow);
     ~RunCoalescer();
     RunCoalescer(const RunCoalescer&) = delete;
     RunCoalescer& operator=(const RunCoalescer&) = delete;
@@ -62,7 +64,7 @@ private:
         std::shared_ptr<SmartctlRun> run;        // in flight
         std::shared_ptr<SmartctlRun> unreaped;   // answered, its child not reaped yet
         bool queued = false;
-        FramedReply lastReply;                   // shared for kShareWindow after the run ended
+        FramedReply lastReply;                   // shared for the share window after the run ended
         std::chrono::steady_clock::time_point endedAt;
         asio::steady_timer expiry;               // drops lastReply when the window closes
     };
@@ -77,6 +79,7 @@ private:
     asio::io_context& io_;
     std::string program_;
     RunLimits limits_;
+    std::chrono::milliseconds shareWindow_;
     std::map<std::string, std::unique_ptr<Device>> devices_;  // only names of devices that exist
     std::deque<std::string> queue_;
     std::vector<std::shared_ptr<SmartctlRun>> abandoned_;

@@ -58,6 +58,7 @@ int main(int argc, char** argv) {
     std::int64_t runTimeoutMs = settings.limits.timeout.count();
     std::int64_t idleTimeoutMs = settings.clientIdleTimeout.count();
     std::int64_t exitIdleMs = 60000;
+    std::int64_t shareWindowMs = settings.shareWindow.count();
     app.add_option("--socket", socketPath, "Listen on this Unix socket (when not started by systemd socket activation)")
         ->type_name("PATH");
     // For tests: what runs, where devices are looked up, and the time limits.
@@ -67,6 +68,7 @@ int main(int argc, char** argv) {
     app.add_option("--run-timeout-ms", runTimeoutMs)->check(CLI::PositiveNumber)->group("");
     app.add_option("--idle-timeout-ms", idleTimeoutMs)->check(CLI::PositiveNumber)->group("");
     app.add_option("--exit-idle-ms", exitIdleMs)->check(CLI::PositiveNumber)->group("");
+    app.add_option("--share-window-ms", shareWindowMs)->check(CLI::NonNegativeNumber)->group("");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
@@ -75,6 +77,7 @@ int main(int argc, char** argv) {
     }
     settings.limits.timeout = std::chrono::milliseconds(runTimeoutMs);
     settings.clientIdleTimeout = std::chrono::milliseconds(idleTimeoutMs);
+    settings.shareWindow = std::chrono::milliseconds(shareWindowMs);
 
     openStandardDescriptors();
     ::signal(SIGPIPE, SIG_IGN);   // smartctl gets default dispositions back when it starts

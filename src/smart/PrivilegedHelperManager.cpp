@@ -199,8 +199,8 @@ Result<Unit, PrivilegedHelperError> PrivilegedHelperManager::registerHelper() {
     }
     const ServiceError& error = registration.error();
     if (error.domain == kServiceManagerErrorDomain && error.code == kApprovalRequiredCode) {
-        logger().notice("Helper registration blocked by Login Items approval (SMAppServiceErrorDomain code=1). "
-                        "Prompting user to approve in System Settings.");
+        logger().notice(
+            "Helper registration blocked by Login Items approval (SMAppServiceErrorDomain code=1). Prompting user to approve in System Settings.");
         promptForApproval();
     } else {
         logger().error("Failed to install privileged helper2: {}", error.description);

@@ -123,9 +123,9 @@ std::optional<SmartctlExecutionResult> SmartctlHelperClient::fetchSMARTData(std:
     const std::string name(bsdName);
     auto& manager = *dependencies_.manager;
     if (!manager.runtimeEnvironment().allowsPrivilegedOperations) {
-        logger().notice("Skipped privileged helper request for BSD name {} because the runtime policy has disabled "
-                        "privileged operations.",
-                        name);
+        logger().notice(
+            "Skipped privileged helper request for BSD name {} because the runtime policy has disabled privileged operations.",
+            name);
         return std::nullopt;
     }
     if (!manager.ensureHelperInstalledIfNeeded()) {

@@ -1,18 +1,20 @@
 #pragma once
 
-// Small helpers shared by the tests that drive the real vantorix-smartctl-helper.
+// Helpers shared by the tests that drive the real vantorix-smartctl-helper over its socket.
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <optional>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "protocol/SmartctlHelperProtocol.h"
@@ -21,15 +23,21 @@
 
 namespace vantorix::testing {
 
-inline StandInBehaviour printing(const std::string& outputFile) {
+inline const std::string kHelperFixture = std::string(VANTORIX_TEST_DATA_DIR) + "/smartctl/scrutiny-smart-nvme.json";
+
+inline StandInBehaviour acting(StandInBehaviour::Mode mode, const std::string& outputFile = {}) {
     StandInBehaviour behaviour;
+    behaviour.mode = mode;
     behaviour.outputFile = outputFile;
     return behaviour;
 }
-inline StandInBehaviour acting(StandInBehaviour::Mode mode) {
-    StandInBehaviour behaviour;
-    behaviour.mode = mode;
-    return behaviour;
+inline StandInBehaviour printing(const std::string& outputFile) { return acting(StandInBehaviour::Mode::print, outputFile); }
+
+inline std::unique_ptr<HelperDaemon> startHelper(const std::string& smartctl, std::vector<std::string> extra = {}) {
+    std::string error;
+    auto daemon = HelperDaemon::start({smartctl, std::move(extra)}, &error);
+    EXPECT_NE(daemon, nullptr) << error;
+    return daemon;
 }
 
 inline std::string fetchFrame(const std::string& name) {
@@ -38,12 +46,9 @@ inline std::string fetchFrame(const std::string& name) {
 inline std::string versionFrame() { return protocol::framed(protocol::encodedRequest(protocol::VersionRequest{})); }
 
 // One client connection, closed with the object.
-class HelperClient {
-public:
+struct HelperClient {
     explicit HelperClient(const std::string& socketPath) : fd(connectTo(socketPath)) {}
-    ~HelperClient() {
-        if (fd >= 0) ::close(fd);
-    }
+    ~HelperClient() { ::close(fd); }
     HelperClient(const HelperClient&) = delete;
     HelperClient& operator=(const HelperClient&) = delete;
 
@@ -51,12 +56,10 @@ public:
     // The next reply; nothing when none arrives (whole and well-formed) within the limit.
     std::optional<protocol::Reply> reply(std::chrono::milliseconds limit = std::chrono::seconds(10)) const {
         const auto payload = readFrame(fd, limit);
-        if (!payload) return std::nullopt;
-        return protocol::parsedReply(*payload);
+        return payload ? protocol::parsedReply(*payload) : std::nullopt;
     }
     std::optional<protocol::Reply> ask(const std::string& frame) const {
-        if (!send(frame)) return std::nullopt;
-        return reply();
+        return send(frame) ? reply() : std::nullopt;
     }
 
     int fd;
@@ -64,14 +67,21 @@ public:
 
 // The helper's error code in a reply; nothing for any other reply (or none).
 inline std::optional<protocol::HelperFailure> failure(const std::optional<protocol::Reply>& reply) {
-    if (!reply) return std::nullopt;
-    const auto* error = std::get_if<protocol::HelperError>(&*reply);
+    const auto* error = reply ? std::get_if<protocol::HelperError>(&*reply) : nullptr;
     if (error == nullptr || error->domain != protocol::kHelperErrorDomain) return std::nullopt;
     return static_cast<protocol::HelperFailure>(error->code);
 }
-
 inline const SmartctlExecutionResult* result(const std::optional<protocol::Reply>& reply) {
     return reply ? std::get_if<SmartctlExecutionResult>(&*reply) : nullptr;
+}
+
+// Whether the condition holds within 5 s.
+inline bool eventually(const std::function<bool()>& condition) {
+    for (const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+         std::chrono::steady_clock::now() < until; std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
+        if (condition()) return true;
+    }
+    return false;
 }
 
 // The children of a process (zombies included), from /proc.
@@ -105,38 +115,21 @@ inline std::string rootDiskName() {
         std::error_code error;
         const auto device = std::filesystem::canonical("/sys/dev/block/" + numbers, error);
         if (error) return {};
-        if (std::filesystem::exists(device / "partition")) return device.parent_path().filename();
-        return device.filename();
+        return std::filesystem::exists(device / "partition") ? device.parent_path().filename() : device.filename();
     }
     return {};
 }
 
-// Block devices sda, sdb, ... in a temporary sysfs and /dev tree, for --sysfs-root and --dev-root.
-// Making device nodes needs root; `made` tells whether it worked.
-class FakeDisks {
-public:
-    explicit FakeDisks(int count) {
-        char pattern[] = "/tmp/vantorix-disks-XXXXXX";
-        root_ = ::mkdtemp(pattern);
-        std::filesystem::create_directories(root_ + "/dev");
-        for (int i = 0; i < count; ++i) {
-            const std::string name = std::string("sd") + static_cast<char>('a' + i);
-            std::filesystem::create_directories(root_ + "/sys/class/block/" + name);
-            std::ofstream(root_ + "/sys/class/block/" + name + "/dev") << "8:" << i * 16 << "\n";
-            made = made && ::mknod((root_ + "/dev/" + name).c_str(), S_IFBLK | 0600,
-                                   makedev(8U, static_cast<unsigned>(i * 16))) == 0;
-            names.push_back(name);
-        }
-    }
-    ~FakeDisks() { std::filesystem::remove_all(root_); }
-    std::vector<std::string> arguments() const { return {"--sysfs-root", root_ + "/sys", "--dev-root", root_ + "/dev"}; }
-    std::string devicePath(const std::string& name) const { return root_ + "/dev/" + name; }
-
+// Names of block devices the helper accepts here (in /sys/class/block, with a /dev node), sorted.
+inline std::vector<std::string> blockDeviceNames() {
     std::vector<std::string> names;
-    bool made = true;
-
-private:
-    std::string root_;
-};
+    for (const auto& entry : std::filesystem::directory_iterator("/sys/class/block")) {
+        struct stat st {};
+        const auto name = entry.path().filename().string();
+        if (::lstat(("/dev/" + name).c_str(), &st) == 0 && S_ISBLK(st.st_mode)) names.push_back(name);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
 
 }  // namespace vantorix::testing
