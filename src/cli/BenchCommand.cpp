@@ -204,13 +204,6 @@ public:
         auto resolved = DiskVolumeResolver::resolve(options_.path, *environment_.files, *environment_.registry);
         if (!resolved) return fail(resolved.error().description());
         volume_ = std::move(resolved).value();
-        // The report carries the drive's SMART data when the helper answers. It is read before the
-        // test starts: SMART commands cost the drive time the test would measure.
-        readSmartInfo();
-        if (interrupted_) {
-            err_ << localized("性能测试已停止。", "Performance test stopped.") << std::endl;
-            return kInterrupted;
-        }
 
         DiskPerformanceTester::Parameters parameters;
         if (options_.randomSeconds) parameters.randomPhaseDuration = *options_.randomSeconds;
@@ -224,12 +217,23 @@ public:
         tester_->setPhaseObserver(traffic_->observer());
 
         const auto preview = tester_->payloadPreview(volume_);
+        // The report carries the drive's SMART data when the helper answers. It is read before the
+        // test starts (SMART commands cost the drive time the test would measure), and only for a
+        // test that can run.
+        if (preview || options_.payloadBytes) {
+            readSmartInfo();
+            if (interrupted_) {
+                err_ << localized("性能测试已停止。", "Performance test stopped.") << std::endl;
+                return kInterrupted;
+            }
+        }
         auto context = performancePayloadContext(volume_, tester_->state().dataSize, preview);
         if (options_.payloadBytes) context.description = localized("数据量：", "Payload: ") + payloadSizeText(*options_.payloadBytes);
         tester_->runTest(volume_);
         if (!tester_->state().isRunning) {
             return fail(tester_->state().errorMessage.value_or(context.description));
         }
+        if (smartNote_) err_ << *smartNote_ << std::endl;
         err_ << (text::isEnglish()
                      ? fmt::format("Testing {} ({}) in {}. {}. Press Ctrl-C to stop.", volume_->displayName,
                                    volume_->bsdName, volume_->url, context.description)
@@ -258,10 +262,9 @@ private:
         volume_->smartInfo = outcome.info;
         if (outcome.info) return;
         const auto reason = helperUnavailableReason(pipeline);
-        err_ << localized("报告中将没有 SMART 数据：", "The report will have no SMART data: ")
-             << (reason ? *reason
-                        : localized("硬盘没有提供可用的 SMART 信息。", "the drive gave no usable SMART information."))
-             << std::endl;
+        smartNote_ = localized("报告中将没有 SMART 数据：", "The report will have no SMART data: ") +
+                     (reason ? *reason
+                             : localized("硬盘没有提供可用的 SMART 信息。", "the drive gave no usable SMART information."));
     }
 
     void observe(const DiskPerformanceTester::State& state) {
@@ -355,6 +358,7 @@ private:
     bool interrupted_ = false;
     bool done_ = false;
     CancellationSource smartCancellation_;
+    std::optional<std::string> smartNote_;  // why the report has no SMART data
     int exitStatus_ = kSuccess;
 };
 
