@@ -163,8 +163,11 @@ TEST(AggregationCoordinator, DeliversOnItsTimer) {
 
 // Dropped while its timer runs and samples are on their way: nothing keeps it alive.
 TEST(AggregationCoordinator, CanBeDroppedWhileRunning) {
-    Recorder recorder;
-    auto coordinator = makeCoordinator(recorder, 1ms);
+    // The handler owns what it writes to: its queue may still finish a delivery after the
+    // coordinator is gone.
+    auto recorder = std::make_shared<Recorder>();
+    auto coordinator = AggregationCoordinator::create(1ms, 0ms, [recorder](Payload p) { recorder->record(std::move(p)); });
+    recorder->queue = &coordinator->queue();
     const std::weak_ptr<AggregationCoordinator> weak = coordinator;
     coordinator->start();
     for (std::uint64_t n = 1; n <= 200; ++n) enqueue(*coordinator, sample(n));

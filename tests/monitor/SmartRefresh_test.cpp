@@ -32,20 +32,30 @@ public:
         std::string bsdName;
         Clock::time_point start, end;
     };
-    std::vector<SMARTInfoProvider::Outcome> script{SMARTInfoProvider::Outcome{}};
-    std::chrono::milliseconds delay{0};
-    bool blockUntilCancelled = false;
+    void set(std::vector<SMARTInfoProvider::Outcome> script, std::chrono::milliseconds delay = 0ms,
+             bool blockUntilCancelled = false) {
+        std::lock_guard lock(mutex_);
+        script_ = std::move(script);
+        delay_ = delay;
+        block_ = blockUntilCancelled;
+        answered_ = 0;
+    }
 
     SMARTInfoProvider::Outcome operator()(const std::string& bsdName, const CancellationToken& token) {
         const auto start = Clock::now();
-        if (blockUntilCancelled) {
+        std::unique_lock lock(mutex_);
+        const bool block = block_;
+        const auto delay = delay_;
+        lock.unlock();
+        if (block) {
             while (!token.isCancelled()) std::this_thread::sleep_for(1ms);
         } else {
             token.sleepFor(delay);
         }
-        std::lock_guard lock(mutex_);
+        lock.lock();
         calls_.push_back({bsdName, start, Clock::now()});
-        return script[std::min(calls_.size(), script.size()) - 1];
+        ++answered_;
+        return script_[std::min(answered_, script_.size()) - 1];
     }
     std::vector<Call> calls() const {
         std::lock_guard lock(mutex_);
@@ -54,6 +64,10 @@ public:
 
 private:
     mutable std::mutex mutex_;
+    std::vector<SMARTInfoProvider::Outcome> script_{SMARTInfoProvider::Outcome{}};
+    std::chrono::milliseconds delay_{0};
+    bool block_ = false;
+    std::size_t answered_ = 0;
     std::vector<Call> calls_;
 };
 
@@ -100,7 +114,7 @@ protected:
 };
 
 TEST_F(SmartRefreshTest, FirstRoundAtOnceThenOneIntervalAfterThePreviousEnded) {
-    fetch_->delay = 30ms;
+    fetch_->set({SMARTInfoProvider::Outcome{}}, 30ms);
     select("fake0");
     ASSERT_TRUE(runUntilRounds(3));
     const auto calls = fetch_->calls();
@@ -113,8 +127,8 @@ TEST_F(SmartRefreshTest, PublishesOnlyWhatDiffersFieldByField) {
     DiskSMARTInfo reinterpreted = passed;  // the same output read again: fresh row ids
     reinterpreted.details[0].id = Uuid::make();
     using Outcome = SMARTInfoProvider::Outcome;
-    fetch_->script = {Outcome{passed}, Outcome{passed}, Outcome{reinterpreted}, Outcome{}, Outcome{},
-                      Outcome{passed}, Outcome{std::nullopt, true}};
+    fetch_->set({Outcome{passed}, Outcome{passed}, Outcome{reinterpreted}, Outcome{}, Outcome{}, Outcome{passed},
+                 Outcome{std::nullopt, true}});
     const std::vector<Round> expected{Round::published, Round::identical, Round::published, Round::published,
                                       Round::identical, Round::published, Round::kept};
     select("fake0");
@@ -132,11 +146,10 @@ TEST_F(SmartRefreshTest, PublishesOnlyWhatDiffersFieldByField) {
 }
 
 TEST_F(SmartRefreshTest, ReselectionCancelsTheOldTaskAndStaleResultsAreDiscarded) {
-    fetch_->blockUntilCancelled = true;
+    fetch_->set({SMARTInfoProvider::Outcome{}}, 0ms, true);
     select("fake0");
     ASSERT_TRUE(main_->runUntil([&] { return !lines().empty(); }, 10s));
-    fetch_->blockUntilCancelled = false;
-    fetch_->script = {SMARTInfoProvider::Outcome{info("PASSED")}};
+    fetch_->set({SMARTInfoProvider::Outcome{info("PASSED")}});
     select("fake1");
     ASSERT_TRUE(runUntilRounds(2));
     EXPECT_TRUE(waitForLine("SMART refresh cancelled before publishing for BSD name fake0"));
@@ -153,7 +166,7 @@ TEST_F(SmartRefreshTest, ReselectionCancelsTheOldTaskAndStaleResultsAreDiscarded
 }
 
 TEST_F(SmartRefreshTest, PausedRoundsFetchNothingAndKeepTheData) {
-    fetch_->script = {SMARTInfoProvider::Outcome{info("PASSED")}};
+    fetch_->set({SMARTInfoProvider::Outcome{info("PASSED")}});
     select("fake0");
     ASSERT_TRUE(runUntilRounds(1));
     refresh_->setPaused(true);
