@@ -257,11 +257,12 @@ public:
 private:
     void readSmartInfo() {
         const auto pipeline = SmartPipeline::system(main_, RegistrationPolicy{false});
+        const ApprovalListener approval;
         const auto outcome = fetchSmartInfo(pipeline, *main_, volume_->bsdName, smartCancellation_);
         if (interrupted_) return;
         volume_->smartInfo = outcome.info;
         if (outcome.info) return;
-        const auto reason = helperUnavailableReason(pipeline);
+        const auto reason = helperUnavailableReason(pipeline, approval);
         smartNote_ = localized("报告中将没有 SMART 数据：", "The report will have no SMART data: ") +
                      (reason ? *reason
                              : localized("硬盘没有提供可用的 SMART 信息。", "the drive gave no usable SMART information."));

@@ -187,10 +187,11 @@ int fetchOnce(const SmartOptions& options, Environment& environment) {
     auto volume = DiskVolumeResolver::resolve(*options.path, *environment.files, *environment.registry);
     if (!volume.ok()) return fail(options, environment, volume.error().name(), volume.error().description());
     const auto pipeline = SmartPipeline::system(main, RegistrationPolicy{false});
+    const ApprovalListener approval;
     const auto outcome = fetchSmartInfo(pipeline, *main, volume->bsdName, cancellation);
     if (interrupted) return kInterrupted;
     if (!outcome.info) {
-        if (const auto reason = helperUnavailableReason(pipeline)) {
+        if (const auto reason = helperUnavailableReason(pipeline, approval)) {
             return fail(options, environment, "helperUnavailable", *reason);
         }
         return fail(options, environment, outcome.driveAsleep ? "driveAsleep" : "noUsableData",
@@ -299,7 +300,7 @@ private:
     void observeRound(const std::string& bsdName, SmartRefresh::Round round) {
         if (done_ || ++rounds_ > 1 || publications_ > 0) return;
         if (round != SmartRefresh::Round::identical && round != SmartRefresh::Round::published) return;
-        if (const auto reason = helperUnavailableReason(pipeline_)) {
+        if (const auto reason = helperUnavailableReason(pipeline_, approval_)) {
             fail(options_, environment_, "helperUnavailable", *reason);
             finish(kFailure);
             return;
@@ -319,6 +320,7 @@ private:
     Environment& environment_;
     std::shared_ptr<LoopMainExecutor> main_;
     SmartPipeline pipeline_;
+    ApprovalListener approval_;
     std::shared_ptr<DiskIOMonitor> monitor_;
     std::shared_ptr<SmartRefresh> refresh_;
     Subscription subscription_;

@@ -1,6 +1,7 @@
 #include "cli/SmartFetch.h"
 
 #include "concurrency/Task.h"
+#include "concurrency/NotificationCenter.h"
 #include "smart/HelperApprovalTexts.h"
 
 namespace vantorix::cli {
@@ -21,17 +22,22 @@ SMARTInfoProvider::Outcome fetchSmartInfo(const SmartPipeline& pipeline, LoopMai
     return outcome;
 }
 
-std::optional<std::string> helperUnavailableReason(const SmartPipeline& pipeline) {
+ApprovalListener::ApprovalListener()
+    : subscription_(NotificationCenter::defaultCenter().addObserver(
+          std::string(PrivilegedHelperManager::kApprovalNotification), [requested = requested_] { *requested = true; })) {}
+
+std::optional<std::string> helperUnavailableReason(const SmartPipeline& pipeline, const ApprovalListener& approval) {
     const auto& environment = pipeline.manager->runtimeEnvironment();
     if (!environment.allowsPrivilegedOperations) {
         return smart::privilegedOperationsDisabledMessage(environment.reasonsText());
     }
     if (pipeline.manager->cachedInstallationState().value_or(true)) return std::nullopt;
     auto& services = *pipeline.serviceManager;
+    if (approval.requested()) return smart::helperApprovalLine(services.backendName(), services.socketPath());
     if (!services.definitionPath(PrivilegedHelperManager::kHelperDefinitionName)) {
         return smart::helperNotInstalledMessage(services.backendName(), services.helperExecutable().path);
     }
-    return smart::helperApprovalLine(services.backendName(), services.socketPath());
+    return smart::helperFailedMessage();
 }
 
 }  // namespace vantorix::cli

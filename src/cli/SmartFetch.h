@@ -6,6 +6,7 @@
 #include "composition/SmartPipeline.h"
 #include "concurrency/Cancellation.h"
 #include "concurrency/LoopMainExecutor.h"
+#include "concurrency/Subscription.h"
 
 namespace vantorix::cli {
 
@@ -15,9 +16,20 @@ namespace vantorix::cli {
 SMARTInfoProvider::Outcome fetchSmartInfo(const SmartPipeline& pipeline, LoopMainExecutor& main,
                                           const std::string& bsdName, const CancellationSource& cancellation);
 
+// Hears the helper manager's request for an administrator's approval while it exists.
+class ApprovalListener {
+public:
+    ApprovalListener();
+    bool requested() const { return *requested_; }
+
+private:
+    std::shared_ptr<bool> requested_ = std::make_shared<bool>(false);
+    Subscription subscription_;
+};
+
 // Why the helper could not be asked, in the user's language: privileged operations are disabled,
-// or the helper is not registered (the text then says how to enable it). Nothing when the helper
-// was available, so the lack of data is the drive's.
-std::optional<std::string> helperUnavailableReason(const SmartPipeline& pipeline);
+// an administrator has to enable the helper (the text says how), it is not installed, or it could
+// not be started. Nothing when the helper was available, so the lack of data is the drive's.
+std::optional<std::string> helperUnavailableReason(const SmartPipeline& pipeline, const ApprovalListener& approval);
 
 }  // namespace vantorix::cli

@@ -50,6 +50,11 @@ std::string helperApprovalLine(std::string_view backend, std::string_view socket
     return helperApprovalTitle() + text::localized("：", ": ") + helperApprovalMessage(backend, socketPath);
 }
 
+std::string helperFailedMessage() {
+    return text::localized("SMART 辅助程序无法注册或启动（设置 VANTORIX_LOG=debug 可查看原因）。",
+                           "The SMART helper could not be registered or started (VANTORIX_LOG=debug shows why).");
+}
+
 std::string privilegedOperationsDisabledMessage(std::string_view reasons) {
     return text::isEnglish() ? fmt::format("Privileged operations are disabled here ({}), so SMART data cannot be read.", reasons)
                              : fmt::format("此环境已禁用特权操作（{}），因此无法读取 SMART 数据。", reasons);

@@ -18,6 +18,9 @@ std::string helperApprovalLine(std::string_view backend, std::string_view socket
 // The helper is not installed: its program (`standalone`) or its service units (`systemd`) are missing.
 std::string helperNotInstalledMessage(std::string_view backend, std::string_view helperPath);
 
+// The helper is installed but could not be registered or started.
+std::string helperFailedMessage();
+
 // Why privileged operations are off, with the policy's reasons joined by ", ".
 std::string privilegedOperationsDisabledMessage(std::string_view reasons);
 
