@@ -57,6 +57,8 @@ Result<int, std::string> connectToPeer(const std::string& path, uid_t uid) {
 
 const log::Logger& logger() { return log::logger("SmartctlHelperClient"); }
 
+constexpr std::size_t kKeptBufferBytes = 1024 * 1024;
+
 }  // namespace
 
 struct UnixSocketHelperConnection::State : std::enable_shared_from_this<State> {
@@ -166,8 +168,10 @@ struct UnixSocketHelperConnection::State : std::enable_shared_from_this<State> {
             return false;
         }
         auto reply = protocol::parsedReply(payload);
+        // A typical reply's buffer is kept for the next one (a refresh comes every second); an
+        // unusually large one is given back.
         payload.clear();
-        payload.shrink_to_fit();
+        if (payload.capacity() > kKeptBufferBytes) payload.shrink_to_fit();
         Pending pending = std::move(outstanding.front());
         outstanding.pop_front();
         if (reply) {
