@@ -26,6 +26,14 @@ std::string slurp(const std::string& path) {
     return text.str();
 }
 
+// The null-terminated array of pointers that execve() takes, into `strings`.
+std::vector<char*> pointers(std::vector<std::string>& strings) {
+    std::vector<char*> result;
+    for (auto& s : strings) result.push_back(s.data());
+    result.push_back(nullptr);
+    return result;
+}
+
 // This process's environment with the overrides applied, as "NAME=value" strings.
 std::vector<std::string> mergedEnvironment(const std::map<std::string, std::optional<std::string>>& environment) {
     std::map<std::string, std::string> merged;
@@ -54,13 +62,9 @@ ProcessResult runProcess(const std::vector<std::string>& argv,
     if (outFd < 0 || errFd < 0) throw std::runtime_error("mkstemp failed");
 
     std::vector<std::string> envStrings = mergedEnvironment(environment);
-    std::vector<char*> envp;
-    for (auto& s : envStrings) envp.push_back(s.data());
-    envp.push_back(nullptr);
     std::vector<std::string> args = argv;
-    std::vector<char*> argp;
-    for (auto& s : args) argp.push_back(s.data());
-    argp.push_back(nullptr);
+    const auto envp = pointers(envStrings);
+    const auto argp = pointers(args);
 
     const pid_t pid = ::fork();
     if (pid == 0) {
@@ -96,13 +100,9 @@ std::unique_ptr<RunningProcess> RunningProcess::start(const std::vector<std::str
     if (errFd < 0 || ::pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("mkstemp or pipe failed");
     process->errPath_ = errPath;
     std::vector<std::string> envStrings = mergedEnvironment(environment);
-    std::vector<char*> envp;
-    for (auto& s : envStrings) envp.push_back(s.data());
-    envp.push_back(nullptr);
     std::vector<std::string> args = argv;
-    std::vector<char*> argp;
-    for (auto& s : args) argp.push_back(s.data());
-    argp.push_back(nullptr);
+    const auto envp = pointers(envStrings);
+    const auto argp = pointers(args);
     process->pid_ = ::fork();
     if (process->pid_ == 0) {
         const int devNull = ::open("/dev/null", O_RDONLY);
