@@ -129,12 +129,8 @@ TEST_F(SmartPipelineIntegration, RealSmartctlAnswerIsLoggedAndFoundUnusable) {
     ASSERT_NE(daemon, nullptr) << error;
     const auto pipeline = pipelineAt(daemon->socketPath(), main_);
     const std::string disk = testing::rootDiskName();
-    const auto run = pipeline.client->fetchSMARTData(disk);
+    const auto run = pipeline.client->fetchSMARTData(disk);  // the reply's fields: HelperRequests
     ASSERT_TRUE(run.has_value());
-    EXPECT_EQ(run->commandDescription, "/usr/sbin/smartctl --json -a -n standby /dev/" + disk);
-    const auto document = nlohmann::json::parse(run->jsonData);
-    EXPECT_EQ(document["smartctl"]["exit_status"], run->terminationStatus);
-    EXPECT_EQ(document["smartctl"]["argv"].back(), "/dev/" + disk);
 
     // This machine's virtual disk has no SMART: every candidate is tried, each answer logged.
     EXPECT_FALSE(pipeline.provider->fetch(disk).info.has_value());
