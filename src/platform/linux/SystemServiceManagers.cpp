@@ -62,7 +62,7 @@ public:
         if ((fileState == "enabled" || fileState == "enabled-runtime") && active == "active") {
             return static_cast<int>(ServiceStatus::enabled);
         }
-        if (owner_.effectiveUserId_ == 0 || (owner_.policy_.mayRegister && owner_.canAskForAdministrator())) {
+        if (owner_.policy_.mayRegister && (owner_.effectiveUserId_ == 0 || owner_.canAskForAdministrator())) {
             return static_cast<int>(ServiceStatus::notRegistered);
         }
         return static_cast<int>(ServiceStatus::requiresApproval);
@@ -74,12 +74,12 @@ public:
 private:
     Result<Unit, ServiceError> systemctl(const std::string& verb) {
         std::vector<std::string> command{owner_.programs_.systemctl, verb, "--now", unit_};
-        if (owner_.effectiveUserId_ != 0) {
-            if (!owner_.policy_.mayRegister || !owner_.canAskForAdministrator()) {
-                return Failure{approvalRequired("An administrator has to run: sudo systemctl " + verb + " --now " + unit_)};
-            }
-            command.insert(command.begin(), owner_.programs_.pkexec);
+        // A program that only reads (a command asking for SMART data) never changes what the system
+        // starts, not even as root.
+        if (!owner_.policy_.mayRegister || (owner_.effectiveUserId_ != 0 && !owner_.canAskForAdministrator())) {
+            return Failure{approvalRequired("An administrator has to run: sudo systemctl " + verb + " --now " + unit_)};
         }
+        if (owner_.effectiveUserId_ != 0) command.insert(command.begin(), owner_.programs_.pkexec);
         std::string line;
         for (const auto& word : command) line += (line.empty() ? "" : " ") + word;
         // pkexec waits for the user to answer; systemctl alone is quick.
