@@ -26,10 +26,6 @@ namespace {
 
 using Support = ChartExportSupport;
 
-// The picture is drawn for a dark appearance: the label colours are those of a dark system theme,
-// which is what the white outline, grid and summary text are made for.
-const QColor kLabel(255, 255, 255, 217);           // white at 0.85
-const QColor kSecondaryLabel(255, 255, 255, 140);  // white at 0.55
 const QColor kRead = QColor::fromRgbF(0.203F, 0.781F, 0.349F);
 const QColor kWrite = QColor::fromRgbF(1.0F, 0.584F, 0.0F);
 
@@ -38,7 +34,15 @@ QColor withOpacity(QColor color, double opacity) {
     return color;
 }
 
-QColor whiteAt(double opacity) { return withOpacity(Qt::white, opacity); }
+// Labels, outline and grid in the colour a system theme gives its labels: white on a dark
+// appearance, black on a light one (the summary box keeps white text on its own dark fill).
+struct Ink {
+    explicit Ink(Appearance appearance) : base(appearance == Appearance::dark ? Qt::white : Qt::black) {}
+    QColor at(double opacity) const { return withOpacity(base, opacity); }
+    QColor label() const { return at(0.85); }
+    QColor secondaryLabel() const { return at(0.55); }
+    QColor base;
+};
 
 // WenQuanYi Micro Hei has the Chinese glyphs and digits of equal width, which the axis labels and
 // the summary box want; the others stand in where it is missing.
@@ -62,7 +66,8 @@ QPen pen(const QColor& color, double width) {
 // left, y downwards).
 class ChartPainter {
 public:
-    ChartPainter(QPainter& painter, int width, int height) : painter_(painter), width_(width), height_(height) {}
+    ChartPainter(QPainter& painter, int width, int height, Appearance appearance)
+        : painter_(painter), width_(width), height_(height), ink_(appearance) {}
 
     void draw(const SampleWindow& samples, std::int64_t sampleIntervalMs) {
         const Support::Rect plot = Support::plotRect(width_, height_);
@@ -95,11 +100,11 @@ private:
         QPainterPath outline;
         outline.addRoundedRect(qRect(plot), 24, 24);
         painter_.fillPath(outline, withOpacity(Qt::black, 0.06));
-        painter_.strokePath(outline, pen(whiteAt(0.18), 2));
+        painter_.strokePath(outline, pen(ink_.at(0.18), 2));
     }
 
     void drawGrid(const Support::Rect& plot, const std::vector<Support::AxisTick>& ticks) {
-        QPen dashed = pen(whiteAt(0.15), 1);
+        QPen dashed = pen(ink_.at(0.15), 1);
         dashed.setDashPattern({6, 4});
         painter_.setPen(dashed);
         for (const auto& tick : ticks) {
@@ -110,7 +115,7 @@ private:
     }
 
     void drawAxes(const Support::Rect& plot) {
-        painter_.setPen(pen(withOpacity(kLabel, 0.9), 2.5));
+        painter_.setPen(pen(withOpacity(ink_.label(), 0.9), 2.5));
         const QPointF corner = at(plot.x, plot.y);
         painter_.drawLine(at(plot.x, plot.y + plot.height), corner);
         painter_.drawLine(corner, at(plot.x + plot.width, plot.y));
@@ -122,9 +127,9 @@ private:
         painter_.setFont(font);
         for (const auto& tick : ticks) {
             const double y = plot.y + tick.position * plot.height;
-            painter_.setPen(pen(withOpacity(kLabel, 0.8), 2));
+            painter_.setPen(pen(withOpacity(ink_.label(), 0.8), 2));
             painter_.drawLine(at(plot.x - 16, y), at(plot.x, y));
-            painter_.setPen(kLabel);
+            painter_.setPen(ink_.label());
             const QRectF box(0, qy(y) - lineHeight, plot.x - 28, 2 * lineHeight);
             painter_.drawText(box, Qt::AlignRight | Qt::AlignVCenter, qText(text::speedText(tick.value)));
         }
@@ -137,9 +142,9 @@ private:
         constexpr double kLabelWidth = 480;
         for (const auto& tick : ticks) {
             const double x = plot.x + tick.position * plot.width;
-            painter_.setPen(pen(withOpacity(kLabel, 0.8), 2));
+            painter_.setPen(pen(withOpacity(ink_.label(), 0.8), 2));
             painter_.drawLine(at(x, plot.y), at(x, plot.y - 20));
-            painter_.setPen(kLabel);
+            painter_.setPen(ink_.label());
             const QRectF box(x - kLabelWidth / 2, qy(plot.y) + 28, kLabelWidth, lineHeight);
             painter_.drawText(box, Qt::AlignHCenter | Qt::AlignTop, qText(Support::durationText(tick.value)));
         }
@@ -186,7 +191,7 @@ private:
             painter_.setBrush(color);
             painter_.drawEllipse(QRectF(left, firstDisc.top(), kDisc, kDisc));
             painter_.setBrush(Qt::NoBrush);
-            painter_.setPen(kLabel);
+            painter_.setPen(ink_.label());
             const double textLeft = left + kDisc + 20;
             const double textWidth = metrics.horizontalAdvance(label);
             painter_.drawText(QRectF(textLeft, firstDisc.center().y() - metrics.height(), textWidth + 4,
@@ -224,19 +229,20 @@ private:
 
     void drawWaiting(const Support::Rect& plot) {
         painter_.setFont(chartFont(60, QFont::DemiBold));
-        painter_.setPen(kSecondaryLabel);
+        painter_.setPen(ink_.secondaryLabel());
         painter_.drawText(qRect(plot), Qt::AlignCenter, qText(Support::waitingText()));
     }
 
     QPainter& painter_;
     int width_;
     int height_;
+    Ink ink_;
 };
 
 }  // namespace
 
 Result<QImage, ChartDataExportError> chartImage(const SampleWindow& samples, std::int64_t sampleIntervalMs, int width,
-                                                int height) {
+                                                int height, Appearance appearance) {
     ensureGuiApplication();
     QImage image(width, height, QImage::Format_ARGB32_Premultiplied);
     if (image.isNull()) return Failure{ChartDataExportError::bitmapContextUnavailable()};
@@ -244,7 +250,7 @@ Result<QImage, ChartDataExportError> chartImage(const SampleWindow& samples, std
     QPainter painter;
     if (!painter.begin(&image)) return Failure{ChartDataExportError::bitmapContextUnavailable()};
     painter.setRenderHints(QPainter::Antialiasing | QPainter::TextAntialiasing);
-    ChartPainter(painter, width, height).draw(samples, sampleIntervalMs);
+    ChartPainter(painter, width, height, appearance).draw(samples, sampleIntervalMs);
     painter.end();
     return image;
 }
@@ -263,15 +269,16 @@ Result<std::vector<std::uint8_t>, ChartDataExportError> encodePNG(const QImage& 
 
 Result<std::vector<std::uint8_t>, ChartDataExportError> chartPNGData(const SampleWindow& samples,
                                                                       std::int64_t sampleIntervalMs, int width,
-                                                                      int height) {
-    auto image = chartImage(samples, sampleIntervalMs, width, height);
+                                                                      int height, Appearance appearance) {
+    auto image = chartImage(samples, sampleIntervalMs, width, height, appearance);
     if (!image) return Failure{image.error()};
     return encodePNG(*image);
 }
 
-ChartExportSupport::PNGRenderer chartPNGRenderer() {
-    return [](const SampleWindow& samples, std::int64_t sampleIntervalMs) {
-        return chartPNGData(samples, sampleIntervalMs);
+ChartExportSupport::PNGRenderer chartPNGRenderer(Appearance appearance) {
+    return [appearance](const SampleWindow& samples, std::int64_t sampleIntervalMs) {
+        return chartPNGData(samples, sampleIntervalMs, ChartExportSupport::imageWidth, ChartExportSupport::imageHeight,
+                            appearance);
     };
 }
 

@@ -26,11 +26,11 @@ fs::path artifactPath(const std::string& name) {
     return dir / name;
 }
 
-// Renders, keeps the PNG as an artifact and decodes it again. The picture is transparent and
-// drawn for a dark appearance; a copy laid on a dark window colour is kept beside it, since most
-// image viewers show transparency as white.
-QImage render(const SampleWindow& samples, std::int64_t intervalMs, const std::string& name) {
-    auto png = render::chartPNGData(samples, intervalMs);
+// Renders, keeps the PNG as an artifact and decodes it again. The picture is transparent; a copy
+// laid on the window colour of its appearance is kept beside it.
+QImage render(const SampleWindow& samples, std::int64_t intervalMs, const std::string& name,
+              render::Appearance appearance = render::Appearance::light) {
+    auto png = render::chartPNGData(samples, intervalMs, 3840, 2160, appearance);
     if (!png) {
         ADD_FAILURE() << png.error().description();
         return {};
@@ -39,16 +39,17 @@ QImage render(const SampleWindow& samples, std::int64_t intervalMs, const std::s
         .write(reinterpret_cast<const char*>(png->data()), static_cast<std::streamsize>(png->size()));
     QImage image =
         QImage::fromData(png->data(), static_cast<int>(png->size()), "PNG").convertToFormat(QImage::Format_ARGB32);
-    QImage onDark(image.size(), QImage::Format_RGB32);
-    onDark.fill(QColor(30, 30, 30));
-    QPainter(&onDark).drawImage(0, 0, image);
-    onDark.save(QString::fromStdString(artifactPath(name + "-on-dark.png").string()));
+    QImage onWindow(image.size(), QImage::Format_RGB32);
+    onWindow.fill(appearance == render::Appearance::dark ? QColor(30, 30, 30) : QColor(246, 246, 246));
+    QPainter(&onWindow).drawImage(0, 0, image);
+    onWindow.save(QString::fromStdString(artifactPath(name + "-on-window.png").string()));
     return image;
 }
 
 bool isRead(QColor c) { return c.alpha() > 240 && c.green() > 170 && c.red() < 90 && c.blue() < 120; }
 bool isWrite(QColor c) { return c.alpha() > 240 && c.red() > 230 && c.green() > 110 && c.green() < 180 && c.blue() < 40; }
-bool isText(QColor c) { return c.alpha() > 100 && c.red() > 200 && c.green() > 200 && c.blue() > 200; }
+bool isWhite(QColor c) { return c.alpha() > 100 && c.red() > 200 && c.green() > 200 && c.blue() > 200; }
+bool isBlack(QColor c) { return c.alpha() > 100 && c.red() < 60 && c.green() < 60 && c.blue() < 60; }
 
 // Whether some pixel of the rectangle (Qt coordinates, y down) passes `test`.
 template <class Test>
@@ -71,10 +72,13 @@ SampleWindow knownSamples() {
 }
 
 TEST(ChartImage, DrawsLinesAxesLegendAndSummaryWhereTheyBelong) {
-    for (const char* lang : {"en_US.UTF-8", "zh_CN.UTF-8"}) {
+    // Labels in the label colour of the appearance; the summary keeps white text on its dark box.
+    for (const auto& [lang, appearance] : {std::pair{"en_US.UTF-8", render::Appearance::dark},
+                                           std::pair{"zh_CN.UTF-8", render::Appearance::light}}) {
         SCOPED_TRACE(lang);
         const ScopedLanguage language(lang);
-        const QImage image = render(knownSamples(), 1000, std::string("chart-") + lang);
+        const auto isText = appearance == render::Appearance::dark ? isWhite : isBlack;
+        const QImage image = render(knownSamples(), 1000, std::string("chart-") + lang, appearance);
         ASSERT_EQ(image.size(), QSize(3840, 2160));
         EXPECT_EQ(image.pixelColor(5, 2155).alpha(), 0);  // the background stays transparent
 
@@ -110,7 +114,7 @@ TEST(ChartImage, DrawsLinesAxesLegendAndSummaryWhereTheyBelong) {
 
         // Summary box in the top right corner: dark, with white text.
         EXPECT_NEAR(image.pixelColor(3840 - 40, 40).alpha(), 115, 3);
-        EXPECT_TRUE(anyIn(image, 3000, 60, 800, 50, isText));
+        EXPECT_TRUE(anyIn(image, 3000, 60, 800, 50, isWhite));
     }
 }
 
@@ -121,11 +125,11 @@ TEST(ChartImage, WithoutDataSaysItIsWaiting) {
         const QImage image = render(samplesBy(0, [](std::size_t) { return 0; }, [](std::size_t) { return 0; }), 1000,
                                     std::string("chart-empty-") + lang);
         ASSERT_EQ(image.size(), QSize(3840, 2160));
-        const auto secondary = [](QColor c) { return c.alpha() > 100 && c.red() > 200; };
+        const auto secondary = [](QColor c) { return c.alpha() > 100 && c.red() < 60; };  // black at 0.55
         EXPECT_TRUE(anyIn(image, 1950 - 300, 1040 - 30, 600, 60, secondary));
         EXPECT_FALSE(anyIn(image, 0, 0, 3840, 2160, [](QColor c) { return isRead(c) || isWrite(c); }));
         EXPECT_EQ(image.pixelColor(3840 - 40, 40).alpha(), 0);  // no summary
-        EXPECT_TRUE(isText(image.pixelColor(220, 1000)));      // the axes are still there
+        EXPECT_TRUE(isBlack(image.pixelColor(220, 1000)));     // the axes are still there
     }
 }
 

@@ -1,0 +1,103 @@
+#include "dashboard/VolumePanelContent.h"
+
+#include "smart/SmartValueText.h"
+#include "text/Formats.h"
+#include "text/Language.h"
+
+namespace vantorix::dashboard {
+namespace {
+
+using text::localized;
+
+std::string unknown() { return localized("未知", "Unknown"); }
+
+std::string trimmedOrUnknown(const std::optional<std::string>& value) {
+    if (!value) return unknown();
+    const std::string_view trimmed = smart::trimmed(*value);
+    return trimmed.empty() ? unknown() : std::string(trimmed);
+}
+
+std::string capacityOrUnknown(const std::optional<std::uint64_t>& bytes) {
+    return bytes ? text::capacityText(*bytes) : unknown();
+}
+
+}  // namespace
+
+VolumePanelContent volumePanelContent(const DiskIOMonitor::State& monitor, const DiskPerformanceTester::State& tester,
+                                      const PerformancePayloadContext& payload) {
+    VolumePanelContent panel;
+    const auto& volume = monitor.selectedVolume;
+    panel.isVolumeSelected = volume.has_value();
+    panel.selectedVolumeName = volume ? volume->displayName : localized("尚未选择卷", "No volume selected");
+    if (volume) panel.bsdName = volume->bsdName;
+    panel.connectionTypeDescription =
+        volume ? volume->connectionTypeDescription : localized("连接信息不可用", "Connection unavailable");
+    if (volume) panel.connectionSpeedDescription = volume->connectionSpeedDescription;
+    panel.fileSystemDescription = volume && volume->fileSystemDescription ? *volume->fileSystemDescription
+                                                                          : localized("文件系统未知", "File system unknown");
+    if (volume) {
+        panel.totalCapacityBytes = volume->totalCapacityBytes;
+        panel.availableCapacityBytes = volume->availableCapacityBytes;
+        panel.smartInfo = volume->smartInfo;
+    }
+    panel.totalCapacityDescription = capacityOrUnknown(panel.totalCapacityBytes);
+    panel.availableCapacityDescription = capacityOrUnknown(panel.availableCapacityBytes);
+    panel.hardwareVendorDescription = trimmedOrUnknown(volume ? volume->hardwareVendor : std::nullopt);
+    panel.hardwareModelDescription = trimmedOrUnknown(volume ? volume->hardwareModel : std::nullopt);
+    panel.isMonitoring = monitor.isMonitoring;
+    panel.exportEnabled = monitor.samples.size() > 1;
+
+    panel.isPerformanceRunning = tester.isRunning;
+    panel.performanceProgressState = tester.progressState;
+    panel.performancePayloadDescription = payload.description;
+    panel.performanceSelection = tester.dataSize;
+    panel.performancePayloadPreview = payload.preview;
+    panel.lastPerformanceResult = tester.lastResult;
+    panel.isPerformanceTestAvailable = payload.isAvailable;
+    panel.performanceWarningMessage = payload.warning;
+
+    std::string volumeLine = panel.selectedVolumeName;
+    if (panel.bsdName) volumeLine += localized("（", " (") + *panel.bsdName + localized("）", ")");
+    std::string connectionLine = panel.connectionTypeDescription;
+    if (panel.connectionSpeedDescription) connectionLine += " · " + *panel.connectionSpeedDescription;
+    panel.infoItems = {
+        {"volume", "internaldrive.fill", volumeLine},
+        {"connection", "bolt.horizontal.fill", connectionLine},
+        {"fileSystem", "doc.text.fill", panel.fileSystemDescription},
+        {"capacity", "chart.pie.fill",
+         localized("可用容量：", "Available Capacity: ") + panel.availableCapacityDescription + " / " +
+             panel.totalCapacityDescription},
+        {"hardware", "building.2.fill", panel.hardwareVendorDescription + " · " + panel.hardwareModelDescription},
+    };
+
+    panel.chooseVolumeButton = {localized("选择卷", "Choose Volume"), "externaldrive", true, AccentColor::blue};
+    panel.monitoringButton = panel.isMonitoring
+                                 ? PanelButton{localized("停止监控", "Stop"), "pause.fill", true, AccentColor::orange}
+                                 : PanelButton{localized("开始监控", "Start"), "play.fill", true, AccentColor::green};
+    panel.smartButton = {localized("SMART 信息", "SMART Info"), "wrench.and.screwdriver.fill", true, AccentColor::teal};
+    panel.smartHint = panel.smartInfo ? localized("查看系统提供的 SMART 详细信息", "View SMART details provided by the system")
+                                      : localized("当前卷未提供 SMART 数据", "SMART data is not available for this volume");
+    panel.exportButton = {localized("导出图表", "Export Chart"), "square.and.arrow.down", panel.exportEnabled,
+                          AccentColor::purple};
+    const bool canRun = panel.isPerformanceTestAvailable && panel.isVolumeSelected;
+    if (panel.isPerformanceRunning) {
+        panel.performanceButton = {localized("停止", "Stop"), "stop.fill", true, AccentColor::red};
+    } else if (panel.lastPerformanceResult) {
+        panel.performanceButton = {localized("重测", "Retest"), "arrow.clockwise", canRun, AccentColor::indigo};
+    } else {
+        panel.performanceButton = {localized("开始测试", "Start Test"), "speedometer", canRun, AccentColor::indigo};
+    }
+
+    panel.stripHeading = PerformanceMetrics::heading();
+    if (panel.isPerformanceRunning) {
+        const std::string payloadValue = panel.performancePayloadPreview
+                                             ? payloadSizeText(panel.performancePayloadPreview->byteCount)
+                                             : panel.performanceSelection.title();
+        panel.stripItems = PerformanceMetrics::runningItems(panel.performanceProgressState, payloadValue);
+    } else if (panel.lastPerformanceResult) {
+        panel.stripItems = PerformanceMetrics::resultItems(*panel.lastPerformanceResult);
+    }
+    return panel;
+}
+
+}  // namespace vantorix::dashboard
