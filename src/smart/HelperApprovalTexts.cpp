@@ -29,11 +29,12 @@ std::string helperApprovalMessage(std::string_view backend, std::string_view soc
                                      "请以 root 身份运行 Vantorix，或请管理员启动 “vantorix-smartctl-helper --socket PATH” "
                                      "并设置 VANTORIX_HELPER_SOCKET=PATH，然后重新启动 Vantorix。");
     }
+    // The command stands on a line of its own, so that it can be copied whole.
     return english ? std::string("Reading SMART data needs the Vantorix SMART helper service, which an administrator "
-                                 "must enable: sudo systemctl enable --now vantorix-smartctl-helper.socket. After "
+                                 "must enable:\n\nsudo systemctl enable --now vantorix-smartctl-helper.socket\n\nAfter "
                                  "enabling it, please restart Vantorix.")
-                   : std::string("读取 SMART 数据需要 Vantorix SMART 辅助服务，须由管理员启用："
-                                 "sudo systemctl enable --now vantorix-smartctl-helper.socket。启用后，请重新启动 Vantorix。");
+                   : std::string("读取 SMART 数据需要 Vantorix SMART 辅助服务，须由管理员启用：\n\n"
+                                 "sudo systemctl enable --now vantorix-smartctl-helper.socket\n\n启用后，请重新启动 Vantorix。");
 }
 
 std::string helperNotInstalledMessage(std::string_view backend, std::string_view helperPath) {

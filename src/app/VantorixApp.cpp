@@ -1,0 +1,153 @@
+#include "app/VantorixApp.h"
+
+#include <QActionGroup>
+#include <QApplication>
+#include <QMenuBar>
+
+#include <iostream>
+
+#include "app/ShellWindows.h"
+#include "dashboard/ShellTexts.h"
+#include "platform/linux/LinuxVolumeInfoSource.h"
+#include "platform/linux/PosixFileSystem.h"
+#include "platform/linux/SysfsRegistry.h"
+#include "ui/DashboardRootView.h"
+
+namespace vantorix::app {
+namespace {
+
+QString qText(const std::string& text) { return QString::fromStdString(text); }
+
+// The main window; it says once, when it is first shown, that the application is up.
+class MainWindow final : public QMainWindow {
+public:
+    explicit MainWindow(std::function<void()> firstShown) : firstShown_(std::move(firstShown)) {}
+
+protected:
+    void showEvent(QShowEvent* event) override {
+        QMainWindow::showEvent(event);
+        if (firstShown_) std::exchange(firstShown_, nullptr)();
+    }
+
+private:
+    std::function<void()> firstShown_;
+};
+
+}  // namespace
+
+VantorixApp::VantorixApp() : VantorixApp(Options{}) {}
+
+VantorixApp::VantorixApp(Options options)
+    : options_(std::move(options)), mainExecutor_(std::make_shared<ui::QtMainExecutor>()),
+      smart_(options_.serviceManager ? SmartPipeline::over(options_.serviceManager, mainExecutor_)
+                                     : SmartPipeline::system(mainExecutor_, RegistrationPolicy{true})) {
+    // The monitor first, then the tester; both live as long as the application.
+    monitor_ = DiskIOMonitor::create({std::make_shared<SysfsRegistry>(), std::make_shared<LinuxVolumeInfoSource>(), mainExecutor_});
+    tester_ = DiskPerformanceTester::create({mainExecutor_, std::make_shared<PosixFileSystem>()});
+    smartRefresh_ = smart_.attachRefresh(monitor_, mainExecutor_);
+
+    mainWindow_ = std::make_unique<MainWindow>([this] {
+        (options_.launchLog != nullptr ? *options_.launchLog : std::cout) << dashboard::kLaunchLine << std::endl;
+    });
+    mainWindow_->setWindowTitle(QStringLiteral("Vantorix"));
+    mainWindow_->setObjectName(QStringLiteral("mainWindow"));
+    ui::DashboardRootView::Dependencies dependencies;
+    dependencies.monitor = monitor_;
+    dependencies.tester = tester_;
+    dependencies.mainExecutor = mainExecutor_;
+    dependencies.smartRefresh = smartRefresh_;
+    dependencies.serviceManager = smart_.serviceManager;
+    mainWindow_->setCentralWidget(new ui::DashboardRootView(std::move(dependencies)));
+    // The smallest size is the layout's: nothing is squeezed below what it needs to show its text.
+    mainWindow_->resize(1240, 800);
+    buildMenus();
+}
+
+VantorixApp::~VantorixApp() {
+    for (auto& [identifier, window] : windows_) delete window.data();
+    // The views go before what they observe; then nothing may still run for the engines.
+    mainWindow_.reset();
+    monitor_->stopMonitoring(false);
+    smartRefresh_->cancel();
+    tester_->stopTest();
+    // A refresh may be waiting for the main thread (helper registration): serve it until it ends.
+    while (!smartRefresh_->isFinished()) QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    tester_->waitForBackgroundWork();
+}
+
+ui::DashboardRootView* VantorixApp::dashboard() const {
+    return static_cast<ui::DashboardRootView*>(mainWindow_->centralWidget());
+}
+
+void VantorixApp::show() { mainWindow_->show(); }
+
+void VantorixApp::openWindow(const std::string& identifier) {
+    if (QWidget* open = window(identifier)) {
+        open->show();
+        open->raise();
+        open->activateWindow();
+        return;
+    }
+    const auto spec = identifier == dashboard::aboutWindow().identifier ? dashboard::aboutWindow() : dashboard::feedbackWindow();
+    auto* created = new ShellWindow(spec);
+    windows_[identifier] = created;
+    created->show();
+}
+
+QWidget* VantorixApp::window(const std::string& identifier) const {
+    const auto found = windows_.find(identifier);
+    return found == windows_.end() ? nullptr : found->second.data();
+}
+
+void VantorixApp::buildMenus() {
+    auto* bar = mainWindow_->menuBar();
+    bar->setObjectName(QStringLiteral("menuBar"));
+    auto* feedback = bar->addAction(qText(dashboard::feedbackCommandTitle()));
+    feedback->setObjectName(QStringLiteral("feedbackCommand"));
+    connect(feedback, &QAction::triggered, this, [this] { openWindow(dashboard::feedbackWindow().identifier); });
+    auto* about = bar->addAction(qText(dashboard::aboutCommandTitle()));
+    about->setObjectName(QStringLiteral("aboutCommand"));
+    connect(about, &QAction::triggered, this, [this] { openWindow(dashboard::aboutWindow().identifier); });
+
+    precisionMenu_ = bar->addMenu(qText(dashboard::samplingPrecisionMenuTitle()));
+    precisionMenu_->setObjectName(QStringLiteral("samplingPrecisionMenu"));
+    precisionMenu_->addSection(qText(dashboard::samplingIntervalPickerTitle()));
+    precisionGroup_ = new QActionGroup(precisionMenu_);
+    precisionGroup_->setExclusive(true);
+    for (const auto& entry : dashboard::samplingPrecisionEntries()) {
+        auto* action = precisionMenu_->addAction(qText(entry.label));
+        action->setCheckable(true);
+        action->setData(DiskIOMonitor::rawValue(entry.value));
+        precisionGroup_->addAction(action);
+        connect(action, &QAction::triggered, this, [this, precision = entry.value] { monitor_->setSamplingPrecision(precision); });
+    }
+    connect(precisionMenu_, &QMenu::aboutToShow, this, &VantorixApp::refreshPrecisionChecks);
+    refreshPrecisionChecks();
+
+    sizeMenu_ = bar->addMenu(qText(dashboard::testSampleSizeMenuTitle()));
+    sizeMenu_->setObjectName(QStringLiteral("testSampleSizeMenu"));
+    sizeMenu_->addSection(qText(dashboard::payloadPickerTitle()));
+    sizeGroup_ = new QActionGroup(sizeMenu_);
+    sizeGroup_->setExclusive(true);
+    for (const auto& entry : dashboard::testSampleSizeEntries()) {
+        auto* action = sizeMenu_->addAction(qText(entry.label));
+        action->setCheckable(true);
+        action->setData(QString::fromStdString(entry.value.id()));
+        sizeGroup_->addAction(action);
+        connect(action, &QAction::triggered, this, [this, size = entry.value] { tester_->setDataSize(size); });
+    }
+    connect(sizeMenu_, &QMenu::aboutToShow, this, &VantorixApp::refreshSizeChecks);
+    refreshSizeChecks();
+}
+
+void VantorixApp::refreshPrecisionChecks() {
+    const int current = DiskIOMonitor::rawValue(monitor_->state().samplingPrecision);
+    for (auto* action : precisionGroup_->actions()) action->setChecked(action->data().toInt() == current);
+}
+
+void VantorixApp::refreshSizeChecks() {
+    const QString current = QString::fromStdString(tester_->state().dataSize.id());
+    for (auto* action : sizeGroup_->actions()) action->setChecked(action->data().toString() == current);
+}
+
+}  // namespace vantorix::app

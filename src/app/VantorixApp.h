@@ -1,0 +1,79 @@
+#pragma once
+
+#include <QMainWindow>
+#include <QObject>
+#include <QPointer>
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include "benchmark/DiskPerformanceTester.h"
+#include "composition/SmartPipeline.h"
+#include "monitor/DiskIOMonitor.h"
+#include "ui/QtMainExecutor.h"
+
+class QActionGroup;
+class QMenu;
+
+namespace vantorix::ui {
+class DashboardRootView;
+}
+
+namespace vantorix::app {
+
+// The desktop application: it makes the live monitor and then the performance tester once, keeps
+// them for its whole life, opens the main window with the dashboard, and offers the reduced menu
+// bar (Feedback, About Vantorix, Sampling Precision, Test Sample Size). The About and Feedback
+// windows exist at most once each; opening one that is open brings it forward.
+class VantorixApp final : public QObject {
+    Q_OBJECT
+public:
+    struct Options {
+        // The service manager for the SMART helper; the system's when none is given.
+        std::shared_ptr<ServiceManager> serviceManager;
+        // Where the launch line goes (standard output by default).
+        std::ostream* launchLog = nullptr;
+    };
+
+    VantorixApp();
+    explicit VantorixApp(Options options);
+    ~VantorixApp() override;
+
+    QMainWindow* mainWindow() const { return mainWindow_.get(); }
+    ui::DashboardRootView* dashboard() const;
+    const std::shared_ptr<DiskIOMonitor>& monitor() const { return monitor_; }
+    const std::shared_ptr<DiskPerformanceTester>& tester() const { return tester_; }
+    const std::shared_ptr<ui::QtMainExecutor>& mainExecutor() const { return mainExecutor_; }
+
+    // Opens (or brings forward) the window with this identifier: "about-vantorix-window" or
+    // "feedback-vantorix-window".
+    void openWindow(const std::string& identifier);
+    // The open window with this identifier, if any.
+    QWidget* window(const std::string& identifier) const;
+
+    QMenu* samplingPrecisionMenu() const { return precisionMenu_; }
+    QMenu* testSampleSizeMenu() const { return sizeMenu_; }
+
+    void show();
+
+private:
+    void buildMenus();
+    void refreshPrecisionChecks();
+    void refreshSizeChecks();
+
+    Options options_;
+    std::shared_ptr<ui::QtMainExecutor> mainExecutor_;
+    SmartPipeline smart_;
+    std::shared_ptr<DiskIOMonitor> monitor_;
+    std::shared_ptr<DiskPerformanceTester> tester_;
+    std::shared_ptr<SmartRefresh> smartRefresh_;
+    std::unique_ptr<QMainWindow> mainWindow_;
+    QMenu* precisionMenu_ = nullptr;
+    QMenu* sizeMenu_ = nullptr;
+    QActionGroup* precisionGroup_ = nullptr;
+    QActionGroup* sizeGroup_ = nullptr;
+    std::map<std::string, QPointer<QWidget>> windows_;
+};
+
+}  // namespace vantorix::app

@@ -1,0 +1,144 @@
+#include "ui/MetricCardView.h"
+
+#include <QEvent>
+#include <QGridLayout>
+#include <QPainter>
+#include <QPainterPath>
+#include <QVBoxLayout>
+
+#include "ui/Appearance.h"
+#include "ui/Symbols.h"
+
+namespace vantorix::ui {
+namespace {
+
+constexpr int kCardMinimumWidth = 150;
+constexpr int kSpacing = 12;
+
+QString qText(const std::string& text) { return QString::fromStdString(text); }
+
+}  // namespace
+
+MetricCardView::MetricCardView(QWidget* parent)
+    : QFrame(parent), symbol_(new QLabel(this)), title_(new QLabel(this)), value_(new QLabel(this)), footer_(new QLabel(this)) {
+    setObjectName(QStringLiteral("metricCard"));
+    setMinimumWidth(kCardMinimumWidth);
+    auto* layout = new QVBoxLayout(this);
+    layout->setContentsMargins(14, 12, 14, 12);
+    layout->setSpacing(4);
+    auto* header = new QHBoxLayout();
+    header->setSpacing(6);
+    header->addWidget(symbol_);
+    header->addWidget(title_, 1);
+    layout->addLayout(header);
+    QFont valueFont = font();
+    valueFont.setPointSizeF(font().pointSizeF() * 1.6);
+    valueFont.setWeight(QFont::DemiBold);
+    value_->setFont(valueFont);
+    value_->setObjectName(QStringLiteral("metricValue"));
+    layout->addWidget(value_);
+    QFont small = font();
+    small.setPointSizeF(font().pointSizeF() * 0.85);
+    footer_->setFont(small);
+    title_->setWordWrap(true);
+    footer_->setWordWrap(true);
+    layout->addWidget(footer_);
+    layout->addStretch(1);
+    setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Preferred);
+}
+
+void MetricCardView::setContent(const dashboard::MetricCardContent& content) {
+    if (title_->text() != qText(content.title)) title_->setText(qText(content.title));
+    if (value_->text() != qText(content.valueText)) value_->setText(qText(content.valueText));
+    if (footer_->text() != qText(content.footer)) footer_->setText(qText(content.footer));
+    setAccessibleName(qText(content.title + " " + content.valueText));
+    if (content.iconSystemName != symbolName_ || content.accentColor != accent_) {
+        symbolName_ = content.iconSystemName;
+        accent_ = content.accentColor;
+        refreshSymbol();
+    }
+}
+
+void MetricCardView::refreshSymbol() {
+    symbol_->setPixmap(symbolPixmap(symbolName_, accentColor(accent_), 18, devicePixelRatioF()));
+    QPalette secondary = palette();
+    secondary.setColor(QPalette::WindowText, withOpacity(palette().color(QPalette::WindowText), 0.65));
+    title_->setPalette(secondary);
+    footer_->setPalette(secondary);
+}
+
+void MetricCardView::changeEvent(QEvent* event) {
+    if (event->type() == QEvent::PaletteChange) refreshSymbol();
+    QFrame::changeEvent(event);
+}
+
+void MetricCardView::paintEvent(QPaintEvent*) {
+    QPainter painter(this);
+    painter.setRenderHint(QPainter::Antialiasing);
+    QPainterPath shape;
+    shape.addRoundedRect(QRectF(rect()).adjusted(0.5, 0.5, -0.5, -0.5), 14, 14);
+    const QColor base = palette().color(QPalette::Base);
+    painter.fillPath(shape, base);
+    // A wash of the accent colour ties the card to its line of the graph.
+    painter.fillPath(shape, withOpacity(accentColor(accent_), 0.08));
+    painter.setPen(QPen(withOpacity(palette().color(QPalette::WindowText), 0.12), 1));
+    painter.drawPath(shape);
+}
+
+MetricsDashboardSection::MetricsDashboardSection(QWidget* parent) : QWidget(parent) {
+    setObjectName(QStringLiteral("metricsDashboard"));
+    auto* grid = new QGridLayout(this);
+    // The columns follow the width, so the section's own minimum (below) rules, not the grid's.
+    grid->setSizeConstraint(QLayout::SetNoConstraint);
+    grid->setContentsMargins(0, 0, 0, 0);
+    grid->setSpacing(kSpacing);
+    setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Minimum);
+}
+
+void MetricsDashboardSection::setCards(const std::vector<dashboard::MetricCardContent>& cards) {
+    while (cards_.size() < cards.size()) cards_.push_back(new MetricCardView(this));
+    for (std::size_t i = 0; i < cards.size(); ++i) cards_[i]->setContent(cards[i]);
+    if (cards.size() != shown_) {
+        shown_ = cards.size();
+        columns_ = 0;  // rearrange
+        arrange();
+        updateGeometry();
+    }
+}
+
+std::vector<MetricCardView*> MetricsDashboardSection::visibleCards() const {
+    return {cards_.begin(), cards_.begin() + static_cast<std::ptrdiff_t>(shown_)};
+}
+
+QSize MetricsDashboardSection::minimumSizeHint() const {
+    constexpr int kNarrowestColumns = 2;
+    int cardHeight = 0;
+    for (const auto* card : cards_) cardHeight = std::max(cardHeight, card->minimumSizeHint().height());
+    const int rows = static_cast<int>((std::max<std::size_t>(shown_, 1) + kNarrowestColumns - 1) / kNarrowestColumns);
+    return {kNarrowestColumns * kCardMinimumWidth + kSpacing, rows * cardHeight + (rows - 1) * kSpacing};
+}
+
+void MetricsDashboardSection::resizeEvent(QResizeEvent* event) {
+    QWidget::resizeEvent(event);
+    arrange();
+}
+
+void MetricsDashboardSection::arrange() {
+    const int fitting = std::max(1, (width() + kSpacing) / (kCardMinimumWidth + kSpacing));
+    const int columns = std::min(fitting, 4);
+    if (columns == columns_) return;
+    columns_ = columns;
+    auto* grid = static_cast<QGridLayout*>(layout());
+    for (auto* card : cards_) grid->removeWidget(card);
+    for (std::size_t i = 0; i < cards_.size(); ++i) {
+        if (i >= shown_) {
+            cards_[i]->hide();
+            continue;
+        }
+        grid->addWidget(cards_[i], static_cast<int>(i) / columns, static_cast<int>(i) % columns);
+        cards_[i]->show();
+    }
+    for (int c = 0; c < 4; ++c) grid->setColumnStretch(c, c < columns ? 1 : 0);
+}
+
+}  // namespace vantorix::ui

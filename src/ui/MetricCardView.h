@@ -1,0 +1,58 @@
+#pragma once
+
+#include <QFrame>
+#include <QLabel>
+
+#include <vector>
+
+#include "dashboard/MetricCards.h"
+
+namespace vantorix::ui {
+
+// One live figure: its symbol in the card's accent colour, title, value and footer.
+class MetricCardView final : public QFrame {
+    Q_OBJECT
+public:
+    explicit MetricCardView(QWidget* parent = nullptr);
+    void setContent(const dashboard::MetricCardContent& content);
+    QString title() const { return title_->text(); }
+    QString value() const { return value_->text(); }
+
+protected:
+    void paintEvent(QPaintEvent* event) override;
+    void changeEvent(QEvent* event) override;
+
+private:
+    void refreshSymbol();
+
+    QLabel* symbol_;
+    QLabel* title_;
+    QLabel* value_;
+    QLabel* footer_;
+    std::string symbolName_;
+    dashboard::AccentColor accent_ = dashboard::AccentColor::blue;
+};
+
+// The row of cards, reflowing into as many columns as fit.
+class MetricsDashboardSection final : public QWidget {
+    Q_OBJECT
+public:
+    explicit MetricsDashboardSection(QWidget* parent = nullptr);
+    void setCards(const std::vector<dashboard::MetricCardContent>& cards);
+    std::vector<MetricCardView*> visibleCards() const;
+
+    // Room for two columns (the narrowest arrangement) and the rows that then takes.
+    QSize minimumSizeHint() const override;
+
+protected:
+    void resizeEvent(QResizeEvent* event) override;
+
+private:
+    void arrange();
+
+    std::vector<MetricCardView*> cards_;
+    std::size_t shown_ = 0;
+    int columns_ = 0;
+};
+
+}  // namespace vantorix::ui

@@ -1,0 +1,113 @@
+#include "ui/PerformanceMetricsStrip.h"
+
+#include <QHBoxLayout>
+#include <QVBoxLayout>
+
+#include "dashboard/AccentColor.h"
+#include "ui/Appearance.h"
+#include "ui/Symbols.h"
+
+namespace vantorix::ui {
+namespace {
+
+QString qText(const std::string& text) { return QString::fromStdString(text); }
+
+}  // namespace
+
+PerformanceMetricsStrip::PerformanceMetricsStrip(QWidget* parent)
+    : QWidget(parent), heading_(new QLabel(this)), payload_(new QLabel(this)), itemsBox_(new QWidget(this)),
+      items_(new QGridLayout(itemsBox_)), warningRow_(new QWidget(this)),
+      warningSymbol_(new QLabel(warningRow_)), warning_(new QLabel(warningRow_)) {
+    setObjectName(QStringLiteral("performanceMetricsStrip"));
+    auto* layout = new QVBoxLayout(this);
+    layout->setContentsMargins(0, 0, 0, 0);
+    layout->setSpacing(6);
+    QFont bold = font();
+    bold.setWeight(QFont::DemiBold);
+    heading_->setFont(bold);
+    layout->addWidget(heading_);
+    payload_->setWordWrap(true);
+    payload_->setObjectName(QStringLiteral("performancePayload"));
+    layout->addWidget(payload_);
+    items_->setContentsMargins(0, 0, 0, 0);
+    items_->setHorizontalSpacing(8);
+    items_->setVerticalSpacing(4);
+    items_->setColumnStretch(2, 1);
+    layout->addWidget(itemsBox_);
+    auto* warningLayout = new QHBoxLayout(warningRow_);
+    warningLayout->setContentsMargins(0, 0, 0, 0);
+    warningLayout->setSpacing(6);
+    warningSymbol_->setAlignment(Qt::AlignTop);
+    warningLayout->addWidget(warningSymbol_);
+    warning_->setWordWrap(true);
+    warning_->setTextFormat(Qt::PlainText);
+    warning_->setObjectName(QStringLiteral("performanceWarning"));
+    warningLayout->addWidget(warning_, 1);
+    layout->addWidget(warningRow_);
+    warningRow_->hide();
+}
+
+void PerformanceMetricsStrip::setContent(const MetricItem& heading, const std::string& payloadDescription,
+                                         const std::vector<MetricItem>& items, const std::optional<std::string>& warning) {
+    heading_->setText(qText(heading.title));
+    payload_->setText(qText(payloadDescription));
+    const QColor text = palette().color(QPalette::WindowText);
+    if (warning) {
+        const QColor orange = accentColor(dashboard::AccentColor::orange);
+        warningSymbol_->setPixmap(symbolPixmap(PerformanceMetrics::warningIcon(), orange, 14, devicePixelRatioF()));
+        warning_->setText(qText(*warning));
+        QPalette palette = warning_->palette();
+        palette.setColor(QPalette::WindowText, orange);
+        warning_->setPalette(palette);
+    }
+    warningRow_->setVisible(warning.has_value());
+    if (items == shownItems_) return;
+    const bool sameShape = items.size() == shownItems_.size();
+    shownItems_ = items;
+    if (!sameShape) {
+        while (auto* child = items_->takeAt(0)) {
+            delete child->widget();
+            delete child;
+        }
+    }
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        const auto row = static_cast<int>(i);
+        const auto& item = items[i];
+        QLabel* symbol = nullptr;
+        QLabel* title = nullptr;
+        QLabel* value = nullptr;
+        if (sameShape) {
+            symbol = static_cast<QLabel*>(items_->itemAtPosition(row, 0)->widget());
+            title = static_cast<QLabel*>(items_->itemAtPosition(row, 1)->widget());
+            value = static_cast<QLabel*>(items_->itemAtPosition(row, 2)->widget());
+        } else {
+            symbol = new QLabel(itemsBox_);
+            title = new QLabel(itemsBox_);
+            value = new QLabel(itemsBox_);
+            value->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+            items_->addWidget(symbol, row, 0);
+            items_->addWidget(title, row, 1);
+            items_->addWidget(value, row, 2);
+        }
+        const bool highlight = item.style == MetricItem::Style::highlight;
+        const QColor ink = item.style == MetricItem::Style::placeholder ? withOpacity(text, 0.5) : text;
+        symbol->setPixmap(symbolPixmap(item.icon, highlight ? accentColor(dashboard::AccentColor::indigo) : withOpacity(text, 0.7),
+                                       14, devicePixelRatioF()));
+        title->setText(qText(item.title));
+        value->setText(qText(item.value));
+        QPalette palette = value->palette();
+        palette.setColor(QPalette::WindowText, ink);
+        value->setPalette(palette);
+        QFont font = value->font();
+        font.setWeight(highlight ? QFont::Bold : QFont::Normal);
+        value->setFont(font);
+    }
+}
+
+QStringList PerformanceMetricsStrip::itemTexts() const {
+    QStringList texts;
+    for (const auto& item : shownItems_) texts << qText(item.title + ": " + item.value);
+    return texts;
+}
+
+}  // namespace vantorix::ui

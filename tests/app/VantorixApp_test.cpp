@@ -1,0 +1,253 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <QAction>
+#include <QApplication>
+#include <QDir>
+#include <QFileDialog>
+#include <QMenu>
+#include <QMenuBar>
+#include <QMessageBox>
+#include <QStyleFactory>
+#include <QTest>
+#include <QTableWidget>
+
+#include <filesystem>
+#include <sstream>
+
+#include "app/VantorixApp.h"
+#include "concurrency/NotificationCenter.h"
+#include "dashboard/ShellTexts.h"
+#include "platform/SubstituteServiceManager.h"
+#include "smart/PrivilegedHelperManager.h"
+#include "support/ScopedEnvironment.h"
+#include "ui/DashboardRootView.h"
+#include "ui/ErrorBubbleStack.h"
+#include "ui/InteractiveButton.h"
+#include "ui/MetricCardView.h"
+#include "ui/SmartInfoSheet.h"
+#include "ui/VolumeControlPanel.h"
+
+namespace vantorix::app {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+// Saves a picture of a window for people to look at.
+void screenshot(QWidget* widget, const std::string& name) {
+    QDir().mkpath(QStringLiteral(VANTORIX_SCREENSHOT_DIR));
+    widget->grab().save(QStringLiteral(VANTORIX_SCREENSHOT_DIR "/") + QString::fromStdString(name) + QStringLiteral(".png"));
+}
+
+QPalette darkPalette() {
+    QPalette dark;
+    dark.setColor(QPalette::Window, QColor(36, 36, 38));
+    dark.setColor(QPalette::WindowText, QColor(235, 235, 240));
+    dark.setColor(QPalette::Base, QColor(48, 48, 52));
+    dark.setColor(QPalette::AlternateBase, QColor(56, 56, 60));
+    dark.setColor(QPalette::Text, QColor(235, 235, 240));
+    dark.setColor(QPalette::Button, QColor(58, 58, 62));
+    dark.setColor(QPalette::ButtonText, QColor(235, 235, 240));
+    dark.setColor(QPalette::Highlight, QColor(10, 132, 255));
+    return dark;
+}
+
+// The application with a substitute service manager: an administrator has yet to approve the
+// SMART helper, so nothing is registered or started.
+struct Application {
+    explicit Application(const std::string& lang) : language(lang) {
+        SubstituteServiceManager::Script script;
+        script.status = static_cast<int>(ServiceStatus::requiresApproval);
+        script.registerError = ServiceError{std::string(kServiceManagerErrorDomain), kApprovalRequiredCode, "approve", ""};
+        services = std::make_shared<SubstituteServiceManager>(script);
+        app = std::make_unique<VantorixApp>(VantorixApp::Options{services, &launches});
+    }
+    testing::ScopedLanguage language;
+    std::shared_ptr<SubstituteServiceManager> services;
+    std::ostringstream launches;
+    std::unique_ptr<VantorixApp> app;
+};
+
+template <class Predicate>
+bool waitFor(Predicate predicate) {
+    return QTest::qWaitFor(predicate, 20000);
+}
+
+TEST(VantorixApp, MenuBarHoldsTheFourCommandsAndPickersShowTheCurrentValues) {
+    Application english("en_US.UTF-8");
+    auto& app = *english.app;
+    app.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(app.mainWindow()));
+    EXPECT_EQ(english.launches.str(), "[Vantorix] App launched and root window created.\n");
+    app.mainWindow()->hide();
+    app.show();
+    EXPECT_EQ(english.launches.str(), "[Vantorix] App launched and root window created.\n");  // once
+
+    QStringList titles;
+    for (auto* action : app.mainWindow()->menuBar()->actions()) titles << action->text();
+    EXPECT_EQ(titles, (QStringList{"Feedback", "About Vantorix", "Sampling Precision", "Test Sample Size"}));
+    const auto checkedText = [](QMenu* menu) {
+        QStringList checked;
+        for (auto* action : menu->actions()) {
+            if (action->isChecked()) checked << action->text();
+        }
+        return checked;
+    };
+    QStringList entries;
+    for (auto* action : app.samplingPrecisionMenu()->actions()) entries << action->text();
+    EXPECT_EQ(entries, (QStringList{"Sampling Interval", "1 ms", "10 ms", "100 ms", "1000 ms"}));
+    EXPECT_EQ(checkedText(app.samplingPrecisionMenu()), QStringList{"1000 ms"});
+    EXPECT_EQ(checkedText(app.testSampleSizeMenu()), QStringList{"Full Disk"});
+
+    // A choice made elsewhere shows when the menu opens next; a choice in the menu reaches the engine.
+    app.monitor()->setSamplingPrecision(DiskIOMonitor::SamplingPrecision::ms100);
+    Q_EMIT app.samplingPrecisionMenu()->aboutToShow();
+    EXPECT_EQ(checkedText(app.samplingPrecisionMenu()), QStringList{"100 ms"});
+    app.samplingPrecisionMenu()->actions()[2]->trigger();
+    EXPECT_EQ(app.monitor()->state().samplingPrecision, DiskIOMonitor::SamplingPrecision::ms10);
+    app.testSampleSizeMenu()->actions()[3]->trigger();
+    EXPECT_EQ(app.tester()->state().dataSize, DataSize::gigabytes(10));
+    Q_EMIT app.testSampleSizeMenu()->aboutToShow();
+    EXPECT_EQ(checkedText(app.testSampleSizeMenu()), QStringList{"10 GB"});
+}
+
+TEST(VantorixApp, AboutAndFeedbackAreSingleWindowsWithTheirTitlesAndSizes) {
+    for (const auto& [lang, about, feedback] : std::vector<std::tuple<std::string, QString, QString>>{
+             {"en_US.UTF-8", "About Vantorix", "Thanks for your feedback."},
+             {"zh_CN.UTF-8", "关于 Vantorix", "感谢您留下您的建议，多多益善～"}}) {
+        Application application(lang);
+        auto& app = *application.app;
+        auto* bar = app.mainWindow()->menuBar();
+        bar->actions()[1]->trigger();
+        bar->actions()[1]->trigger();
+        bar->actions()[0]->trigger();
+        QWidget* aboutWindow = app.window("about-vantorix-window");
+        QWidget* feedbackWindow = app.window("feedback-vantorix-window");
+        ASSERT_NE(aboutWindow, nullptr);
+        ASSERT_NE(feedbackWindow, nullptr);
+        int aboutWindows = 0;
+        for (auto* widget : QApplication::topLevelWidgets()) {
+            aboutWindows += widget->objectName() == "about-vantorix-window" && widget->isVisible() ? 1 : 0;
+        }
+        EXPECT_EQ(aboutWindows, 1);
+        EXPECT_EQ(aboutWindow->windowTitle(), about);
+        EXPECT_EQ(feedbackWindow->windowTitle(), feedback);
+        EXPECT_EQ(aboutWindow->size(), QSize(420, 380));
+        EXPECT_EQ(feedbackWindow->size(), QSize(520, 560));
+        const std::string suffix = lang.substr(0, 2);
+        screenshot(aboutWindow, "about-" + suffix);
+        screenshot(feedbackWindow, "feedback-" + suffix);
+        aboutWindow->close();
+        EXPECT_TRUE(waitFor([&] { return app.window("about-vantorix-window") == nullptr; }));
+    }
+}
+
+// The dashboard on this machine's root volume, through the real dialogs: choose it, monitor it,
+// export the chart, look at SMART data, and hear the helper's approval request.
+TEST(VantorixApp, DashboardDrivesTheMonitorExportAndAlerts) {
+    Application english("en_US.UTF-8");
+    auto& app = *english.app;
+    app.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(app.mainWindow()));
+    auto* dashboard = app.dashboard();
+    auto* panel = dashboard->panel();
+    EXPECT_EQ(panel->infoTexts().front(), "No volume selected");
+    EXPECT_FALSE(panel->performanceButton()->isEnabled());
+    screenshot(app.mainWindow(), "main-empty-en");
+
+    QTest::mouseClick(panel->chooseVolumeButton(), Qt::LeftButton);
+    QFileDialog* chooser = dashboard->openDialog();
+    ASSERT_NE(chooser, nullptr);
+    EXPECT_EQ(chooser->windowTitle(), "Choose volume to monitor");
+    chooser->selectFile(QStringLiteral("/"));
+    static_cast<QDialog*>(chooser)->accept();  // QFileDialog keeps accept() protected
+    ASSERT_TRUE(waitFor([&] { return app.monitor()->state().selectedVolume.has_value(); }));
+    EXPECT_NE(panel->infoTexts().front(), "No volume selected");
+
+    // The SMART refresh asked the helper manager, which asks for an administrator's approval.
+    ASSERT_TRUE(waitFor([&] { return dashboard->helperApprovalAlert() != nullptr; }));
+    EXPECT_EQ(dashboard->helperApprovalAlert()->windowTitle(), "Enable Permissions");
+    EXPECT_THAT(dashboard->helperApprovalAlert()->text().toStdString(),
+                HasSubstr("sudo systemctl enable --now vantorix-smartctl-helper.socket"));
+    screenshot(dashboard->helperApprovalAlert(), "helper-approval-en");
+    dashboard->helperApprovalAlert()->buttons().front()->click();
+    EXPECT_TRUE(waitFor([&] { return dashboard->helperApprovalAlert() == nullptr; }));
+
+    app.monitor()->setSamplingPrecision(DiskIOMonitor::SamplingPrecision::ms10);
+    QTest::mouseClick(panel->monitoringButton(), Qt::LeftButton);
+    ASSERT_TRUE(waitFor([&] { return app.monitor()->state().samples.size() > 20; }));
+    EXPECT_EQ(panel->monitoringButton()->text(), "Stop");
+    EXPECT_TRUE(panel->exportButton()->isEnabled());
+    EXPECT_EQ(dashboard->metrics()->visibleCards().size(), 7U);
+    screenshot(app.mainWindow(), "main-monitoring-en");
+
+    const fs::path folder = fs::temp_directory_path() / ("vantorix-export-" + std::to_string(::getpid()));
+    fs::create_directories(folder);
+    QTest::mouseClick(panel->exportButton(), Qt::LeftButton);
+    QFileDialog* save = dashboard->openDialog();
+    ASSERT_NE(save, nullptr);
+    EXPECT_THAT(save->selectedFiles().value(0).toStdString(), HasSubstr("Vantorix-"));
+    save->selectFile(QString::fromStdString((folder / "run.csv").string()));
+    static_cast<QDialog*>(save)->accept();
+    ASSERT_TRUE(waitFor([&] { return dashboard->exportAlert() != nullptr; }));
+    EXPECT_EQ(dashboard->exportAlert()->windowTitle(), "Export Finished");
+    EXPECT_EQ(dashboard->exportAlert()->text().toStdString(),
+              "CSV saved to: " + (folder / "run.csv").string() + "\nPNG saved to: " + (folder / "run.png").string());
+    EXPECT_GT(fs::file_size(folder / "run.png"), 0U);
+    dashboard->exportAlert()->buttons().front()->click();
+    fs::remove_all(folder);
+
+    QTest::mouseClick(panel->monitoringButton(), Qt::LeftButton);
+    ASSERT_TRUE(waitFor([&] { return !app.monitor()->state().isMonitoring; }));
+
+    // SMART data arrive: the hint changes, a temperature card appears, the sheet shows the rows.
+    DiskSMARTInfo info{"PASSED", true,
+                       {{Uuid::make(), "temperature.controller", "Controller Temperature", "41"},
+                        {Uuid::make(), "serial_number", "Serial Number", "S3Z9NB0K123456"}},
+                       "smartctl"};
+    app.monitor()->replaceSmartInfo(info);
+    EXPECT_TRUE(waitFor([&] { return dashboard->metrics()->visibleCards().size() == 8U; }));
+    EXPECT_EQ(dashboard->metrics()->visibleCards().back()->value(), "41 ℃");
+    EXPECT_EQ(panel->smartHint(), "View SMART details provided by the system");
+    QTest::mouseClick(panel->smartButton(), Qt::LeftButton);
+    ASSERT_NE(dashboard->smartSheet(), nullptr);
+    EXPECT_THAT(dashboard->smartSheet()->titleText().toStdString(), HasSubstr("SMART Details for "));
+    EXPECT_EQ(dashboard->smartSheet()->rows()->rowCount(), 2);
+    screenshot(dashboard->smartSheet(), "smart-sheet-en");
+    dashboard->smartSheet()->accept();
+}
+
+TEST(VantorixApp, LooksRightInChineseAndInADarkScheme) {
+    const QPalette light = QApplication::palette();
+    QApplication::setPalette(darkPalette());
+    {
+        Application chinese("zh_CN.UTF-8");
+        auto& app = *chinese.app;
+        app.show();
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(app.mainWindow()));
+        QStringList titles;
+        for (auto* action : app.mainWindow()->menuBar()->actions()) titles << action->text();
+        EXPECT_EQ(titles, (QStringList{"建议与反馈", "关于 Vantorix", "采样精度", "测试样本大小"}));
+        auto* panel = app.dashboard()->panel();
+        EXPECT_EQ(panel->infoTexts().front(), "尚未选择卷");
+        EXPECT_EQ(panel->chooseVolumeButton()->text(), "选择卷");
+        // Nothing is cut off at the smallest window size.
+        app.mainWindow()->resize(app.mainWindow()->minimumSize());
+        QTest::qWait(50);
+        for (auto* button : panel->findChildren<ui::InteractiveButton*>()) {
+            EXPECT_GE(button->width(), button->sizeHint().width()) << button->text().toStdString();
+        }
+        screenshot(app.mainWindow(), "main-empty-zh-dark-minimum");
+        app.mainWindow()->resize(1240, 800);
+        app.monitor()->selectVolume("/");
+        ASSERT_TRUE(QTest::qWaitFor([&] { return app.monitor()->state().selectedVolume.has_value(); }, 20000));
+        QTest::qWait(200);
+        screenshot(app.mainWindow(), "main-selected-zh-dark");
+    }
+    QApplication::setPalette(light);
+}
+
+}  // namespace
+}  // namespace vantorix::app

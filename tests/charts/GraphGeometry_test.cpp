@@ -1,0 +1,255 @@
+#include "charts/GraphGeometry.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "charts/SampleFixtures.h"
+#include "support/ScopedEnvironment.h"
+#include "text/Formats.h"
+
+namespace vantorix {
+namespace {
+
+using G = GraphGeometry;
+using testing::samplesBy;
+
+constexpr double kWidth = 510;  // 255 gaps of 2 px at scale 1
+constexpr double kHeight = 200;
+
+IndexedSample point(std::int64_t index, double read = 0, double write = 0) {
+    return IndexedSample{index, read, write, 0, 0, 1};
+}
+
+std::vector<double> values(const std::vector<G::AxisTick>& ticks) {
+    std::vector<double> result;
+    for (const auto& tick : ticks) result.push_back(tick.value);
+    return result;
+}
+
+TEST(GraphGeometry, SlotsFillFromTheRight) {
+    struct Case { std::int64_t samples, padding; double oldestX; };
+    const Case cases[] = {{1, 255, kWidth}, {10, 246, 492}, {256, 0, 0}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.samples);
+        const G::View view = G::viewOf(c.samples, 1, 0);
+        EXPECT_EQ(view.leadingPaddingCount, c.padding);
+        const G::Slots slots = G::slots(view, kWidth);
+        EXPECT_EQ(slots.slotCount, 256);
+        EXPECT_DOUBLE_EQ(slots.x(0), c.oldestX);
+        EXPECT_DOUBLE_EQ(slots.x(c.samples - 1), kWidth);
+        EXPECT_EQ(G::visibleRange(c.samples, slots, kWidth), (SampleRange{0, c.samples}));
+    }
+}
+
+TEST(GraphGeometry, WithoutVisibleSamplesNothingIsDrawnAndTheAxisHasOneTick) {
+    // Points the cache still holds from earlier samples must not be drawn over an empty graph.
+    const G::Points stale = {point(0, 5e8, 1e8), point(1, 2e8, 3e8)};
+    const G::Frame empty = G::frame(G::viewOf(0, 1, 0), {kWidth, kHeight}, stale, 1000);
+    EXPECT_EQ(empty.visibleRange, (SampleRange{0, 0}));
+    EXPECT_TRUE(empty.drawn.empty());
+    EXPECT_TRUE(empty.readLine.empty());
+    EXPECT_TRUE(empty.writeLine.empty());
+    EXPECT_EQ(empty.throughputTicks, (std::vector<G::AxisTick>{{0, 0}}));
+    EXPECT_EQ(empty.yScale, 0);
+
+    const G::Frame shown = G::frame(G::viewOf(2, 1, 0), {kWidth, kHeight}, stale, 1000);
+    ASSERT_EQ(shown.readLine.size(), 2u);
+    EXPECT_EQ(shown.readLine[1], (G::Point{kWidth, kHeight - 2e8 * kHeight / 1e9}));
+    EXPECT_EQ(shown.writeLine[0], (G::Point{kWidth - 2, kHeight - 1e8 * kHeight / 1e9}));
+}
+
+TEST(GraphGeometry, ZoomStaysWithinOneTo400) {
+    struct Case { double scale, factor, expected; };
+    const Case cases[] = {
+        {300, 2, 400}, {400, 1.5, 400}, {1, 0.5, 1}, {2, 0.25, 1}, {3, 2, 6},
+        {std::numeric_limits<double>::quiet_NaN(), 1, 1}, {std::numeric_limits<double>::infinity(), 1, 400},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(G::committedScale(c.scale, c.factor), c.expected) << c.scale << " × " << c.factor;
+        G::View pinched = G::viewOf(256, c.scale, 0);
+        pinched.magnifyBy = c.factor;
+        EXPECT_DOUBLE_EQ(G::slots(pinched, kWidth).spacing, 2 * c.expected) << c.scale << " × " << c.factor;
+    }
+}
+
+TEST(GraphGeometry, DragStopsAtTheOldestSlotAndTheNewestSample) {
+    struct Case { const char* name; std::int64_t samples; double scale, offset, translation, committedOffset, newestX; };
+    const Case cases[] = {
+        {"scale 1: right does nothing", 256, 1, 0, 100, 0, kWidth},
+        {"scale 1: left does nothing", 256, 1, 0, -100, 0, kWidth},
+        {"scale 1, few samples: nothing either", 10, 1, 0, -300, 0, kWidth},
+        {"scale 2: right stops with the oldest slot at the left edge", 256, 2, -100, 300, 0, 2 * kWidth},
+        {"scale 2: left within the content", 256, 2, 0, -200, -200, 2 * kWidth - 200},
+        {"scale 2: left stops with the newest at the right edge", 256, 2, -100, -2000, -kWidth, kWidth},
+        {"scale 2, 10 samples: right stops at the padding", 10, 2, 0, 100, 0, 2 * kWidth},
+        {"scale 2, 10 samples: left stops at the newest", 10, 2, 0, -2000, -kWidth, kWidth},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        G::View view = G::viewOf(c.samples, c.scale, c.offset);
+        const double offset = G::committedOffset(view, kWidth, c.translation);
+        EXPECT_DOUBLE_EQ(offset, c.committedOffset);
+
+        // While the drag runs the graph shows what the release commits, and the committed offset
+        // is reached exactly.
+        view.dragTranslation = c.translation;
+        const G::Slots dragging = G::slots(view, kWidth);
+        const G::Slots committed = G::slots(G::viewOf(c.samples, c.scale, offset), kWidth);
+        EXPECT_DOUBLE_EQ(dragging.shift, committed.shift);
+        EXPECT_DOUBLE_EQ(committed.shift, committed.paddingWidth + offset);
+        EXPECT_DOUBLE_EQ(committed.x(c.samples - 1), c.newestX);
+    }
+}
+
+TEST(GraphGeometry, VisibleRangeAndSlotGridFollowTheShift) {
+    struct Case { const char* name; std::int64_t samples; double scale, offset, width; SampleRange range; double firstGridLine; };
+    const Case cases[] = {
+        {"scale 1", 256, 1, 0, kWidth, {0, 256}, 0},
+        {"scale 2, shifted left: a sample beyond each edge", 256, 2, -202, kWidth, {49, 180}, -2},
+        {"all right of the graph: one sample; grid a slot left of the remainder", 10, 2, -3, kWidth, {0, 1}, -3},
+        {"no width: every sample", 10, 1, 0, 0, {0, 10}, 0},
+        {"no samples", 0, 1, 0, kWidth, {0, 0}, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const G::Slots slots = G::slots(G::viewOf(c.samples, c.scale, c.offset), c.width);
+        EXPECT_EQ(G::visibleRange(c.samples, slots, c.width), c.range);
+        const auto grid = G::slotGridPositions(slots, c.width);
+        ASSERT_EQ(grid.empty(), c.width == 0);
+        if (grid.empty()) continue;
+        EXPECT_DOUBLE_EQ(grid.front(), c.firstGridLine);
+        EXPECT_TRUE(grid.back() <= c.width && grid.back() + slots.spacing > c.width);
+    }
+}
+
+TEST(GraphGeometry, ThroughputAxisTopsAtAPowerOfTenOrAMultipleOf100GB) {
+    struct Case { double read, write; std::vector<double> ticks; };
+    const std::vector<Case> cases = {
+        {3e8, 1e8, {0, 2.5e8, 5e8, 7.5e8, 1e9}},
+        {1, 0, {0, 2.5e8, 5e8, 7.5e8, 1e9}},
+        {0, 2.5e9, {0, 2.5e9, 5e9, 7.5e9, 1e10}},
+        {1e10, 0, {0, 2.5e9, 5e9, 7.5e9, 1e10}},
+        {2.5e11, 0, {0, 7.5e10, 1.5e11, 2.25e11, 3e11}},
+        {0, 0, {0}},
+    };
+    for (const Case& c : cases) {
+        const auto ticks = G::throughputTicks({point(0, c.read, c.write), point(1)});
+        EXPECT_EQ(values(ticks), c.ticks) << c.read << " / " << c.write;
+        EXPECT_DOUBLE_EQ(ticks.back().position, c.ticks.size() > 1 ? 1.0 : 0.0);
+        EXPECT_DOUBLE_EQ(G::yScale(ticks, kHeight), c.ticks.back() > 0 ? kHeight / c.ticks.back() : 0.0);
+    }
+}
+
+TEST(GraphGeometry, TimeAxisSpansTheSlotWindowInWholeSamples) {
+    struct Case { std::int64_t intervalMs; std::vector<double> ticks; std::vector<std::string> labels; };
+    const std::vector<Case> cases = {
+        {1000, {0, 50'000, 100'000, 150'000, 200'000, 250'000, 255'000},
+         {"50 s ago", "1.67 min ago", "2.5 min ago", "3.33 min ago", "4.17 min ago"}},
+        {100, {0, 5'000, 10'000, 15'000, 20'000, 25'000, 25'500},
+         {"5 s ago", "10 s ago", "15 s ago", "20 s ago", "25 s ago"}},
+        {1, {0, 50, 100, 150, 200, 250, 255}, {"50 ms ago", "100 ms ago", "150 ms ago", "200 ms ago", "250 ms ago"}},
+        {0, {0}, {}},
+    };
+    const vantorix::testing::ScopedLanguage english("en_US.UTF-8");
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.intervalMs);
+        const auto ticks = G::timeTicks(c.intervalMs, G::totalSlotCount);
+        EXPECT_EQ(values(ticks), c.ticks);
+        EXPECT_EQ(ticks.front().position, 1);  // now is at the right
+        if (ticks.size() > 1) {
+            EXPECT_EQ(ticks.back().position, 0);
+            EXPECT_DOUBLE_EQ(ticks[1].position, 1 - c.ticks[1] / c.ticks.back());
+        }
+        std::vector<std::string> labels;
+        for (const auto& label : G::timeLabels(ticks, c.intervalMs)) labels.push_back(label.text);
+        EXPECT_EQ(labels, c.labels);
+    }
+}
+
+TEST(GraphGeometry, HoverPicksTheClosestDrawnPointNearTheGraph) {
+    // Points every 10 px from x = 0; one far beyond the right edge.
+    const G::Slots slots{256, 10, 0, 0};
+    const G::Points drawn = {point(0), point(1), point(2), point(9)};
+    const G::Size graph{50, 40};
+    struct Case { const char* name; G::Point pointer; std::optional<std::int64_t> index; };
+    const Case cases[] = {
+        {"exactly between two points: the earlier", {5, 20}, 0},
+        {"just past the middle", {5.5, 20}, 1},
+        {"16 px right of the graph: the last point within reach", {66, 20}, 2},
+        {"too far left", {-16.5, 20}, std::nullopt},
+        {"too far below", {10, 56.5}, std::nullopt},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const auto hovered = G::hoveredPoint(drawn, slots, graph, c.pointer);
+        EXPECT_EQ(hovered ? std::optional(hovered->index) : std::nullopt, c.index);
+    }
+    EXPECT_FALSE(G::hoveredPoint(drawn, slots, {0, 40}, {0, 0}));
+}
+
+TEST(GraphGeometry, HoverFollowsItsIndexWhenTheSamplesChange) {
+    const G::Points drawn = {point(3, 1), point(5, 2), point(7, 3)};
+    struct Case {
+        const char* name;
+        std::optional<std::int64_t> hovered;
+        std::int64_t count;
+        std::optional<IndexedSample> expected;
+    };
+    const Case cases[] = {
+        {"same index, fresh values", 5, 10, point(5, 2)},
+        {"index beyond the samples: the last", 12, 8, point(7, 3)},
+        {"no exact index: the nearer, earlier on a tie", 4, 10, point(3, 1)},
+        {"no samples", 5, 0, std::nullopt},
+        {"nothing hovered", std::nullopt, 10, std::nullopt},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const auto hovered = c.hovered ? std::optional(point(*c.hovered, 99, 99)) : std::nullopt;
+        EXPECT_EQ(G::retargeted(hovered, drawn, c.count), c.expected);
+    }
+}
+
+TEST(GraphGeometry, TooltipTextsInBothLanguages) {
+    const auto shown = samplesBy(10, [](std::size_t) { return 0; }, [](std::size_t) { return 0; });
+    const IndexedSample sample{5, 1.5e6, 0, 3'000'000, std::numeric_limits<std::uint64_t>::max(), 2};
+    const std::string time = text::tooltipTimeText(shown[5].timestamp);
+    struct Case { const char* lang; IndexedSample point; std::int64_t intervalMs; G::TooltipLines lines; };
+    // Byte counts beyond 2^63 − 1 are shown as 2^63 − 1; an index past the samples has no time.
+    const std::vector<Case> cases = {
+        {"en_US.UTF-8", sample, 1000, {"Time: " + time + " · Elapsed: 5 s · Window: 2 s",
+                                       "Read: 1.5 MB/s (3 MB) | Write: 0 B/s (9,223,372.04 TB)"}},
+        {"zh_CN.UTF-8", sample, 1000, {"时间: " + time + " · 相对时间: 5 秒 · 采样时长: 2 秒",
+                                       "读取: 1.5 MB/秒 (3 MB) | 写入: 0 B/秒 (9,223,372.04 TB)"}},
+        {"en_US.UTF-8", IndexedSample{10, 0, 2e3, 0, 2'000, 0}, 10,
+         {"Elapsed: 100 ms · Window: 10 ms", "Read: 0 B/s (0 B) | Write: 2 KB/s (2 KB)"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.lang);
+        const vantorix::testing::ScopedLanguage language(c.lang);
+        EXPECT_EQ(G::tooltipLines(c.point, shown, c.intervalMs), c.lines);
+    }
+}
+
+TEST(GraphGeometry, TooltipStaysBesideTheMarkerAndInsideTheGraph) {
+    struct Case { const char* name; G::Marker marker; G::Size bubble, graph; G::Point origin; };
+    const Case cases[] = {
+        {"right of and above the upper dot", {300, 200, 150}, {200, 60}, {600, 300}, {316, 74}},
+        {"left of the marker near the right edge", {500, 200, 150}, {200, 60}, {600, 300}, {284, 74}},
+        {"below the dot near the top", {300, 30, 80}, {200, 60}, {600, 300}, {316, 46}},
+        {"marker left of the graph: 12 px in", {-40, 200, 150}, {200, 60}, {600, 300}, {12, 74}},
+        {"low graph: 12 px from the top", {300, 10, 10}, {200, 60}, {600, 80}, {316, 12}},
+        {"unmeasured bubble: 240 × 80", {300, 200, 150}, {0, 0}, {600, 300}, {316, 54}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_EQ(G::tooltipOrigin(c.marker, c.bubble, c.graph), c.origin);
+    }
+}
+
+}  // namespace
+}  // namespace vantorix
