@@ -81,6 +81,17 @@ ui::DashboardRootView* VantorixApp::dashboard() const {
 
 void VantorixApp::show() { mainWindow_->show(); }
 
+void VantorixApp::launch(const Launch& request) {
+    if (request.precision) monitor_->setSamplingPrecision(*request.precision);
+    if (!request.folder) return;
+    monitor_->selectVolume(*request.folder);
+    if (!request.startMonitoring) return;
+    // The selection lands on the main thread; monitoring starts after it, when it succeeded.
+    mainExecutor_->post([monitor = std::weak_ptr<DiskIOMonitor>(monitor_)] {
+        if (auto locked = monitor.lock(); locked && locked->state().selectedVolume) locked->startMonitoring();
+    });
+}
+
 void VantorixApp::openWindow(const std::string& identifier) {
     if (QWidget* open = window(identifier)) {
         open->show();

@@ -6,6 +6,7 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "benchmark/DiskPerformanceTester.h"
@@ -56,6 +57,15 @@ public:
     QMenu* testSampleSizeMenu() const { return sizeMenu_; }
 
     void show();
+
+    // What the command line asks for at launch: a sampling precision, a folder whose volume is
+    // selected, and whether monitoring starts at once.
+    struct Launch {
+        std::optional<DiskIOMonitor::SamplingPrecision> precision;
+        std::optional<std::string> folder;
+        bool startMonitoring = false;
+    };
+    void launch(const Launch& request);
 
 private:
     void buildMenus();
