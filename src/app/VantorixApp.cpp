@@ -11,6 +11,7 @@
 #include "platform/linux/LinuxVolumeInfoSource.h"
 #include "platform/linux/PosixFileSystem.h"
 #include "platform/linux/SysfsRegistry.h"
+#include "ui/Appearance.h"
 #include "ui/DashboardRootView.h"
 
 namespace vantorix::app {
@@ -41,9 +42,10 @@ VantorixApp::VantorixApp(Options options)
     : options_(std::move(options)), mainExecutor_(std::make_shared<ui::QtMainExecutor>()),
       smart_(options_.serviceManager ? SmartPipeline::over(options_.serviceManager, mainExecutor_)
                                      : SmartPipeline::system(mainExecutor_, RegistrationPolicy{true})) {
+    ui::completeFontFallbacks();
     // The monitor first, then the tester; both live as long as the application.
     monitor_ = DiskIOMonitor::create({std::make_shared<SysfsRegistry>(), std::make_shared<LinuxVolumeInfoSource>(), mainExecutor_});
-    tester_ = DiskPerformanceTester::create({mainExecutor_, std::make_shared<PosixFileSystem>()});
+    tester_ = DiskPerformanceTester::create({mainExecutor_, std::make_shared<PosixFileSystem>()}, options_.testParameters);
     smartRefresh_ = smart_.attachRefresh(monitor_, mainExecutor_);
 
     mainWindow_ = std::make_unique<MainWindow>([this] {

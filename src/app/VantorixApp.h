@@ -35,6 +35,8 @@ public:
         std::shared_ptr<ServiceManager> serviceManager;
         // Where the launch line goes (standard output by default).
         std::ostream* launchLog = nullptr;
+        // How long the performance test's random phases run, and so on.
+        DiskPerformanceTester::Parameters testParameters;
     };
 
     VantorixApp();

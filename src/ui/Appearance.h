@@ -16,3 +16,12 @@ bool isDark(const QPalette& palette);
 QColor withOpacity(QColor color, double opacity);
 
 }  // namespace vantorix::ui
+
+namespace vantorix::ui {
+
+// Some CJK fonts (WenQuanYi Micro Hei among them) claim symbols such as "℃" but draw nothing for
+// them. When the application's font is such a font, a font that draws those symbols is put in
+// front of it; the CJK font still draws what the other lacks.
+void completeFontFallbacks();
+
+}  // namespace vantorix::ui

@@ -12,7 +12,6 @@
 #include <QTest>
 #include <QTableWidget>
 
-#include <filesystem>
 #include <sstream>
 
 #include "app/VantorixApp.h"
@@ -31,7 +30,6 @@
 namespace vantorix::app {
 namespace {
 
-namespace fs = std::filesystem;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 
@@ -62,7 +60,7 @@ struct Application {
         script.status = static_cast<int>(ServiceStatus::requiresApproval);
         script.registerError = ServiceError{std::string(kServiceManagerErrorDomain), kApprovalRequiredCode, "approve", ""};
         services = std::make_shared<SubstituteServiceManager>(script);
-        app = std::make_unique<VantorixApp>(VantorixApp::Options{services, &launches});
+        app = std::make_unique<VantorixApp>(VantorixApp::Options{services, &launches, {}});
     }
     testing::ScopedLanguage language;
     std::shared_ptr<SubstituteServiceManager> services;
@@ -145,8 +143,8 @@ TEST(VantorixApp, AboutAndFeedbackAreSingleWindowsWithTheirTitlesAndSizes) {
 }
 
 // The dashboard on this machine's root volume, through the real dialogs: choose it, monitor it,
-// export the chart, look at SMART data, and hear the helper's approval request.
-TEST(VantorixApp, DashboardDrivesTheMonitorExportAndAlerts) {
+// look at SMART data, and hear the helper's approval request.
+TEST(VantorixApp, DashboardDrivesTheMonitorAndAlerts) {
     Application english("en_US.UTF-8");
     auto& app = *english.app;
     app.show();
@@ -182,22 +180,6 @@ TEST(VantorixApp, DashboardDrivesTheMonitorExportAndAlerts) {
     EXPECT_TRUE(panel->exportButton()->isEnabled());
     EXPECT_EQ(dashboard->metrics()->visibleCards().size(), 7U);
     screenshot(app.mainWindow(), "main-monitoring-en");
-
-    const fs::path folder = fs::temp_directory_path() / ("vantorix-export-" + std::to_string(::getpid()));
-    fs::create_directories(folder);
-    QTest::mouseClick(panel->exportButton(), Qt::LeftButton);
-    QFileDialog* save = dashboard->openDialog();
-    ASSERT_NE(save, nullptr);
-    EXPECT_THAT(save->selectedFiles().value(0).toStdString(), HasSubstr("Vantorix-"));
-    save->selectFile(QString::fromStdString((folder / "run.csv").string()));
-    static_cast<QDialog*>(save)->accept();
-    ASSERT_TRUE(waitFor([&] { return dashboard->exportAlert() != nullptr; }));
-    EXPECT_EQ(dashboard->exportAlert()->windowTitle(), "Export Finished");
-    EXPECT_EQ(dashboard->exportAlert()->text().toStdString(),
-              "CSV saved to: " + (folder / "run.csv").string() + "\nPNG saved to: " + (folder / "run.png").string());
-    EXPECT_GT(fs::file_size(folder / "run.png"), 0U);
-    dashboard->exportAlert()->buttons().front()->click();
-    fs::remove_all(folder);
 
     QTest::mouseClick(panel->monitoringButton(), Qt::LeftButton);
     ASSERT_TRUE(waitFor([&] { return !app.monitor()->state().isMonitoring; }));

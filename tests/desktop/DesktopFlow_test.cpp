@@ -1,0 +1,282 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <QApplication>
+#include <QDir>
+#include <QFileDialog>
+#include <QMenu>
+#include <QMouseEvent>
+#include <QMessageBox>
+#include <QTableWidget>
+#include <QTest>
+
+#include <csignal>
+#include <filesystem>
+#include <future>
+#include <set>
+#include <sstream>
+
+#include "app/QuitOnSignals.h"
+#include "app/VantorixApp.h"
+#include "concurrency/NotificationCenter.h"
+#include "smart/PrivilegedHelperManager.h"
+#include "support/BlockDevice.h"
+#include "support/HelperDaemon.h"
+#include "support/LoopVolume.h"
+#include "support/ScopedEnvironment.h"
+#include "support/SmartctlStandIn.h"
+#include "text/Formats.h"
+#include "ui/DashboardRootView.h"
+#include "ui/DiskIOChartSection.h"
+#include "ui/DiskIOGraphCanvas.h"
+#include "ui/ErrorBubbleStack.h"
+#include "ui/InteractiveButton.h"
+#include "ui/MetricCardView.h"
+#include "ui/PerformanceMetricsStrip.h"
+#include "ui/SmartInfoSheet.h"
+#include "ui/VolumeControlPanel.h"
+
+namespace vantorix::app {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::HasSubstr;
+
+struct Variant {
+    std::string language;
+    bool dark;
+    // Texts the window must show in this language.
+    QString smartHint;
+    QString stop;
+    std::string exportAlert;  // {csv} and {png} stand for the paths
+};
+
+void PrintTo(const Variant& variant, std::ostream* out) { *out << variant.language << (variant.dark ? " dark" : " light"); }
+
+std::string nameOf(const Variant& variant) {
+    return variant.language.substr(0, 2) + (variant.dark ? "-dark" : "-light") +
+           (qApp->devicePixelRatio() > 1.5 ? "@2x" : "");
+}
+
+void screenshot(QWidget* widget, const Variant& variant, const std::string& what) {
+    QDir().mkpath(QStringLiteral(VANTORIX_SCREENSHOT_DIR));
+    widget->grab().save(QString::fromStdString(std::string(VANTORIX_SCREENSHOT_DIR) + "/flow-" + what + "-" + nameOf(variant) + ".png"));
+}
+
+QPalette darkPalette() {
+    QPalette dark;
+    for (const auto& [role, color] : std::vector<std::pair<QPalette::ColorRole, QColor>>{
+             {QPalette::Window, {36, 36, 38}},      {QPalette::WindowText, {235, 235, 240}}, {QPalette::Base, {48, 48, 52}},
+             {QPalette::AlternateBase, {56, 56, 60}}, {QPalette::Text, {235, 235, 240}},     {QPalette::Button, {58, 58, 62}},
+             {QPalette::ButtonText, {235, 235, 240}}, {QPalette::Highlight, {10, 132, 255}}}) {
+        dark.setColor(role, color);
+    }
+    return dark;
+}
+
+bool waitFor(const std::function<bool()>& predicate, int milliseconds = 30000) {
+    return QTest::qWaitFor(predicate, milliseconds);
+}
+
+void accept(QFileDialog* dialog, const std::string& path) {
+    dialog->selectFile(QString::fromStdString(path));
+    static_cast<QDialog*>(dialog)->accept();  // QFileDialog keeps accept() protected
+}
+
+std::set<std::string> entriesOf(const std::string& folder) {
+    std::set<std::string> names;
+    for (const auto& entry : fs::directory_iterator(folder)) names.insert(entry.path().filename().string());
+    return names;
+}
+
+class DesktopFlow : public ::testing::TestWithParam<Variant> {};
+
+// A person's session on a loop-mounted volume whose SMART data come from the real helper daemon
+// (running a stand-in for smartctl): choose the volume, read the SMART sheet, watch a 64 MiB
+// write, hover the graph, change the precision while monitoring, export the chart, run a test,
+// stop another one halfway, and hear the helper's approval request twice.
+TEST_P(DesktopFlow, ASessionOnALoopVolume) {
+    const Variant& variant = GetParam();
+    if (const auto reason = testing::LoopVolume::unavailableReason(); !reason.empty()) GTEST_SKIP() << reason;
+    std::string error;
+    auto volume = testing::LoopVolume::create("vx-desktop", 1280ULL << 20, &error);
+    ASSERT_NE(volume, nullptr) << error;
+    auto smartctl = testing::SmartctlStandIn::create(
+        {testing::StandInBehaviour::Mode::print, std::string(VANTORIX_TEST_DATA_DIR) + "/smartctl/scrutiny-smart-nvme.json", "", 0});
+    auto daemon = testing::HelperDaemon::start({smartctl->path(), {}}, &error);
+    ASSERT_NE(daemon, nullptr) << error;
+    testing::ScopedEnvironment helperSocket({{"VANTORIX_HELPER_SOCKET", daemon->socketPath()}});
+    testing::ScopedLanguage language(variant.language);
+    const QPalette original = QApplication::palette();
+    if (variant.dark) QApplication::setPalette(darkPalette());
+
+    std::ostringstream launches;
+    VantorixApp::Options options;
+    options.launchLog = &launches;
+    // A short test: the payload rule asks for a gigabyte free, but each phase moves 64 MiB.
+    options.testParameters.randomPhaseDuration = 2.0;
+    options.testParameters.payloadBytes = 64ULL << 20;
+    auto owned = std::make_unique<VantorixApp>(options);
+    auto& app = *owned;
+    app.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(app.mainWindow()));
+    auto* dashboard = app.dashboard();
+    auto* panel = dashboard->panel();
+    screenshot(app.mainWindow(), variant, "empty");
+
+    // The volume through the folder chooser; its SMART data through the helper.
+    QTest::mouseClick(panel->chooseVolumeButton(), Qt::LeftButton);
+    ASSERT_NE(dashboard->openDialog(), nullptr);
+    accept(dashboard->openDialog(), volume->mountPoint());
+    ASSERT_TRUE(waitFor([&] { return panel->smartHint() == variant.smartHint; })) << panel->smartHint().toStdString();
+    EXPECT_THAT(panel->infoTexts().front().toStdString(), HasSubstr(volume->bsdName()));
+    QTest::mouseClick(panel->smartButton(), Qt::LeftButton);
+    ASSERT_NE(dashboard->smartSheet(), nullptr);
+    QStringList values;
+    for (int row = 0; row < dashboard->smartSheet()->rows()->rowCount(); ++row) {
+        values << dashboard->smartSheet()->rows()->item(row, 1)->text();
+    }
+    EXPECT_TRUE(values.contains(QStringLiteral("INTEL SSDPEKNW010T8"))) << values.join(", ").toStdString();
+    screenshot(dashboard->smartSheet(), variant, "smart-sheet");
+    dashboard->smartSheet()->accept();
+
+    // Monitoring at 10 ms while 64 MiB are written past the page cache.
+    app.samplingPrecisionMenu()->actions()[2]->trigger();
+    QTest::mouseClick(panel->monitoringButton(), Qt::LeftButton);
+    ASSERT_TRUE(waitFor([&] { return app.monitor()->state().samples.size() > 10; }));
+    EXPECT_EQ(panel->monitoringButton()->text(), variant.stop);
+    const auto cards = dashboard->metrics()->visibleCards();
+    ASSERT_GE(cards.size(), 7U);
+    const QString idleWriteSpeed = cards[1]->value();
+    auto writer = std::async(std::launch::async, [&] { return testing::writeDirect(volume->mountPoint() + "/written", 64); });
+    bool sawWriteSpeed = false;
+    ASSERT_TRUE(waitFor([&] {
+        sawWriteSpeed = sawWriteSpeed || cards[1]->value() != idleWriteSpeed;
+        return writer.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    }));
+    ASSERT_TRUE(writer.get());
+    ASSERT_TRUE(waitFor([&] { return app.monitor()->state().totalWriteBytes >= (64ULL << 20); }));
+    // The card averages over the last second: the write shows there for a while after it ended.
+    EXPECT_TRUE(waitFor([&] { return sawWriteSpeed = cards[1]->value() != idleWriteSpeed; }, 1000));
+    EXPECT_EQ(cards[5]->value().toStdString(), text::totalBytesText(app.monitor()->state().totalWriteBytes));
+
+    // The precision changes from the menu during the run, which goes on.
+    app.samplingPrecisionMenu()->actions()[3]->trigger();
+    EXPECT_TRUE(app.monitor()->state().isMonitoring);
+    EXPECT_EQ(app.monitor()->state().samplingPrecision, DiskIOMonitor::SamplingPrecision::ms100);
+    const std::size_t before = app.monitor()->state().samples.size();
+    EXPECT_TRUE(waitFor([&] { return app.monitor()->state().samples.size() >= before + 3; }));
+    QTest::mouseClick(panel->monitoringButton(), Qt::LeftButton);
+    ASSERT_TRUE(waitFor([&] { return !app.monitor()->state().isMonitoring; }));
+
+    // The graph draws the samples; hovering the tallest write shows that sample's texts.
+    auto* canvas = dashboard->chart()->canvas();
+    ASSERT_TRUE(waitFor([&] { return !canvas->hasPendingPoints() && !canvas->frame().drawn.empty(); }));
+    const auto frame = canvas->frame();
+    std::size_t tallest = 0;
+    for (std::size_t i = 0; i < frame.drawn.size(); ++i) {
+        if (frame.drawn[i].writeSpeed > frame.drawn[tallest].writeSpeed) tallest = i;
+    }
+    ASSERT_GT(frame.drawn[tallest].writeSpeed, 0);
+    const QPointF at = canvas->graphRect().topLeft() + QPointF(frame.writeLine[tallest].x, frame.writeLine[tallest].y);
+    QMouseEvent move(QEvent::MouseMove, at, canvas->mapToGlobal(at), Qt::NoButton, Qt::NoButton, Qt::NoModifier);
+    QApplication::sendEvent(canvas, &move);
+    ASSERT_TRUE(waitFor([&] { return canvas->tooltipLines().has_value(); }, 5000));
+    const auto hovered = *canvas->hoveredSample();
+    EXPECT_EQ(hovered.writeSpeed, frame.drawn[tallest].writeSpeed);
+    const auto& samples = app.monitor()->state().samples;
+    ASSERT_LT(static_cast<std::size_t>(hovered.index), samples.size());
+    EXPECT_THAT(canvas->tooltipLines()->primary,
+                HasSubstr(text::tooltipTimeText(samples[static_cast<std::size_t>(hovered.index)].timestamp)));
+    EXPECT_THAT(canvas->tooltipLines()->secondary, HasSubstr(text::speedText(hovered.writeSpeed)));
+    screenshot(app.mainWindow(), variant, "monitoring-tooltip");
+
+    // The chart to a folder of its own.
+    const fs::path folder = fs::path(volume->mountPoint()) / "exported";
+    fs::create_directories(folder);
+    QTest::mouseClick(panel->exportButton(), Qt::LeftButton);
+    ASSERT_NE(dashboard->openDialog(), nullptr);
+    accept(dashboard->openDialog(), (folder / "run.csv").string());
+    ASSERT_TRUE(waitFor([&] { return dashboard->exportAlert() != nullptr; }));
+    std::string expected = variant.exportAlert;
+    expected.replace(expected.find("{csv}"), 5, (folder / "run.csv").string());
+    expected.replace(expected.find("{png}"), 5, (folder / "run.png").string());
+    EXPECT_EQ(dashboard->exportAlert()->text().toStdString(), expected);
+    EXPECT_GT(fs::file_size(folder / "run.csv"), 0U);
+    EXPECT_GT(fs::file_size(folder / "run.png"), 0U);
+    screenshot(dashboard->exportAlert(), variant, "export-alert");
+    dashboard->exportAlert()->buttons().front()->click();
+
+    // A test of the volume's free space: progress in the strip, then the results and the report.
+    const auto filesBefore = entriesOf(volume->mountPoint());
+    QTest::mouseClick(panel->performanceButton(), Qt::LeftButton);
+    ASSERT_TRUE(waitFor([&] {
+        const auto& progress = app.tester()->state().progressState;
+        return progress && progress->elapsedTime > 0.2;
+    }));
+    QTest::qWait(50);  // the strip's new rows are laid out
+    ASSERT_TRUE(app.tester()->state().isRunning);
+    EXPECT_FALSE(panel->strip()->itemTexts().isEmpty());
+    screenshot(app.mainWindow(), variant, "test-running");
+    ASSERT_TRUE(waitFor([&] { return app.tester()->state().automaticReportMessage.has_value(); }, 120000))
+        << app.tester()->state().errorMessage.value_or("");
+    ASSERT_TRUE(app.tester()->state().lastResult.has_value());
+    ASSERT_TRUE(app.tester()->state().lastReportPath.has_value());
+    bool reportBubble = false;
+    for (auto* banner : dashboard->bubbles()->banners()) {
+        reportBubble = reportBubble || banner->message().toStdString() == *app.tester()->state().automaticReportMessage;
+    }
+    EXPECT_TRUE(reportBubble);
+    screenshot(app.mainWindow(), variant, "results");
+    const auto withReport = entriesOf(volume->mountPoint());
+    auto expectedAfterTest = filesBefore;
+    expectedAfterTest.insert(fs::path(*app.tester()->state().lastReportPath).filename().string());
+    EXPECT_EQ(withReport, expectedAfterTest);
+
+    // Stopped halfway, a test leaves nothing behind.
+    QTest::mouseClick(panel->performanceButton(), Qt::LeftButton);
+    ASSERT_TRUE(waitFor([&] { return app.tester()->state().progressState.has_value() && entriesOf(volume->mountPoint()) != withReport; }));
+    QTest::mouseClick(panel->performanceButton(), Qt::LeftButton);
+    ASSERT_TRUE(waitFor([&] { return !app.tester()->state().isRunning; }));
+    app.tester()->waitForBackgroundWork();
+    EXPECT_EQ(entriesOf(volume->mountPoint()), withReport);
+
+    // The approval request, posted twice, is one alert.
+    NotificationCenter::defaultCenter().post(PrivilegedHelperManager::kApprovalNotification);
+    NotificationCenter::defaultCenter().post(PrivilegedHelperManager::kApprovalNotification);
+    ASSERT_TRUE(waitFor([&] { return dashboard->helperApprovalAlert() != nullptr; }));
+    QTest::qWait(50);
+    int alerts = 0;
+    for (auto* widget : QApplication::topLevelWidgets()) alerts += qobject_cast<QMessageBox*>(widget) && widget->isVisible() ? 1 : 0;
+    EXPECT_EQ(alerts, 1);
+    screenshot(dashboard->helperApprovalAlert(), variant, "approval-alert");
+    dashboard->helperApprovalAlert()->buttons().front()->click();
+
+    // SIGTERM during a test ends the program as closing the window does: the files go.
+    QTest::mouseClick(panel->performanceButton(), Qt::LeftButton);
+    ASSERT_TRUE(waitFor([&] { return app.tester()->state().isRunning && entriesOf(volume->mountPoint()) != withReport; }));
+    {
+        QuitOnSignals quit({SIGTERM});
+        ::raise(SIGTERM);
+        EXPECT_EQ(QApplication::exec(), 0);
+        EXPECT_EQ(quit.received(), SIGTERM);
+    }
+    owned.reset();
+    EXPECT_EQ(entriesOf(volume->mountPoint()), withReport);
+    QApplication::setPalette(original);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    LanguagesAndSchemes, DesktopFlow,
+    ::testing::Values(Variant{"en_US.UTF-8", false, "View SMART details provided by the system", "Stop",
+                              "CSV saved to: {csv}\nPNG saved to: {png}"},
+                      Variant{"en_US.UTF-8", true, "View SMART details provided by the system", "Stop",
+                              "CSV saved to: {csv}\nPNG saved to: {png}"},
+                      Variant{"zh_CN.UTF-8", false, "查看系统提供的 SMART 详细信息", "停止监控", "CSV 已保存至：{csv}\nPNG 已保存至：{png}"},
+                      Variant{"zh_CN.UTF-8", true, "查看系统提供的 SMART 详细信息", "停止监控", "CSV 已保存至：{csv}\nPNG 已保存至：{png}"}),
+    [](const ::testing::TestParamInfo<Variant>& param) {
+        return param.param.language.substr(0, 2) + (param.param.dark ? "Dark" : "Light");
+    });
+
+}  // namespace
+}  // namespace vantorix::app
