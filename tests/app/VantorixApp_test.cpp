@@ -155,7 +155,9 @@ TEST(VantorixApp, DashboardDrivesTheMonitorAndAlerts) {
     EXPECT_FALSE(panel->performanceButton()->isEnabled());
     screenshot(app.mainWindow(), "main-empty-en");
 
-    QTest::mouseClick(panel->chooseVolumeButton(), Qt::LeftButton);
+    // Buttons are pressed with Space.
+    panel->chooseVolumeButton()->setFocus(Qt::TabFocusReason);
+    QTest::keyClick(panel->chooseVolumeButton(), Qt::Key_Space);
     QFileDialog* chooser = dashboard->openDialog();
     ASSERT_NE(chooser, nullptr);
     EXPECT_EQ(chooser->windowTitle(), "Choose volume to monitor");
@@ -172,6 +174,20 @@ TEST(VantorixApp, DashboardDrivesTheMonitorAndAlerts) {
     screenshot(dashboard->helperApprovalAlert(), "helper-approval-en");
     dashboard->helperApprovalAlert()->buttons().front()->click();
     EXPECT_TRUE(waitFor([&] { return dashboard->helperApprovalAlert() == nullptr; }));
+
+    // Every usable button is reached with Tab.
+    app.mainWindow()->activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(app.mainWindow()));
+    panel->chooseVolumeButton()->setFocus(Qt::TabFocusReason);
+    QList<QWidget*> reached;
+    for (int i = 0; i < 20 && QApplication::focusWidget() && !reached.contains(QApplication::focusWidget()); ++i) {
+        reached << QApplication::focusWidget();
+        QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
+    }
+    for (auto* button : panel->findChildren<ui::InteractiveButton*>()) {
+        EXPECT_TRUE(!button->isVisible() || !button->isEnabled() || reached.contains(button)) << button->text().toStdString();
+    }
+    EXPECT_GE(reached.size(), 3);
 
     app.monitor()->setSamplingPrecision(DiskIOMonitor::SamplingPrecision::ms10);
     QTest::mouseClick(panel->monitoringButton(), Qt::LeftButton);
