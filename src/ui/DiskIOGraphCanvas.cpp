@@ -5,17 +5,21 @@
 #include <QList>
 #include <QMouseEvent>
 #include <QNativeGestureEvent>
+#include <QPaintEngine>
 #include <QPainter>
 #include <QPainterPath>
 #include <QPen>
+#include <QPolygonF>
 #include <QString>
 #include <QWheelEvent>
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <utility>
 
+#include "concurrency/SerialQueue.h"
 #include "ui/Appearance.h"
 #include "ui/GraphPalette.h"
 #include "ui/TooltipBubble.h"
@@ -33,22 +37,280 @@ constexpr double dotDiameter = 12;
 constexpr double lineWidth = 1.8;
 constexpr double labelGap = 6;  // between the plot and its axis labels
 constexpr double timeLabelSpacing = 8;
+constexpr qsizetype pointsPerBand = 4;  // see strokeLine
 
 QPointF toQt(GraphGeometry::Point point) { return {point.x, point.y}; }
 
 QString qString(const std::string& text) { return QString::fromStdString(text); }
 
+// The slot grid lines' x positions within a plot `width` wide.
+std::vector<double> slotLines(const GraphGeometry::Slots& slots, double width) {
+    std::vector<double> lines;
+    for (const double x : GraphGeometry::slotGridPositions(slots, width))
+        if (x >= 0 && x <= width) lines.push_back(x);
+    return lines;
+}
+
+// The plot's grid: the slot lines, then the tick lines (across at the throughput ticks, down at
+// the time ticks) in one stroke, in a plot `width` × `height` with the painter at its top left.
+struct Grid {
+    std::vector<double> slotXs;
+    std::vector<double> tickXs;
+    std::vector<double> tickYs;
+    double width = 0;
+    double height = 0;
+    QPen slotPen;
+    QPen tickPen;
+
+    Grid(std::vector<double> slots, const std::vector<GraphGeometry::AxisTick>& throughputTicks,
+         const std::vector<GraphGeometry::AxisTick>& timeTicks, QSizeF plot, const QColor& text)
+        : slotXs(std::move(slots)), width(plot.width()), height(plot.height()),
+          slotPen(withOpacity(text, slotGridOpacity), thinLine), tickPen(withOpacity(text, tickGridOpacity), thinLine) {
+        for (const auto& tick : throughputTicks) tickYs.push_back(height - tick.position * height);
+        for (const auto& tick : timeTicks) tickXs.push_back(tick.position * width);
+    }
+
+    // The whole grid is draw(painter, 0, height). With other bounds, the lines down run from `top`
+    // to `bottom` only (none when `bottom` is not below `top`), and `across` leaves out the others.
+    void draw(QPainter& painter, double top, double bottom, bool across = true) const {
+        const bool down = bottom > top;
+        QList<QLineF> lines;
+        if (down) {
+            for (const double x : slotXs) lines.append(QLineF(x, top, x, bottom));
+            painter.setPen(slotPen);
+            painter.drawLines(lines);
+            lines.clear();
+        }
+        if (across)
+            for (const double y : tickYs) lines.append(QLineF(0, y, width, y));
+        if (down)
+            for (const double x : tickXs) lines.append(QLineF(x, top, x, bottom));
+        painter.setPen(tickPen);
+        painter.drawLines(lines);
+    }
+};
+
+// Strokes the polyline through `line` with `pen`, inside `clip` (which the painter clips to).
+//
+// Qt's rasteriser takes many times longer for a long zigzag in one piece than for the same line in
+// short pieces (its cell pool overflows and it starts the shape again), so the line is stroked in
+// vertical bands of a few points: each band is clipped to whole device pixel columns of its own and
+// strokes every segment that reaches into them. Every pixel is then drawn once, from the same
+// segments and joins as in one piece, and comes out the same.
+void strokeLine(QPainter& painter, const std::vector<GraphGeometry::Point>& line, const QPen& pen, const QRectF& clip) {
+    painter.setPen(pen);
+    if (line.size() == 1) {
+        painter.drawPoint(toQt(line.front()));
+        return;
+    }
+    QPolygonF points;
+    points.reserve(static_cast<qsizetype>(line.size()));
+    for (const auto& point : line) points.append(toQt(point));
+    // Bands need the device's pixel columns: a raster device, reached through a scale and a shift.
+    const QTransform toDevice = painter.deviceTransform();
+    const bool raster = painter.paintEngine() != nullptr && painter.paintEngine()->type() == QPaintEngine::Raster;
+    const bool ascending = std::is_sorted(points.cbegin(), points.cend(),
+                                          [](const QPointF& a, const QPointF& b) { return a.x() < b.x(); });
+    if (!raster || !ascending || toDevice.type() > QTransform::TxScale || !(toDevice.m11() > 0)) {
+        painter.drawPolyline(points);
+        return;
+    }
+    const QTransform toCanvas = toDevice.inverted();
+    // How far a segment's stroke reaches beyond its end points, with a device pixel to spare.
+    const double reach = pen.widthF() / 2 + 1 / toDevice.m11();
+    const qsizetype count = points.size();
+    double left = clip.left();
+    for (qsizetype start = 0; start + 1 < count; start += pointsPerBand) {
+        const bool lastBand = start + pointsPerBand >= count - 1;
+        double right = clip.right();
+        if (!lastBand) {
+            const double column = std::round(toDevice.map(points[start + pointsPerBand]).x());
+            right = std::min(right, toCanvas.map(QPointF(column, 0)).x());
+        }
+        if (!(right > left)) continue;
+        qsizetype first = start;
+        qsizetype last = lastBand ? count - 1 : start + pointsPerBand;
+        while (first > 0 && points[first].x() + reach > left) --first;
+        while (last + 1 < count && points[last].x() - reach < right) ++last;
+        painter.save();
+        painter.setClipRect(QRectF(left, clip.top(), right - left, clip.height()), Qt::IntersectClip);
+        painter.drawPolyline(points.constData() + first, static_cast<int>(last - first + 1));
+        painter.restore();
+        left = right;
+    }
+}
+
+// The read and write lines of a plot `graph` in size, with the painter at the plot's top left.
+void strokeLines(QPainter& painter, const std::vector<GraphGeometry::Point>& readLine,
+                 const std::vector<GraphGeometry::Point>& writeLine, const QColor& read, const QColor& write,
+                 QSizeF graph) {
+    if (readLine.empty()) return;
+    painter.save();
+    // The lines may run past the plot's sides when zoomed; a flat line at 0 keeps its full width.
+    const QRectF clip(0, -lineWidth, graph.width(), graph.height() + 2 * lineWidth);
+    painter.setClipRect(clip);
+    strokeLine(painter, readLine, QPen(read, lineWidth, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin), clip);
+    strokeLine(painter, writeLine, QPen(write, lineWidth, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin), clip);
+    painter.restore();
+}
+
+// A painter on `picture` whose pixels stand `scale` device pixels per canvas unit, shifted by
+// `fraction` device pixels, with the canvas's coordinates: a paint of the canvas through a device
+// transform with that scale and shift, less the whole pixels, draws the same pixels.
+class PicturePainter {
+public:
+    PicturePainter(QImage& picture, double scale, QPointF fraction) : picture_(picture) {
+        picture_.setDevicePixelRatio(scale);
+        painter_.begin(&picture_);
+        painter_.setRenderHint(QPainter::Antialiasing);
+        painter_.setRenderHint(QPainter::TextAntialiasing);
+        painter_.translate(fraction / scale);
+    }
+    ~PicturePainter() {
+        painter_.end();
+        picture_.setDevicePixelRatio(1);  // copied pixel for pixel
+    }
+    PicturePainter(const PicturePainter&) = delete;
+    PicturePainter& operator=(const PicturePainter&) = delete;
+
+    QPainter& operator*() { return painter_; }
+
+private:
+    QImage& picture_;
+    QPainter painter_;
+};
+
+// Draws `grid` on `picture`, which is filled with `card`, as grid.draw(painter, 0, height) does
+// through PicturePainter(picture, scale, fraction) translated to `plot` (the plot's top left).
+//
+// Hundreds of lines down the plot cost Qt's rasteriser far more than the few rows that differ: a
+// row of pixels that every line down crosses whole, a row away from their ends and from the lines
+// across, looks like every other such row. One such row is drawn and copied to the others; the
+// remaining bands of rows are drawn clipped to themselves, with the lines down cut short a pixel
+// beyond the band, which leaves the band's pixels as they are.
+void drawGridOn(QImage& picture, const Grid& grid, double scale, QPointF fraction, QPointF plot, const QColor& card) {
+    const auto rowOf = [&](double y) { return scale * (plot.y() + y) + fraction.y(); };
+    const auto yOf = [&](int row) { return (row - fraction.y()) / scale - plot.y(); };
+    const double cap = thinLine / 2;  // how far a line's square caps and sides reach
+    const auto floorRow = [&](double y) { return static_cast<int>(std::floor(rowOf(y))); };
+    const auto ceilRow = [&](double y) { return static_cast<int>(std::ceil(rowOf(y))); };
+
+    // Runs of rows to copy, first to last: [first, end).
+    std::vector<std::pair<int, int>> copied;
+    const int first = std::max(ceilRow(-cap) + 1, 0);
+    const int end = std::min(floorRow(grid.height + cap) - 1, picture.height());
+    if (end > first) copied.emplace_back(first, end);
+    for (const double y : grid.tickYs) {
+        const int from = floorRow(y - cap) - 1;
+        const int to = ceilRow(y + cap) + 1;
+        std::vector<std::pair<int, int>> split;
+        for (const auto& [a, b] : copied) {
+            if (a < std::min(from, b)) split.emplace_back(a, std::min(from, b));
+            if (std::max(to, a) < b) split.emplace_back(std::max(to, a), b);
+        }
+        copied = std::move(split);
+    }
+
+    if (!copied.empty()) {
+        QImage row(picture.width(), 1, picture.format());
+        row.fill(card);
+        {
+            PicturePainter painter(row, scale, fraction);
+            (*painter).translate(plot.x(), 0);
+            grid.draw(*painter, -2 / scale - 1, 2 / scale + 1, /*across=*/false);
+        }
+        const auto bytes = static_cast<std::size_t>(std::min(row.bytesPerLine(), picture.bytesPerLine()));
+        for (const auto& [a, b] : copied)
+            for (int y = a; y < b; ++y) std::memcpy(picture.scanLine(y), row.constScanLine(0), bytes);
+    }
+
+    PicturePainter painter(picture, scale, fraction);
+    (*painter).translate(plot);
+    const double left = -fraction.x() / scale - plot.x();
+    const double right = (picture.width() - fraction.x()) / scale - plot.x();
+    const auto drawBand = [&](int from, int to) {
+        if (to <= from) return;
+        (*painter).save();
+        (*painter).setClipRect(QRectF(left, yOf(from), right - left, yOf(to) - yOf(from)));
+        grid.draw(*painter, std::max(0.0, yOf(from) - 1), std::min(grid.height, yOf(to) + 1));
+        (*painter).restore();
+    };
+    int from = 0;
+    for (const auto& [a, b] : copied) {
+        drawBand(from, a);
+        from = b;
+    }
+    drawBand(from, picture.height());
+}
+
 }  // namespace
 
+// Pictures that plot jobs drew before, to draw into again once nobody else holds them: a new
+// picture's memory costs more to touch the first time than drawing into it. Plot queue only.
+struct DiskIOGraphCanvas::PlotBuffers {
+    static constexpr std::size_t kept = 3;
+    std::vector<QImage> pictures;
+
+    // A picture of its own holding the pixels of `background`.
+    QImage copyOf(const QImage& background) {
+        for (auto it = pictures.begin(); it != pictures.end(); ++it) {
+            // Held here alone, nobody can take it again: it is free to draw into.
+            if (!it->isDetached() || it->size() != background.size() || it->format() != background.format()) continue;
+            std::atomic_thread_fence(std::memory_order_acquire);  // after the last reader let go
+            QImage picture = std::move(*it);
+            pictures.erase(it);
+            std::memcpy(picture.bits(), background.constBits(), static_cast<std::size_t>(background.sizeInBytes()));
+            return picture;
+        }
+        return background.copy();
+    }
+    void keep(const QImage& picture) {
+        pictures.push_back(picture);
+        if (pictures.size() > kept) pictures.erase(pictures.begin());
+    }
+};
+
+bool DiskIOGraphCanvas::DeviceMapping::drawsLike(const DeviceMapping& other) const {
+    return scaleX == other.scaleX && scaleY == other.scaleY && fractionX == other.fractionX &&
+           fractionY == other.fractionY;
+}
+
+bool DiskIOGraphCanvas::BackgroundKey::shows(const BackgroundKey& other) const {
+    const auto near = [](double a, double b) { return std::abs(a - b) <= 1e-6; };
+    return mapping.drawsLike(other.mapping) && format == other.format && pixels == other.pixels &&
+           graph == other.graph && font == other.font && card == other.card && text == other.text &&
+           secondaryText == other.secondaryText && throughputTicks == other.throughputTicks &&
+           timeTicks == other.timeTicks && sampleIntervalMs == other.sampleIntervalMs &&
+           std::equal(slotLines.begin(), slotLines.end(), other.slotLines.begin(), other.slotLines.end(), near);
+}
+
+std::optional<DiskIOGraphCanvas::DeviceMapping> DiskIOGraphCanvas::mappingOf(const QTransform& toDevice) {
+    const double scale = toDevice.m11();
+    if (toDevice.type() > QTransform::TxScale || !(scale > 0) || toDevice.m22() != scale) return std::nullopt;
+    const double x = std::floor(toDevice.dx());
+    const double y = std::floor(toDevice.dy());
+    constexpr double limit = 1 << 24;
+    if (!(std::abs(x) < limit && std::abs(y) < limit)) return std::nullopt;
+    return DeviceMapping{scale, scale, toDevice.dx() - x, toDevice.dy() - y,
+                         QPoint(static_cast<int>(x), static_cast<int>(y))};
+}
+
 DiskIOGraphCanvas::DiskIOGraphCanvas(std::shared_ptr<MainExecutor> mainExecutor, QWidget* parent)
-    : QWidget(parent), cache_(DiskIOGraphRendererCache::create(std::move(mainExecutor))) {
+    : QWidget(parent), cache_(DiskIOGraphRendererCache::create(mainExecutor)), mainExecutor_(std::move(mainExecutor)),
+      plotBuffers_(std::make_shared<PlotBuffers>()),
+      plotQueue_(std::make_unique<SerialQueue>("com.vantorix.graph.plot", QualityOfService::userInitiated)) {
     pointsSubscription_ = cache_->subscribe([this](const DiskIOGraphRendererCache::Points&) { pointsPublished(); });
+    // Every paint covers the whole widget in the card colour, so the section need not paint beneath.
+    setAttribute(Qt::WA_OpaquePaintEvent);
     setMouseTracking(true);
     setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Expanding);
     updateLayout();
 }
 
-DiskIOGraphCanvas::~DiskIOGraphCanvas() = default;
+DiskIOGraphCanvas::~DiskIOGraphCanvas() {
+    // Jobs still queued then return at once instead of drawing for nobody.
+    ++*plotRequest_;
+}
 
 QSize DiskIOGraphCanvas::sizeHint() const { return {640, 260}; }
 
@@ -153,7 +415,48 @@ void DiskIOGraphCanvas::pointsPublished() {
     // The hovered point follows its index into the new points, so its dots stay on the lines.
     hoveredSample_ = GraphGeometry::retargeted(hoveredSample_, cache_->plottedSamples(),
                                                static_cast<std::int64_t>(samples_.size()));
-    update();
+    drawPlotAhead();
+}
+
+void DiskIOGraphCanvas::drawPlotAhead() {
+    const GraphGeometry::Frame shown = frame();
+    // Before the first paint there is no device to draw for; without lines the paint is cheap.
+    if (!lastTarget_ || shown.readLine.empty()) {
+        update();
+        return;
+    }
+    const GraphPalette colours = GraphPalette::of(palette());
+    const auto& [mapping, format] = *lastTarget_;
+    const BackgroundKey key = backgroundKey(mapping, format, shown, colours);
+    QImage picture = background(key, shown, colours);
+    // What the picture will show stays here; the job gets plain values and pictures only.
+    plotAhead_ = Plot{key, shown.readLine, shown.writeLine, colours.read.rgba(), colours.write.rgba(), QImage()};
+    const std::uint64_t request = ++*plotRequest_;
+    plotPending_ = true;
+    plotQueue_->async([picture = std::move(picture), readLine = shown.readLine, writeLine = shown.writeLine,
+                       read = colours.read.rgba(), write = colours.write.rgba(), scale = mapping.scaleX,
+                       fraction = QPointF(mapping.fractionX, mapping.fractionY), graph = graphRect_, request,
+                       current = plotRequest_, buffers = plotBuffers_, main = mainExecutor_,
+                       alive = std::weak_ptr<bool>(alive_), self = this]() mutable {
+        if (current->load() != request) return;  // superseded before it started
+        picture = buffers->copyOf(picture);
+        {
+            PicturePainter painter(picture, scale, fraction);
+            (*painter).translate(graph.topLeft());
+            strokeLines(*painter, readLine, writeLine, QColor::fromRgba(read), QColor::fromRgba(write), graph.size());
+        }
+        buffers->keep(picture);
+        main->post([self, alive = std::move(alive), current = std::move(current), request,
+                    picture = std::move(picture)]() mutable {
+            // Gone, or superseded: dropped.
+            if (alive.expired() || current->load() != request || !self->plotAhead_) return;
+            self->plot_ = std::move(self->plotAhead_);
+            self->plotAhead_.reset();
+            self->plot_->image = std::move(picture);
+            self->plotPending_ = false;
+            self->update();
+        });
+    });
 }
 
 void DiskIOGraphCanvas::viewChanged() {
@@ -315,35 +618,86 @@ void DiskIOGraphCanvas::paintEvent(QPaintEvent*) {
     painter.setRenderHint(QPainter::TextAntialiasing);
     const GraphPalette colours = GraphPalette::of(palette());
     const GraphGeometry::Frame shown = frame();
-    painter.translate(graphRect_.topLeft());
-    paintGrid(painter, shown, colours);
-    paintThroughputLabels(painter, shown, colours);
-    paintLines(painter, shown, colours);
-    paintTimeLabels(painter, shown, colours);
+    const auto mapping = mappingOf(painter.deviceTransform());
+    const QPaintEngine* engine = painter.paintEngine();
+    const auto* target = engine != nullptr && engine->paintDevice() != nullptr &&
+                                 engine->paintDevice()->devType() == QInternal::Image
+                             ? static_cast<const QImage*>(engine->paintDevice())
+                             : nullptr;
+    if (mapping && target != nullptr) {
+        // The plot as a picture: drawn ahead for these lines, or the background with the lines on it.
+        const BackgroundKey key = backgroundKey(*mapping, target->format(), shown, colours);
+        const bool plotted = plot_ && plot_->background.shows(key) && plot_->readLine == shown.readLine &&
+                             plot_->writeLine == shown.writeLine && plot_->read == colours.read.rgba() &&
+                             plot_->write == colours.write.rgba();
+        const QImage& picture = plotted ? plot_->image : background(key, shown, colours);
+        painter.save();
+        painter.setWorldTransform(painter.deviceTransform().inverted());  // device pixels
+        painter.drawImage(mapping->origin, picture);
+        painter.restore();
+        lastTarget_.emplace(*mapping, target->format());
+        painter.translate(graphRect_.topLeft());
+        if (!plotted)
+            strokeLines(painter, shown.readLine, shown.writeLine, colours.read, colours.write, graphRect_.size());
+    } else {
+        painter.fillRect(rect(), colours.cardBackground);
+        painter.translate(graphRect_.topLeft());
+        Grid(slotLines(shown.slots, graphRect_.width()), shown.throughputTicks, shown.timeTicks, graphRect_.size(),
+             colours.text)
+            .draw(painter, 0, graphRect_.height());
+        paintThroughputLabels(painter, shown, colours);
+        strokeLines(painter, shown.readLine, shown.writeLine, colours.read, colours.write, graphRect_.size());
+        paintTimeLabels(painter, shown, colours);
+    }
     paintHover(painter, shown, colours);
 }
 
-void DiskIOGraphCanvas::paintGrid(QPainter& painter, const GraphGeometry::Frame& shown,
-                                  const GraphPalette& colours) const {
-    const double width = graphRect_.width();
-    const double height = graphRect_.height();
-    QList<QLineF> slotLines;
-    for (const double x : GraphGeometry::slotGridPositions(shown.slots, width))
-        if (x >= 0 && x <= width) slotLines.append(QLineF(x, 0, x, height));
-    painter.setPen(QPen(withOpacity(colours.text, slotGridOpacity), thinLine));
-    painter.drawLines(slotLines);
+DiskIOGraphCanvas::BackgroundKey DiskIOGraphCanvas::backgroundKey(const DeviceMapping& mapping, QImage::Format format,
+                                                                  const GraphGeometry::Frame& shown,
+                                                                  const GraphPalette& colours) const {
+    BackgroundKey key;
+    key.mapping = mapping;
+    key.format = format;
+    key.pixels = QSize(static_cast<int>(std::ceil(width() * mapping.scaleX + mapping.fractionX)),
+                       static_cast<int>(std::ceil(height() * mapping.scaleY + mapping.fractionY)));
+    key.graph = graphRect_;
+    key.font = axisFont_;
+    key.card = colours.cardBackground.rgba();
+    key.text = colours.text.rgba();
+    key.secondaryText = colours.secondaryText.rgba();
+    key.slotLines = slotLines(shown.slots, graphRect_.width());
+    key.throughputTicks = shown.throughputTicks;
+    key.timeTicks = shown.timeTicks;
+    key.sampleIntervalMs = sampleIntervalMs_;
+    return key;
+}
 
-    QList<QLineF> tickLines;
-    for (const auto& tick : shown.throughputTicks) {
-        const double y = height - tick.position * height;
-        tickLines.append(QLineF(0, y, width, y));
+const QImage& DiskIOGraphCanvas::background(const BackgroundKey& key, const GraphGeometry::Frame& shown,
+                                            const GraphPalette& colours) {
+    if (background_ && background_->key.shows(key)) return background_->image;
+    // Everything but the lines, in their order; the time labels lie below the lines' reach. The
+    // previous picture's memory is drawn into again when no plot job holds it any more.
+    QImage image;
+    if (background_ && background_->image.isDetached() && background_->image.size() == key.pixels &&
+        background_->image.format() == key.format) {
+        std::atomic_thread_fence(std::memory_order_acquire);  // after the last job let go of it
+        image = std::move(background_->image);
+    } else {
+        image = QImage(key.pixels, key.format);
     }
-    for (const auto& tick : shown.timeTicks) {
-        const double x = tick.position * width;
-        tickLines.append(QLineF(x, 0, x, height));
+    background_.reset();
+    image.fill(colours.cardBackground);
+    const QPointF fraction(key.mapping.fractionX, key.mapping.fractionY);
+    drawGridOn(image, Grid(key.slotLines, key.throughputTicks, key.timeTicks, graphRect_.size(), colours.text),
+               key.mapping.scaleX, fraction, graphRect_.topLeft(), colours.cardBackground);
+    {
+        PicturePainter painter(image, key.mapping.scaleX, fraction);
+        (*painter).translate(graphRect_.topLeft());
+        paintThroughputLabels(*painter, shown, colours);
+        paintTimeLabels(*painter, shown, colours);
     }
-    painter.setPen(QPen(withOpacity(colours.text, tickGridOpacity), thinLine));
-    painter.drawLines(tickLines);
+    background_ = Background{key, std::move(image)};
+    return background_->image;
 }
 
 void DiskIOGraphCanvas::paintThroughputLabels(QPainter& painter, const GraphGeometry::Frame& shown,
@@ -361,28 +715,6 @@ void DiskIOGraphCanvas::paintThroughputLabels(QPainter& painter, const GraphGeom
         const double baseline = y + (metrics.ascent() - metrics.descent()) / 2;
         painter.drawText(QPointF(width + labelGap, baseline), qString(label.text));
     }
-}
-
-void DiskIOGraphCanvas::paintLines(QPainter& painter, const GraphGeometry::Frame& shown,
-                                   const GraphPalette& colours) const {
-    if (shown.readLine.empty()) return;
-    painter.save();
-    // The lines may run past the plot's sides when zoomed; a flat line at 0 keeps its full width.
-    painter.setClipRect(QRectF(0, -lineWidth, graphRect_.width(), graphRect_.height() + 2 * lineWidth));
-    const auto stroke = [&](const std::vector<GraphGeometry::Point>& line, const QColor& colour) {
-        QPen pen(colour, lineWidth, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin);
-        painter.setPen(pen);
-        if (line.size() == 1) {
-            painter.drawPoint(toQt(line.front()));
-            return;
-        }
-        QPainterPath path(toQt(line.front()));
-        for (std::size_t i = 1; i < line.size(); ++i) path.lineTo(toQt(line[i]));
-        painter.drawPath(path);
-    };
-    stroke(shown.readLine, colours.read);
-    stroke(shown.writeLine, colours.write);
-    painter.restore();
 }
 
 void DiskIOGraphCanvas::paintTimeLabels(QPainter& painter, const GraphGeometry::Frame& shown,

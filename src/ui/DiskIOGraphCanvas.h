@@ -1,15 +1,21 @@
 #pragma once
 
 #include <QFont>
+#include <QImage>
+#include <QPoint>
 #include <QPointF>
 #include <QRectF>
 #include <QSize>
 #include <QSizeF>
+#include <QTransform>
 #include <QWidget>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <utility>
+#include <vector>
 
 #include "charts/DiskIOGraphRendererCache.h"
 #include "charts/GraphGeometry.h"
@@ -18,6 +24,10 @@
 #include "concurrency/Subscription.h"
 
 class QPainter;
+
+namespace vantorix {
+class SerialQueue;
+}
 
 namespace vantorix::ui {
 
@@ -28,9 +38,15 @@ struct GraphPalette;
 // horizontal drag, and a hover marker with a tooltip. GraphGeometry decides everything; this
 // widget paints it and forwards input.
 //
-// The samples' reduction to points runs off the main thread in the renderer cache; the widget
-// repaints when the cache publishes points, so a batch of samples costs at most one repaint.
-// Everything here is for the main thread.
+// The samples' reduction to points runs off the main thread in the renderer cache. Painting works
+// with pictures in the device's pixels: a background (the card colour, grids and axis labels),
+// drawn again only when the size, scale, ticks or colours change, and the plot, a copy of the
+// background with the lines on it. When points arrive, the plot is drawn off the main thread and
+// the widget repaints once it is there, so a batch of samples costs at most one repaint, which
+// copies the plot. A paint for which no plot fits (a zoom, a drag, a resize) copies the background
+// and strokes the lines itself. Either way the pixels are those of drawing everything directly.
+// The widget paints its whole rectangle, in the card colour of the section around it. Everything
+// here is for the main thread.
 class DiskIOGraphCanvas : public QWidget {
     Q_OBJECT
 
@@ -61,8 +77,8 @@ public:
     // The tooltip's place in widget coordinates, when one shows.
     std::optional<QRectF> tooltipRect() const;
     QSizeF tooltipContentSize() const { return tooltipContentSize_; }
-    // Whether the cache is still reducing samples for the next points.
-    bool hasPendingPoints() const { return cache_->hasPendingWork(); }
+    // Whether the cache is still reducing samples for the next points, or their plot is being drawn.
+    bool hasPendingPoints() const { return cache_->hasPendingWork() || plotPending_; }
 
     QSize sizeHint() const override;
     QSize minimumSizeHint() const override;
@@ -85,6 +101,53 @@ protected:
     void wheelEvent(QWheelEvent* event) override;
 
 private:
+    // Where a paint lands on its device: a scale, and a translation split into whole device
+    // pixels (where a picture is copied to) and the rest (which a picture is drawn with).
+    struct DeviceMapping {
+        double scaleX = 1;
+        double scaleY = 1;
+        double fractionX = 0;
+        double fractionY = 0;
+        QPoint origin;
+
+        // The same apart from the origin.
+        bool drawsLike(const DeviceMapping& other) const;
+    };
+    // Everything the background picture shows, and how it is drawn.
+    struct BackgroundKey {
+        DeviceMapping mapping;
+        QImage::Format format = QImage::Format_ARGB32_Premultiplied;
+        QSize pixels;
+        QRectF graph;
+        QFont font;
+        QRgb card = 0;
+        QRgb text = 0;
+        QRgb secondaryText = 0;
+        std::vector<double> slotLines;
+        std::vector<GraphGeometry::AxisTick> throughputTicks;
+        std::vector<GraphGeometry::AxisTick> timeTicks;
+        std::int64_t sampleIntervalMs = 0;
+
+        // Equal, with slot lines that lie within a millionth of a pixel of each other.
+        bool shows(const BackgroundKey& other) const;
+    };
+    struct Background {
+        BackgroundKey key;
+        QImage image;
+    };
+    // The background with the lines drawn on it.
+    struct Plot {
+        BackgroundKey background;
+        std::vector<GraphGeometry::Point> readLine;
+        std::vector<GraphGeometry::Point> writeLine;
+        QRgb read = 0;
+        QRgb write = 0;
+        QImage image;
+    };
+
+    // The mapping of a painter's device transform, when it only scales (alike in x and y) and shifts.
+    static std::optional<DeviceMapping> mappingOf(const QTransform& toDevice);
+
     GraphGeometry::View view() const;
     GraphGeometry::Size graphSize() const;
     // Places the plot inside the widget, leaving room for the axis labels.
@@ -93,14 +156,18 @@ private:
     // while points were drawn: then no points arrive, and the caller repaints.
     bool requestPoints();
     void pointsPublished();
+    // Starts drawing the plot of the current points off the main thread; repaints when it is there.
+    void drawPlotAhead();
     void viewChanged();
     void hover(QPointF position);
     void setHoveredSample(std::optional<IndexedSample> sample);
     void pinch(double factor);
     void commitPinch();
 
-    void paintGrid(QPainter& painter, const GraphGeometry::Frame& frame, const GraphPalette& colours) const;
-    void paintLines(QPainter& painter, const GraphGeometry::Frame& frame, const GraphPalette& colours) const;
+    BackgroundKey backgroundKey(const DeviceMapping& mapping, QImage::Format format, const GraphGeometry::Frame& frame,
+                                const GraphPalette& colours) const;
+    // The background picture for `key`, drawn again when it shows something else.
+    const QImage& background(const BackgroundKey& key, const GraphGeometry::Frame& frame, const GraphPalette& colours);
     void paintThroughputLabels(QPainter& painter, const GraphGeometry::Frame& frame, const GraphPalette& colours) const;
     void paintTimeLabels(QPainter& painter, const GraphGeometry::Frame& frame, const GraphPalette& colours) const;
     void paintHover(QPainter& painter, const GraphGeometry::Frame& frame, const GraphPalette& colours);
@@ -128,6 +195,23 @@ private:
     QFont axisFont_;
     QFont tooltipFont_;
     QRectF graphRect_;
+
+    std::shared_ptr<MainExecutor> mainExecutor_;
+    std::optional<Background> background_;
+    std::optional<Plot> plot_;       // the newest that arrived
+    std::optional<Plot> plotAhead_;  // what the newest request draws, until it arrives
+    // How the last paint that could use pictures drew, and into which pixel format.
+    std::optional<std::pair<DeviceMapping, QImage::Format>> lastTarget_;
+    // The newest plot request; a job that is no longer the newest does nothing, and its result is
+    // dropped on arrival.
+    std::shared_ptr<std::atomic<std::uint64_t>> plotRequest_ = std::make_shared<std::atomic<std::uint64_t>>(0);
+    bool plotPending_ = false;
+    struct PlotBuffers;
+    std::shared_ptr<PlotBuffers> plotBuffers_;
+    // Held only here, so that a result arriving after the widget has gone sees it expired.
+    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    // Declared last: destroyed first, finishing (or skipping) the jobs while the fields above exist.
+    std::unique_ptr<SerialQueue> plotQueue_;
 };
 
 }  // namespace vantorix::ui
