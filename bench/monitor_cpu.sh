@@ -1,7 +1,10 @@
 #!/bin/sh
-# CPU cost of headless monitoring: runs `vantorix-cli monitor` at 1 ms for SECONDS (default 60)
-# and, for comparison, the least any process needs to wake every millisecond on this machine
-# (bench/timerfd_floor.c). Prints both as a percentage of one core.
+# CPU cost of monitoring at 1 ms: runs `vantorix-cli monitor` at 1 ms for SECONDS (default 60),
+# for comparison the least any process needs to wake every millisecond on this machine
+# (bench/timerfd_floor.c), and, when the build has the desktop application and xvfb-run is
+# installed, `vantorix --precision 1 --monitor PATH` on a virtual display for as long. Prints each
+# as a percentage of one core (user + system time over wall time, start-up included), then the
+# ratios to the floor.
 #
 #   bench/monitor_cpu.sh [build-dir] [seconds] [path]
 set -eu
@@ -10,6 +13,7 @@ seconds=${2:-60}
 path=${3:-/}
 here=$(dirname "$0")
 cli="$build/vantorix-cli"
+desktop="$build/vantorix"
 [ -x "$cli" ] || { echo "no $cli; build it first" >&2; exit 1; }
 
 device=$("$cli" info "$path" --json 2>/dev/null | sed -n 's/.*"bsdName": "\([^"]*\)".*/\1/p')
@@ -17,13 +21,66 @@ tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 cc -O2 -o "$tmp/floor" "$here/timerfd_floor.c"
 
-percent() {  # command...: runs it and prints user+sys as a percentage of its wall time
-    /usr/bin/time -f "%U %S %e" -o "$tmp/time" "$@" >/dev/null 2>&1
-    awk '{ printf "%.1f%% of one core (user %.2f s, sys %.2f s, wall %.1f s)\n", 100 * ($1 + $2) / $3, $1, $2, $3 }' "$tmp/time"
+# Prints "P% of one core (user U s, sys S s, wall W s)" and leaves P in $tmp/percent.
+report() {  # user sys wall
+    awk -v u="$1" -v s="$2" -v w="$3" -v out="$tmp/percent" 'BEGIN {
+        p = 100 * (u + s) / w
+        printf "%.1f%% of one core (user %.2f s, sys %.2f s, wall %.1f s)\n", p, u, s, w
+        printf "%.4f\n", p > out
+    }'
 }
+
+percent() {  # command...: runs it to its end
+    /usr/bin/time -f "%U %S %e" -o "$tmp/time" "$@" >/dev/null 2>&1
+    report $(cat "$tmp/time")
+}
+
+# The desktop application runs until it is told to stop, under xvfb-run, which also starts the
+# X server: its CPU is read from /proc just before SIGTERM, for the application's process alone.
+desktop_percent() {
+    xvfb-run -a "$desktop" --precision 1 --monitor "$path" >/dev/null 2>&1 &
+    runner=$!
+    app=
+    for _ in $(seq 100); do
+        app=$(pgrep -P "$runner" -x vantorix || true)
+        [ -n "$app" ] && break
+        sleep 0.1
+    done
+    if [ -z "$app" ]; then
+        kill "$runner" 2>/dev/null || true
+        echo "did not start"
+        return 1
+    fi
+    sleep "$seconds"
+    hz=$(getconf CLK_TCK)
+    # Counted from the state after the command name: utime and stime are the 12th and 13th
+    # fields, starttime the 20th.
+    stat=$(sed 's/.*) //' "/proc/$app/stat")
+    now=$(cut -d' ' -f1 /proc/uptime)
+    kill -TERM "$app"
+    wait "$runner" || true
+    set -- $stat
+    shift 11
+    utime=$1 stime=$2
+    shift 8
+    report $(awk -v u="$utime" -v s="$stime" -v start="$1" -v now="$now" -v hz="$hz" \
+                 'BEGIN { print u / hz, s / hz, now - start / hz }')
+}
+
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2fx", a / b }'; }
 
 echo "load: $(cut -d' ' -f1-3 /proc/loadavg)"
 printf 'vantorix-cli monitor %s --precision 1 --duration %s: ' "$path" "$seconds"
 percent "$cli" monitor "$path" --precision 1 --duration "$seconds" --json
+cli_percent=$(cat "$tmp/percent")
 printf 'timerfd floor (1 ms epoll + pread of %s stat): ' "$device"
 percent "$tmp/floor" "$seconds" "/sys/class/block/$device/stat"
+floor_percent=$(cat "$tmp/percent")
+ratios="cli/floor $(ratio "$cli_percent" "$floor_percent")"
+if [ -x "$desktop" ] && command -v xvfb-run >/dev/null 2>&1; then
+    printf 'vantorix --precision 1 --monitor %s (xvfb-run, %s s): ' "$path" "$seconds"
+    if desktop_percent; then
+        ratios="$ratios, desktop/floor $(ratio "$(cat "$tmp/percent")" "$floor_percent")"
+    fi
+fi
+echo "ratios: $ratios"

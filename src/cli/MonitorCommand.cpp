@@ -105,13 +105,17 @@ std::string humanSummary(const DiskIOMonitor::State& state, double duration) {
                        text::totalBytesText(state.totalWriteBytes), averageWrite);
 }
 
+// The figures are looked at once a second, and each report first fetches the pending samples, so
+// the batches need not reach the main thread at a display's rate.
+constexpr std::chrono::seconds kDeliveryInterval{1};
+
 // Drives one monitoring run on the main loop: select, start, a line a second, stop, summary.
 class MonitorSession {
 public:
     MonitorSession(const MonitorOptions& options, Environment& environment,
                    std::shared_ptr<LoopMainExecutor> main)
         : options_(options), out_(*environment.out), err_(*environment.err), main_(std::move(main)),
-          monitor_(DiskIOMonitor::create({environment.registry, environment.files, main_})),
+          monitor_(DiskIOMonitor::create({environment.registry, environment.files, main_, kDeliveryInterval})),
           reportQueue_("com.vantorix.cli.report", QualityOfService::utility) {}
 
     ~MonitorSession() {
@@ -183,7 +187,13 @@ private:
         reportTimer_ = std::make_unique<RepeatingTimer>(reportQueue_);
         const auto second = std::chrono::seconds(1);
         reportTimer_->schedule(second, second, std::chrono::milliseconds(10));
-        reportTimer_->setHandler([this] { main_->post([this] { report(); }); });
+        reportTimer_->setHandler([this] {
+            main_->post([this] {
+                // The pending samples arrive through the main loop; the report follows them.
+                monitor_->deliverPendingSamples();
+                main_->post([this] { report(); });
+            });
+        });
         reportTimer_->resume();
         if (options_.duration) {
             stopTimer_ = std::make_unique<RepeatingTimer>(reportQueue_);

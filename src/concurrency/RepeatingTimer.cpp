@@ -3,9 +3,6 @@
 #include "concurrency/SerialQueue.h"
 #include "log/Log.h"
 
-#include <asio/io_context.hpp>
-#include <asio/post.hpp>
-#include <asio/posix/stream_descriptor.hpp>
 #include <sys/prctl.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
@@ -79,18 +76,28 @@ thread_local TimerSlack tTimerSlack;
 
 // Each timer owns a kernel timer (timerfd) that repeats on its own: once armed with an absolute
 // first deadline and an interval, it fires every interval without being re-armed, and a read of it
-// says how many deadlines have passed since the last read. A tick therefore costs one wake-up and
-// one read; missed deadlines collapse into a single tick, keeping the phase.
+// says how many deadlines have passed since the last read. The queue watches the descriptor from
+// the moment the timer is armed until it is disarmed, so a tick costs one wake-up and one read;
+// missed deadlines collapse into a single tick, keeping the phase.
 struct RepeatingTimer::State : std::enable_shared_from_this<RepeatingTimer::State> {
-    explicit State(SerialQueue& queue)
-        : label(queue.label()),
-          descriptor(queue.context(), ::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)) {}
+    explicit State(SerialQueue& timerQueue)
+        : queue(timerQueue),
+          label(timerQueue.label()),
+          descriptor(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)) {}
 
+    ~State() {
+        if (descriptor >= 0) ::close(descriptor);
+    }
+
+    State(const State&) = delete;
+    State& operator=(const State&) = delete;
+
+    SerialQueue& queue;
     const std::string label;
+    const int descriptor;
 
     // Queue thread only.
-    asio::posix::stream_descriptor descriptor;
-    bool waiting = false;
+    bool watching = false;
     std::uint64_t armedGeneration = 0;
     std::optional<Duration> slackRequested;
 
@@ -125,8 +132,9 @@ struct RepeatingTimer::State : std::enable_shared_from_this<RepeatingTimer::Stat
         return spec;
     }
 
-    // Queue thread only: programs the kernel timer for `nextDeadline` and `interval`, or disarms it
-    // when the timer is cancelled, suspended or unscheduled.
+    // Queue thread only: programs the kernel timer for `nextDeadline` and `interval` and has the
+    // queue watch it, or disarms it and ends the watch when the timer is cancelled, suspended or
+    // unscheduled.
     void arm() {
         std::unique_lock lock(mutex);
         const bool active = !cancelled && resumed && scheduled;
@@ -136,13 +144,17 @@ struct RepeatingTimer::State : std::enable_shared_from_this<RepeatingTimer::Stat
         const Duration wantedLeeway = leeway;
         lock.unlock();
 
+        if (descriptor < 0) {
+            if (active) log::logger("Concurrency").error("Timer on queue {} has no kernel timer; it never ticks", label);
+            return;
+        }
         if (!active) {
             const itimerspec off{};
-            ::timerfd_settime(descriptor.native_handle(), 0, &off, nullptr);
+            ::timerfd_settime(descriptor, 0, &off, nullptr);
             armedGeneration = armed;
-            if (waiting) {
-                std::error_code ignored;
-                descriptor.cancel(ignored);
+            if (watching) {
+                queue.unwatch(descriptor);
+                watching = false;
             }
             if (slackRequested) {
                 tTimerSlack.release(this);
@@ -155,46 +167,31 @@ struct RepeatingTimer::State : std::enable_shared_from_this<RepeatingTimer::Stat
             slackRequested = wantedLeeway;
         }
         const itimerspec spec = timerSpec(deadline, every);
-        ::timerfd_settime(descriptor.native_handle(), TFD_TIMER_ABSTIME, &spec, nullptr);
+        ::timerfd_settime(descriptor, TFD_TIMER_ABSTIME, &spec, nullptr);
         armedGeneration = armed;
-        wait();
+        if (!watching) {
+            queue.watch(descriptor, [self = shared_from_this()] { self->expired(); });
+            watching = true;
+        }
     }
 
-    // Queue thread only.
-    void wait() {
-        if (waiting) return;
-        waiting = true;
-        descriptor.async_wait(asio::posix::stream_descriptor::wait_read,
-                              [self = shared_from_this()](const std::error_code& error) {
-                                  self->waiting = false;
-                                  if (!error) self->expired();
-                              });
-    }
-
-    // Queue thread only: the kernel timer fired one or more times.
+    // Queue thread only: the kernel timer is readable, it fired one or more times.
     void expired() {
         std::uint64_t expirations = 0;
-        const auto n = ::read(descriptor.native_handle(), &expirations, sizeof expirations);
+        const auto n = ::read(descriptor, &expirations, sizeof expirations);
         std::shared_ptr<const std::function<void()>> tickHandler;
-        bool tick = false;
         {
             std::lock_guard lock(mutex);
             if (cancelled || !resumed || !scheduled) return;
-            if (n != static_cast<ssize_t>(sizeof expirations) || expirations == 0 || armedGeneration != generation) {
-                // Nothing due (the timer was re-programmed meanwhile): wait on.
-            } else {
-                // Ticks that were missed collapse into this one; the deadlines keep their phase.
-                const Clock::time_point deadline =
-                    nextDeadline + interval * static_cast<Clock::rep>(expirations - 1);
-                lastDeadline = deadline;
-                nextDeadline = deadline + interval;
-                tickHandler = handler;
-                tickRunning = true;
-                tick = true;
-            }
+            // Nothing due, or the timer was re-programmed meanwhile: wait on.
+            if (n != static_cast<ssize_t>(sizeof expirations) || expirations == 0 || armedGeneration != generation) return;
+            // Ticks that were missed collapse into this one; the deadlines keep their phase.
+            const Clock::time_point deadline = nextDeadline + interval * static_cast<Clock::rep>(expirations - 1);
+            lastDeadline = deadline;
+            nextDeadline = deadline + interval;
+            tickHandler = handler;
+            tickRunning = true;
         }
-        wait();
-        if (!tick) return;
 
         if (tickHandler && *tickHandler) {
             try {
@@ -308,7 +305,7 @@ void RepeatingTimer::requestArm() {
     if (queue_.isCurrent()) {
         state_->arm();
     } else {
-        asio::post(queue_.context(), [state = state_] { state->arm(); });
+        queue_.async([state = state_] { state->arm(); });
     }
 }
 

@@ -22,6 +22,12 @@ namespace vantorix {
 // of service. The queue is an Asio io_context, so Asio timers and I/O objects made on context()
 // complete on the queue's thread, serialised with its work items.
 //
+// The repeating timers of a queue wait on a descriptor set of the queue's own, registered once
+// per timer (an Asio wait re-arms its descriptor on every wake-up): while a timer is armed and no
+// work is queued, the thread blocks there, and work enqueued through async() or sync() wakes it.
+// Asio I/O objects are not in that set, so once context() has been asked for, the timers wait
+// through Asio instead.
+//
 // An exception that escapes a work item is logged (category "Concurrency") and the queue carries
 // on with the next item.
 class SerialQueue {
@@ -63,11 +69,19 @@ public:
 
     // The queue's io_context, for Asio timers and I/O objects that complete on the queue. Asio
     // objects are not thread-safe: use them from the queue's work only. Do not run, stop or
-    // restart the context; the queue does that.
+    // restart the context; the queue does that. Post work through async(), not to the context.
     asio::io_context& context() const noexcept;
 
 private:
     struct Core;
+    friend class RepeatingTimer;
+
+    // Calls `onReadable` on the queue whenever `descriptor` becomes readable, until unwatch().
+    // Edge-triggered: the callback must consume everything that made it readable (a timerfd's
+    // single read does). Queue only; the descriptor stays the caller's and must stay open until
+    // unwatch().
+    void watch(int descriptor, std::function<void()> onReadable);
+    void unwatch(int descriptor);
 
     // Enqueues `work` as it is: exceptions are the caller's business.
     void enqueue(std::function<void()> work);

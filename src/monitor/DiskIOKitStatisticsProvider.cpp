@@ -192,21 +192,16 @@ std::vector<std::string> StatisticsSession::cachedDescriptions() const {
 }
 
 Result<StatisticsSession::Snapshot, MonitorError> StatisticsSession::snapshot() {
-    std::vector<CachedIOService> services;
     {
+        // Read under the cache's lock (an end() from another thread waits for a read in progress),
+        // which spares each read a copy of the list and a retain and release of its services.
         std::lock_guard lock(cacheLock_);
-        services = cachedServices_;
-        // The copy borrows the list's references; keep them alive while reading outside the lock
-        // in case the session is ended from another thread meanwhile.
-        for (const auto& entry : services) registry_->retain(entry.service);
+        for (const auto& entry : cachedServices_) {
+            if (auto result = DiskIOKitStatisticsProvider::readSnapshot(*registry_, entry.service, entry.description)) {
+                return *result;
+            }
+        }
     }
-    std::optional<Snapshot> result;
-    for (const auto& entry : services) {
-        result = DiskIOKitStatisticsProvider::readSnapshot(*registry_, entry.service, entry.description);
-        if (result) break;
-    }
-    releaseAll(services);
-    if (result) return *result;
 
     statisticsLog().notice("Cached IOService entries for BSD name {} failed; rebuilding matching cache",
                            descriptor_.bsdName);

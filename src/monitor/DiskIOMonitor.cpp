@@ -69,7 +69,7 @@ DiskIOMonitor::~DiskIOMonitor() {
 AggregationCoordinator& DiskIOMonitor::coordinator() {
     if (!aggregationCoordinator_) {
         aggregationCoordinator_ = AggregationCoordinator::create(
-            aggregationInterval, aggregationLeeway,
+            dependencies_.deliveryInterval, aggregationLeeway,
             [weak = weak_from_this(), main = dependencies_.mainExecutor](AggregationCoordinator::Payload batch) {
                 if (weak.expired()) return;
                 main->post([weak, batch = std::move(batch)] {
@@ -229,6 +229,8 @@ void DiskIOMonitor::setSamplingPrecision(SamplingPrecision precision) {
         }
     }));
 }
+
+void DiskIOMonitor::deliverPendingSamples() { coordinator().flush(); }
 
 bool DiskIOMonitor::replaceSmartInfo(const std::optional<DiskSMARTInfo>& info) {
     const auto& selected = state_.get().selectedVolume;

@@ -81,6 +81,11 @@ public:
         std::shared_ptr<Registry> registry;
         std::shared_ptr<VolumeInfoSource> files;
         std::shared_ptr<MainExecutor> mainExecutor;
+        // How often the samples travel to the main thread in one batch. A front end that looks at
+        // the figures less often than a display refreshes (the command-line tool, once a second)
+        // spares the main thread and the coordinator those wake-ups with a longer period, and
+        // calls deliverPendingSamples() before it looks.
+        std::chrono::nanoseconds deliveryInterval = aggregationInterval;
     };
 
     static std::shared_ptr<DiskIOMonitor> create(Dependencies dependencies);
@@ -98,6 +103,9 @@ public:
     // Ends the run. With `flushPending`, samples still waiting for delivery reach the history first.
     void stopMonitoring(bool flushPending);
     void setSamplingPrecision(SamplingPrecision precision);
+    // Sends the samples waiting for the next batch to the main thread now. They are applied by
+    // work that this posts to the main executor, so work posted after this call sees them.
+    void deliverPendingSamples();
 
     // Replaces the selection by a copy whose SMART data is `info`, unless the selection carries
     // that value already (compared field by field, row ids included); true when it published.

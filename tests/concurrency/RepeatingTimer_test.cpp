@@ -3,6 +3,7 @@
 #include "WaitFor.h"
 #include "concurrency/SerialQueue.h"
 
+#include <asio/steady_timer.hpp>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -11,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <new>
+#include <optional>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -189,6 +191,51 @@ TEST(RepeatingTimer, AReplacedHandlerIsNotCalledOnceTheNewOneHasRun) {
     ASSERT_TRUE(waitFor([&] { return newTicks >= 5; }));
     EXPECT_EQ(oldTicks.load(), oldAfterSwitch);
     timer.cancel();
+}
+
+// The queue's thread waits for its timers' deadlines itself; whatever else the queue is given in
+// the meantime must still reach it at once, not at the next deadline an hour away. Afterwards the
+// timer must go on ticking.
+TEST(RepeatingTimer, AQueueWaitingForAFarDeadlineStillServesEverythingElse) {
+    struct Case {
+        const char* name;
+        bool fromHandler;  // act from the first tick's handler rather than from the test's thread
+        std::function<void(SerialQueue&, std::optional<asio::steady_timer>&, std::atomic<bool>&)> act;
+    };
+    const auto post = [](SerialQueue& queue, std::optional<asio::steady_timer>&, std::atomic<bool>& done) {
+        queue.async([&done] { done = true; });
+    };
+    // An Asio timer on the queue's context completes through Asio's own wait.
+    const auto asioTimer = [](SerialQueue& queue, std::optional<asio::steady_timer>& asio, std::atomic<bool>& done) {
+        queue.async([&queue, &asio, &done] {
+            asio.emplace(queue.context(), std::chrono::milliseconds(1));
+            asio->async_wait([&done](const std::error_code& error) { done = !error; });
+        });
+    };
+    const std::vector<Case> cases{
+        {"work from another thread", false, post},
+        {"work from the tick's handler", true, post},
+        {"an Asio timer made on the queue", false, asioTimer},
+        {"an Asio timer made by the tick's handler", true, asioTimer},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        SerialQueue queue("com.vantorix.test.far", QualityOfService::userInteractive);
+        std::optional<asio::steady_timer> asio;
+        std::atomic<bool> done{false};
+        std::atomic<int> ticks{0};
+        RepeatingTimer timer(queue);
+        start(timer, Clock::now(), 1h, [&] {
+            if (++ticks == 1 && c.fromHandler) c.act(queue, asio, done);
+        });
+        ASSERT_TRUE(waitFor([&] { return ticks >= 1; }));
+        if (!c.fromHandler) c.act(queue, asio, done);
+        EXPECT_TRUE(waitFor([&] { return done.load(); }));
+        timer.reschedule(1ms, 0ns);
+        EXPECT_TRUE(waitFor([&] { return ticks >= 4; }));
+        timer.cancel();
+        queue.sync([&] { asio.reset(); });
+    }
 }
 
 TEST(RepeatingTimer, SteadyTicksAllocateNothing) {

@@ -218,6 +218,23 @@ TEST_F(DiskIOMonitorTest, SelectingAnotherVolumeStopsTheRunWithoutRestarting) {
     EXPECT_EQ(state().samples.size(), kept);
 }
 
+TEST_F(DiskIOMonitorTest, ALongDeliveryPeriodHoldsTheSamplesBackUntilTheyAreAskedFor) {
+    monitor_ = DiskIOMonitor::create({registry_, std::make_shared<AnyPathOnFakeDisk>(), main_, std::chrono::hours(1)});
+    selectAndStart(Precision::ms1);
+    // A tenth of a second: six periods of the default delivery.
+    ASSERT_TRUE(runUntil([&] { return state().isMonitoring && counters_->reads() >= 100; }));
+    main_->drain();
+    EXPECT_TRUE(state().samples.empty());
+
+    monitor_->deliverPendingSamples();
+    main_->drain();
+    // The session's matching pass and the baseline read the counters without giving a sample, and
+    // a tick may be between its read and its enqueue.
+    EXPECT_GE(state().samples.size(), 97u);
+    EXPECT_EQ(state().totalWriteBytes, sumWrites(state()));
+    EXPECT_EQ(state().totalWriteBytes, 4096u * state().samples.size());
+}
+
 TEST_F(DiskIOMonitorTest, HistoryKeepsTheNewestSixtyThousandWhileTotalsCountEverySample) {
     std::vector<Uuid> ids;
     for (int batch = 0; batch < 61; ++batch) {

@@ -1,6 +1,9 @@
 #include "platform/linux/SysfsRegistry.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/loop.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -362,6 +365,32 @@ TEST(SysfsRegistry, ADeviceThatDisappearsStopsAnswering) {
     }
     EXPECT_FALSE((*earlyCopy)->dictionary()->find("Statistics"));
     EXPECT_EQ(match(registry, "sdb"), kNoRegistryObject);
+}
+
+// On sysfs a removed device's `stat` file keeps its link count, so only the failed read of the
+// kept descriptor can tell; from then on the device must stop answering as it does on a tree of
+// ordinary files. Needs root to add and remove a loop device.
+TEST(SysfsRegistry, ARemovedDeviceOnSysfsStopsAnsweringOnceItsCountersFail) {
+    const int control = ::geteuid() == 0 ? ::open("/dev/loop-control", O_RDWR | O_CLOEXEC) : -1;
+    if (control < 0) GTEST_SKIP() << "needs root and /dev/loop-control";
+    // Far above the indexes `losetup --find` hands out, so no other program binds it meanwhile.
+    const int index = 4000 + static_cast<int>(::getpid() % 1000);
+    if (::ioctl(control, LOOP_CTL_ADD, index) < 0) {
+        ::close(control);
+        GTEST_SKIP() << "cannot add loop" << index;
+    }
+    SysfsRegistry registry;
+    const RegistryRef device(registry, match(registry, "loop" + std::to_string(index)));
+    const bool answered = device && property(registry, device.get(), "Statistics").has_value();
+    const bool removed = ::ioctl(control, LOOP_CTL_REMOVE, index) >= 0;
+    ::close(control);
+    ASSERT_TRUE(answered);
+    ASSERT_TRUE(removed);
+
+    EXPECT_FALSE(property(registry, device.get(), "Statistics"));
+    const auto copy = registry.copyProperties(device.get());
+    EXPECT_EQ(copy ? kIOReturnSuccess : copy.error(), kIOReturnNoDevice);
+    EXPECT_FALSE(registry.registryEntryId(device.get()));
 }
 
 TEST(SysfsRegistry, ADeviceMadeAgainAtTheSamePlaceIsANewService) {

@@ -2,6 +2,8 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/statfs.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -151,10 +153,15 @@ SysfsNode::~SysfsNode() {
 bool SysfsNode::present() const {
     struct stat info {};
     // A block device whose counters are being read is checked through its kept descriptor, which
-    // costs far less than a path lookup: a removed sysfs device then fails on its next read
-    // (ENODEV), and a removed file of an ordinary file system has no links left.
+    // costs far less than a path lookup. A removed sysfs attribute keeps its link count, so there
+    // the failed read is what tells (and costs nothing while the device is there); a removed file
+    // of an ordinary file system has no links left.
     const int fd = statFd_.load(std::memory_order_acquire);
-    if (fd >= 0) return ::fstat(fd, &info) == 0 && info.st_nlink > 0;
+    if (fd >= 0) {
+        if (statGone_.load(std::memory_order_relaxed)) return false;
+        if (statOnSysfs_.load(std::memory_order_relaxed)) return true;
+        return ::fstat(fd, &info) == 0 && info.st_nlink > 0;
+    }
     return ::stat(dir_.c_str(), &info) == 0 && S_ISDIR(info.st_mode) &&
            static_cast<std::uint64_t>(info.st_ino) == inode_;
 }
@@ -168,6 +175,10 @@ int SysfsNode::statDescriptor() const {
     if (::fstat(opened, &info) != 0 || !S_ISREG(info.st_mode) || (info.st_mode & (S_IRUSR | S_IRGRP | S_IROTH)) == 0) {
         ::close(opened);
         return -1;
+    }
+    struct statfs fileSystem {};
+    if (::fstatfs(opened, &fileSystem) == 0 && fileSystem.f_type == SYSFS_MAGIC) {
+        statOnSysfs_.store(true, std::memory_order_relaxed);
     }
     int expected = -1;
     if (statFd_.compare_exchange_strong(expected, opened, std::memory_order_acq_rel)) return opened;
@@ -184,6 +195,8 @@ std::optional<BlockStatCounters> SysfsNode::statistics() const {
     do {
         n = ::pread(fd, buffer.data(), buffer.size(), 0);
     } while (n < 0 && errno == EINTR);
+    // sysfs answers ENODEV once the device has been removed (ENOENT for a removed attribute).
+    if (n < 0 && (errno == ENODEV || errno == ENOENT)) statGone_.store(true, std::memory_order_relaxed);
     if (n <= 0 || static_cast<std::size_t>(n) >= buffer.size()) return std::nullopt;
     return parseBlockStat(std::string_view(buffer.data(), static_cast<std::size_t>(n)));
 }

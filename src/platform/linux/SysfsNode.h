@@ -43,8 +43,10 @@ public:
     const std::string& subsystem() const { return subsystem_; }
     std::uint64_t inode() const { return inode_; }
 
-    // True while the directory exists and is still the one this node was made for (for a block
-    // device with a kept `stat` descriptor: while that file is still linked).
+    // True while the directory exists and is still the one this node was made for. A block device
+    // with a kept `stat` descriptor is judged by that file instead, without a path lookup: on
+    // sysfs, a removed device's attribute fails to read (ENODEV), after which the node is absent;
+    // elsewhere (a tree of ordinary files) the file must still be linked.
     bool present() const;
 
     // The counters of the block device's `stat` file, read now.
@@ -62,6 +64,8 @@ private:
     std::string subsystem_;
     std::uint64_t inode_;
     mutable std::atomic<int> statFd_{-1};
+    mutable std::atomic<bool> statOnSysfs_{false};  // set before statFd_ is published
+    mutable std::atomic<bool> statGone_{false};     // a read of the kept file found the device removed
 };
 
 // The "Physical Interconnect" of a device directory whose subsystem names its bus, if it has one.
