@@ -2,8 +2,8 @@
 # CPU cost of monitoring at 1 ms: runs `vantorix-cli monitor` at 1 ms for SECONDS (default 60),
 # for comparison the least any process needs to wake every millisecond on this machine
 # (bench/timerfd_floor.c), and, when the build has the desktop application and xvfb-run is
-# installed, `vantorix --precision 1 --monitor PATH` on a virtual display for as long. Prints each
-# as a percentage of one core (user + system time over wall time, start-up included), then the
+# installed, `vantorix --precision 1 --monitor PATH` on a virtual display for as long once it has
+# started. Prints each as a percentage of one core (user + system time over wall time), then the
 # ratios to the floor.
 #
 #   bench/monitor_cpu.sh [build-dir] [seconds] [path]
@@ -36,7 +36,12 @@ percent() {  # command...: runs it to its end
 }
 
 # The desktop application runs until it is told to stop, under xvfb-run, which also starts the
-# X server: its CPU is read from /proc just before SIGTERM, for the application's process alone.
+# X server. Its CPU (the application's process alone) is read from /proc once it has had 5 s to
+# start, show its window and begin monitoring, and again SECONDS later, just before SIGTERM.
+cpu_ticks() {  # pid: "utime stime" in clock ticks, counted from the state after the command name
+    sed 's/.*) //' "/proc/$1/stat" | cut -d' ' -f12,13
+}
+
 desktop_percent() {
     xvfb-run -a "$desktop" --precision 1 --monitor "$path" >/dev/null 2>&1 &
     runner=$!
@@ -51,20 +56,14 @@ desktop_percent() {
         echo "did not start"
         return 1
     fi
+    sleep 5
+    before=$(cpu_ticks "$app") since=$(cut -d' ' -f1 /proc/uptime)
     sleep "$seconds"
-    hz=$(getconf CLK_TCK)
-    # Counted from the state after the command name: utime and stime are the 12th and 13th
-    # fields, starttime the 20th.
-    stat=$(sed 's/.*) //' "/proc/$app/stat")
-    now=$(cut -d' ' -f1 /proc/uptime)
+    after=$(cpu_ticks "$app") now=$(cut -d' ' -f1 /proc/uptime)
     kill -TERM "$app"
     wait "$runner" || true
-    set -- $stat
-    shift 11
-    utime=$1 stime=$2
-    shift 8
-    report $(awk -v u="$utime" -v s="$stime" -v start="$1" -v now="$now" -v hz="$hz" \
-                 'BEGIN { print u / hz, s / hz, now - start / hz }')
+    report $(echo "$before $after" | awk -v hz="$(getconf CLK_TCK)" -v wall="$(awk -v a="$since" -v b="$now" 'BEGIN { print b - a }')" \
+                 '{ print ($3 - $1) / hz, ($4 - $2) / hz, wall }')
 }
 
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2fx", a / b }'; }

@@ -149,8 +149,8 @@ void strokeLines(QPainter& painter, const std::vector<GraphGeometry::Point>& rea
     // The lines may run past the plot's sides when zoomed; a flat line at 0 keeps its full width.
     const QRectF clip(0, -lineWidth, graph.width(), graph.height() + 2 * lineWidth);
     painter.setClipRect(clip);
-    strokeLine(painter, readLine, QPen(read, lineWidth, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin), clip);
-    strokeLine(painter, writeLine, QPen(write, lineWidth, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin), clip);
+    strokeLine(painter, readLine, QPen(read, lineWidth, Qt::SolidLine, Qt::FlatCap, Qt::BevelJoin), clip);
+    strokeLine(painter, writeLine, QPen(write, lineWidth, Qt::SolidLine, Qt::FlatCap, Qt::BevelJoin), clip);
     painter.restore();
 }
 
@@ -273,6 +273,12 @@ struct DiskIOGraphCanvas::PlotBuffers {
 bool DiskIOGraphCanvas::DeviceMapping::drawsLike(const DeviceMapping& other) const {
     return scaleX == other.scaleX && scaleY == other.scaleY && fractionX == other.fractionX &&
            fractionY == other.fractionY;
+}
+
+bool DiskIOGraphCanvas::Plot::shows(const BackgroundKey& key, const GraphGeometry::Frame& shown,
+                                    const GraphPalette& colours) const {
+    return background.shows(key) && readLine == shown.readLine && writeLine == shown.writeLine &&
+           read == colours.read.rgba() && write == colours.write.rgba();
 }
 
 bool DiskIOGraphCanvas::BackgroundKey::shows(const BackgroundKey& other) const {
@@ -415,6 +421,8 @@ void DiskIOGraphCanvas::pointsPublished() {
     // The hovered point follows its index into the new points, so its dots stay on the lines.
     hoveredSample_ = GraphGeometry::retargeted(hoveredSample_, cache_->plottedSamples(),
                                                static_cast<std::int64_t>(samples_.size()));
+    // The tooltip shows the hovered sample's figures, which a new batch may change.
+    if (hoveredSample_) update();
     drawPlotAhead();
 }
 
@@ -428,6 +436,18 @@ void DiskIOGraphCanvas::drawPlotAhead() {
     const GraphPalette colours = GraphPalette::of(palette());
     const auto& [mapping, format] = *lastTarget_;
     const BackgroundKey key = backgroundKey(mapping, format, shown, colours);
+    // A batch that leaves the picture as it is (an idle volume's flat lines under a full history)
+    // costs neither a drawing nor a repaint.
+    if (plotAhead_ && plotAhead_->shows(key, shown, colours)) return;
+    if (plot_ && plot_->shows(key, shown, colours)) {
+        if (plotAhead_) {  // the pending picture would show something else: it is not wanted
+            ++*plotRequest_;
+            plotAhead_.reset();
+            plotPending_ = false;
+            update();
+        }
+        return;
+    }
     QImage picture = background(key, shown, colours);
     // What the picture will show stays here; the job gets plain values and pictures only.
     plotAhead_ = Plot{key, shown.readLine, shown.writeLine, colours.read.rgba(), colours.write.rgba(), QImage()};
@@ -627,12 +647,13 @@ void DiskIOGraphCanvas::paintEvent(QPaintEvent*) {
     if (mapping && target != nullptr) {
         // The plot as a picture: drawn ahead for these lines, or the background with the lines on it.
         const BackgroundKey key = backgroundKey(*mapping, target->format(), shown, colours);
-        const bool plotted = plot_ && plot_->background.shows(key) && plot_->readLine == shown.readLine &&
-                             plot_->writeLine == shown.writeLine && plot_->read == colours.read.rgba() &&
-                             plot_->write == colours.write.rgba();
+        const bool plotted = plot_ && plot_->shows(key, shown, colours);
         const QImage& picture = plotted ? plot_->image : background(key, shown, colours);
         painter.save();
         painter.setWorldTransform(painter.deviceTransform().inverted());  // device pixels
+        // The picture is opaque (filled with the card's colour), so it replaces what lies beneath
+        // by a plain copy instead of a blend of every pixel.
+        if (colours.cardBackground.alpha() == 255) painter.setCompositionMode(QPainter::CompositionMode_Source);
         painter.drawImage(mapping->origin, picture);
         painter.restore();
         lastTarget_.emplace(*mapping, target->format());

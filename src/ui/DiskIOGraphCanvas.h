@@ -143,6 +143,9 @@ private:
         QRgb read = 0;
         QRgb write = 0;
         QImage image;
+
+        // True when the picture is what `shown` in `colours` on the device of `key` looks like.
+        bool shows(const BackgroundKey& key, const GraphGeometry::Frame& shown, const GraphPalette& colours) const;
     };
 
     // The mapping of a painter's device transform, when it only scales (alike in x and y) and shifts.

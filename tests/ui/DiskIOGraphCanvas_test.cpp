@@ -58,10 +58,11 @@ struct Graph {
         EXPECT_TRUE(QTest::qWaitForWindowExposed(&section));
     }
 
-    void append(std::size_t count) {
+    // An idle batch's samples carry no traffic.
+    void append(std::size_t count, bool idle = false) {
         for (std::size_t n = history.count(), end = n + count; n < end; ++n)
             history.append(DiskSample{Uuid::make(), std::chrono::sys_seconds(std::chrono::seconds(1'740'816'930 + n)),
-                                      readAt(n), writeAt(n), 1, 1});
+                                      idle ? 0 : readAt(n), idle ? 0 : writeAt(n), 1, 1});
         section.setSamples(history.elements(), 1000);
         settle();
     }
@@ -119,7 +120,7 @@ TEST(DiskIOGraphCanvas, PaintsNoneSomeAndAFullWindowOfSamples) {
     }
 }
 
-TEST(DiskIOGraphCanvas, RepaintsAtMostOncePerBatch) {
+TEST(DiskIOGraphCanvas, RepaintsAtMostOncePerBatchAndNotForBatchesThatChangeNothingShown) {
     Graph graph;
     graph.append(250);
     PaintCounter counter;
@@ -129,6 +130,14 @@ TEST(DiskIOGraphCanvas, RepaintsAtMostOncePerBatch) {
     EXPECT_GT(counter.paints, 0);
     EXPECT_LE(counter.paints, batches);
     EXPECT_EQ(graph.canvas->frame().drawn.back().readSpeed, static_cast<double>(readAt(269)));
+
+    // Once the traffic has left the window, idle batches leave the flat lines where they are.
+    graph.append(300, /*idle=*/true);
+    counter.paints = 0;
+    for (int i = 0; i < batches; ++i) graph.append(1, /*idle=*/true);
+    EXPECT_EQ(counter.paints, 0);
+    graph.append(1);  // traffic again
+    EXPECT_EQ(counter.paints, 1);
 }
 
 TEST(DiskIOGraphCanvas, CtrlWheelCommitsAClampedZoom) {
