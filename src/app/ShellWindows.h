@@ -8,12 +8,12 @@
 
 namespace vantorix::app {
 
-// The About or Feedback window: its title and size, and for now the title and the version line
-// at its top left (their full content comes with the vendor's web service).
+// The About or Feedback window: its title and default size around its content, which fills it from
+// the top left.
 class ShellWindow final : public QWidget {
     Q_OBJECT
 public:
-    explicit ShellWindow(const dashboard::WindowSpec& spec, QWidget* parent = nullptr);
+    ShellWindow(const dashboard::WindowSpec& spec, QWidget* content, QWidget* parent = nullptr);
     const std::string& identifier() const { return identifier_; }
 
 private:

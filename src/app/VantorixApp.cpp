@@ -8,11 +8,15 @@
 
 #include "app/ShellWindows.h"
 #include "dashboard/ShellTexts.h"
+#include "platform/linux/CurlHttpClient.h"
 #include "platform/linux/LinuxVolumeInfoSource.h"
 #include "platform/linux/PosixFileSystem.h"
 #include "platform/linux/SysfsRegistry.h"
 #include "ui/Appearance.h"
+#include "ui/AboutVantorixView.h"
 #include "ui/DashboardRootView.h"
+#include "ui/DesktopFileOpener.h"
+#include "ui/FeedbackFormView.h"
 
 namespace vantorix::app {
 namespace {
@@ -47,6 +51,13 @@ VantorixApp::VantorixApp(Options options)
     monitor_ = DiskIOMonitor::create({std::make_shared<SysfsRegistry>(), std::make_shared<LinuxVolumeInfoSource>(), mainExecutor_});
     tester_ = DiskPerformanceTester::create({mainExecutor_, std::make_shared<PosixFileSystem>()}, options_.testParameters);
     smartRefresh_ = smart_.attachRefresh(monitor_, mainExecutor_);
+    const services::ServiceConfiguration services =
+        options_.serviceConfiguration ? *options_.serviceConfiguration : services::ServiceConfiguration::current();
+    const auto http = options_.httpClient ? options_.httpClient : std::make_shared<CurlHttpClient>();
+    updateChecker_ = services::UpdateChecker::create({http, mainExecutor_, services, VANTORIX_VERSION});
+    feedbackSubmitter_ = services::FeedbackSubmitter::create({http, mainExecutor_, services});
+    if (!options_.fileOpener) options_.fileOpener = std::make_shared<ui::DesktopFileOpener>();
+    if (!options_.serviceConfiguration) options_.serviceConfiguration = services;
 
     mainWindow_ = std::make_unique<MainWindow>([this] {
         (options_.launchLog != nullptr ? *options_.launchLog : std::cout) << dashboard::kLaunchLine << std::endl;
@@ -101,8 +112,15 @@ void VantorixApp::openWindow(const std::string& identifier) {
         open->activateWindow();
         return;
     }
-    const auto spec = identifier == dashboard::aboutWindow().identifier ? dashboard::aboutWindow() : dashboard::feedbackWindow();
-    auto* created = new ShellWindow(spec);
+    const bool about = identifier == dashboard::aboutWindow().identifier;
+    QWidget* content = nullptr;
+    if (about) {
+        content = new ui::AboutVantorixView({updateChecker_, options_.serviceConfiguration->contactLink, VANTORIX_VERSION,
+                                             VANTORIX_BUILD_NUMBER, options_.downloadsFolder, options_.fileOpener});
+    } else {
+        content = new ui::FeedbackFormView(feedbackSubmitter_);
+    }
+    auto* created = new ShellWindow(about ? dashboard::aboutWindow() : dashboard::feedbackWindow(), content);
     windows_[identifier] = created;
     created->show();
 }

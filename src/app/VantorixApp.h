@@ -4,6 +4,7 @@
 #include <QObject>
 #include <QPointer>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -12,6 +13,10 @@
 #include "benchmark/DiskPerformanceTester.h"
 #include "composition/SmartPipeline.h"
 #include "monitor/DiskIOMonitor.h"
+#include "services/Feedback.h"
+#include "services/HttpClient.h"
+#include "services/ServiceConfiguration.h"
+#include "services/UpdateCheck.h"
 #include "ui/QtMainExecutor.h"
 
 class QActionGroup;
@@ -37,6 +42,12 @@ public:
         std::ostream* launchLog = nullptr;
         // How long the performance test's random phases run, and so on.
         DiskPerformanceTester::Parameters testParameters;
+        // The vendor's web service: where it is (the build's values and the environment's when not
+        // given), how it is reached (libcurl when not given), where downloads go and what opens them.
+        std::optional<services::ServiceConfiguration> serviceConfiguration;
+        std::shared_ptr<services::HttpClient> httpClient;
+        std::function<std::string()> downloadsFolder;
+        std::shared_ptr<services::FileOpener> fileOpener;
     };
 
     VantorixApp();
@@ -86,6 +97,9 @@ private:
     QActionGroup* precisionGroup_ = nullptr;
     QActionGroup* sizeGroup_ = nullptr;
     std::map<std::string, QPointer<QWidget>> windows_;
+    // Kept for the application's life: closing a window does not end its check, download or submission.
+    std::shared_ptr<services::UpdateChecker> updateChecker_;
+    std::shared_ptr<services::FeedbackSubmitter> feedbackSubmitter_;
 };
 
 }  // namespace vantorix::app

@@ -42,6 +42,8 @@ Command addMonitorCommand(CLI::App& parent);
 Command addBenchCommand(CLI::App& parent);
 Command addSmartCommand(CLI::App& parent);
 Command addHelperCommand(CLI::App& parent);
+Command addCheckUpdateCommand(CLI::App& parent);
+Command addFeedbackCommand(CLI::App& parent);
 
 struct InfoOptions {
     std::string path;
@@ -100,5 +102,28 @@ struct HelperOptions {
 // Shows the SMART helper's registration as the helper manager sees it, or registers or removes it
 // through the service manager.
 int runHelper(const HelperOptions& options, Environment& environment);
+
+struct CheckUpdateOptions {
+    bool download = false;
+    bool json = false;
+};
+
+// Asks the vendor's web service for the product's newest version, as the About window does. Prints
+// "Already up to date" (exit status 0), or the new version and its URL (0) and with --download the
+// path it was saved to in the Downloads folder (0); a failure's message goes to standard error
+// (exit status 1).
+int runCheckUpdate(const CheckUpdateOptions& options, Environment& environment);
+
+struct FeedbackOptions {
+    std::string type = "suggestion";  // the wire value: suggestion, bug, feature, other
+    std::string title;
+    std::string content;
+    std::string email;
+    bool json = false;
+};
+
+// Sends feedback as the Feedback window does: the same limits, checks and messages. Exit status 0
+// when the service accepted it, 1 with the message on standard error otherwise.
+int runFeedback(const FeedbackOptions& options, Environment& environment);
 
 }  // namespace vantorix::cli

@@ -16,7 +16,8 @@ int main(int argc, char** argv) {
 
     const std::vector<cli::Command> commands{cli::addInfoCommand(app), cli::addMonitorCommand(app),
                                              cli::addBenchCommand(app), cli::addSmartCommand(app),
-                                             cli::addHelperCommand(app)};
+                                             cli::addHelperCommand(app), cli::addCheckUpdateCommand(app),
+                                             cli::addFeedbackCommand(app)};
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

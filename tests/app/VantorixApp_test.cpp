@@ -60,7 +60,10 @@ struct Application {
         script.status = static_cast<int>(ServiceStatus::requiresApproval);
         script.registerError = ServiceError{std::string(kServiceManagerErrorDomain), kApprovalRequiredCode, "approve", ""};
         services = std::make_shared<SubstituteServiceManager>(script);
-        app = std::make_unique<VantorixApp>(VantorixApp::Options{services, &launches, {}});
+        VantorixApp::Options options;
+        options.serviceManager = services;
+        options.launchLog = &launches;
+        app = std::make_unique<VantorixApp>(std::move(options));
     }
     testing::ScopedLanguage language;
     std::shared_ptr<SubstituteServiceManager> services;

@@ -1,0 +1,136 @@
+#include <CLI/CLI.hpp>
+
+#include <stdlib.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+#include <nlohmann/json.hpp>
+
+#include "cli/Commands.h"
+#include "cli/SignalWatcher.h"
+#include "platform/linux/CurlHttpClient.h"
+#include "services/ServiceTexts.h"
+#include "services/UpdateCheck.h"
+#include "text/Language.h"
+#include "text/Messages.h"
+
+namespace vantorix::cli {
+namespace {
+
+using ordered_json = nlohmann::ordered_json;
+using text::localized;
+using Status = services::UpdateCheckOutcome::Status;
+
+// A folder of the download's own inside the destination, removed as a whole when the user stops
+// the program, so that no half-written file stays behind in Downloads.
+class StagingFolder {
+public:
+    void create(const std::string& inside) {
+        std::string pattern = (std::filesystem::path(inside) / ".vantorix-cli-XXXXXX").string();
+        std::lock_guard lock(mutex_);
+        if (::mkdtemp(pattern.data()) != nullptr) path_ = pattern;
+    }
+    std::string path() const {
+        std::lock_guard lock(mutex_);
+        return path_;
+    }
+    void remove() {
+        std::lock_guard lock(mutex_);
+        if (path_.empty()) return;
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+        path_.clear();
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::string path_;
+};
+
+void printJson(Environment& environment, const ordered_json& document) {
+    *environment.out << document.dump(2, ' ', false, ordered_json::error_handler_t::replace) << '\n';
+}
+
+int fail(const CheckUpdateOptions& options, Environment& environment, ordered_json document, const std::string& message) {
+    *environment.err << message << '\n';
+    if (options.json) {
+        document["status"] = "failed";
+        document["message"] = message;
+        printJson(environment, document);
+    }
+    return kFailure;
+}
+
+}  // namespace
+
+int runCheckUpdate(const CheckUpdateOptions& options, Environment& environment) {
+    StagingFolder staging;
+    // Ctrl-C cannot interrupt a request that is under way: the program ends at once, after removing
+    // what a download has written so far.
+    SignalWatcher signals([&staging](int) {
+        staging.remove();
+        std::_Exit(kInterrupted);
+    });
+
+    CurlHttpClient client;
+    const auto configuration = services::ServiceConfiguration::current();
+    const auto outcome = services::checkForUpdate(client, configuration, VANTORIX_VERSION);
+    ordered_json document{{"status", nullptr}, {"runningVersion", VANTORIX_VERSION}};
+
+    if (outcome.status == Status::failed || !outcome.prompt) {
+        const std::string message = outcome.message.value_or("");
+        if (outcome.status == Status::failed) return fail(options, environment, document, message);
+        if (options.json) {
+            document["status"] = "upToDate";
+            document["message"] = message;
+            printJson(environment, document);
+        } else {
+            *environment.out << message << '\n';
+        }
+        return kSuccess;
+    }
+
+    const services::UpdatePrompt& prompt = *outcome.prompt;
+    const std::string found = text::newVersionFound(prompt.version);
+    document["version"] = prompt.version;
+    document["url"] = prompt.url;
+    if (!options.json) *environment.out << found << '\n' << prompt.url << '\n' << std::flush;
+    if (!options.download) {
+        if (options.json) {
+            document["status"] = "updateAvailable";
+            document["message"] = found;
+            printJson(environment, document);
+        }
+        return kSuccess;
+    }
+
+    const std::string folder = services::downloadsFolder();
+    *environment.err << services::downloadingUpdate() << '\n' << std::flush;
+    staging.create(folder);
+    const auto saved = services::downloadUpdate(client, prompt.url, folder, staging.path());
+    staging.remove();
+    if (!saved.ok()) return fail(options, environment, document, saved.error());
+    if (options.json) {
+        document["status"] = "downloaded";
+        document["message"] = found;
+        document["path"] = saved.value();
+        printJson(environment, document);
+    } else {
+        *environment.out << saved.value() << '\n';
+    }
+    return kSuccess;
+}
+
+Command addCheckUpdateCommand(CLI::App& parent) {
+    auto options = std::make_shared<CheckUpdateOptions>();
+    auto* command = parent.add_subcommand(
+        "check-update", localized("向 Vantorix 的网络服务查询是否有新版本", "Ask Vantorix's web service for a newer version"));
+    command->add_flag("--download", options->download,
+                      localized("有新版本时把它下载到“下载”文件夹并显示路径",
+                                "When there is a newer version, download it into the Downloads folder and print its path"));
+    command->add_flag("--json", options->json, localized("以 JSON 输出", "Print JSON"));
+    return {command, [options](Environment& environment) { return runCheckUpdate(*options, environment); }};
+}
+
+}  // namespace vantorix::cli

@@ -1,0 +1,255 @@
+#include <gtest/gtest.h>
+
+#include <QApplication>
+#include <QClipboard>
+#include <QDir>
+#include <QPainter>
+#include <QProcess>
+#include <QTest>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/linux/CurlHttpClient.h"
+#include "services/HttpTestServer.h"
+#include "services/QrCode.h"
+#include "services/ServiceTestSupport.h"
+#include "support/ScopedEnvironment.h"
+#include "ui/AboutVantorixView.h"
+#include "ui/FeedbackFormView.h"
+#include "ui/QtMainExecutor.h"
+
+namespace vantorix::ui {
+namespace {
+
+using vantorix::testing::Gate;
+using vantorix::testing::HttpTestServer;
+using vantorix::testing::ScopedLanguage;
+using vantorix::testing::TemporaryFolder;
+
+constexpr const char* kContactLink = "https://u.wechat.com/vantorix-support";
+
+// The application's palette for one test case: the desktop's light one, or a dark scheme's.
+class ScopedScheme {
+public:
+    explicit ScopedScheme(bool dark) : saved_(QApplication::palette()) {
+        if (!dark) return;
+        QPalette palette(QColor(235, 235, 240), QColor(36, 36, 38));  // window text, window
+        palette.setColor(QPalette::Base, QColor(48, 48, 52));
+        palette.setColor(QPalette::Text, QColor(235, 235, 240));
+        palette.setColor(QPalette::Button, QColor(58, 58, 62));
+        palette.setColor(QPalette::ButtonText, QColor(235, 235, 240));
+        palette.setColor(QPalette::PlaceholderText, QColor(150, 150, 156));
+        QApplication::setPalette(palette);
+    }
+    ~ScopedScheme() { QApplication::setPalette(saved_); }
+
+private:
+    QPalette saved_;
+};
+
+// Both languages in the light and the dark scheme.
+struct Look { const char* lang; bool dark; };
+const Look kLooks[] = {{"en_US.UTF-8", false}, {"en_US.UTF-8", true}, {"zh_CN.UTF-8", false}, {"zh_CN.UTF-8", true}};
+std::string lookName(const Look& look) { return std::string(look.lang).substr(0, 2) + (look.dark ? "-dark" : "-light"); }
+bool english(const Look& look) { return std::string(look.lang).starts_with("en"); }
+
+// Saves the window with its open alert drawn on top, as a person sees the pair.
+void screenshot(QWidget* window, QWidget* alert, const std::string& name) {
+    QDir().mkpath(QStringLiteral(VANTORIX_SCREENSHOT_DIR));
+    QPixmap picture = window->grab();
+    if (alert != nullptr) {
+        QPainter painter(&picture);
+        const QPixmap over = alert->grab();
+        painter.drawPixmap((window->width() - alert->width()) / 2, 40, over);
+    }
+    EXPECT_TRUE(picture.save(QStringLiteral(VANTORIX_SCREENSHOT_DIR "/") + QString::fromStdString(name) + ".png"));
+}
+
+// Dismisses a view's alert and waits until it has gone.
+template <class View>
+void dismiss(View& view) {
+    view.openAlert()->close();
+    EXPECT_TRUE(QTest::qWaitFor([&] { return view.openAlert() == nullptr; }, 10000));
+}
+
+struct RecordingOpener final : services::FileOpener {
+    std::vector<std::string> opened;
+    void open(const std::string& path) override { opened.push_back(path); }
+};
+
+// The web service on loopback, reached through the real libcurl client.
+struct Service {
+    HttpTestServer server;
+    std::shared_ptr<QtMainExecutor> main = std::make_shared<QtMainExecutor>();
+    std::shared_ptr<CurlHttpClient> client = std::make_shared<CurlHttpClient>();
+    services::ServiceConfiguration configuration{server.url(""), "vx7k2m9q4r8t1w5y3z6b0c2d4", kContactLink};
+};
+
+// What zbarimg reads from the code as shown, enlarged whole-pixel-wise and framed in white as a
+// camera would see it on the screen.
+std::string decoded(const QImage& code) {
+    TemporaryFolder folder;
+    QImage framed(code.width() * 4 + 64, code.height() * 4 + 64, QImage::Format_RGB32);
+    framed.fill(Qt::white);
+    QPainter(&framed).drawImage(32, 32, code.scaled(code.size() * 4, Qt::IgnoreAspectRatio, Qt::FastTransformation));
+    const QString file = QString::fromStdString((folder.path() / "qr.png").string());
+    framed.save(file);
+    QProcess zbar;
+    zbar.start(QStringLiteral("zbarimg"), {QStringLiteral("--quiet"), QStringLiteral("--raw"), file});
+    zbar.waitForFinished(20000);
+    return zbar.readAllStandardOutput().trimmed().toStdString();
+}
+
+TEST(AboutVantorixView, QrCodeIsSharpAndDecodesToTheContactLinkAtScaleOneAndTwo) {
+    Service service;
+    const auto checker = services::UpdateChecker::create({service.client, service.main, service.configuration, "1.0"});
+    AboutVantorixView view({checker, kContactLink, "1.0", "7", nullptr, nullptr});
+    view.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&view));
+    const QImage code = view.qrImage();
+    const int pixels = static_cast<int>(std::lround(64 * view.devicePixelRatioF()));
+    ASSERT_EQ(code.size(), QSize(pixels, pixels));
+    bool onlyBlackAndWhite = true;
+    for (int y = 0; y < code.height(); ++y)
+        for (int x = 0; x < code.width(); ++x) {
+            const int grey = qGray(code.pixel(x, y));
+            onlyBlackAndWhite = onlyBlackAndWhite && (grey == 0 || grey == 255);
+        }
+    EXPECT_TRUE(onlyBlackAndWhite);
+    EXPECT_EQ(decoded(code), kContactLink);
+    EXPECT_FALSE(view.qrFailureNote()->isVisible());
+    // The bitmap a screen at the other scale gets (128 device pixels at 2, 64 at 1).
+    const int other = pixels == 64 ? 128 : 64;
+    const auto bitmap = services::qrBitmap(*services::qrCode(kContactLink), other);
+    QImage otherCode(other, other, QImage::Format_Grayscale8);
+    for (int y = 0; y < other; ++y)
+        for (int x = 0; x < other; ++x)
+            otherCode.scanLine(y)[x] = bitmap[static_cast<std::size_t>(y * other + x)] ? 0 : 255;
+    EXPECT_EQ(decoded(otherCode), kContactLink);
+
+    // A link too long for any code shows the note instead.
+    AboutVantorixView tooLong({checker, std::string(8000, 'x'), "1.0", "7", nullptr, nullptr});
+    tooLong.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&tooLong));
+    EXPECT_TRUE(tooLong.qrFailureNote()->isVisible());
+}
+
+TEST(AboutVantorixView, ChecksOnceOffersTheDownloadAndOpensTheFile) {
+    for (const Look& look : kLooks) {
+        SCOPED_TRACE(lookName(look));
+        const ScopedLanguage language(look.lang);
+        const ScopedScheme scheme(look.dark);
+        const char* prompt = english(look) ? "New version found 2.0" : "发现新版本 2.0";
+        const char* upToDate = english(look) ? "Already up to date" : "当前已是最新版本";
+        Service service;
+        Gate gate;
+        std::string offered = "2.0";
+        service.server.get("/api/products/vx7k2m9q4r8t1w5y3z6b0c2d4", [&](const httplib::Request&, httplib::Response& response) {
+            gate.wait();
+            response.set_content(R"({"id":"p","currentVersion":")" + offered + R"(","downloadUrl":")" +
+                                     service.server.url("/files/vantorix-2.0.deb") + "\"}",
+                                 "application/json");
+        });
+        service.server.get("/files/vantorix-2.0.deb", [](const httplib::Request&, httplib::Response& response) {
+            response.set_content("package", "application/octet-stream");
+        });
+        TemporaryFolder downloads;
+        const auto opener = std::make_shared<RecordingOpener>();
+        const auto checker = services::UpdateChecker::create({service.client, service.main, service.configuration, "1.9.9"});
+        AboutVantorixView view({checker, kContactLink, "1.9.9", "42", [&] { return downloads.string(); }, opener});
+        view.resize(420, 380);
+        view.show();
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(&view));
+        const std::string suffix = lookName(look);
+
+        // The second press while the first check waits for the server starts nothing.
+        QTest::mouseClick(view.checkUpdateButton(), Qt::LeftButton);
+        QTest::mouseClick(view.checkUpdateButton(), Qt::LeftButton);
+        ASSERT_TRUE(service.server.waitForRequests(1, std::chrono::seconds(10)));
+        screenshot(&view, nullptr, "about-checking-" + suffix);
+        gate.open();
+        ASSERT_TRUE(QTest::qWaitFor([&] { return view.openAlert() != nullptr; }, 10000));
+        EXPECT_EQ(view.openAlert()->text().toStdString(), prompt);
+        EXPECT_EQ(service.server.requests().size(), 1u);
+        screenshot(&view, view.openAlert(), "about-download-prompt-" + suffix);
+        QPointer<QMessageBox> question = view.openAlert();
+
+        // "Download" saves the file in the Downloads folder and hands it to the opener.
+        QTest::keyClick(question, Qt::Key_Return);
+        ASSERT_TRUE(QTest::qWaitFor([&] { return !opener->opened.empty() && view.openAlert() == nullptr; }, 10000));
+        EXPECT_EQ(opener->opened, std::vector<std::string>{(downloads.path() / "vantorix-2.0.deb").string()});
+        EXPECT_EQ(vantorix::testing::fileContents(opener->opened.front()), "package");
+        EXPECT_EQ(downloads.names(), std::set<std::string>{"vantorix-2.0.deb"});
+
+        offered = "1.9.9";
+        QTest::mouseClick(view.checkUpdateButton(), Qt::LeftButton);
+        ASSERT_TRUE(QTest::qWaitFor([&] { return view.openAlert() != nullptr; }, 10000));
+        EXPECT_EQ(view.openAlert()->text().toStdString(), upToDate);
+        screenshot(&view, view.openAlert(), "about-up-to-date-" + suffix);
+        view.openAlert()->close();
+    }
+}
+
+TEST(FeedbackFormView, LimitsTheFieldsSubmitsOnceAndResetsAfterSuccess) {
+    for (const Look& look : kLooks) {
+        SCOPED_TRACE(lookName(look));
+        const ScopedLanguage language(look.lang);
+        const ScopedScheme scheme(look.dark);
+        Service service;
+        Gate gate;
+        service.server.post("/api/feedback", [&](const httplib::Request&, httplib::Response& response) {
+            gate.wait();
+            response.status = 201;
+            response.set_content(R"({"success":true,"id":"abc"})", "application/json");
+        });
+        FeedbackFormView view(services::FeedbackSubmitter::create({service.client, service.main, service.configuration}));
+        view.resize(520, 560);
+        view.show();
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(&view));
+        const std::string suffix = lookName(look);
+        screenshot(&view, nullptr, "feedback-empty-" + suffix);
+
+        // Typing past 100 characters drops the rest; a paste of 2,500 keeps the first 2,000.
+        view.titleField()->setFocus();
+        QTest::keyClicks(view.titleField(), QString(101, QLatin1Char('t')));
+        EXPECT_EQ(view.titleField()->text().size(), 100);
+        QApplication::clipboard()->setText(QString(2500, QChar(0x6587)));  // 文
+        view.contentField()->setFocus();
+        view.contentField()->paste();
+        EXPECT_EQ(view.contentField()->toPlainText(), QString(2000, QChar(0x6587)));
+
+        // A short title is refused before anything is sent.
+        view.titleField()->setText(QStringLiteral("  abcd  "));
+        QTest::mouseClick(view.submitButton(), Qt::LeftButton);
+        ASSERT_NE(view.openAlert(), nullptr);
+        EXPECT_EQ(view.openAlert()->text().toStdString(),
+                  english(look) ? "Title length must be 5–100" : "标题长度需 5–100");
+        screenshot(&view, view.openAlert(), "feedback-invalid-" + suffix);
+        dismiss(view);
+
+        view.titleField()->setText(QStringLiteral("Graph export"));
+        view.typePicker()->setCurrentIndex(1);
+        view.emailField()->setText(QStringLiteral("someone@example.org"));
+        QTest::mouseClick(view.submitButton(), Qt::LeftButton);
+        QTest::mouseClick(view.submitButton(), Qt::LeftButton);  // in flight: nothing more is sent
+        ASSERT_TRUE(service.server.waitForRequests(1, std::chrono::seconds(10)));
+        EXPECT_TRUE(view.progressIndicator()->isVisible());
+        screenshot(&view, nullptr, "feedback-submitting-" + suffix);
+        gate.open();
+        ASSERT_TRUE(QTest::qWaitFor([&] { return view.openAlert() != nullptr; }, 10000));
+        EXPECT_EQ(view.openAlert()->text().toStdString(),
+                  english(look) ? "Submitted successfully. Feedback ID: abc" : "提交成功，反馈ID：abc");
+        EXPECT_EQ(service.server.requests().size(), 1u);
+        EXPECT_FALSE(view.progressIndicator()->isVisible());
+        EXPECT_TRUE(view.titleField()->text().isEmpty());
+        EXPECT_TRUE(view.contentField()->toPlainText().isEmpty());
+        EXPECT_EQ(view.typePicker()->currentIndex(), 0);
+        screenshot(&view, view.openAlert(), "feedback-accepted-" + suffix);
+        view.openAlert()->close();
+    }
+}
+
+}  // namespace
+}  // namespace vantorix::ui
