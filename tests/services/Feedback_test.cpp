@@ -2,7 +2,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include "concurrency/ManualMainExecutor.h"
 #include "platform/linux/CurlHttpClient.h"
 #include "services/Feedback.h"
 #include "services/HttpTestServer.h"
@@ -182,36 +181,6 @@ TEST(Feedback, RequestCarriesTheTrimmedFormAsJson) {
         EXPECT_EQ(requests[i].header("Content-Type"), "application/json");
         EXPECT_EQ(nlohmann::json::parse(requests[i].body), expected[i]);
     }
-}
-
-TEST(Feedback, SubmitterSendsOneAtATime) {
-    testing::ScopedLanguage english("en_US.UTF-8");
-    HttpTestServer server;
-    testing::Gate gate;
-    server.post("/api/feedback", [&gate](const httplib::Request&, httplib::Response& response) {
-        gate.wait();
-        response.status = 201;
-        response.set_content(R"({"success":true,"id":"abc"})", "application/json");
-    });
-    auto main = std::make_shared<ManualMainExecutor>();
-    auto submitter = FeedbackSubmitter::create({std::make_shared<CurlHttpClient>(), main, {server.url(""), kProductId, ""}});
-    std::vector<FeedbackOutcome> outcomes;
-    const auto record = [&outcomes](const FeedbackOutcome& outcome) { outcomes.push_back(outcome); };
-
-    EXPECT_TRUE(submitter->submit({FeedbackType::bug, "abc", "", ""}, record));
-    ASSERT_EQ(outcomes.size(), 1u) << "a validation failure answers at once";
-    EXPECT_EQ(outcomes[0].message, "Title length must be 5–100");
-    EXPECT_FALSE(submitter->isSubmitting());
-
-    ASSERT_TRUE(submitter->submit(validForm(), record));
-    EXPECT_TRUE(submitter->isSubmitting());
-    ASSERT_TRUE(server.waitForRequests(1, std::chrono::seconds(10)));
-    EXPECT_FALSE(submitter->submit(validForm(), record)) << "a second press while one is in flight";
-    gate.open();
-    ASSERT_TRUE(main->runUntil([&] { return outcomes.size() == 2; }, std::chrono::seconds(10)));
-    EXPECT_FALSE(submitter->isSubmitting());
-    EXPECT_TRUE(outcomes[1].resetForm);
-    EXPECT_EQ(server.requests().size(), 1u);
 }
 
 }  // namespace
