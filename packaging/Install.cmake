@@ -17,33 +17,38 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/packaging/com.vantorix.Vantorix.metain
 install(FILES src/ui/icons/vantorix.svg DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/scalable/apps
         RENAME com.vantorix.Vantorix.svg)
 
-# Manual pages from the programs' own --help (help2man), with hand-written sections beside.
+# Manual pages from the programs' own --help (help2man), with hand-written sections beside,
+# compressed as Debian installs them (man reads them either way).
 find_program(HELP2MAN help2man)
 if(HELP2MAN)
   set(man_dir ${CMAKE_CURRENT_BINARY_DIR}/man)
   set(cli_subcommands info monitor bench smart helper check-update feedback)
   add_custom_command(
-    OUTPUT ${man_dir}/vantorix-cli.1
+    OUTPUT ${man_dir}/vantorix-cli.1.gz
     COMMAND ${CMAKE_COMMAND} -E make_directory ${man_dir}
     COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/packaging/man/manpage.sh $<TARGET_FILE:vantorix-cli>
             "inspect and measure one storage volume" ${CMAKE_CURRENT_SOURCE_DIR}/packaging/man/vantorix-cli.h2m
             ${man_dir}/vantorix-cli.1 ${cli_subcommands}
+    COMMAND gzip -9nf ${man_dir}/vantorix-cli.1
     DEPENDS vantorix-cli packaging/man/manpage.sh packaging/man/vantorix-cli.h2m
     VERBATIM)
-  set(man_pages ${man_dir}/vantorix-cli.1)
+  set(man_pages ${man_dir}/vantorix-cli.1.gz)
   if(TARGET vantorix)
     add_custom_command(
-      OUTPUT ${man_dir}/vantorix.1
+      OUTPUT ${man_dir}/vantorix.1.gz
       COMMAND ${CMAKE_COMMAND} -E make_directory ${man_dir}
       COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/packaging/man/manpage.sh $<TARGET_FILE:vantorix>
               "watch, benchmark and check the health of a storage volume"
               ${CMAKE_CURRENT_SOURCE_DIR}/packaging/man/vantorix.h2m ${man_dir}/vantorix.1
+      COMMAND gzip -9nf ${man_dir}/vantorix.1
       DEPENDS vantorix packaging/man/manpage.sh packaging/man/vantorix.h2m
       VERBATIM)
-    list(APPEND man_pages ${man_dir}/vantorix.1)
+    list(APPEND man_pages ${man_dir}/vantorix.1.gz)
   endif()
   add_custom_target(vantorix_manpages ALL DEPENDS ${man_pages})
   install(FILES ${man_pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 else()
   message(STATUS "help2man not found: no manual pages")
 endif()
+
+include(packaging/Package.cmake)

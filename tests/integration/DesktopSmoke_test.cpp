@@ -12,6 +12,7 @@
 
 #include "support/HelperDaemon.h"
 #include "support/Process.h"
+#include "support/VirtualDisplay.h"
 #include "support/SmartctlStandIn.h"
 
 namespace vantorix {
@@ -78,12 +79,9 @@ bool closeWindow(const std::string& display, const std::string& title) {
 // monitoring at 1 ms meanwhile, and its SMART request hangs in a helper whose smartctl never
 // answers.
 TEST(DesktopSmoke, StartsUnderXvfbAndEndsPromptlyOnSignalsAndOnClose) {
-    if (::access("/usr/bin/Xvfb", X_OK) != 0) GTEST_SKIP() << "no Xvfb (package xvfb)";
-    const std::string display = ":" + std::to_string(90 + ::getpid() % 500);
-    auto server = testing::RunningProcess::start({"/usr/bin/Xvfb", display, "-screen", "0", "1280x800x24", "-nolisten", "tcp"});
-    const auto socket = "/tmp/.X11-unix/X" + display.substr(1);
-    for (int i = 0; i < 500 && !std::filesystem::exists(socket); ++i) std::this_thread::sleep_for(10ms);
-    ASSERT_TRUE(std::filesystem::exists(socket)) << server->standardError();
+    const testing::VirtualDisplay x;
+    if (x.display.empty()) GTEST_SKIP() << x.error;
+    const std::string& display = x.display;
     auto smartctl = testing::SmartctlStandIn::create({testing::StandInBehaviour::Mode::hang, "", "", 0});
     std::string error;
     auto helper = testing::HelperDaemon::start({smartctl->path(), {}}, &error);
@@ -123,8 +121,6 @@ TEST(DesktopSmoke, StartsUnderXvfbAndEndsPromptlyOnSignalsAndOnClose) {
         EXPECT_EQ(*status, 0) << app->standardError();
         EXPECT_LT(Clock::now() - asked, 2s);
     }
-    server->signal(SIGTERM);
-    EXPECT_TRUE(server->waitForExit(10s).has_value());
 }
 
 }  // namespace
