@@ -32,7 +32,10 @@ set(CPACK_DEBIAN_PACKAGE_MAINTAINER "The Vantorix developers <developers@vantori
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "smartmontools, pkexec")
+# Qt loads its SVG icon and image plugins at run time, so no library of the programs names them.
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "smartmontools, pkexec, libqt6svg6")
+# Chinese text, and opening a downloaded update with the desktop's default application.
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "fonts-noto-cjk | fonts-wqy-microhei, xdg-utils")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
     ${CMAKE_CURRENT_SOURCE_DIR}/packaging/debian/postinst
     ${CMAKE_CURRENT_SOURCE_DIR}/packaging/debian/prerm
