@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -40,6 +41,11 @@ TEST(Package, InstallsRunsAndPurgesWithoutATrace) {
     char pattern[] = "/tmp/vantorix-package-XXXXXX";
     ASSERT_NE(::mkdtemp(pattern), nullptr);
     const fs::path out = pattern;
+    // Removed however the test ends.
+    const std::unique_ptr<const fs::path, void (*)(const fs::path*)> cleanup(&out, [](const fs::path* path) {
+        std::error_code ignored;
+        fs::remove_all(*path, ignored);
+    });
     const auto made = runProcess({"/usr/bin/cpack", "-G", "DEB", "--config", config.string(), "-B", out.string()});
     ASSERT_EQ(made.exitStatus, 0) << made.out << made.err;
     fs::path package;
@@ -99,7 +105,6 @@ TEST(Package, InstallsRunsAndPurgesWithoutATrace) {
     EXPECT_TRUE(left.empty()) << left.front();
     EXPECT_GT(files.size(), 10u);
     EXPECT_NE(runProcess({"/usr/bin/pgrep", "-f", "^/usr/(bin/vantorix|libexec/vantorix/)"}).exitStatus, 0);
-    fs::remove_all(out);
 }
 
 }  // namespace
