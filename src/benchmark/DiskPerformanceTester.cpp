@@ -1,14 +1,18 @@
 #include "benchmark/DiskPerformanceTester.h"
 
 #include <algorithm>
-#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <limits>
+#include <new>
 #include <random>
 #include <span>
 
 #include "benchmark/PerformanceReport.h"
 #include "benchmark/TestError.h"
 #include "concurrency/WeakOwner.h"
+#include "platform/QueuedFile.h"
 #include "text/Formats.h"
 #include "text/Messages.h"
 
@@ -27,6 +31,36 @@ struct RunCancelled {};
 std::string joinPath(const std::string& folder, const std::string& name) {
     if (!folder.empty() && folder.back() == '/') return folder + name;
     return folder + "/" + name;
+}
+
+// A zero-filled buffer whose start and length suit direct I/O.
+class AlignedBuffer {
+public:
+    explicit AlignedBuffer(std::size_t size) : size_(size) {
+        const std::size_t rounded = std::max<std::size_t>(
+            (size + kDirectIoAlignment - 1) / kDirectIoAlignment * kDirectIoAlignment, kDirectIoAlignment);
+        data_.reset(static_cast<std::byte*>(std::aligned_alloc(kDirectIoAlignment, rounded)));
+        if (!data_) throw std::bad_alloc();
+        std::memset(data_.get(), 0, rounded);
+    }
+    std::byte* data() { return data_.get(); }
+    std::span<const std::byte> bytes(std::size_t count) const { return {data_.get(), std::min(count, size_)}; }
+    std::span<std::byte> target(std::size_t count) { return {data_.get(), std::min(count, size_)}; }
+
+private:
+    struct Free {
+        void operator()(std::byte* pointer) const { std::free(pointer); }
+    };
+    std::size_t size_;
+    std::unique_ptr<std::byte, Free> data_;
+};
+
+// The step a queue-depth test is in, as the progress shows it.
+BenchmarkPhase phaseOfStep(std::size_t profile, bool write) {
+    if (profile >= kQueueDepthProfiles.size()) return BenchmarkPhase::sequentialWrite;
+    const bool sequential = kQueueDepthProfiles[profile].pattern == QueuedJob::Pattern::sequential;
+    if (sequential) return write ? BenchmarkPhase::sequentialWrite : BenchmarkPhase::sequentialRead;
+    return write ? BenchmarkPhase::randomWrite : BenchmarkPhase::randomRead;
 }
 
 // Removes one test file if it is there (a failure is ignored) and forgets it.
@@ -51,6 +85,7 @@ public:
         Parameters parameters;
         DiskVolumeDescriptor volume;
         DataSize dataSize = DataSize::availableSpace();
+        TestMode mode;
         EffectivePayload payload;
         Uuid token;
     };
@@ -64,7 +99,8 @@ public:
         std::optional<Result> result;
         std::string message;
         try {
-            result = perform();
+            result = c_.mode.kind == TestKind::queueDepth ? performQueueDepth() : perform();
+            result->mode = c_.mode;
         } catch (const RunCancelled&) {
             outcome = Outcome::cancelled;
         } catch (const TestError& error) {
@@ -157,11 +193,32 @@ private:
         c_.cleanupQueue->async([files = c_.files, registry = c_.registry, path] { removeTestFile(*files, *registry, path); });
     }
 
-    std::unique_ptr<FileHandle> open(vantorix::Result<std::unique_ptr<FileHandle>, FileError> (FileSystem::*how)(const std::string&),
-                                     const std::string& path) {
-        auto handle = ((*c_.files).*how)(path);
-        if (!handle) throw TestError(TestError::fileHandleUnavailable);
+    CacheMode cacheMode() const { return c_.mode.bypassCache ? CacheMode::direct : CacheMode::buffered; }
+
+    std::unique_ptr<FileHandle> open(FileAccess access, const std::string& path) {
+        auto handle = c_.files->open(path, access, cacheMode());
+        if (!handle) {
+            if (cacheMode() == CacheMode::direct && handle.error().code == EINVAL) {
+                throw TestError(TestError::directIoUnsupported);
+            }
+            throw TestError(TestError::fileHandleUnavailable);
+        }
         return std::move(handle).value();
+    }
+
+    // With the cache bypassed, the working set is written once before the random phases, as a
+    // drive would hold it: reading never-written blocks of a sparse file costs the device nothing.
+    void layOut(FileHandle& handle, std::uint64_t length) {
+        constexpr std::size_t kChunk = 1'048'576;
+        AlignedBuffer zeros(kChunk);
+        for (std::uint64_t offset = 0; offset < length; offset += kChunk) {
+            checkCancellation();
+            if (!handle.seek(offset)) throw TestError(TestError::fileHandleUnavailable);
+            if (!handle.write(zeros.bytes(static_cast<std::size_t>(std::min<std::uint64_t>(kChunk, length - offset))))) {
+                throw TestError(TestError::writeFailed);
+            }
+        }
+        if (!handle.synchronize()) throw TestError(TestError::writeFailed);
     }
 
     void publish(BenchmarkPhase phase, Clock::time_point now) {
@@ -187,27 +244,33 @@ private:
             return {};
         }
 
-        auto handle = open(&FileSystem::openForUpdating, path);
+        auto handle = open(FileAccess::updating, path);
         if (!handle->truncate(workingSet)) {
             (void)handle->close();
             throw TestError(TestError::temporaryFileCreationFailed);
         }
+        const bool direct = cacheMode() == CacheMode::direct;
+        if (direct) layOut(*handle, workingSet);
 
         // One buffer of system randomness, written by every random write; offsets come from a
         // generator seeded by the system, drawn without bias over every byte offset.
+        // Direct I/O wants offsets on block boundaries; otherwise any byte offset is drawn.
         std::random_device system;
-        std::array<std::byte, randomBlockSize> buffer{};
-        for (std::size_t i = 0; i < buffer.size(); i += sizeof(unsigned)) {
+        AlignedBuffer buffer(randomBlockSize);
+        for (std::size_t i = 0; i < randomBlockSize; i += sizeof(unsigned)) {
             const unsigned word = system();
-            for (std::size_t j = 0; j < sizeof(unsigned); ++j) buffer[i + j] = static_cast<std::byte>(word >> (8 * j));
+            for (std::size_t j = 0; j < sizeof(unsigned); ++j) buffer.data()[i + j] = static_cast<std::byte>(word >> (8 * j));
         }
         std::seed_seq seed{system(), system(), system(), system()};
         std::mt19937_64 generator(seed);
-        std::uniform_int_distribution<std::uint64_t> offsets(0, workingSet - block);
-        const auto nextOffset = [&]() -> std::uint64_t { return payload > randomBlockSize ? offsets(generator) : 0; };
+        const std::uint64_t granule = direct ? kDirectIoAlignment : 1;
+        std::uniform_int_distribution<std::uint64_t> offsets(0, (workingSet - block) / granule);
+        const auto nextOffset = [&]() -> std::uint64_t {
+            return payload > randomBlockSize ? offsets(generator) * granule : 0;
+        };
         const auto phaseLength = std::chrono::duration_cast<Clock::duration>(
             std::chrono::duration<double>(c_.parameters.randomPhaseDuration));
-        const std::span<const std::byte> data(buffer.data(), block);
+        const std::span<const std::byte> data = buffer.bytes(block);
 
         RandomFigures figures;
         started(BenchmarkPhase::randomWrite);
@@ -230,9 +293,9 @@ private:
         (void)handle->close();
         finished(BenchmarkPhase::randomWrite, figures.writeCount * block);
 
-        handle = open(&FileSystem::openForReading, path);
-        std::array<std::byte, randomBlockSize> readBuffer{};
-        const std::span<std::byte> target(readBuffer.data(), block);
+        handle = open(FileAccess::reading, path);
+        AlignedBuffer readBuffer(randomBlockSize);
+        const std::span<std::byte> target = readBuffer.target(block);
         started(BenchmarkPhase::randomRead);
         phaseStart = Clock::now();
         deadline = phaseStart + phaseLength;
@@ -292,14 +355,14 @@ private:
     }
 
     SequentialFigures sequentialWrite(const std::string& path) {
-        auto handle = open(&FileSystem::openForWriting, path);
-        const std::vector<std::byte> zeros(static_cast<std::size_t>(
+        auto handle = open(FileAccess::writing, path);
+        const AlignedBuffer zeros(static_cast<std::size_t>(
             std::min<std::uint64_t>(c_.payload.byteCount, sequentialBlockSize)));
         started(BenchmarkPhase::sequentialWrite);
         const auto phaseStart = Clock::now();
         auto figures = sequential(BenchmarkPhase::sequentialWrite, TimelineSample::Phase::sequentialWrite,
                                   [&](std::size_t chunk) {
-                                      if (!handle->write(std::span<const std::byte>(zeros.data(), chunk))) {
+                                      if (!handle->write(zeros.bytes(chunk))) {
                                           throw TestError(TestError::writeFailed);
                                       }
                                   });
@@ -311,14 +374,14 @@ private:
     }
 
     SequentialFigures sequentialRead(const std::string& path) {
-        auto handle = open(&FileSystem::openForReading, path);
-        std::vector<std::byte> buffer(static_cast<std::size_t>(
+        auto handle = open(FileAccess::reading, path);
+        AlignedBuffer buffer(static_cast<std::size_t>(
             std::min<std::uint64_t>(c_.payload.byteCount, sequentialBlockSize)));
         started(BenchmarkPhase::sequentialRead);
         const auto phaseStart = Clock::now();
         auto figures = sequential(BenchmarkPhase::sequentialRead, TimelineSample::Phase::sequentialRead,
                                   [&](std::size_t chunk) {
-                                      const auto count = handle->read(std::span<std::byte>(buffer.data(), chunk));
+                                      const auto count = handle->read(buffer.target(chunk));
                                       if (!count || *count != chunk) throw TestError(TestError::readFailed);
                                   });
         finishPhase(BenchmarkPhase::sequentialRead, phaseStart, figures);
@@ -327,8 +390,140 @@ private:
         return figures;
     }
 
+    // The queue-depth test: the file is laid out, then each profile is read and afterwards each is
+    // written, every job for the same fixed time.
+    Result performQueueDepth() {
+        runStart_ = Clock::now();
+        checkCancellation();
+        const std::string path = createTestFile("Vantorix_IO_QueueTest_");
+        std::vector<QueueDepthFigure> figures;
+        try {
+            figures = queueDepthProfiles(path);
+        } catch (...) {
+            handToCleanup(path);
+            throw;
+        }
+        handToCleanup(path);
+
+        const auto& sequential = figures.at(0);
+        const auto& random = figures.at(3);  // random 4 KiB at depth 1, as in the standard test
+        Result result;
+        result.id = Uuid::make();
+        result.dataSize = c_.dataSize;
+        result.actualByteCount = c_.payload.byteCount;
+        result.isPayloadAdjusted = c_.payload.isAdjusted;
+        result.writeDuration = c_.mode.secondsPerProfile;
+        result.writeThroughput = sequential.writeBytesPerSecond;
+        result.readDuration = c_.mode.secondsPerProfile;
+        result.readThroughput = sequential.readBytesPerSecond;
+        result.randomWriteIOPS = random.writeIOPS;
+        result.randomReadIOPS = random.readIOPS;
+        result.randomBlockSize = randomBlockSize;
+        result.randomOperationCount = static_cast<std::int64_t>(
+            std::llround(std::min(random.writeIOPS, random.readIOPS) * c_.mode.secondsPerProfile));
+        for (const auto& figure : figures) {
+            if (figure.profile.rfind("SEQ", 0) != 0) continue;
+            result.maximumWriteThroughput = std::max(result.maximumWriteThroughput, figure.writeBytesPerSecond);
+            result.maximumReadThroughput = std::max(result.maximumReadThroughput, figure.readBytesPerSecond);
+        }
+        result.queueDepthFigures = std::move(figures);
+        result.finishedAt = std::chrono::system_clock::now();
+        return result;
+    }
+
+    std::vector<QueueDepthFigure> queueDepthProfiles(const std::string& path) {
+        auto opened = c_.files->openQueued(path);
+        if (!opened) {
+            const int code = opened.error().code;
+            if (code == EINVAL) throw TestError(TestError::directIoUnsupported);
+            if (code == ENOSYS || code == EPERM || code == EOPNOTSUPP) throw TestError(TestError::queuedIoUnavailable);
+            throw TestError(TestError::fileHandleUnavailable);
+        }
+        const std::unique_ptr<QueuedFile> file = std::move(opened).value();
+        const std::uint64_t size = c_.payload.byteCount;
+        if (!file->truncate(size)) throw TestError(TestError::temporaryFileCreationFailed);
+
+        constexpr std::size_t kSteps = 1 + 2 * kQueueDepthProfiles.size();
+        const auto duration = std::chrono::duration_cast<std::chrono::nanoseconds>(
+            std::chrono::duration<double>(c_.mode.secondsPerProfile));
+        std::size_t stepIndex = 0;
+        // Runs one job as one step of the progress, which moves by bytes while the file is laid
+        // out and by time while a profile runs.
+        const auto step = [&](const QueuedJob& job, std::size_t profile, bool write) {
+            ProgressState progress;
+            progress.phase = phaseOfStep(profile, write);
+            progress.stepName = queueDepthStepName(profile, write);
+            const auto stepStart = Clock::now();
+            const auto report = [&](double stepFraction, Clock::time_point now) {
+                progress.fractionCompleted =
+                    std::clamp((static_cast<double>(stepIndex) + std::clamp(stepFraction, 0.0, 1.0)) / kSteps, 0.0, 1.0);
+                progress.elapsedTime = secondsBetween(runStart_, now);
+                progress.estimatedRemainingTime.reset();
+                if (progress.fractionCompleted > 0) {
+                    progress.estimatedRemainingTime =
+                        progress.elapsedTime * (1 - progress.fractionCompleted) / progress.fractionCompleted;
+                }
+                lastQueuePublish_ = now;
+                c_.main->post(weakly(c_.tester, [token = c_.token, progress](DiskPerformanceTester& tester) {
+                    tester.publishProgress(token, progress);
+                }));
+            };
+            report(0, stepStart);
+            auto figures = file->run(
+                job, [this] { return cancellation_.isCancelled(); },
+                [&](std::uint64_t bytes) {
+                    const auto now = Clock::now();
+                    if (secondsBetween(lastQueuePublish_, now) < ProgressTracker::kPublishInterval) return;
+                    report(job.byteLimit ? static_cast<double>(bytes) / static_cast<double>(*job.byteLimit)
+                                         : secondsBetween(stepStart, now) / c_.mode.secondsPerProfile,
+                           now);
+                });
+            checkCancellation();
+            if (!figures) throw TestError(write ? TestError::writeFailed : TestError::readFailed);
+            ++stepIndex;
+            report(0, Clock::now());
+            return figures.value();
+        };
+
+        QueuedJob layout;
+        layout.pattern = QueuedJob::Pattern::sequential;
+        layout.direction = QueuedJob::Direction::write;
+        layout.blockSize = 1'048'576;
+        layout.queueDepth = 8;
+        layout.span = size;
+        layout.duration = std::chrono::hours(24 * 365);
+        layout.byteLimit = size;
+        (void)step(layout, kQueueDepthProfiles.size(), true);
+        if (!file->synchronize()) throw TestError(TestError::writeFailed);
+
+        std::vector<QueueDepthFigure> figures;
+        for (const auto& profile : kQueueDepthProfiles) figures.push_back({profile.name, 0, 0, 0, 0});
+        for (const bool write : {false, true}) {
+            for (std::size_t i = 0; i < kQueueDepthProfiles.size(); ++i) {
+                const auto& profile = kQueueDepthProfiles[i];
+                QueuedJob job;
+                job.pattern = profile.pattern;
+                job.direction = write ? QueuedJob::Direction::write : QueuedJob::Direction::read;
+                job.blockSize = profile.blockSize;
+                job.queueDepth = profile.queueDepth;
+                job.span = size / profile.blockSize * profile.blockSize;
+                job.duration = duration;
+                const QueuedFigures measured = step(job, i, write);
+                const double seconds = std::max(measured.seconds, std::numeric_limits<double>::epsilon());
+                const double bytesPerSecond = static_cast<double>(measured.bytes) / seconds;
+                const double iops = static_cast<double>(measured.operations) / seconds;
+                (write ? figures[i].writeBytesPerSecond : figures[i].readBytesPerSecond) = bytesPerSecond;
+                (write ? figures[i].writeIOPS : figures[i].readIOPS) = iops;
+            }
+        }
+        if (!file->synchronize()) throw TestError(TestError::writeFailed);
+        (void)file->close();
+        return figures;
+    }
+
     Context c_;
     CancellationToken cancellation_;
+    Clock::time_point lastQueuePublish_;
     ProgressTracker tracker_;
     Clock::time_point runStart_;
 };
@@ -357,16 +552,34 @@ void DiskPerformanceTester::setDataSize(const DataSize& size) {
     state_.update([&](State& state) { state.dataSize = size; });
 }
 
+void DiskPerformanceTester::setTestMode(const TestMode& mode) {
+    state_.update([&](State& state) { state.testMode = mode; });
+}
+
 std::optional<EffectivePayload> DiskPerformanceTester::payloadPreview(
     const std::optional<DiskVolumeDescriptor>& volume) const {
     if (!volume) return std::nullopt;
+    std::optional<EffectivePayload> payload;
     if (parameters_.payloadBytes) {
         if (volume->availableCapacityBytes && *parameters_.payloadBytes > *volume->availableCapacityBytes) {
             return std::nullopt;
         }
-        return EffectivePayload{*parameters_.payloadBytes, false};
+        payload = EffectivePayload{*parameters_.payloadBytes, false};
+    } else {
+        payload = effectivePayload(state().dataSize, volume->availableCapacityBytes);
     }
-    return effectivePayload(state().dataSize, volume->availableCapacityBytes);
+    if (!payload) return payload;
+    // Direct I/O moves whole blocks: the payload is rounded down to them, and the queue-depth
+    // test's file to whole 1 MiB blocks within its limit.
+    const TestMode& mode = state().testMode;
+    std::uint64_t granule = mode.usesDirectIo() ? kDirectIoAlignment : 1;
+    if (mode.kind == TestKind::queueDepth) {
+        granule = kQueueDepthProfiles[0].blockSize;
+        payload->byteCount = std::min(payload->byteCount, queueDepthFileLimit);
+    }
+    payload->byteCount -= payload->byteCount % granule;
+    if (payload->byteCount == 0 && mode.usesDirectIo()) return std::nullopt;
+    return payload;
 }
 
 void DiskPerformanceTester::runTest(const std::optional<DiskVolumeDescriptor>& volume) {
@@ -383,7 +596,11 @@ void DiskPerformanceTester::runTest(const std::optional<DiskVolumeDescriptor>& v
 
     state_.update([&](State& state) {
         state.isRunning = true;
-        state.progressState = ProgressState{BenchmarkPhase::randomWrite, 0, 0, std::nullopt};
+        state.progressState = ProgressState{};
+        if (state.testMode.kind == TestKind::queueDepth) {
+            state.progressState->phase = BenchmarkPhase::sequentialWrite;
+            state.progressState->stepName = queueDepthStepName(kQueueDepthProfiles.size(), true);
+        }
         state.errorMessage.reset();
         state.automaticReportMessage.reset();
         state.automaticReportMessageToken = Uuid::make();
@@ -394,7 +611,7 @@ void DiskPerformanceTester::runTest(const std::optional<DiskVolumeDescriptor>& v
 
     Run::Context context{weak_from_this(), dependencies_.mainExecutor, dependencies_.files, temporaryFiles_,
                          cleanupQueue_,     observer_,                   parameters_,         *volume,
-                         state().dataSize,  *payload,                    token};
+                         state().dataSize,  state().testMode,            *payload,            token};
     retire(std::move(currentTestTask_));
     currentTestTask_ = Task("performanceTest", QualityOfService::userInitiated,
                             [context = std::move(context)](const CancellationToken& cancellation) mutable {

@@ -13,6 +13,7 @@
 #include "benchmark/PerformanceResult.h"
 #include "benchmark/ProgressTracker.h"
 #include "benchmark/TemporaryFileRegistry.h"
+#include "benchmark/TestMode.h"
 #include "concurrency/MainExecutor.h"
 #include "concurrency/Published.h"
 #include "concurrency/SerialQueue.h"
@@ -23,9 +24,11 @@
 
 namespace vantorix {
 
-// Measures a volume by writing and reading real files in its folder in four timed phases:
-// random 4 KiB writes, random 4 KiB reads, a sequential write of the whole payload in 16 MiB
-// blocks and a sequential read of it. Each run is one task, known by a token; its progress and
+// Measures a volume by writing and reading real files in its folder. The standard test has four
+// timed phases: random 4 KiB writes, random 4 KiB reads, a sequential write of the whole payload
+// in 16 MiB blocks and a sequential read of it, through the page cache or, with the cache
+// bypassed, with direct I/O. The queue-depth test runs four profiles, each read and written for a
+// fixed time, with direct I/O on io_uring. Each run is one task, known by a token; its progress and
 // outcome are published on the main thread, its files are removed on the cleanup queue and,
 // after a success, a report is written on the export queue.
 class DiskPerformanceTester : public std::enable_shared_from_this<DiskPerformanceTester> {
@@ -35,6 +38,9 @@ public:
     static constexpr std::int64_t randomBlockSize = 4096;
     static constexpr std::uint64_t randomPhaseWorkingSetLimit = 536'870'912;  // 512 MiB
     static constexpr std::int64_t sequentialBlockSize = 16'777'216;          // 16 MiB
+    // The queue-depth test's file is the payload, at most this large: beyond it the profiles
+    // measure nothing new and only the preparation grows.
+    static constexpr std::uint64_t queueDepthFileLimit = 68'719'476'736;  // 64 GiB
 
     struct Dependencies {
         std::shared_ptr<MainExecutor> mainExecutor;
@@ -59,6 +65,7 @@ public:
 
     struct State {
         DataSize dataSize = DataSize::availableSpace();
+        TestMode testMode;
         bool isRunning = false;
         std::optional<ProgressState> progressState;
         std::optional<Result> lastResult;
@@ -80,6 +87,7 @@ public:
     Subscription subscribe(std::function<void(const State&)> subscriber) { return state_.subscribe(std::move(subscriber)); }
 
     void setDataSize(const DataSize& size);
+    void setTestMode(const TestMode& mode);
     std::optional<EffectivePayload> payloadPreview(const std::optional<DiskVolumeDescriptor>& volume) const;
     // Set before a run starts; the running task keeps the observer it started with.
     void setPhaseObserver(PhaseObserver observer) { observer_ = std::move(observer); }

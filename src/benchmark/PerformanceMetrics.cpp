@@ -25,12 +25,12 @@ MetricItem PerformanceMetrics::heading() {
 
 std::vector<MetricItem> PerformanceMetrics::runningItems(const std::optional<ProgressState>& progress,
                                                          const std::string& payloadValue) {
-    const BenchmarkPhase phase = progress ? progress->phase : BenchmarkPhase::randomWrite;
+    const std::string phase = progress ? progressPhaseText(*progress) : phaseName(BenchmarkPhase::randomWrite);
     std::vector<MetricItem> items{
         {"gauge.with.needle", localized("进度", "Progress"), progressText(progress ? progress->fractionCompleted : 0),
          Style::highlight},
         {"tray.full.fill", localized("数据量", "Payload"), payloadValue, Style::normal},
-        {"internaldrive", localized("阶段", "Phase"), phaseName(phase), Style::normal},
+        {"internaldrive", localized("阶段", "Phase"), phase, Style::normal},
         {"clock", localized("已用时间", "Elapsed"), durationText(progress ? progress->elapsedTime : 0), Style::normal},
     };
     if (progress && progress->estimatedRemainingTime) {
@@ -59,7 +59,27 @@ std::string PerformanceMetrics::iopsText(double operationsPerSecond) {
 }
 
 std::vector<MetricItem> PerformanceMetrics::resultItems(const PerformanceResult& result) {
-    return {
+    if (result.mode.kind == TestKind::queueDepth) {
+        std::vector<MetricItem> items{
+            {"externaldrive.fill", localized("样本大小", "Sample Size"), sizeText(result.actualByteCount), Style::normal},
+            {"gearshape", localized("测试方式", "Test Mode"), modeDescription(result.mode), Style::normal},
+        };
+        for (const auto& figure : result.queueDepthFigures) {
+            const bool sequential = figure.profile.rfind("SEQ", 0) == 0;
+            const auto value = [&](double bytesPerSecond, double iops) {
+                return sequential ? speedText(bytesPerSecond) : iopsText(iops) + " IOPS";
+            };
+            items.push_back({sequential ? "arrow.left.arrow.right" : "square.grid.3x3", figure.profile,
+                             localized("读 ", "Read ") + value(figure.readBytesPerSecond, figure.readIOPS) +
+                                 localized(" · 写 ", " · Write ") + value(figure.writeBytesPerSecond, figure.writeIOPS),
+                             sequential && figure.profile == kQueueDepthProfiles[0].name ? Style::highlight
+                                                                                         : Style::normal});
+        }
+        items.push_back({"clock.badge.checkmark", localized("完成时间", "Finished"),
+                         text::mediumDateTimeText(result.finishedAt), Style::normal});
+        return items;
+    }
+    std::vector<MetricItem> items{
         {"externaldrive.fill", localized("样本大小", "Sample Size"), sizeText(result.actualByteCount), Style::normal},
         {"arrow.down.circle.fill", localized("写入平均速度", "Average Write Speed"), speedText(result.writeThroughput),
          Style::highlight},
@@ -76,6 +96,11 @@ std::vector<MetricItem> PerformanceMetrics::resultItems(const PerformanceResult&
         {"clock.badge.checkmark", localized("完成时间", "Finished"), text::mediumDateTimeText(result.finishedAt),
          Style::normal},
     };
+    if (!result.mode.isDefault()) {
+        items.insert(items.begin() + 1,
+                     {"gearshape", localized("测试方式", "Test Mode"), modeDescription(result.mode), Style::normal});
+    }
+    return items;
 }
 
 }  // namespace vantorix

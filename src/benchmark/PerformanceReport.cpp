@@ -120,6 +120,20 @@ std::string samplesTable(const std::vector<TimelineSample>& timeline) {
                  rows);
 }
 
+// The queue-depth test's eight figures: one row per profile, read and write speed and IOPS.
+std::string queueDepthTable(const std::vector<QueueDepthFigure>& figures) {
+    std::vector<std::string> rows;
+    for (const auto& figure : figures) {
+        rows.push_back("<tr><td>" + htmlEscaped(figure.profile) + "</td><td>" + speedValue(figure.readBytesPerSecond) +
+                       "</td><td>" + fmt::format("{:.2f}", figure.readIOPS) + "</td><td>" +
+                       speedValue(figure.writeBytesPerSecond) + "</td><td>" + fmt::format("{:.2f}", figure.writeIOPS) +
+                       "</td></tr>");
+    }
+    return table({localized("测试", "Test"), localized("读取", "Read"), localized("读取 IOPS", "Read IOPS"),
+                   localized("写入", "Write"), localized("写入 IOPS", "Write IOPS")},
+                  rows);
+}
+
 std::string interfaceText(const DiskVolumeDescriptor& volume) {
     if (volume.connectionTypeDescription.empty()) return unknown();
     if (volume.connectionSpeedDescription && !volume.connectionSpeedDescription->empty()) {
@@ -317,9 +331,22 @@ std::string reportHTML(const PerformanceResult& result, const DiskVolumeDescript
                        "\">\n<head>\n    <meta charset=\"utf-8\" />\n    <title>" + htmlEscaped(title) +
                        "</title>\n    <style>" + styleSheet() + "</style>\n</head>\n<body>\n    <h1>" + htmlEscaped(title) +
                        "</h1>";
-    html += "\n    <div class=\"card\">\n        <h2>" + htmlEscaped(localized("摘要", "Summary")) +
-            "</h2>\n        <div class=\"badge\"><span>" + join(badgeTexts, "</span></div>\n        <div class=\"badge\"><span>") +
-            "</span></div>\n        <div class=\"metrics\">\n            <div class=\"metric\">\n                <span>" +
+    // Any other test than the standard one says how it ran, under the title.
+    if (!result.mode.isDefault()) {
+        html += "\n    <p class=\"mode\">" + htmlEscaped(localized("测试方式", "Test Mode")) + "：" +
+                htmlEscaped(modeDescription(result.mode)) + "</p>";
+    }
+    const std::string badgeList = "\n    <div class=\"card\">\n        <h2>" + htmlEscaped(localized("摘要", "Summary")) +
+                                  "</h2>\n        <div class=\"badge\"><span>" +
+                                  join(badgeTexts, "</span></div>\n        <div class=\"badge\"><span>") + "</span></div>";
+    if (result.mode.kind == TestKind::queueDepth) {
+        html += badgeList + "\n        <p>" + htmlEscaped(finishedLine) + "</p>\n    </div>";
+        html += "\n    <div class=\"card\">\n        <h2>" + htmlEscaped(localized("队列深度测试", "Queue-Depth Profiles")) +
+                "</h2>\n        " + queueDepthTable(result.queueDepthFigures) + "\n    </div>\n    ";
+        html += smartSection(volume.smartInfo);
+        return html + "\n</body>\n</html>";
+    }
+    html += badgeList + "\n        <div class=\"metrics\">\n            <div class=\"metric\">\n                <span>" +
             join(metricTexts, "</strong>\n            </div>\n            <div class=\"metric\">\n                <span>") +
             "</strong>\n            </div>\n        </div>\n        <p>" + htmlEscaped(randomLine) + "</p>\n        <p>" +
             htmlEscaped(finishedLine) + "</p>\n    </div>";

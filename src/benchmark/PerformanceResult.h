@@ -6,6 +6,7 @@
 
 #include "benchmark/DataSize.h"
 #include "benchmark/ProgressTracker.h"
+#include "benchmark/TestMode.h"
 #include "util/Uuid.h"
 
 namespace vantorix {
@@ -28,6 +29,10 @@ struct PerformanceResult {
     double maximumReadThroughput = 0;
     std::vector<TimelineSample> timeline;  // write samples, then read samples
     std::chrono::system_clock::time_point finishedAt;
+    TestMode mode;
+    // The queue-depth test's figures, one per profile in the order of kQueueDepthProfiles; empty
+    // for the standard test.
+    std::vector<QueueDepthFigure> queueDepthFigures;
 };
 
 }  // namespace vantorix

@@ -26,6 +26,10 @@ std::string phaseName(BenchmarkPhase phase) {
     return {};
 }
 
+std::string progressPhaseText(const ProgressState& progress) {
+    return progress.stepName ? *progress.stepName : phaseName(progress.phase);
+}
+
 ProgressTracker::ProgressTracker(const std::array<double, 4>& phaseTotals) : phaseTotals_(phaseTotals) {
     for (const double total : phaseTotals_) totalWork_ += total;
 }

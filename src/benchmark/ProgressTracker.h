@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "benchmark/BenchmarkPhase.h"
@@ -17,9 +18,14 @@ struct ProgressState {
     double fractionCompleted = 0;  // 0 … 1, of the whole run's weighted work
     double elapsedTime = 0;        // seconds since the run started
     std::optional<double> estimatedRemainingTime;
+    // The queue-depth test's current step ("RND4K Q32T1 Read"), shown in place of the phase.
+    std::optional<std::string> stepName;
 
     friend bool operator==(const ProgressState&, const ProgressState&) = default;
 };
+
+// The step's name when there is one, else the phase's name, in the current language.
+std::string progressPhaseText(const ProgressState& progress);
 
 // Bookkeeping of a run's work. Each phase has a fixed total of work units; advancing a phase with
 // a total of 0 records work without moving the fraction.

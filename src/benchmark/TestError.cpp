@@ -20,6 +20,13 @@ std::string TestError::description() const {
         case noResultToExport:
             return text::localized("暂无可导出的性能测试结果。", "No performance test result available for export.");
         case reportWriteFailed: return text::reportExportFailed(message_);
+        case directIoUnsupported:
+            return text::localized("此文件系统无法绕过缓存（不支持直接 I/O 或文件本就存放在内存中），无法在此运行绕过缓存的测试。",
+                                   "This file system cannot bypass the cache (it refuses direct I/O or keeps its files in "
+                                   "memory), so a cache-bypass test cannot run on it.");
+        case queuedIoUnavailable:
+            return text::localized("此系统不提供 io_uring，无法运行队列深度测试。",
+                                   "This system does not offer io_uring, so the queue-depth test cannot run.");
     }
     return {};
 }

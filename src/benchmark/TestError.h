@@ -16,6 +16,8 @@ public:
         readFailed,
         noResultToExport,
         reportWriteFailed,
+        directIoUnsupported,
+        queuedIoUnavailable,
     };
 
     explicit TestError(Kind kind, std::string message = {}) : kind_(kind), message_(std::move(message)) {}

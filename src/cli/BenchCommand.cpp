@@ -138,7 +138,7 @@ std::string progressLine(const ProgressState& progress) {
     const std::string eta = progress.estimatedRemainingTime
                                 ? PerformanceMetrics::durationText(*progress.estimatedRemainingTime)
                                 : localized("计算中…", "Calculating…");
-    return fmt::format("{}  {}  {} {}  {} {}", phaseName(progress.phase),
+    return fmt::format("{}  {}  {} {}  {} {}", progressPhaseText(progress),
                        PerformanceMetrics::progressText(progress.fractionCompleted),
                        localized("已用时间", "Elapsed"), PerformanceMetrics::durationText(progress.elapsedTime),
                        localized("预计剩余", "ETA"), eta);
@@ -170,8 +170,19 @@ ordered_json resultJson(const PerformanceResult& result, const DiskVolumeDescrip
                                                                     : ordered_json(nullptr)},
                           {"servedFromPageCache", found->second.servedFromPageCache()}});
     }
+    ordered_json mode{{"kind", rawValue(result.mode.kind)}, {"bypassCache", result.mode.usesDirectIo()}};
+    if (result.mode.kind == TestKind::queueDepth) mode["secondsPerProfile"] = result.mode.secondsPerProfile;
+    ordered_json queueDepth = ordered_json::array();
+    for (const auto& figure : result.queueDepthFigures) {
+        queueDepth.push_back({{"profile", figure.profile},
+                              {"readBytesPerSecond", figure.readBytesPerSecond},
+                              {"readIOPS", figure.readIOPS},
+                              {"writeBytesPerSecond", figure.writeBytesPerSecond},
+                              {"writeIOPS", figure.writeIOPS}});
+    }
     return ordered_json{
         {"volume", {{"url", volume.url}, {"bsdName", volume.bsdName}, {"displayName", volume.displayName}}},
+        {"mode", mode},
         {"dataSize", result.dataSize.id()},
         {"actualByteCount", result.actualByteCount},
         {"isPayloadAdjusted", result.isPayloadAdjusted},
@@ -187,10 +198,37 @@ ordered_json resultJson(const PerformanceResult& result, const DiskVolumeDescrip
         {"maximumReadThroughput", result.maximumReadThroughput},
         {"finishedAt", isoTime(result.finishedAt)},
         {"timeline", timeline},
+        {"queueDepth", queueDepth},
         {"phases", phases},
         {"reportPath", reportPath ? ordered_json(*reportPath) : ordered_json(nullptr)},
         {"reportMessage", reportMessage},
     };
+}
+
+// The deep profiles as columns: test, read speed, read IOPS, write speed, write IOPS.
+void printQueueDepthTable(std::ostream& out, const std::vector<QueueDepthFigure>& figures) {
+    std::vector<std::vector<std::string>> rows{{localized("测试", "Test"), localized("读取", "Read"),
+                                                localized("读取 IOPS", "Read IOPS"), localized("写入", "Write"),
+                                                localized("写入 IOPS", "Write IOPS")}};
+    for (const auto& figure : figures) {
+        rows.push_back({figure.profile, PerformanceMetrics::speedText(figure.readBytesPerSecond),
+                        PerformanceMetrics::iopsText(figure.readIOPS),
+                        PerformanceMetrics::speedText(figure.writeBytesPerSecond),
+                        PerformanceMetrics::iopsText(figure.writeIOPS)});
+    }
+    std::vector<std::size_t> widths(rows.front().size(), 0);
+    for (const auto& row : rows) {
+        for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], displayWidth(row[i]));
+    }
+    for (const auto& row : rows) {
+        std::string line;
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            // The name is aligned left, the figures right.
+            const std::string padding(widths[i] - displayWidth(row[i]), ' ');
+            line += i == 0 ? row[i] + padding : "  " + padding + row[i];
+        }
+        out << line << '\n';
+    }
 }
 
 // Drives one run on the main loop: start, progress, outcome, report.
@@ -211,6 +249,11 @@ public:
         tester_ = DiskPerformanceTester::create({main_, std::make_shared<PosixFileSystem>()}, parameters);
         tester_->setDataSize(options_.size == "full" ? DataSize::availableSpace()
                                                      : DataSize::gigabytes(std::stoll(options_.size)));
+        TestMode mode;
+        mode.kind = options_.profile == "deep" ? TestKind::queueDepth : TestKind::standard;
+        mode.bypassCache = options_.direct;
+        mode.secondsPerProfile = options_.seconds;
+        tester_->setTestMode(mode);
 
         auto session = StatisticsSession::create(environment_.registry, *volume_);
         traffic_ = std::make_unique<DeviceTraffic>(session ? std::move(session).value() : nullptr);
@@ -228,7 +271,10 @@ public:
             }
         }
         auto context = performancePayloadContext(volume_, tester_->state().dataSize, preview);
-        if (options_.payloadBytes) context.description = localized("数据量：", "Payload: ") + payloadSizeText(*options_.payloadBytes);
+        if (options_.payloadBytes && preview) {
+            context.description = localized("数据量：", "Payload: ") + payloadSizeText(preview->byteCount);
+        }
+        if (!mode.isDefault()) context.description += localized("；", "; ") + modeDescription(mode);
         tester_->runTest(volume_);
         if (!tester_->state().isRunning) {
             return fail(tester_->state().errorMessage.value_or(context.description));
@@ -315,12 +361,18 @@ private:
         } else {
             std::vector<std::pair<std::string, std::string>> rows;
             for (const auto& item : PerformanceMetrics::resultItems(result)) rows.emplace_back(item.title, item.value);
-            rows.emplace_back(localized("随机操作次数", "Random Operations"), std::to_string(result.randomOperationCount));
+            if (result.mode.kind == TestKind::standard) {
+                rows.emplace_back(localized("随机操作次数", "Random Operations"), std::to_string(result.randomOperationCount));
+            }
             for (const auto phase : kBenchmarkPhases) {
                 const auto found = traffic.find(phase);
                 if (found != traffic.end()) rows.emplace_back(phaseName(phase), deviceLine(phase, found->second));
             }
             printTable(out_, rows);
+            if (!result.queueDepthFigures.empty()) {
+                out_ << '\n';
+                printQueueDepthTable(out_, result.queueDepthFigures);
+            }
             out_ << std::flush;
         }
         for (const auto phase : kBenchmarkPhases) {
@@ -396,6 +448,18 @@ Command addBenchCommand(CLI::App& parent) {
         ->check(CLI::IsMember({"full", "1", "10", "100", "1000", "10000"}))
         ->default_val("1");
     command->add_flag("--json", parsed->options.json, text::localized("以 JSON 输出", "Print JSON"));
+    command->add_flag("--direct", parsed->options.direct,
+                      text::localized("绕过页面缓存：四个阶段都使用直接 I/O（O_DIRECT）",
+                                      "Bypass the page cache: direct I/O (O_DIRECT) in all four phases"));
+    command->add_option("--profile", parsed->options.profile,
+                        text::localized("standard（四阶段测试）或 deep（io_uring 队列深度测试：SEQ1M Q8/Q1、RND4K Q32/Q1 的读取与写入，直接 I/O）",
+                                        "standard (the four-phase test) or deep (queue-depth profiles on io_uring: SEQ1M Q8/Q1 and RND4K Q32/Q1, read and write, direct I/O)"))
+        ->check(CLI::IsMember({"standard", "deep"}))
+        ->default_val("standard");
+    command->add_option("--seconds", parsed->options.seconds,
+                        text::localized("deep 测试中每项读取与写入的秒数，默认 5", "Seconds of each read and each write of the deep profiles; 5 by default"))
+        ->check(CLI::Range(0.1, 3600.0))
+        ->default_val(5);
     // Shorter runs for tests and comparisons; not shown by --help.
     auto* payloadOption = command->add_option("--payload-bytes", parsed->payloadBytes)->group("");
     auto* randomOption = command->add_option("--random-seconds", parsed->randomSeconds)->check(CLI::PositiveNumber)->group("");

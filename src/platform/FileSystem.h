@@ -39,6 +39,15 @@ protected:
     FileHandle& operator=(const FileHandle&) = default;
 };
 
+class QueuedFile;
+
+enum class FileAccess { updating, writing, reading };
+
+// Buffered I/O goes through the page cache. Direct I/O goes straight to the device: buffers,
+// offsets and lengths must then be multiples of kDirectIoAlignment.
+enum class CacheMode { buffered, direct };
+inline constexpr std::size_t kDirectIoAlignment = 4096;
+
 // The file operations of the performance test and its report.
 class FileSystem {
 public:
@@ -49,9 +58,12 @@ public:
     virtual bool exists(const std::string& path) = 0;
     virtual Result<Unit, FileError> remove(const std::string& path) = 0;
 
-    virtual Result<std::unique_ptr<FileHandle>, FileError> openForUpdating(const std::string& path) = 0;
-    virtual Result<std::unique_ptr<FileHandle>, FileError> openForWriting(const std::string& path) = 0;
-    virtual Result<std::unique_ptr<FileHandle>, FileError> openForReading(const std::string& path) = 0;
+    // Opens an existing file. A direct open fails with EINVAL where the file system cannot
+    // bypass the page cache: it refuses O_DIRECT, or it keeps its files in memory anyway.
+    virtual Result<std::unique_ptr<FileHandle>, FileError> open(const std::string& path, FileAccess access,
+                                                                CacheMode cache) = 0;
+    // Opens an existing file for direct, queued reading and writing; EINVAL as above.
+    virtual Result<std::unique_ptr<QueuedFile>, FileError> openQueued(const std::string& path) = 0;
 
     // Writes `data` as a new file in `directory` named `baseName` + `extension`, or, when that
     // name is taken, `baseName` + "-1" + `extension`, "-2", … (the first free one). The file

@@ -210,5 +210,97 @@ TEST(DiskPerformanceTester, StopDuringTheRandomPhasesPublishesNothingAndRemovesT
     EXPECT_TRUE(h.tester->temporaryFiles().empty());
 }
 
+TEST(DiskPerformanceTester, BypassingTheCacheOpensDirectlyWithAlignedOffsetsAndWholeBlocks) {
+    const std::uint64_t payload = 16'777'216ULL + 5000;
+    Harness h(payload);
+    h.tester->setTestMode(TestMode{TestKind::standard, true, 5});
+    ASSERT_EQ(h.tester->payloadPreview(volume())->byteCount, 16'777'216ULL + 4096);
+    h.runToEnd();
+    ASSERT_TRUE(h.tester->state().lastResult) << h.tester->state().errorMessage.value_or("");
+    EXPECT_EQ(h.tester->state().lastResult->actualByteCount, 16'777'216ULL + 4096);
+    EXPECT_EQ(h.tester->state().lastResult->mode.bypassCache, true);
+    const auto opens = h.files->opens();
+    ASSERT_EQ(opens.size(), 4U);
+    EXPECT_TRUE(std::all_of(opens.begin(), opens.end(), [](CacheMode mode) { return mode == CacheMode::direct; }));
+    for (const auto offset : values(h.files->operations(), Operation::seek)) EXPECT_EQ(offset % 4096, 0U);
+    for (const auto bytes : values(h.files->operations(), Operation::write)) EXPECT_EQ(bytes % 4096, 0U);
+    EXPECT_TRUE(h.files->existingFiles().empty());
+}
+
+TEST(DiskPerformanceTester, AFileSystemThatCannotBypassTheCacheIsNamedAndNothingIsLeft) {
+    testing::ScopedLanguage english("en_US.UTF-8");
+    for (const TestKind kind : {TestKind::standard, TestKind::queueDepth}) {
+        SCOPED_TRACE(rawValue(kind));
+        Harness h(16'777'216ULL);
+        h.files->refuseDirect = true;
+        h.tester->setTestMode(TestMode{kind, true, 0.01});
+        h.runToEnd();
+        EXPECT_EQ(h.tester->state().errorMessage,
+                  "This file system cannot bypass the cache (it refuses direct I/O or keeps its files in memory), so "
+                  "a cache-bypass test cannot run on it.");
+        EXPECT_FALSE(h.tester->state().lastResult);
+        EXPECT_TRUE(h.files->opens().empty());  // no buffered fallback
+        EXPECT_TRUE(h.files->existingFiles().empty());
+    }
+}
+
+TEST(DiskPerformanceTester, QueueDepthTestLaysOutTheFileThenReadsAndWritesEachProfile) {
+    testing::ScopedLanguage english("en_US.UTF-8");
+    Harness h(8'388'608ULL + 12345);
+    h.files->queuedRequestTime = std::chrono::microseconds(50);
+    h.tester->setTestMode(TestMode{TestKind::queueDepth, false, 0.02});
+    h.runToEnd();
+    ASSERT_TRUE(h.tester->state().lastResult) << h.tester->state().errorMessage.value_or("");
+    const auto& result = *h.tester->state().lastResult;
+    EXPECT_EQ(result.actualByteCount, 8'388'608ULL);  // whole 1 MiB blocks
+    EXPECT_TRUE(result.timeline.empty());
+    ASSERT_EQ(result.queueDepthFigures.size(), 4U);
+
+    const auto jobs = h.files->queuedJobs();
+    ASSERT_EQ(jobs.size(), 9U);
+    EXPECT_EQ(jobs[0].byteLimit, 8'388'608ULL);
+    EXPECT_EQ(jobs[0].direction, QueuedJob::Direction::write);
+    for (std::size_t i = 1; i < jobs.size(); ++i) {
+        const auto& profile = kQueueDepthProfiles[(i - 1) % 4];
+        SCOPED_TRACE(profile.name);
+        EXPECT_EQ(jobs[i].direction, i <= 4 ? QueuedJob::Direction::read : QueuedJob::Direction::write);
+        EXPECT_EQ(jobs[i].pattern, profile.pattern);
+        EXPECT_EQ(jobs[i].blockSize, profile.blockSize);
+        EXPECT_EQ(jobs[i].queueDepth, profile.queueDepth);
+        EXPECT_EQ(jobs[i].span, 8'388'608ULL);
+        EXPECT_FALSE(jobs[i].byteLimit);
+        EXPECT_EQ(jobs[i].duration, std::chrono::milliseconds(20));
+    }
+    for (const auto& figure : result.queueDepthFigures) {
+        EXPECT_GT(figure.readIOPS, 0);
+        EXPECT_GT(figure.writeBytesPerSecond, 0);
+    }
+    EXPECT_EQ(result.writeThroughput, result.queueDepthFigures[0].writeBytesPerSecond);
+    EXPECT_EQ(h.progress.front().stepName, "Preparing the test file");
+    EXPECT_EQ(h.progress.back().fractionCompleted, 1);
+    EXPECT_TRUE(h.files->existingFiles().empty());
+    EXPECT_EQ(h.files->everCreated().front().rfind("/mnt/test/Vantorix_IO_QueueTest_", 0), 0U);
+}
+
+TEST(DiskPerformanceTester, AStopInAnyStepOfTheQueueDepthTestLeavesNoFileAndNoResult) {
+    for (const std::size_t stopAfterJobs : {std::size_t{0}, std::size_t{3}, std::size_t{8}}) {
+        SCOPED_TRACE(stopAfterJobs);
+        Harness h(4'194'304ULL);
+        h.tester->setTestMode(TestMode{TestKind::queueDepth, false, 0.3});
+        h.tester->runTest(volume());
+        // Stops at once, in the third read, or in the last write.
+        ASSERT_TRUE(h.main->runUntil([&] { return h.files->queuedJobs().size() > stopAfterJobs || stopAfterJobs == 0; },
+                                     std::chrono::seconds(10)));
+        h.tester->stopTest();
+        h.tester->waitForBackgroundWork();
+        h.main->drain();
+        EXPECT_FALSE(h.tester->state().isRunning);
+        EXPECT_FALSE(h.tester->state().lastResult);
+        EXPECT_FALSE(h.tester->state().errorMessage);
+        EXPECT_TRUE(h.files->existingFiles().empty());
+        EXPECT_TRUE(h.files->reports().empty());
+    }
+}
+
 }  // namespace
 }  // namespace vantorix

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <cerrno>
+#include <chrono>
+#include <thread>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -8,6 +10,7 @@
 #include <vector>
 
 #include "platform/FileSystem.h"
+#include "platform/QueuedFile.h"
 
 namespace vantorix::testing {
 
@@ -21,6 +24,8 @@ public:
 
     // Switches, set before a run.
     bool failCreation = false;
+    bool refuseDirect = false;  // direct opens fail as on a file system without O_DIRECT
+    std::chrono::microseconds queuedRequestTime{200};
     std::size_t shortReadBy = 0;  // reads of more than this many bytes return this many fewer
     std::uint64_t capacity = UINT64_MAX;  // writes beyond this many bytes in all fail with ENOSPC
 
@@ -41,9 +46,21 @@ public:
         if (files_.erase(path) == 0) return Failure{FileError{ENOENT, "No such file"}};
         return Unit{};
     }
-    Result<std::unique_ptr<FileHandle>, FileError> openForUpdating(const std::string& path) override { return open(path); }
-    Result<std::unique_ptr<FileHandle>, FileError> openForWriting(const std::string& path) override { return open(path); }
-    Result<std::unique_ptr<FileHandle>, FileError> openForReading(const std::string& path) override { return open(path); }
+    Result<std::unique_ptr<FileHandle>, FileError> open(const std::string& path, FileAccess, CacheMode cache) override {
+        if (cache == CacheMode::direct && refuseDirect) return Failure{FileError{EINVAL, "Invalid argument"}};
+        std::lock_guard lock(mutex_);
+        const auto found = files_.find(path);
+        if (found == files_.end()) return Failure{FileError{ENOENT, "No such file"}};
+        opens_.push_back(cache);
+        return std::unique_ptr<FileHandle>(std::make_unique<Handle>(*this, found->second));
+    }
+    // A queued file that moves no data: each request takes `queuedRequestTime`.
+    Result<std::unique_ptr<QueuedFile>, FileError> openQueued(const std::string& path) override {
+        if (refuseDirect) return Failure{FileError{EINVAL, "Invalid argument"}};
+        std::lock_guard lock(mutex_);
+        if (files_.count(path) == 0) return Failure{FileError{ENOENT, "No such file"}};
+        return std::unique_ptr<QueuedFile>(std::make_unique<Queued>(*this));
+    }
     Result<std::string, FileError> writeNewFileAtomically(const std::string& directory, const std::string& baseName,
                                                           const std::string& extension, std::string_view data) override {
         std::lock_guard lock(mutex_);
@@ -61,6 +78,14 @@ public:
     std::vector<std::string> everCreated() const {
         std::lock_guard lock(mutex_);
         return everCreated_;
+    }
+    std::vector<CacheMode> opens() const {
+        std::lock_guard lock(mutex_);
+        return opens_;
+    }
+    std::vector<QueuedJob> queuedJobs() const {
+        std::lock_guard lock(mutex_);
+        return queuedJobs_;
     }
     std::vector<Operation> operations() const {
         std::lock_guard lock(mutex_);
@@ -115,12 +140,34 @@ private:
         std::size_t position_ = 0;
     };
 
-    Result<std::unique_ptr<FileHandle>, FileError> open(const std::string& path) {
-        std::lock_guard lock(mutex_);
-        const auto found = files_.find(path);
-        if (found == files_.end()) return Failure{FileError{ENOENT, "No such file"}};
-        return std::unique_ptr<FileHandle>(std::make_unique<Handle>(*this, found->second));
-    }
+    class Queued final : public QueuedFile {
+    public:
+        explicit Queued(MemoryFileSystem& owner) : owner_(owner) {}
+        Result<QueuedFigures, FileError> run(const QueuedJob& job, const std::function<bool()>& shouldStop,
+                                             const std::function<void(std::uint64_t)>& progress) override {
+            {
+                std::lock_guard lock(owner_.mutex_);
+                owner_.queuedJobs_.push_back(job);
+            }
+            const auto start = std::chrono::steady_clock::now();
+            QueuedFigures figures;
+            while (!shouldStop() && std::chrono::steady_clock::now() - start < job.duration &&
+                   (!job.byteLimit || figures.bytes < *job.byteLimit)) {
+                std::this_thread::sleep_for(owner_.queuedRequestTime);
+                ++figures.operations;
+                figures.bytes += job.blockSize;
+                progress(figures.bytes);
+            }
+            figures.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+            return figures;
+        }
+        Result<Unit, FileError> truncate(std::uint64_t) override { return Unit{}; }
+        Result<Unit, FileError> synchronize() override { return Unit{}; }
+        Result<Unit, FileError> close() override { return Unit{}; }
+
+    private:
+        MemoryFileSystem& owner_;
+    };
     void log(Operation operation) {
         std::lock_guard lock(mutex_);
         operations_.push_back(operation);
@@ -130,6 +177,8 @@ private:
     std::map<std::string, Data> files_;
     std::vector<std::string> everCreated_;
     std::vector<Operation> operations_;
+    std::vector<CacheMode> opens_;
+    std::vector<QueuedJob> queuedJobs_;
     std::map<std::string, std::string> reports_;
     std::uint64_t written_ = 0;
 };

@@ -202,7 +202,7 @@ TEST(PerformanceMetrics, StripTexts) {
     EXPECT_EQ(items[3].value, "00:00:00");
     EXPECT_EQ(items[4].value, "Calculating…");
     EXPECT_EQ(items[4].style, MetricItem::Style::placeholder);
-    items = PerformanceMetrics::runningItems(ProgressState{BenchmarkPhase::sequentialRead, 0.75, 30, 10}, "1 GB");
+    items = PerformanceMetrics::runningItems(ProgressState{BenchmarkPhase::sequentialRead, 0.75, 30, 10, std::nullopt}, "1 GB");
     EXPECT_EQ(items[0].value, "75%");
     EXPECT_EQ(items[2].value, "Sequential Read Phase");
     EXPECT_EQ(items[4].value, "00:00:10");

@@ -72,17 +72,50 @@ std::string readFile(const std::string& path) {
     return content.str();
 }
 
-TEST(PerformanceReport, MatchesTheExpectedDocumentInBothLanguages) {
+// The queue-depth test's result: its four profiles, and no timeline.
+PerformanceResult queueDepthResult() {
+    PerformanceResult result = fixedResult();
+    result.mode.kind = TestKind::queueDepth;
+    result.mode.secondsPerProfile = 5;
+    result.timeline.clear();
+    result.queueDepthFigures = {{"SEQ1M Q8T1", 3'512'345'678, 3349.6, 2'987'654'321, 2849.3},
+                                {"SEQ1M Q1T1", 1'987'000'000, 1894.9, 1'876'000'000, 1789.1},
+                                {"RND4K Q32T1", 1'234'567'890, 301'408.2, 987'654'321, 241'126.5},
+                                {"RND4K Q1T1", 61'234'567, 14'949.8, 198'765'432, 48'526.7}};
+    return result;
+}
+
+std::string expectedDocument(const std::string& name) {
+    std::string expected = readFile(std::string(VANTORIX_TEST_DATA_DIR) + "/report/" + name);
+    // The finish time is in the user's zone; that format is checked on its own below.
+    const std::string placeholder = "{{finishedAt}}";
+    if (const auto at = expected.find(placeholder); at != std::string::npos) {
+        expected.replace(at, placeholder.size(), text::mediumDateTimeText(november16()));
+    }
+    if (!expected.empty() && expected.back() == '\n') expected.pop_back();
+    return expected;
+}
+
+TEST(PerformanceReport, MatchesTheExpectedDocumentsInBothLanguages) {
     for (const char* lang : {"en", "zh"}) {
         SCOPED_TRACE(lang);
         testing::ScopedLanguage language(std::string(lang) == "en" ? "en_US.UTF-8" : "zh_CN.UTF-8");
-        std::string expected = readFile(std::string(VANTORIX_TEST_DATA_DIR) + "/report/report-" + lang + ".html");
-        ASSERT_FALSE(expected.empty());
-        // The finish time is in the user's zone; that format is checked on its own below.
-        const std::string placeholder = "{{finishedAt}}";
-        expected.replace(expected.find(placeholder), placeholder.size(), text::mediumDateTimeText(november16()));
-        if (expected.back() == '\n') expected.pop_back();
-        EXPECT_EQ(report::reportHTML(fixedResult(), fixedVolume()), expected);
+        const std::string standard = expectedDocument(std::string("report-") + lang + ".html");
+        ASSERT_FALSE(standard.empty());
+        EXPECT_EQ(report::reportHTML(fixedResult(), fixedVolume()), standard);
+
+        // Bypassing the cache changes only the line that says how the test ran.
+        PerformanceResult direct = fixedResult();
+        direct.mode.bypassCache = true;
+        std::string expected = standard;
+        expected.insert(expected.find("</h1>") + 5,
+                        std::string(lang) == "en"
+                            ? "\n    <p class=\"mode\">Test Mode：Cache bypass (direct I/O), queue depth 1</p>"
+                            : "\n    <p class=\"mode\">测试方式：绕过缓存（直接 I/O），队列深度 1</p>");
+        EXPECT_EQ(report::reportHTML(direct, fixedVolume()), expected);
+
+        EXPECT_EQ(report::reportHTML(queueDepthResult(), fixedVolume()),
+                  expectedDocument(std::string("report-queue-depth-") + lang + ".html"));
     }
 }
 

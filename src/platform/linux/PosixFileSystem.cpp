@@ -2,12 +2,17 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+
+#include "platform/QueuedFile.h"
+#include "platform/linux/IoUringQueuedFile.h"
 
 namespace vantorix {
 namespace {
@@ -81,10 +86,16 @@ private:
     std::uint64_t position_ = 0;
 };
 
-Result<std::unique_ptr<FileHandle>, FileError> openHandle(const std::string& path, int flags) {
-    const int fd = ::open(path.c_str(), flags | O_CLOEXEC);
-    if (fd < 0) return Failure{lastError()};
-    return std::unique_ptr<FileHandle>(std::make_unique<PosixFileHandle>(fd));
+// File systems whose files live in memory: O_DIRECT may be accepted there, but there is no
+// device behind the page cache to reach.
+bool keepsFilesInMemory(int fd) {
+    struct statfs info {};
+    if (::fstatfs(fd, &info) != 0) return false;
+    return info.f_type == TMPFS_MAGIC || info.f_type == RAMFS_MAGIC;
+}
+
+FileError directIoRefused() {
+    return FileError{EINVAL, "The file system cannot bypass the page cache"};
 }
 
 // Writes everything to `fd`, then flushes it to storage.
@@ -120,16 +131,28 @@ Result<Unit, FileError> PosixFileSystem::remove(const std::string& path) {
     return Unit{};
 }
 
-Result<std::unique_ptr<FileHandle>, FileError> PosixFileSystem::openForUpdating(const std::string& path) {
-    return openHandle(path, O_RDWR);
+Result<std::unique_ptr<FileHandle>, FileError> PosixFileSystem::open(const std::string& path, FileAccess access,
+                                                                     CacheMode cache) {
+    int flags = access == FileAccess::updating ? O_RDWR : access == FileAccess::writing ? O_WRONLY : O_RDONLY;
+    if (cache == CacheMode::direct) flags |= O_DIRECT;
+    const int fd = ::open(path.c_str(), flags | O_CLOEXEC);
+    if (fd < 0) return Failure{lastError()};
+    if (cache == CacheMode::direct && keepsFilesInMemory(fd)) {
+        ::close(fd);
+        return Failure{directIoRefused()};
+    }
+    return std::unique_ptr<FileHandle>(std::make_unique<PosixFileHandle>(fd));
 }
 
-Result<std::unique_ptr<FileHandle>, FileError> PosixFileSystem::openForWriting(const std::string& path) {
-    return openHandle(path, O_WRONLY);
-}
-
-Result<std::unique_ptr<FileHandle>, FileError> PosixFileSystem::openForReading(const std::string& path) {
-    return openHandle(path, O_RDONLY);
+Result<std::unique_ptr<QueuedFile>, FileError> PosixFileSystem::openQueued(const std::string& path) {
+    {
+        const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd < 0) return Failure{lastError()};
+        const bool inMemory = keepsFilesInMemory(fd);
+        ::close(fd);
+        if (inMemory) return Failure{directIoRefused()};
+    }
+    return openIoUringQueuedFile(path);
 }
 
 Result<std::string, FileError> PosixFileSystem::writeNewFileAtomically(const std::string& directory,

@@ -12,9 +12,9 @@ public:
     bool exists(const std::string& path) override;
     Result<Unit, FileError> remove(const std::string& path) override;
 
-    Result<std::unique_ptr<FileHandle>, FileError> openForUpdating(const std::string& path) override;
-    Result<std::unique_ptr<FileHandle>, FileError> openForWriting(const std::string& path) override;
-    Result<std::unique_ptr<FileHandle>, FileError> openForReading(const std::string& path) override;
+    Result<std::unique_ptr<FileHandle>, FileError> open(const std::string& path, FileAccess access,
+                                                        CacheMode cache) override;
+    Result<std::unique_ptr<QueuedFile>, FileError> openQueued(const std::string& path) override;
 
     Result<std::string, FileError> writeNewFileAtomically(const std::string& directory, const std::string& baseName,
                                                           const std::string& extension,

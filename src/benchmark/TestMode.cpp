@@ -1,0 +1,31 @@
+#include "benchmark/TestMode.h"
+
+#include <fmt/format.h>
+
+#include <cmath>
+
+#include "text/Formats.h"
+#include "text/Language.h"
+
+namespace vantorix {
+
+std::string rawValue(TestKind kind) { return kind == TestKind::standard ? "standard" : "queueDepth"; }
+
+std::string modeDescription(const TestMode& mode) {
+    if (mode.kind == TestKind::queueDepth) {
+        const std::string seconds = text::decimalText(mode.secondsPerProfile, 0, 1);
+        return text::isEnglish()
+                   ? fmt::format("Queue-depth profiles (io_uring, direct I/O), {} s per read and per write", seconds)
+                   : fmt::format("队列深度测试（io_uring，直接 I/O），每项读取与写入各 {} 秒", seconds);
+    }
+    if (mode.bypassCache) return text::localized("绕过缓存（直接 I/O），队列深度 1", "Cache bypass (direct I/O), queue depth 1");
+    return text::localized("标准（经过页面缓存），队列深度 1", "Standard (through the page cache), queue depth 1");
+}
+
+std::string queueDepthStepName(std::size_t profile, bool write) {
+    if (profile >= kQueueDepthProfiles.size()) return text::localized("准备测试文件", "Preparing the test file");
+    return fmt::format("{} {}", kQueueDepthProfiles[profile].name,
+                       write ? text::localized("写入", "Write") : text::localized("读取", "Read"));
+}
+
+}  // namespace vantorix
