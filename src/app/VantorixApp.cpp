@@ -167,6 +167,31 @@ void VantorixApp::buildMenus() {
         sizeGroup_->addAction(action);
         connect(action, &QAction::triggered, this, [this, size = entry.value] { tester_->setDataSize(size); });
     }
+    sizeMenu_->addSection(qText(dashboard::testKindPickerTitle()));
+    kindGroup_ = new QActionGroup(sizeMenu_);
+    kindGroup_->setExclusive(true);
+    for (const auto& entry : dashboard::testKindEntries()) {
+        auto* action = sizeMenu_->addAction(qText(entry.label));
+        action->setCheckable(true);
+        action->setData(QString::fromStdString(rawValue(entry.value)));
+        kindGroup_->addAction(action);
+        connect(action, &QAction::triggered, this, [this, kind = entry.value] {
+            TestMode mode = tester_->state().testMode;
+            mode.kind = kind;
+            tester_->setTestMode(mode);
+            refreshSizeChecks();
+        });
+    }
+    sizeMenu_->addSeparator();
+    bypassCacheAction_ = sizeMenu_->addAction(qText(dashboard::bypassCacheTitle()));
+    bypassCacheAction_->setObjectName(QStringLiteral("bypassCacheAction"));
+    bypassCacheAction_->setCheckable(true);
+    connect(bypassCacheAction_, &QAction::triggered, this, [this](bool checked) {
+        TestMode mode = tester_->state().testMode;
+        mode.bypassCache = checked;
+        tester_->setTestMode(mode);
+        refreshSizeChecks();
+    });
     connect(sizeMenu_, &QMenu::aboutToShow, this, &VantorixApp::refreshSizeChecks);
     refreshSizeChecks();
 }
@@ -179,6 +204,12 @@ void VantorixApp::refreshPrecisionChecks() {
 void VantorixApp::refreshSizeChecks() {
     const QString current = QString::fromStdString(tester_->state().dataSize.id());
     for (auto* action : sizeGroup_->actions()) action->setChecked(action->data().toString() == current);
+    const TestMode& mode = tester_->state().testMode;
+    const QString kind = QString::fromStdString(rawValue(mode.kind));
+    for (auto* action : kindGroup_->actions()) action->setChecked(action->data().toString() == kind);
+    // The queue-depth test always bypasses the cache: shown checked, and not to be changed.
+    bypassCacheAction_->setChecked(mode.usesDirectIo());
+    bypassCacheAction_->setEnabled(mode.kind == TestKind::standard);
 }
 
 }  // namespace vantorix::app

@@ -96,6 +96,8 @@ private:
     QMenu* sizeMenu_ = nullptr;
     QActionGroup* precisionGroup_ = nullptr;
     QActionGroup* sizeGroup_ = nullptr;
+    QActionGroup* kindGroup_ = nullptr;
+    QAction* bypassCacheAction_ = nullptr;
     std::map<std::string, QPointer<QWidget>> windows_;
     // Kept for the application's life: closing a window does not end its check, download or submission.
     std::shared_ptr<services::UpdateChecker> updateChecker_;

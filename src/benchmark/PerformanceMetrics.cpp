@@ -62,14 +62,14 @@ std::vector<MetricItem> PerformanceMetrics::resultItems(const PerformanceResult&
     if (result.mode.kind == TestKind::queueDepth) {
         std::vector<MetricItem> items{
             {"externaldrive.fill", localized("样本大小", "Sample Size"), sizeText(result.actualByteCount), Style::normal},
-            {"gearshape", localized("测试方式", "Test Mode"), modeDescription(result.mode), Style::normal},
+            {"info.circle", localized("测试方式", "Test Mode"), modeDescription(result.mode), Style::normal},
         };
         for (const auto& figure : result.queueDepthFigures) {
             const bool sequential = figure.profile.rfind("SEQ", 0) == 0;
             const auto value = [&](double bytesPerSecond, double iops) {
                 return sequential ? speedText(bytesPerSecond) : iopsText(iops) + " IOPS";
             };
-            items.push_back({sequential ? "arrow.left.arrow.right" : "square.grid.3x3", figure.profile,
+            items.push_back({sequential ? "speedometer" : "square.grid.3x3", figure.profile,
                              localized("读 ", "Read ") + value(figure.readBytesPerSecond, figure.readIOPS) +
                                  localized(" · 写 ", " · Write ") + value(figure.writeBytesPerSecond, figure.writeIOPS),
                              sequential && figure.profile == kQueueDepthProfiles[0].name ? Style::highlight
@@ -98,7 +98,7 @@ std::vector<MetricItem> PerformanceMetrics::resultItems(const PerformanceResult&
     };
     if (!result.mode.isDefault()) {
         items.insert(items.begin() + 1,
-                     {"gearshape", localized("测试方式", "Test Mode"), modeDescription(result.mode), Style::normal});
+                     {"info.circle", localized("测试方式", "Test Mode"), modeDescription(result.mode), Style::normal});
     }
     return items;
 }

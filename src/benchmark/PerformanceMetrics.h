@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <optional>
 #include <string>
 #include <vector>
@@ -39,6 +40,13 @@ struct PerformanceMetrics {
                                                 const std::string& payloadValue);
     // After a run: sample size, average and peak speeds, IOPS and the finish time.
     static std::vector<MetricItem> resultItems(const PerformanceResult& result);
+
+    // The speed a result is held against its link's ceiling: the higher of the sequential write
+    // and read averages. A peak is one short sample, whose window can catch a burst a cache
+    // absorbed, and is no fair measure against the link.
+    static double bestSequentialThroughput(const PerformanceResult& result) {
+        return std::max(result.writeThroughput, result.readThroughput);
+    }
 
     // Speeds in MB/s or GB/s; sizes in MB or GB.
     static std::string speedText(double bytesPerSecond);

@@ -12,6 +12,7 @@
 #include "benchmark/DiskPerformanceTester.h"
 #include "benchmark/PerformanceMetrics.h"
 #include "cli/Commands.h"
+#include "cli/LinkCeilingJson.h"
 #include "cli/SignalWatcher.h"
 #include "cli/SmartFetch.h"
 #include "composition/SmartPipeline.h"
@@ -170,6 +171,8 @@ ordered_json resultJson(const PerformanceResult& result, const DiskVolumeDescrip
                                                                     : ordered_json(nullptr)},
                           {"servedFromPageCache", found->second.servedFromPageCache()}});
     }
+    const auto linkShare =
+        volume.link ? ceilingFraction(PerformanceMetrics::bestSequentialThroughput(result), *volume.link) : std::nullopt;
     ordered_json mode{{"kind", rawValue(result.mode.kind)}, {"bypassCache", result.mode.usesDirectIo()}};
     if (result.mode.kind == TestKind::queueDepth) mode["secondsPerProfile"] = result.mode.secondsPerProfile;
     ordered_json queueDepth = ordered_json::array();
@@ -199,6 +202,8 @@ ordered_json resultJson(const PerformanceResult& result, const DiskVolumeDescrip
         {"finishedAt", isoTime(result.finishedAt)},
         {"timeline", timeline},
         {"queueDepth", queueDepth},
+        {"linkCeiling", linkCeilingJson(volume.link)},
+        {"linkCeilingShare", linkShare ? ordered_json(*linkShare) : ordered_json(nullptr)},
         {"phases", phases},
         {"reportPath", reportPath ? ordered_json(*reportPath) : ordered_json(nullptr)},
         {"reportMessage", reportMessage},
@@ -280,6 +285,9 @@ public:
             return fail(tester_->state().errorMessage.value_or(context.description));
         }
         if (smartNote_) err_ << *smartNote_ << std::endl;
+        if (const auto warning = volume_->link ? slowLinkWarning(*volume_->link) : std::nullopt) {
+            err_ << localized("警告：", "Warning: ") << *warning << std::endl;
+        }
         err_ << (text::isEnglish()
                      ? fmt::format("Testing {} ({}) in {}. {}. Press Ctrl-C to stop.", volume_->displayName,
                                    volume_->bsdName, volume_->url, context.description)
@@ -367,6 +375,17 @@ private:
             for (const auto phase : kBenchmarkPhases) {
                 const auto found = traffic.find(phase);
                 if (found != traffic.end()) rows.emplace_back(phaseName(phase), deviceLine(phase, found->second));
+            }
+            // The best sequential speed against what the link can carry at most.
+            if (volume_->link) {
+                if (const auto ceiling = ceilingValueText(*volume_->link)) {
+                    std::string value = *ceiling;
+                    if (const auto share = ceilingShareText(PerformanceMetrics::bestSequentialThroughput(result),
+                                                            *volume_->link)) {
+                        value += localized("；最佳顺序速度", "; best sequential speed at ") + *share;
+                    }
+                    rows.emplace_back(localized("链路上限", "Link ceiling"), value);
+                }
             }
             printTable(out_, rows);
             if (!result.queueDepthFigures.empty()) {

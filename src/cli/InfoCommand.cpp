@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "cli/Commands.h"
+#include "cli/LinkCeilingJson.h"
 #include "cli/TextTable.h"
 #include "monitor/DiskIOKitStatisticsProvider.h"
 #include "platform/linux/LinuxVolumeInfoSource.h"
@@ -86,6 +87,7 @@ int runInfo(const InfoOptions& options, Environment& environment) {
             {"availableCapacityBytes", optionalJson(volume.availableCapacityBytes)},
             {"hardwareVendor", optionalJson(volume.hardwareVendor)},
             {"hardwareModel", optionalJson(volume.hardwareModel)},
+            {"linkCeiling", linkCeilingJson(volume.link)},
         };
         if (snapshot) {
             document["statistics"] = ordered_json{{"bytesRead", snapshot->bytesRead},
@@ -109,9 +111,14 @@ int runInfo(const InfoOptions& options, Environment& environment) {
             {text::localized("可用容量", "Available Capacity"), capacityLine(volume.availableCapacityBytes)},
             {text::localized("连接", "Connection"), volume.connectionTypeDescription},
             {text::localized("链路速度", "Link speed"), orUnknown(volume.connectionSpeedDescription)},
-            {text::localized("厂商", "Vendor"), orUnknown(volume.hardwareVendor)},
-            {text::localized("型号", "Model"), orUnknown(volume.hardwareModel)},
+            {text::localized("链路上限", "Link ceiling"),
+             orUnknown(volume.link ? ceilingValueText(*volume.link) : std::nullopt)},
         };
+        if (const auto warning = volume.link ? slowLinkWarning(*volume.link) : std::nullopt) {
+            rows.emplace_back(text::localized("链路警告", "Link warning"), *warning);
+        }
+        rows.emplace_back(text::localized("厂商", "Vendor"), orUnknown(volume.hardwareVendor));
+        rows.emplace_back(text::localized("型号", "Model"), orUnknown(volume.hardwareModel));
         if (snapshot) {
             rows.emplace_back(text::localized("累计读取", "Bytes read"), counterLine(snapshot->bytesRead));
             rows.emplace_back(text::localized("累计写入", "Bytes written"), counterLine(snapshot->bytesWritten));

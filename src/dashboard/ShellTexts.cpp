@@ -36,6 +36,15 @@ std::vector<PickerEntry<DataSize>> testSampleSizeEntries() {
     return entries;
 }
 
+std::string testKindPickerTitle() { return localized("测试类型", "Test Kind"); }
+
+std::vector<PickerEntry<TestKind>> testKindEntries() {
+    return {{localized("标准（四阶段）", "Standard (Four Phases)"), TestKind::standard},
+            {localized("队列深度（io_uring）", "Queue Depth (io_uring)"), TestKind::queueDepth}};
+}
+
+std::string bypassCacheTitle() { return localized("绕过缓存", "Bypass Cache"); }
+
 std::string exportFinishedTitle() { return localized("导出完成", "Export Finished"); }
 std::string okButton() { return localized("好", "OK"); }
 

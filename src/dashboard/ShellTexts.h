@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "benchmark/DataSize.h"
+#include "benchmark/TestMode.h"
 #include "monitor/DiskIOMonitor.h"
 
 namespace vantorix::dashboard {
@@ -40,6 +41,11 @@ std::vector<PickerEntry<DiskIOMonitor::SamplingPrecision>> samplingPrecisionEntr
 std::string testSampleSizeMenuTitle();
 std::string payloadPickerTitle();
 std::vector<PickerEntry<DataSize>> testSampleSizeEntries();  // "Full Disk", "1 GB" … "10000 GB"
+// Below the sizes in the same menu: the kind of test, then whether the standard test bypasses
+// the page cache (the queue-depth test always does).
+std::string testKindPickerTitle();
+std::vector<PickerEntry<TestKind>> testKindEntries();  // "Standard (Four Phases)", "Queue Depth (io_uring)"
+std::string bypassCacheTitle();
 
 // The chart export's outcome alert.
 std::string exportFinishedTitle();

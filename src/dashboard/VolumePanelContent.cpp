@@ -1,5 +1,7 @@
 #include "dashboard/VolumePanelContent.h"
 
+#include <algorithm>
+
 #include "smart/SmartValueText.h"
 #include "text/Formats.h"
 #include "text/Language.h"
@@ -23,6 +25,11 @@ std::string capacityOrUnknown(const std::optional<std::uint64_t>& bytes) {
 
 }  // namespace
 
+std::optional<std::string> linkCeilingShareText(const PerformanceResult& result, const std::optional<LinkCeiling>& link) {
+    if (!link) return std::nullopt;
+    return ceilingShareText(PerformanceMetrics::bestSequentialThroughput(result), *link);
+}
+
 VolumePanelContent volumePanelContent(const DiskIOMonitor::State& monitor, const DiskPerformanceTester::State& tester,
                                       const PerformancePayloadContext& payload) {
     VolumePanelContent panel;
@@ -32,7 +39,14 @@ VolumePanelContent volumePanelContent(const DiskIOMonitor::State& monitor, const
     if (volume) panel.bsdName = volume->bsdName;
     panel.connectionTypeDescription =
         volume ? volume->connectionTypeDescription : localized("连接信息不可用", "Connection unavailable");
-    if (volume) panel.connectionSpeedDescription = volume->connectionSpeedDescription;
+    if (volume) {
+        panel.connectionSpeedDescription = volume->connectionSpeedDescription;
+        panel.link = volume->link;
+    }
+    if (panel.link) {
+        panel.linkCeilingDescription = linkCeilingText(*panel.link);
+        panel.linkWarning = slowLinkWarning(*panel.link);
+    }
     panel.fileSystemDescription = volume && volume->fileSystemDescription ? *volume->fileSystemDescription
                                                                           : localized("文件系统未知", "File system unknown");
     if (volume) {
@@ -63,12 +77,20 @@ VolumePanelContent volumePanelContent(const DiskIOMonitor::State& monitor, const
     panel.infoItems = {
         {"volume", "internaldrive.fill", volumeLine},
         {"connection", "bolt.horizontal.fill", connectionLine},
+    };
+    if (panel.linkCeilingDescription) {
+        panel.infoItems.push_back({"linkCeiling", "gauge.with.needle", *panel.linkCeilingDescription});
+    }
+    if (panel.linkWarning) {
+        panel.infoItems.push_back({"linkWarning", PerformanceMetrics::warningIcon(), *panel.linkWarning});
+    }
+    panel.infoItems.insert(panel.infoItems.end(), {
         {"fileSystem", "doc.text.fill", panel.fileSystemDescription},
         {"capacity", "chart.pie.fill",
          localized("可用容量：", "Available Capacity: ") + panel.availableCapacityDescription + " / " +
              panel.totalCapacityDescription},
         {"hardware", "building.2.fill", panel.hardwareVendorDescription + " · " + panel.hardwareModelDescription},
-    };
+    });
 
     panel.chooseVolumeButton = {localized("选择卷", "Choose Volume"), "externaldrive", true, AccentColor::blue};
     panel.monitoringButton = panel.isMonitoring
@@ -96,6 +118,12 @@ VolumePanelContent volumePanelContent(const DiskIOMonitor::State& monitor, const
         panel.stripItems = PerformanceMetrics::runningItems(panel.performanceProgressState, payloadValue);
     } else if (panel.lastPerformanceResult) {
         panel.stripItems = PerformanceMetrics::resultItems(*panel.lastPerformanceResult);
+        if (auto share = linkCeilingShareText(*panel.lastPerformanceResult, panel.link)) {
+            const auto ceiling = ceilingBytesPerSecond(*panel.link);
+            panel.stripItems.push_back({"gauge.with.needle", std::move(*share),
+                                        PerformanceMetrics::speedText(static_cast<double>(*ceiling)),
+                                        MetricItem::Style::normal});
+        }
     }
     return panel;
 }

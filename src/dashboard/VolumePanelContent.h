@@ -9,12 +9,15 @@
 #include "benchmark/PerformanceMetrics.h"
 #include "dashboard/AccentColor.h"
 #include "monitor/DiskIOMonitor.h"
+#include "volumes/LinkCeiling.h"
 
 namespace vantorix::dashboard {
 
 // One fact of the volume panel: a symbol and a text.
 struct InfoItem {
-    std::string id;  // stable per kind of fact: "volume", "connection", "fileSystem", "capacity", "hardware"
+    // Stable per kind of fact: "volume", "connection", then "linkCeiling" and "linkWarning" when the
+    // link has them, "fileSystem", "capacity", "hardware".
+    std::string id;
     std::string icon;
     std::string value;
     friend bool operator==(const InfoItem&, const InfoItem&) = default;
@@ -36,6 +39,9 @@ struct VolumePanelContent {
     std::optional<std::string> bsdName;
     std::string connectionTypeDescription;
     std::optional<std::string> connectionSpeedDescription;
+    std::optional<LinkCeiling> link;
+    std::optional<std::string> linkCeilingDescription;  // "Link ceiling: 3.94 GB/s (PCIe 3.0 x4)"
+    std::optional<std::string> linkWarning;             // the link is slower than the drive can use
     std::string fileSystemDescription;
     std::string totalCapacityDescription;
     std::optional<std::uint64_t> totalCapacityBytes;
@@ -65,8 +71,15 @@ struct VolumePanelContent {
     PanelButton exportButton;
     PanelButton performanceButton;
     MetricItem stripHeading;
-    std::vector<MetricItem> stripItems;  // progress while running, else the last result
+    // Progress while running, else the last result, followed by its share of the link ceiling when
+    // the link has one.
+    std::vector<MetricItem> stripItems;
 };
+
+// "62% of the link ceiling" / "达到链路上限的 62%" for the run's best sequential speed
+// (PerformanceMetrics::bestSequentialThroughput) on `link`;
+// nothing without a link ceiling or a measured speed.
+std::optional<std::string> linkCeilingShareText(const PerformanceResult& result, const std::optional<LinkCeiling>& link);
 
 VolumePanelContent volumePanelContent(const DiskIOMonitor::State& monitor, const DiskPerformanceTester::State& tester,
                                       const PerformancePayloadContext& payload);

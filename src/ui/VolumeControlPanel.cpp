@@ -27,8 +27,8 @@ void apply(InteractiveButton* target, const dashboard::PanelButton& content) {
 }  // namespace
 
 VolumeControlPanel::VolumeControlPanel(QWidget* parent)
-    : QFrame(parent), heading_(new QLabel(this)), chooseVolume_(button("chooseVolumeButton", this)),
-      monitoring_(button("monitoringButton", this)), smart_(button("smartButton", this)), smartHint_(new QLabel(this)),
+    : QFrame(parent), heading_(new QLabel(this)), facts_(new QGridLayout()),
+      chooseVolume_(button("chooseVolumeButton", this)), monitoring_(button("monitoringButton", this)), smart_(button("smartButton", this)), smartHint_(new QLabel(this)),
       export_(button("exportButton", this)), performance_(button("performanceButton", this)),
       strip_(new PerformanceMetricsStrip(this)) {
     setObjectName(QStringLiteral("volumeControlPanel"));
@@ -40,20 +40,12 @@ VolumeControlPanel::VolumeControlPanel(QWidget* parent)
     headingFont.setWeight(QFont::Bold);
     heading_->setFont(headingFont);
     layout->addWidget(heading_);
-    auto* facts = new QGridLayout();
-    facts->setHorizontalSpacing(8);
-    facts->setVerticalSpacing(6);
-    facts->setColumnStretch(1, 1);
-    for (int i = 0; i < 5; ++i) {
-        InfoRow row{new QLabel(this), new QLabel(this), {}};
-        row.symbol->setAlignment(Qt::AlignTop);
-        row.text->setWordWrap(true);
-        row.text->setTextInteractionFlags(Qt::TextSelectableByMouse);
-        facts->addWidget(row.symbol, i, 0);
-        facts->addWidget(row.text, i, 1);
-        infoRows_.push_back(row);
-    }
-    layout->addLayout(facts);
+    facts_->setHorizontalSpacing(8);
+    facts_->setVerticalSpacing(6);
+    facts_->setColumnStretch(1, 1);
+    for (std::size_t i = 0; i < 5; ++i) infoRow(i);
+    shownInfoRows_ = infoRows_.size();
+    layout->addLayout(facts_);
     auto* controls = new QGridLayout();
     controls->setSpacing(8);
     controls->addWidget(chooseVolume_, 0, 0);
@@ -82,18 +74,45 @@ VolumeControlPanel::VolumeControlPanel(QWidget* parent)
     });
 }
 
+VolumeControlPanel::InfoRow& VolumeControlPanel::infoRow(std::size_t index) {
+    while (infoRows_.size() <= index) {
+        InfoRow row{new QLabel(this), new QLabel(this), {}};
+        row.symbol->setAlignment(Qt::AlignTop);
+        row.text->setWordWrap(true);
+        row.text->setTextInteractionFlags(Qt::TextSelectableByMouse);
+        const auto at = static_cast<int>(infoRows_.size());
+        facts_->addWidget(row.symbol, at, 0);
+        facts_->addWidget(row.text, at, 1);
+        infoRows_.push_back(row);
+    }
+    return infoRows_[index];
+}
+
 void VolumeControlPanel::setContent(const dashboard::VolumePanelContent& content) {
     heading_->setText(qText(text::localized("卷", "Volume")));
     const QColor secondary = withOpacity(palette().color(QPalette::WindowText), 0.7);
-    for (std::size_t i = 0; i < infoRows_.size() && i < content.infoItems.size(); ++i) {
-        auto& row = infoRows_[i];
+    const QColor orange = accentColor(dashboard::AccentColor::orange);
+    for (std::size_t i = 0; i < content.infoItems.size(); ++i) {
+        auto& row = infoRow(i);
         const auto& item = content.infoItems[i];
-        if (row.icon != item.icon) {
+        const bool warning = item.id == "linkWarning";
+        if (row.icon != item.icon || row.warning != warning) {
             row.icon = item.icon;
-            row.symbol->setPixmap(symbolPixmap(item.icon, secondary, 16, devicePixelRatioF()));
+            row.warning = warning;
+            row.symbol->setPixmap(symbolPixmap(item.icon, warning ? orange : secondary, 16, devicePixelRatioF()));
+            QPalette ink;  // only the roles set here; the rest follow the panel
+            if (warning) ink.setColor(QPalette::WindowText, orange);
+            row.text->setPalette(ink);
         }
         if (row.text->text() != qText(item.value)) row.text->setText(qText(item.value));
+        row.symbol->show();
+        row.text->show();
     }
+    for (std::size_t i = content.infoItems.size(); i < infoRows_.size(); ++i) {
+        infoRows_[i].symbol->hide();
+        infoRows_[i].text->hide();
+    }
+    shownInfoRows_ = content.infoItems.size();
     apply(chooseVolume_, content.chooseVolumeButton);
     apply(monitoring_, content.monitoringButton);
     apply(smart_, content.smartButton);
@@ -107,7 +126,7 @@ void VolumeControlPanel::setContent(const dashboard::VolumePanelContent& content
 
 QStringList VolumeControlPanel::infoTexts() const {
     QStringList texts;
-    for (const auto& row : infoRows_) texts << row.text->text();
+    for (std::size_t i = 0; i < shownInfoRows_; ++i) texts << infoRows_[i].text->text();
     return texts;
 }
 

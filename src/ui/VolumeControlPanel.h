@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QFrame>
+#include <QGridLayout>
 #include <QLabel>
 
 #include <map>
@@ -26,7 +27,7 @@ public:
     InteractiveButton* exportButton() const { return export_; }
     InteractiveButton* performanceButton() const { return performance_; }
     PerformanceMetricsStrip* strip() const { return strip_; }
-    // The facts as shown, in order.
+    // The facts as shown, in order; a link warning among them is drawn in orange.
     QStringList infoTexts() const;
     QString smartHint() const { return smartHint_->text(); }
 
@@ -46,10 +47,15 @@ private:
         QLabel* symbol;
         QLabel* text;
         std::string icon;
+        bool warning = false;
     };
 
+    InfoRow& infoRow(std::size_t index);
+
     QLabel* heading_;
-    std::vector<InfoRow> infoRows_;
+    QGridLayout* facts_;
+    std::vector<InfoRow> infoRows_;  // as many as the most facts shown so far; the surplus hidden
+    std::size_t shownInfoRows_ = 0;
     InteractiveButton* chooseVolume_;
     InteractiveButton* monitoring_;
     InteractiveButton* smart_;

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "smart/DiskSMARTInfo.h"
+#include "volumes/LinkCeiling.h"
 
 namespace vantorix {
 
@@ -21,6 +22,7 @@ struct DiskVolumeDescriptor {
     std::optional<std::string> hardwareVendor;
     std::optional<std::string> hardwareModel;
     std::optional<DiskSMARTInfo> smartInfo;
+    std::optional<LinkCeiling> link;  // the link's figures, when the bus reports them
 
     friend bool operator==(const DiskVolumeDescriptor&, const DiskVolumeDescriptor&) = default;
 };

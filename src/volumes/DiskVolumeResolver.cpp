@@ -221,6 +221,51 @@ std::optional<std::string> thunderboltSpeed(std::optional<std::int64_t> generati
     }
 }
 
+std::optional<std::string> interconnectOf(const PropertyDictionary& properties) {
+    if (const auto value = properties.find("Physical Interconnect")) {
+        if (const std::string* s = value->string()) {
+            auto trimmed = trim(*s);
+            if (!trimmed.empty()) return trimmed;
+        }
+    }
+    for (const auto key : kProtocolKeys) {
+        if (const auto value = properties.find(key)) {
+            if (auto interconnect = findStringDeep(*value, "Physical Interconnect", 5)) return interconnect;
+        }
+    }
+    return std::nullopt;
+}
+
+LinkKind linkKindOf(const std::string& interconnect) {
+    const std::string name = lower(interconnect);
+    if (name == "usb") return LinkKind::usb;
+    if (name == "thunderbolt") return LinkKind::thunderbolt;
+    if (name == "sata") return LinkKind::sata;
+    if (name.find("pci") != std::string::npos) return LinkKind::pcie;
+    return LinkKind::other;
+}
+
+std::optional<LinkRateText> rateUnder(const PropertyDictionary& properties, std::string_view key) {
+    const auto value = properties.find(key);
+    const std::string* s = value ? value->string() : nullptr;
+    return s ? parseLinkRateText(*s) : std::nullopt;
+}
+
+// The bit rate of each "Device Speed" code.
+constexpr std::array<std::uint64_t, 6> kUsbSpeedBits{1'500'000, 12'000'000, 480'000'000,
+                                                     5'000'000'000, 10'000'000'000, 20'000'000'000};
+
+std::optional<std::uint16_t> usbVersionOf(const PropertyDictionary& properties) {
+    if (const auto value = properties.find("version")) {
+        if (const std::string* s = value->string()) return parseUsbVersion(*s);
+    }
+    if (const auto value = properties.find("bcdUSB")) {
+        const PropertyNumber* number = value->number();
+        if (number != nullptr && number->asUInt64() <= 0xFFFF) return static_cast<std::uint16_t>(number->asUInt64());
+    }
+    return std::nullopt;
+}
+
 std::optional<DiskVolumeResolver::ConnectionMetadata> inspect(Registry& registry, RegistryObject service) {
     const auto copied = registry.copyProperties(service);
     const PropertyDictionary* properties = asDictionary(copied);
@@ -437,6 +482,78 @@ std::optional<DiskVolumeResolver::UsbRow> DiskVolumeResolver::usbLookup(const Pr
     return std::nullopt;
 }
 
+std::optional<LinkCeiling> DiskVolumeResolver::linkFacts(LinkKind kind, const PropertyDictionary& properties) {
+    switch (kind) {
+        case LinkKind::pcie: {
+            const auto current = rateUnder(properties, "LinkDescription");
+            if (!current || !current->width || *current->width == 0) return std::nullopt;
+            PcieLink link{current->perSecond, *current->width, std::nullopt, std::nullopt};
+            if (const auto most = rateUnder(properties, "MaxLinkDescription")) {
+                link.maxTransfersPerSecond = most->perSecond;
+                link.maxWidth = most->width;
+            }
+            return LinkCeiling{link};
+        }
+        case LinkKind::sata: {
+            const auto current = rateUnder(properties, "LinkDescription");
+            if (!current) return std::nullopt;
+            const auto limit = rateUnder(properties, "MaxLinkDescription");
+            return LinkCeiling{SataLink{current->perSecond,
+                                        limit ? std::optional<std::uint64_t>(limit->perSecond) : std::nullopt}};
+        }
+        case LinkKind::usb: {
+            const auto value = properties.find("Device Speed");
+            const PropertyNumber* number = value ? value->number() : nullptr;
+            const auto code = number ? number->asExactInt64() : std::nullopt;
+            if (!code || *code < 0 || *code >= static_cast<std::int64_t>(kUsbSpeedBits.size())) return std::nullopt;
+            return LinkCeiling{UsbLink{kUsbSpeedBits[static_cast<std::size_t>(*code)], usbVersionOf(properties)}};
+        }
+        case LinkKind::thunderbolt: {
+            for (const std::string_view key : {"ThunderboltGeneration", "thunderbolt_version"}) {
+                const auto value = properties.find(key);
+                const PropertyNumber* number = value ? value->number() : nullptr;
+                const auto generation = number ? number->asExactInt64() : std::nullopt;
+                if (generation && *generation >= 1 && *generation <= 4) {
+                    return LinkCeiling{ThunderboltLink{static_cast<unsigned>(*generation)}};
+                }
+            }
+            return std::nullopt;
+        }
+        case LinkKind::other: break;
+    }
+    return std::nullopt;
+}
+
+std::optional<LinkCeiling> DiskVolumeResolver::linkCeiling(Registry& registry, std::string_view bsdName) {
+    const auto matching = registry.bsdNameMatching(bsdName);
+    if (!matching) return std::nullopt;
+    auto iterator = registry.getMatchingServices(*matching);
+    if (!iterator.ok()) return std::nullopt;
+    RegistryRef iteratorRef(registry, iterator.value());
+
+    while (const RegistryObject matched = registry.iteratorNext(iteratorRef.get())) {
+        RegistryRef matchedRef(registry, matched);
+        // The first service that names its bus sets the kind; the figures are on that service or
+        // on one of its ancestors (a block device says it is on USB, the USB device above it has
+        // the speed).
+        std::optional<LinkKind> kind;
+        std::optional<LinkCeiling> found;
+        const auto visit = [&](const PropertyDictionary& properties) {
+            if (!kind) {
+                if (const auto interconnect = interconnectOf(properties)) kind = linkKindOf(*interconnect);
+                if (kind == LinkKind::other) return true;
+            }
+            if (kind) found = linkFacts(*kind, properties);
+            return found.has_value();
+        };
+        const auto copied = registry.copyProperties(matched);
+        const PropertyDictionary* properties = asDictionary(copied);
+        if (properties == nullptr || !visit(*properties)) forEachAncestor(registry, matched, 12, visit);
+        if (kind) return found;
+    }
+    return std::nullopt;
+}
+
 DiskVolumeResolver::ConnectionMetadata DiskVolumeResolver::connectionMetadata(Registry& registry,
                                                                               std::string_view bsdName) {
     const ConnectionMetadata unknown{text::localized("未知", "Unknown"), std::nullopt, std::nullopt, std::nullopt};
@@ -518,6 +635,7 @@ Result<DiskVolumeDescriptor, MonitorError> DiskVolumeResolver::resolve(std::stri
     descriptor.connectionSpeedDescription = std::move(connection.speed);
     descriptor.hardwareVendor = std::move(connection.vendor);
     descriptor.hardwareModel = std::move(connection.product);
+    descriptor.link = linkCeiling(registry, bsdName);
     return descriptor;
 }
 

@@ -10,6 +10,7 @@
 #include "platform/VolumeInfoSource.h"
 #include "util/Result.h"
 #include "volumes/DiskVolumeDescriptor.h"
+#include "volumes/LinkCeiling.h"
 #include "volumes/MonitorError.h"
 
 namespace vantorix {
@@ -32,6 +33,14 @@ struct DiskVolumeResolver {
     static Result<DiskVolumeDescriptor, MonitorError> resolve(std::string_view url, VolumeInfoSource& files,
                                                               Registry& registry);
     static ConnectionMetadata connectionMetadata(Registry& registry, std::string_view bsdName);
+    // The figures of the link the device behind `bsdName` hangs on, found on the nearest service
+    // (the matched one or an ancestor) that has them for the kind of bus the device is on; nothing
+    // for buses without such figures (virtual devices, virtio, network transports).
+    static std::optional<LinkCeiling> linkCeiling(Registry& registry, std::string_view bsdName);
+    // The link figures one service's properties hold for a bus of `kind`: "LinkDescription" and
+    // "MaxLinkDescription" for PCIe and SATA, "Device Speed" with "version" or "bcdUSB" for USB,
+    // "ThunderboltGeneration" for Thunderbolt.
+    static std::optional<LinkCeiling> linkFacts(LinkKind kind, const PropertyDictionary& properties);
 
     // The pieces of the connection rules, exposed for tests and for reuse.
     static std::optional<std::string> linkSpeed(const PropertyDictionary& properties);

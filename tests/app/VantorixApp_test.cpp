@@ -100,7 +100,13 @@ TEST(VantorixApp, MenuBarHoldsTheFourCommandsAndPickersShowTheCurrentValues) {
     for (auto* action : app.samplingPrecisionMenu()->actions()) entries << action->text();
     EXPECT_EQ(entries, (QStringList{"Sampling Interval", "1 ms", "10 ms", "100 ms", "1000 ms"}));
     EXPECT_EQ(checkedText(app.samplingPrecisionMenu()), QStringList{"1000 ms"});
-    EXPECT_EQ(checkedText(app.testSampleSizeMenu()), QStringList{"Full Disk"});
+    EXPECT_EQ(checkedText(app.testSampleSizeMenu()), (QStringList{"Full Disk", "Standard (Four Phases)"}));
+    entries.clear();
+    for (auto* action : app.testSampleSizeMenu()->actions()) {
+        if (!action->text().isEmpty()) entries << action->text();
+    }
+    EXPECT_EQ(entries.mid(entries.indexOf("10000 GB") + 1),
+              (QStringList{"Test Kind", "Standard (Four Phases)", "Queue Depth (io_uring)", "Bypass Cache"}));
 
     // A choice made elsewhere shows when the menu opens next; a choice in the menu reaches the engine.
     app.monitor()->setSamplingPrecision(DiskIOMonitor::SamplingPrecision::ms100);
@@ -111,7 +117,25 @@ TEST(VantorixApp, MenuBarHoldsTheFourCommandsAndPickersShowTheCurrentValues) {
     app.testSampleSizeMenu()->actions()[3]->trigger();
     EXPECT_EQ(app.tester()->state().dataSize, DataSize::gigabytes(10));
     Q_EMIT app.testSampleSizeMenu()->aboutToShow();
-    EXPECT_EQ(checkedText(app.testSampleSizeMenu()), QStringList{"10 GB"});
+    EXPECT_EQ(checkedText(app.testSampleSizeMenu()), (QStringList{"10 GB", "Standard (Four Phases)"}));
+
+    // Bypass Cache is a switch of the standard test; the queue-depth test always bypasses.
+    const auto action = [&](const QString& text) {
+        for (auto* candidate : app.testSampleSizeMenu()->actions()) {
+            if (candidate->text() == text) return candidate;
+        }
+        return static_cast<QAction*>(nullptr);
+    };
+    action("Bypass Cache")->trigger();
+    EXPECT_EQ(app.tester()->state().testMode, (TestMode{TestKind::standard, true, 5}));
+    action("Queue Depth (io_uring)")->trigger();
+    EXPECT_EQ(app.tester()->state().testMode.kind, TestKind::queueDepth);
+    EXPECT_EQ(checkedText(app.testSampleSizeMenu()), (QStringList{"10 GB", "Queue Depth (io_uring)", "Bypass Cache"}));
+    EXPECT_FALSE(action("Bypass Cache")->isEnabled());
+    action("Standard (Four Phases)")->trigger();
+    action("Bypass Cache")->trigger();
+    EXPECT_EQ(app.tester()->state().testMode, TestMode{});
+    EXPECT_TRUE(action("Bypass Cache")->isEnabled());
 }
 
 TEST(VantorixApp, AboutAndFeedbackAreSingleWindowsWithTheirTitlesAndSizes) {

@@ -86,6 +86,50 @@ TEST(VolumePanel, ButtonsFollowTheMonitorAndTheTester) {
     }
 }
 
+TEST(VolumePanel, LinkCeilingLinesAndTheResultsShareOfTheCeiling) {
+    const testing::ScopedLanguage english("en_US.UTF-8");
+    DiskIOMonitor::State monitor;
+    DiskVolumeDescriptor volume;
+    volume.displayName = "Data";
+    volume.connectionTypeDescription = "PCIe";
+    PerformanceResult result;
+    result.writeThroughput = 2'000'000'000;
+    result.readThroughput = 2'441'846'153;
+    result.maximumReadThroughput = 3'500'000'000;  // a peak sample, not what the share is taken of
+    DiskPerformanceTester::State tester;
+    tester.lastResult = result;
+    const PerformancePayloadContext payload{"", std::nullopt, true, std::nullopt};
+    struct Case {
+        std::optional<LinkCeiling> link;
+        std::vector<std::string> values;  // the facts after the connection line
+        std::optional<std::string> shareRow;
+    };
+    const std::vector<Case> cases{
+        {std::nullopt, {"EXT4"}, std::nullopt},
+        {LinkCeiling{PcieLink{8'000'000'000, 4, 8'000'000'000, 4}},
+         {"Link ceiling: 3.94 GB/s (PCIe 3.0 x4)", "EXT4"},
+         "62% of the link ceiling: 3.94 GB/s"},
+        {LinkCeiling{SataLink{3'000'000'000, 6'000'000'000}},
+         {"Link ceiling: 300 MB/s (SATA 3.0 Gb/s)",
+          "The SATA link runs at 3.0 Gb/s, below the port's 6.0 Gb/s: the cable or the drive is holding it back.",
+          "EXT4"},
+         "814% of the link ceiling: 300 MB/s"},
+    };
+    volume.fileSystemDescription = "EXT4";
+    for (const auto& c : cases) {
+        volume.link = c.link;
+        monitor.selectedVolume = volume;
+        const auto panel = volumePanelContent(monitor, tester, payload);
+        std::vector<std::string> values;
+        for (std::size_t i = 2; i + 2 < panel.infoItems.size(); ++i) values.push_back(panel.infoItems[i].value);
+        EXPECT_EQ(values, c.values);
+        EXPECT_EQ(panel.infoItems.back().id, "hardware");
+        const auto& last = panel.stripItems.back();
+        EXPECT_EQ(c.shareRow.has_value() ? last.title + ": " + last.value : std::string(), c.shareRow.value_or(""));
+        EXPECT_EQ(panel.stripItems.size(), PerformanceMetrics::resultItems(result).size() + (c.shareRow ? 1U : 0U));
+    }
+}
+
 TEST(MetricCards, SevenCardsAndTheControllerTemperatureWhenUsable) {
     const testing::ScopedLanguage english("en_US.UTF-8");
     DiskIOMonitor::State monitor;

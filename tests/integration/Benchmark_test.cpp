@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -172,16 +173,38 @@ TEST_F(BenchmarkOnLoopVolume, AVolumeThatFillsUpFailsTheWritePhase) {
     EXPECT_TRUE(rootEntries().empty());
 }
 
-TEST_F(BenchmarkOnLoopVolume, AStopInEachPhaseLeavesNoFileAndNoResult) {
+TEST_F(BenchmarkOnLoopVolume, AStopInEachPhaseOfEachModeLeavesNoFileAndNoResult) {
     const auto descriptor = resolve();
-    for (const auto phase : kBenchmarkPhases) {
-        SCOPED_TRACE(rawValue(phase));
+    struct Case {
+        TestMode mode;
+        std::optional<BenchmarkPhase> phase;  // the standard test's phase to stop in
+        std::string step;                     // or the queue-depth test's step
+    };
+    std::vector<Case> cases;
+    for (const bool direct : {false, true}) {
+        for (const auto phase : kBenchmarkPhases) cases.push_back({TestMode{TestKind::standard, direct, 5}, phase, ""});
+    }
+    for (const char* step : {"Preparing the test file", "SEQ1M Q1T1 Read", "RND4K Q32T1 Write", "RND4K Q1T1 Write"}) {
+        cases.push_back({TestMode{TestKind::queueDepth, true, 0.3}, std::nullopt, step});
+    }
+    testing::ScopedLanguage english("en_US.UTF-8");
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.phase ? rawValue(*c.phase) + (c.mode.bypassCache ? " direct" : "") : c.step);
         auto tester = makeTester(48'000'000);
+        tester->setTestMode(c.mode);
         bool stopped = false;
-        tester->setPhaseObserver({[&, phase](BenchmarkPhase started) {
-                                      if (started == phase) main_->post([&] { tester->stopTest(); stopped = true; });
+        const auto stop = [&] {
+            if (stopped) return;
+            stopped = true;
+            main_->post([&] { tester->stopTest(); });
+        };
+        tester->setPhaseObserver({[&](BenchmarkPhase started) {
+                                      if (started == c.phase) stop();
                                   },
                                   {}});
+        const auto subscription = tester->subscribe([&](const DiskPerformanceTester::State& state) {
+            if (!c.step.empty() && state.progressState && state.progressState->stepName == c.step) stop();
+        });
         tester->runTest(descriptor);
         ASSERT_TRUE(main_->runUntil([&] { return !tester->state().isRunning; }, 60s));
         tester->waitForBackgroundWork();
@@ -192,6 +215,67 @@ TEST_F(BenchmarkOnLoopVolume, AStopInEachPhaseLeavesNoFileAndNoResult) {
         EXPECT_FALSE(tester->state().automaticReportMessage);
         EXPECT_TRUE(rootEntries().empty());
     }
+}
+
+TEST_F(BenchmarkOnLoopVolume, BypassingTheCacheTheDeviceSeesWhatEachPhaseMoved) {
+    const auto run = bench({"--json", "--direct", "--payload-bytes", "40000000", "--random-seconds", "0.3"});
+    ASSERT_EQ(run.exitStatus, 0) << run.err;
+    const auto result = json::parse(run.out);
+    EXPECT_EQ(result["mode"]["bypassCache"], true);
+    EXPECT_EQ(result["actualByteCount"], 40'000'000 / 4096 * 4096);
+    ASSERT_EQ(result["phases"].size(), 4U);
+    for (const auto& phase : result["phases"]) {
+        SCOPED_TRACE(phase.dump());
+        const double moved = phase["bytesMoved"].get<double>();
+        EXPECT_GT(moved, 0);
+        EXPECT_NEAR(phase["deviceBytes"].get<double>(), moved, moved * 0.01);
+    }
+    EXPECT_EQ(run.err.find("page cache"), std::string::npos) << run.err;
+    const std::string html = readFile(result["reportPath"]);
+    EXPECT_NE(html.find("<p class=\"mode\">Test Mode：Cache bypass (direct I/O), queue depth 1</p>"), std::string::npos);
+    EXPECT_EQ(rootEntries().size(), 1U);
+}
+
+TEST_F(BenchmarkOnLoopVolume, QueueDepthProfilesRunOnIoUring) {
+    const auto run = bench({"--json", "--profile", "deep", "--seconds", "0.2", "--payload-bytes", "33554432"});
+    ASSERT_EQ(run.exitStatus, 0) << run.err;
+    const auto result = json::parse(run.out);
+    EXPECT_EQ(result["mode"]["kind"], "queueDepth");
+    std::vector<std::string> profiles;
+    for (const auto& figure : result["queueDepth"]) {
+        profiles.push_back(figure["profile"]);
+        for (const char* key : {"readBytesPerSecond", "readIOPS", "writeBytesPerSecond", "writeIOPS"}) {
+            EXPECT_GT(figure[key].get<double>(), 0) << figure.dump();
+        }
+    }
+    EXPECT_EQ(profiles, (std::vector<std::string>{"SEQ1M Q8T1", "SEQ1M Q1T1", "RND4K Q32T1", "RND4K Q1T1"}));
+    const std::string html = readFile(result["reportPath"]);
+    EXPECT_TRUE(wellFormedHTML(html));
+    EXPECT_NE(html.find("<td>RND4K Q32T1</td>"), std::string::npos);
+    EXPECT_EQ(rootEntries().size(), 1U);
+}
+
+TEST(BenchmarkOnMemory, AFileSystemInMemoryRefusesToBypassTheCache) {
+    char folder[] = "/tmp/vantorix-tmpfs-XXXXXX";
+    ASSERT_NE(::mkdtemp(folder), nullptr);
+    if (testing::runShell(std::string("mount -t tmpfs -o size=64m tmpfs ") + folder).exitStatus != 0) {
+        ::rmdir(folder);
+        GTEST_SKIP() << "cannot mount tmpfs";
+    }
+    for (const std::vector<std::string>& mode : {std::vector<std::string>{"--direct"},
+                                                 std::vector<std::string>{"--profile", "deep"}}) {
+        std::vector<std::string> argv{VANTORIX_CLI_PATH, "bench", folder, "--payload-bytes", "8388608", "--seconds", "0.1"};
+        argv.insert(argv.end(), mode.begin(), mode.end());
+        const auto run = testing::runProcess(argv, kEnglish);
+        EXPECT_EQ(run.exitStatus, 1);
+        EXPECT_NE(run.err.find("This file system cannot bypass the cache (it refuses direct I/O or keeps its files in "
+                               "memory), so a cache-bypass test cannot run on it."),
+                  std::string::npos)
+            << run.err;
+        EXPECT_TRUE(fs::is_empty(folder));
+    }
+    testing::runShell(std::string("umount ") + folder);
+    ::rmdir(folder);
 }
 
 TEST_F(BenchmarkOnLoopVolume, ReportsOfTheSameSecondGetSuffixes) {

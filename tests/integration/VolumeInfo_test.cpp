@@ -110,6 +110,8 @@ TEST_F(LoopVolumeTest, InfoOnASubfolderDescribesTheLoopVolume) {
     EXPECT_EQ(info["totalCapacityBytes"].get<std::uint64_t>(), std::uint64_t{vfs.f_blocks} * vfs.f_frsize);
     EXPECT_EQ(info["availableCapacityBytes"].get<std::uint64_t>(), std::uint64_t{vfs.f_bavail} * vfs.f_frsize);
     EXPECT_EQ(info["connectionTypeDescription"], "Virtual Interface");
+    EXPECT_TRUE(info.contains("linkCeiling"));
+    EXPECT_TRUE(info["linkCeiling"].is_null());  // a loop device has no link
     EXPECT_TRUE(info["statistics"].is_object());
 
     // The human form in Chinese carries the same facts.

@@ -216,6 +216,11 @@ TEST(SysfsRegistry, PropertiesOfEachMachine) {
         {"sata-disk", "sda", 4, "Physical Interconnect", "-"},
         {"sata-disk", "sda", 5, "Physical Interconnect", "s:SATA"},
         {"sata-disk", "sda", 5, "LinkDescription", "s:6.0 Gbps"},
+        {"sata-3g", "sda", 5, "LinkDescription", "s:3.0 Gbps"},
+        {"sata-3g", "sda", 5, "MaxLinkDescription", "s:6.0 Gbps"},
+        {"nvme-x1", "nvme0n1", 3, "LinkDescription", "s:8.0 GT/s PCIe x1"},
+        {"nvme-x1", "nvme0n1", 3, "MaxLinkDescription", "s:8.0 GT/s PCIe x4"},
+        {"nvme-x1", "nvme0n1", 1, "MaxLinkDescription", "-"},
         {"virtio-disk", "vda", 0, "serial", "s:0123456789"},
         {"virtio-disk", "vda", 2, "vendor-id", "n:6900"},
     };
@@ -277,7 +282,7 @@ TEST(SysfsRegistry, KeysListReadableAttributeFilesThenAddedKeys) {
     const std::vector<std::string> expected = {
         "class", "current_link_speed", "current_link_width", "device", "enable", "max_link_speed", "max_link_width",
         "numa_node", "revision", "subsystem_device", "subsystem_vendor", "uevent", "vendor", "Physical Interconnect",
-        "LinkDescription", "vendor-id"};
+        "LinkDescription", "MaxLinkDescription", "vendor-id"};
     EXPECT_EQ((*registry.copyProperties(function.get()))->dictionary()->keys(), expected);
 }
 

@@ -15,6 +15,7 @@
 #include "services/HttpTestServer.h"
 #include "services/QrCode.h"
 #include "services/ServiceTestSupport.h"
+#include "ScopedScheme.h"
 #include "support/ScopedEnvironment.h"
 #include "ui/AboutVantorixView.h"
 #include "ui/FeedbackFormView.h"
@@ -29,25 +30,6 @@ using vantorix::testing::ScopedLanguage;
 using vantorix::testing::TemporaryFolder;
 
 constexpr const char* kContactLink = "https://u.wechat.com/vantorix-support";
-
-// The application's palette for one test case: the desktop's light one, or a dark scheme's.
-class ScopedScheme {
-public:
-    explicit ScopedScheme(bool dark) : saved_(QApplication::palette()) {
-        if (!dark) return;
-        QPalette palette(QColor(235, 235, 240), QColor(36, 36, 38));  // window text, window
-        palette.setColor(QPalette::Base, QColor(48, 48, 52));
-        palette.setColor(QPalette::Text, QColor(235, 235, 240));
-        palette.setColor(QPalette::Button, QColor(58, 58, 62));
-        palette.setColor(QPalette::ButtonText, QColor(235, 235, 240));
-        palette.setColor(QPalette::PlaceholderText, QColor(150, 150, 156));
-        QApplication::setPalette(palette);
-    }
-    ~ScopedScheme() { QApplication::setPalette(saved_); }
-
-private:
-    QPalette saved_;
-};
 
 // Both languages in the light and the dark scheme.
 struct Look { const char* lang; bool dark; };

@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <map>
 
 #include "platform/FakeRegistry.h"
+#include "platform/linux/SysfsRegistry.h"
 #include "support/ScopedEnvironment.h"
 #include "volumes/DiskVolumeResolver.h"
 
@@ -272,6 +274,44 @@ TEST(DiskVolumeResolver, ResolvesFoldersAndFallsBackToStatfs) {
     EXPECT_EQ(resolved->bsdName, "proc");
     EXPECT_EQ(resolved->connectionTypeDescription, "Unknown");
     EXPECT_EQ(resolved->fileSystemDescription, "PROC");
+}
+
+TEST(DiskVolumeResolver, LinkCeilingOfEachFixtureMachine) {
+    testing::ScopedLanguage english("en_US.UTF-8");
+    struct Case {
+        std::string machine;
+        std::string bsdName;
+        std::optional<LinkKind> kind;
+        std::string description;
+        std::optional<std::uint64_t> ceiling;
+        bool warns;
+    };
+    const std::vector<Case> cases{
+        {"nvme-laptop", "nvme0n1p1", LinkKind::pcie, "PCIe 3.0 x4", 3'938'461'538, false},
+        {"dmcrypt-nvme", "dm-0", LinkKind::pcie, "PCIe 3.0 x4", 3'938'461'538, false},
+        {"nvme-x1", "nvme0n1", LinkKind::pcie, "PCIe 3.0 x1", 984'615'384, true},
+        {"usb-stick", "sdb1", LinkKind::usb, "USB 3.0", 500'000'000, false},
+        {"usb2-port", "sdb1", LinkKind::usb, "USB 2.0", 60'000'000, true},
+        {"usb-gen2", "sdb", LinkKind::usb, "USB 3.1 Gen2", 1'212'121'212, false},
+        {"sata-disk", "sda1", LinkKind::sata, "SATA 6.0 Gb/s", 600'000'000, false},
+        {"sata-3g", "sda", LinkKind::sata, "SATA 3.0 Gb/s", 300'000'000, true},
+        {"virtio-disk", "vda", std::nullopt, "", std::nullopt, false},
+        {"loop", "loop0", std::nullopt, "", std::nullopt, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.machine);
+        SysfsRegistry registry(std::filesystem::path(VANTORIX_TEST_DATA_DIR) / "sysfs" / c.machine);
+        FakeVolumeInfoSource files;
+        files.statistics["/mnt/volume"] = {"/dev/" + c.bsdName, "ext4", "/mnt/volume", 4096, 1, 1};
+        const auto resolved = DiskVolumeResolver::resolve("/mnt/volume", files, registry);
+        ASSERT_TRUE(resolved.ok());
+        ASSERT_EQ(resolved->link.has_value(), c.kind.has_value());
+        if (!resolved->link) continue;
+        EXPECT_EQ(resolved->link->kind(), *c.kind);
+        EXPECT_EQ(linkDescription(*resolved->link), c.description);
+        EXPECT_EQ(ceilingBytesPerSecond(*resolved->link), c.ceiling);
+        EXPECT_EQ(slowLinkWarning(*resolved->link).has_value(), c.warns);
+    }
 }
 
 TEST(DiskVolumeResolver, BadSelectionsGiveTheirErrors) {

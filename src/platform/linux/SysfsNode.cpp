@@ -64,23 +64,38 @@ std::vector<std::string> entriesStartingWith(const fs::path& dir, std::string_vi
     return names;
 }
 
-// "8.0 GT/s PCIe x4" from the link attributes of a PCI Express function.
-std::optional<std::string> pciLinkDescription(const fs::path& dir) {
-    auto speed = trimmedAttribute(dir, "current_link_speed");
+// "8.0 GT/s PCIe x4" from the link attributes of a PCI Express function: `prefix` "current" for the
+// link as negotiated, "max" for the most the function can do.
+std::optional<std::string> pciLinkDescription(const fs::path& dir, std::string_view prefix) {
+    const std::string attribute(prefix);
+    auto speed = trimmedAttribute(dir, attribute + "_link_speed");
     if (!speed || speed->empty() || speed->starts_with("Unknown")) return std::nullopt;
-    const auto widthText = trimmedAttribute(dir, "current_link_width");
+    const auto widthText = trimmedAttribute(dir, attribute + "_link_width");
     const auto width = widthText ? parseDecimal(*widthText) : std::nullopt;
     if (width && *width > 0) *speed += " x" + std::to_string(*width);
     return speed;
 }
 
-// The negotiated speed of the first link of a libata port that reports one ("6.0 Gbps").
-std::optional<std::string> sataLinkDescription(const fs::path& port) {
+bool knownSataSpeed(const std::optional<std::string>& speed) {
+    return speed && !speed->empty() && *speed != "<unknown>";
+}
+
+// The first link of a libata port that reports a negotiated speed, as its attribute directory.
+std::optional<fs::path> activeSataLink(const fs::path& port) {
     for (const auto& link : entriesStartingWith(port, "link")) {
-        auto speed = trimmedAttribute(port / link / "ata_link" / link, "sata_spd");
-        if (speed && !speed->empty() && *speed != "<unknown>") return speed;
+        fs::path dir = port / link / "ata_link" / link;
+        if (knownSataSpeed(trimmedAttribute(dir, "sata_spd"))) return dir;
     }
     return std::nullopt;
+}
+
+// The negotiated speed of a libata port ("6.0 Gbps"), or with `attribute` "hw_sata_spd_limit" the
+// hardware limit of the same link.
+std::optional<std::string> sataLinkDescription(const fs::path& port, std::string_view attribute) {
+    const auto link = activeSataLink(port);
+    if (!link) return std::nullopt;
+    auto speed = trimmedAttribute(*link, attribute);
+    return knownSataSpeed(speed) ? speed : std::nullopt;
 }
 
 // The registry's USB speed code for a `speed` attribute in Mb/s.
@@ -115,9 +130,9 @@ private:
     std::array<std::uint64_t, 4> values_;
 };
 
-constexpr std::array<std::string_view, 7> kAddedKeys = {
+constexpr std::array<std::string_view, 8> kAddedKeys = {
     kStatisticsKey,      kPhysicalInterconnectKey, kProtocolCharacteristicsKey, kDeviceSpeedKey,
-    kLinkDescriptionKey, kVendorIdKey,             kThunderboltGenerationKey,
+    kLinkDescriptionKey, kMaxLinkDescriptionKey,   kVendorIdKey,                kThunderboltGenerationKey,
 };
 
 }  // namespace
@@ -257,12 +272,13 @@ std::optional<PropertyValue> SysfsNode::find(std::string_view key) const {
         if (!code) return std::nullopt;
         return PropertyValue(*code);
     }
-    if (key == kLinkDescriptionKey) {
+    if (key == kLinkDescriptionKey || key == kMaxLinkDescriptionKey) {
+        const bool most = key == kMaxLinkDescriptionKey;
         std::optional<std::string> description;
         if (subsystem_ == "pci") {
-            description = pciLinkDescription(dir_);
+            description = pciLinkDescription(dir_, most ? "max" : "current");
         } else if (subsystem_.empty() && isAtaPort(dir_)) {
-            description = sataLinkDescription(dir_);
+            description = sataLinkDescription(dir_, most ? "hw_sata_spd_limit" : "sata_spd");
         }
         if (!description) return std::nullopt;
         return PropertyValue(std::move(*description));

@@ -23,6 +23,9 @@ inline constexpr std::string_view kPhysicalInterconnectKey = "Physical Interconn
 inline constexpr std::string_view kProtocolCharacteristicsKey = "Protocol Characteristics";
 inline constexpr std::string_view kDeviceSpeedKey = "Device Speed";
 inline constexpr std::string_view kLinkDescriptionKey = "LinkDescription";
+// The most the link can do, written like LinkDescription: the device's own top PCIe speed and
+// width, or the hardware limit of a SATA port.
+inline constexpr std::string_view kMaxLinkDescriptionKey = "MaxLinkDescription";
 inline constexpr std::string_view kVendorIdKey = "vendor-id";
 inline constexpr std::string_view kThunderboltGenerationKey = "ThunderboltGeneration";
 

@@ -5,8 +5,12 @@
 #
 # Machines:
 #   nvme-laptop   nvme0n1 (+p1, p2) on a PCIe 3.0 x4 Samsung controller
-#   usb-stick     sdb (+sdb1), a SanDisk Ultra Fit behind a USB 3 hub
+#   nvme-x1       the same drive in a slot wired for one lane: PCIe 3.0 x1, the drive can do x4
+#   usb-stick     sdb (+sdb1), a SanDisk Ultra Fit (USB 3.20) behind a USB 3 hub at 5 Gb/s
+#   usb2-port     the same stick on a USB 2 port: enumerated at 480 Mb/s on the high-speed bus
+#   usb-gen2      sdb (+sdb1), a Samsung T7 (USB 3.10) on a 10 Gb/s root port
 #   sata-disk     sda (+sda1) on an AHCI port at 6.0 Gbps
+#   sata-3g       the same disk linked at 3.0 Gbps on a 6.0 Gbps port
 #   virtio-disk   vda (+vda1) on a virtio-blk PCI function
 #   loop          loop0 backed by a file
 #   dmcrypt-nvme  dm-0 (LUKS2) on nvme0n1p3, plus the NVMe tree
@@ -64,9 +68,11 @@ pci_root() {
     attr devices/pci0000:00/uevent
 }
 
-# pci_function DIR VENDOR DEVICE CLASS DRIVER [LINK_SPEED LINK_WIDTH]
+# pci_function DIR VENDOR DEVICE CLASS DRIVER [LINK_SPEED LINK_WIDTH [MAX_SPEED MAX_WIDTH]]
+# The maximum link is the current one unless given.
 pci_function() {
     local dir=$1 vendor=$2 device=$3 class=$4 driver=$5 speed=${6:-} width=${7:-}
+    local max_speed=${8:-${6:-}} max_width=${9:-${7:-}}
     subsystem "$dir" bus/pci
     link "$dir/driver" "bus/pci/drivers/$driver"
     attr "$dir/vendor" "$vendor"
@@ -80,18 +86,19 @@ pci_function() {
     if [[ -n $speed ]]; then
         attr "$dir/current_link_speed" "$speed"
         attr "$dir/current_link_width" "$width"
-        attr "$dir/max_link_speed" "$speed"
-        attr "$dir/max_link_width" "$width"
+        attr "$dir/max_link_speed" "$max_speed"
+        attr "$dir/max_link_width" "$max_width"
     fi
 }
 
+# nvme_tree PARTS [LANES]: the drive (a x4 device) and its root port, both linked at LANES (4).
 nvme_tree() {
-    local parts=$1
+    local parts=$1 lanes=${2:-4}
     local fn=devices/pci0000:00/0000:00:1d.0/0000:3d:00.0
     local ctrl=$fn/nvme/nvme0 ns=$fn/nvme/nvme0/nvme0n1
     pci_root
-    pci_function devices/pci0000:00/0000:00:1d.0 0x8086 0x02b0 0x060400 pcieport "8.0 GT/s PCIe" 4
-    pci_function "$fn" 0x144d 0xa808 0x010802 nvme "8.0 GT/s PCIe" 4
+    pci_function devices/pci0000:00/0000:00:1d.0 0x8086 0x02b0 0x060400 pcieport "8.0 GT/s PCIe" "$lanes"
+    pci_function "$fn" 0x144d 0xa808 0x010802 nvme "8.0 GT/s PCIe" "$lanes" "8.0 GT/s PCIe" 4
     attr "$fn/subsystem_vendor" 0x144d
     attr "$fn/subsystem_device" 0xa801
 
@@ -128,6 +135,10 @@ make_nvme_laptop() {
     nvme_tree 2
 }
 
+make_nvme_x1() {
+    nvme_tree 2 1
+}
+
 make_dmcrypt_nvme() {
     nvme_tree 3
     local dm=devices/virtual/block/dm-0
@@ -143,37 +154,33 @@ make_dmcrypt_nvme() {
     link "$p3/holders/dm-0" "$dm"
 }
 
-make_usb_stick() {
-    local xhci=devices/pci0000:00/0000:00:14.0
-    local root=$xhci/usb2 hub=$xhci/usb2/2-1 stick=$xhci/usb2/2-1/2-1.3
-    local intf=$stick/2-1.3:1.0
+# usb_device DIR BUS SPEED VERSION VENDOR PRODUCT MANUFACTURER PRODUCT-NAME DEVPATH DEVNUM CLASS
+usb_device() {
+    local dir=$1 bus=$2 speed=$3 version=$4 vendor=$5 product=$6 manufacturer=$7 name=$8 devpath=$9
+    local devnum=${10} class=${11}
+    subsystem "$dir" bus/usb
+    link "$dir/driver" bus/usb/drivers/usb
+    attr "$dir/speed" "$speed"
+    attr "$dir/idVendor" "$vendor"
+    attr "$dir/idProduct" "$product"
+    attr "$dir/manufacturer" "$manufacturer"
+    attr "$dir/product" "$name"
+    attr "$dir/devpath" "$devpath"
+    attr "$dir/devnum" "$devnum"
+    attr "$dir/busnum" "$bus"
+    attr "$dir/bDeviceClass" "$class"
+    attr "$dir/version" "$version"
+    attr "$dir/uevent" "MAJOR=189" "MINOR=$(((bus - 1) * 128 + devnum - 1))" \
+        "DEVNAME=bus/usb/$(printf %03d "$bus")/$(printf %03d "$devnum")" "DEVTYPE=usb_device" "DRIVER=usb" \
+        "PRODUCT=$(printf '%x/%x/100' $((16#$vendor)) $((16#$product)))" "BUSNUM=$(printf %03d "$bus")" \
+        "DEVNUM=$(printf %03d "$devnum")"
+}
+
+# usb_disk DEVICE VENDOR MODEL: a mass-storage interface of DEVICE with the SCSI disk sdb (+sdb1).
+usb_disk() {
+    local dev=$1 vendor=$2 model=$3
+    local intf=$dev/$(basename "$dev"):1.0
     local sdev=$intf/host6/target6:0:0/6:0:0:0
-    pci_root
-    pci_function "$xhci" 0x8086 0x9ded 0x0c0330 xhci_hcd
-
-    usb_device() {  # DIR SPEED VENDOR PRODUCT MANUFACTURER PRODUCT-NAME DEVPATH DEVNUM CLASS
-        subsystem "$1" bus/usb
-        link "$1/driver" bus/usb/drivers/usb
-        attr "$1/speed" "$2"
-        attr "$1/idVendor" "$3"
-        attr "$1/idProduct" "$4"
-        attr "$1/manufacturer" "$5"
-        attr "$1/product" "$6"
-        attr "$1/devpath" "$7"
-        attr "$1/devnum" "$8"
-        attr "$1/busnum" 2
-        attr "$1/bDeviceClass" "$9"
-        attr "$1/version" " 3.20"
-        attr "$1/uevent" "MAJOR=189" "MINOR=$((128 + $8 - 1))" "DEVNAME=bus/usb/002/$(printf %03d "$8")" \
-            "DEVTYPE=usb_device" "DRIVER=usb" "PRODUCT=$(printf '%x/%x/100' $((16#$3)) $((16#$4)))" "BUSNUM=002" "DEVNUM=$(printf %03d "$8")"
-    }
-    usb_device "$root" 10000 1d6b 0003 "Linux 6.1.0-18-amd64 xhci-hcd" "xHCI Host Controller" 0 1 09
-    usb_device "$hub" 5000 05e3 0626 GenesysLogic "USB3.1 Hub" 1 2 09
-    usb_device "$stick" 5000 0781 5583 SanDisk "Ultra Fit" 1.3 3 00
-    attr "$stick/serial" 4C530001230518115294
-    attr "$stick/bcdDevice" 0100
-    attr "$stick/removable" removable
-
     subsystem "$intf" bus/usb
     link "$intf/driver" bus/usb/drivers/usb-storage
     attr "$intf/bInterfaceClass" 08
@@ -189,8 +196,8 @@ make_usb_stick() {
     subsystem "$sdev" bus/scsi
     link "$sdev/driver" bus/scsi/drivers/sd
     attr "$sdev/uevent" DEVTYPE=scsi_device DRIVER=sd MODALIAS=scsi:t-0x00
-    attr "$sdev/vendor" "SanDisk "
-    attr "$sdev/model" "Ultra Fit       "
+    attr "$sdev/vendor" "$vendor"
+    attr "$sdev/model" "$model"
     attr "$sdev/rev" "1.00"
     attr "$sdev/type" 0
     attr "$sdev/scsi_level" 7
@@ -204,7 +211,48 @@ make_usb_stick() {
         "    2101      130   297142     1790     1024       88   524288    20450        0     6200    22240        0        0        0        0        0        0" 1
 }
 
-make_sata_disk() {
+# usb_stick_tree BUS ROOT_SPEED ROOT_VERSION ROOT_PRODUCT HUB_VERSION STICK_SPEED: the SanDisk stick
+# (USB 3.20) behind a hub on root hub BUS of the xHCI controller.
+usb_stick_tree() {
+    local bus=$1 root_speed=$2 root_version=$3 root_product=$4 hub_version=$5 stick_speed=$6
+    local xhci=devices/pci0000:00/0000:00:14.0
+    local root=$xhci/usb$bus hub=$xhci/usb$bus/$bus-1 stick=$xhci/usb$bus/$bus-1/$bus-1.3
+    pci_root
+    pci_function "$xhci" 0x8086 0x9ded 0x0c0330 xhci_hcd
+    usb_device "$root" "$bus" "$root_speed" "$root_version" 1d6b "$root_product" \
+        "Linux 6.1.0-18-amd64 xhci-hcd" "xHCI Host Controller" 0 1 09
+    usb_device "$hub" "$bus" "$stick_speed" "$hub_version" 05e3 0626 GenesysLogic "USB3.1 Hub" 1 2 09
+    usb_device "$stick" "$bus" "$stick_speed" " 3.20" 0781 5583 SanDisk "Ultra Fit" 1.3 3 00
+    attr "$stick/serial" 4C530001230518115294
+    attr "$stick/bcdDevice" 0100
+    attr "$stick/removable" removable
+    usb_disk "$stick" "SanDisk " "Ultra Fit       "
+}
+
+make_usb_stick() {
+    usb_stick_tree 2 10000 " 3.20" 0003 " 3.20" 5000
+}
+
+make_usb2_port() {
+    usb_stick_tree 1 480 " 2.00" 0002 " 2.10" 480
+}
+
+make_usb_gen2() {
+    local xhci=devices/pci0000:00/0000:00:14.0
+    local root=$xhci/usb2 ssd=$xhci/usb2/2-2
+    pci_root
+    pci_function "$xhci" 0x8086 0x9ded 0x0c0330 xhci_hcd
+    usb_device "$root" 2 10000 " 3.10" 1d6b 0003 "Linux 6.1.0-18-amd64 xhci-hcd" "xHCI Host Controller" 0 1 09
+    usb_device "$ssd" 2 10000 " 3.10" 04e8 4001 Samsung "PSSD T7" 2 2 00
+    attr "$ssd/serial" S5SXNS0R700123A
+    attr "$ssd/bcdDevice" 0100
+    attr "$ssd/removable" removable
+    usb_disk "$ssd" "Samsung " "PSSD T7         "
+}
+
+# sata_tree SPEED: the disk on port ata1 of an AHCI controller, linked at SPEED on a 6.0 Gbps port.
+sata_tree() {
+    local speed=$1
     local ahci=devices/pci0000:00/0000:00:17.0
     local ata=$ahci/ata1
     local sdev=$ata/host0/target0:0:0/0:0:0:0
@@ -220,7 +268,7 @@ make_sata_disk() {
     link class/ata_port/ata1 "$ata/ata_port/ata1"
     attr "$ata/link1/uevent"
     subsystem "$ata/link1/ata_link/link1" class/ata_link
-    attr "$ata/link1/ata_link/link1/sata_spd" "6.0 Gbps"
+    attr "$ata/link1/ata_link/link1/sata_spd" "$speed"
     attr "$ata/link1/ata_link/link1/hw_sata_spd_limit" "6.0 Gbps"
     attr "$ata/link1/ata_link/link1/sata_spd_limit" "<unknown>"
     attr "$ata/link1/ata_link/link1/uevent"
@@ -245,6 +293,14 @@ make_sata_disk() {
     link "$sdev/block/sda/device" "$sdev"
     block "$sdev/block/sda/sda1" sda1 8 1 partition 976771072 \
         "   88200     2911  6118410    30090    41009    35210  4482016    81230        0    92200   120940        0        0        0        0        0        0" 1
+}
+
+make_sata_disk() {
+    sata_tree "6.0 Gbps"
+}
+
+make_sata_3g() {
+    sata_tree "3.0 Gbps"
 }
 
 make_virtio_disk() {
@@ -279,7 +335,7 @@ make_loop() {
     attr "$dir/loop/dio" 0
 }
 
-for name in nvme-laptop usb-stick sata-disk virtio-disk loop dmcrypt-nvme; do
+for name in nvme-laptop nvme-x1 usb-stick usb2-port usb-gen2 sata-disk sata-3g virtio-disk loop dmcrypt-nvme; do
     machine=$name
     rm -rf "$machine"
     mkdir -p "$machine"
