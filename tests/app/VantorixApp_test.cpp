@@ -26,6 +26,7 @@
 #include "ui/MetricCardView.h"
 #include "ui/SmartInfoSheet.h"
 #include "ui/VolumeControlPanel.h"
+#include "ui/ScopedScheme.h"
 
 namespace vantorix::app {
 namespace {
@@ -136,6 +137,22 @@ TEST(VantorixApp, MenuBarHoldsTheFourCommandsAndPickersShowTheCurrentValues) {
     action("Bypass Cache")->trigger();
     EXPECT_EQ(app.tester()->state().testMode, TestMode{});
     EXPECT_TRUE(action("Bypass Cache")->isEnabled());
+}
+
+TEST(VantorixApp, TestSampleSizeMenuScreenshots) {
+    for (const auto& [lang, dark] : std::vector<std::pair<std::string, bool>>{
+             {"en_US.UTF-8", false}, {"en_US.UTF-8", true}, {"zh_CN.UTF-8", false}, {"zh_CN.UTF-8", true}}) {
+        const ui::ScopedScheme scheme(dark);
+        Application application(lang);
+        QMenu* menu = application.app->testSampleSizeMenu();
+        menu->popup(QPoint(0, 0));
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(menu));
+        QDir().mkpath(QStringLiteral(VANTORIX_SCREENSHOT_DIR));
+        EXPECT_TRUE(menu->grab().save(QStringLiteral(VANTORIX_SCREENSHOT_DIR "/test-sample-size-menu-") +
+                                      QString::fromStdString(lang.substr(0, 2)) +
+                                      (dark ? QStringLiteral("-dark.png") : QStringLiteral("-light.png"))));
+        menu->hide();
+    }
 }
 
 TEST(VantorixApp, AboutAndFeedbackAreSingleWindowsWithTheirTitlesAndSizes) {
