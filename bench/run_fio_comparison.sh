@@ -2,7 +2,7 @@
 # Side-by-side: the performance test engine against fio with the same parameters, on the same
 # file system, median of three runs of each.
 #
-#   bench/run_fio_comparison.sh [BUILD_DIR] [FOLDER] [PAYLOAD_BYTES] [RUNS]
+#   bench/run_fio_comparison.sh [BUILD_DIR] [FOLDER] [PAYLOAD_BYTES] [RUNS] [buffered|direct]
 #
 # Both sides: synchronous pread/pwrite (fio's psync engine), queue depth 1, buffered I/O, no cache
 # invalidation; random 4 KiB writes then reads for 5 s each over a working set of
@@ -10,11 +10,17 @@
 # ftruncate; then a sequential write of the payload in 16 MiB blocks into a new file and a
 # sequential read of it. Writes end with an fsync that is timed with them. The engine runs
 # through `vantorix-cli bench --json` with the payload given in bytes.
+#
+# With "direct" both sides bypass the page cache: `vantorix-cli bench --direct` against fio
+# --direct=1, offsets on 4 KiB boundaries, the random file written in full before the random
+# writes (fio --overwrite=1; the engine lays out its working set the same way), and zeros in the
+# sequential write on both sides. The payload is rounded down to whole 4 KiB blocks for both.
 set -euo pipefail
 build=${1:-build/release}
 folder=${2:-/var/tmp/vantorix-fio-comparison}
 payload=${3:-1000000000}
 runs=${4:-3}
+mode=${5:-buffered}
 cli="$build/vantorix-cli"
 [[ -x $cli ]] || { echo "no $cli; build first" >&2; exit 1; }
 command -v fio >/dev/null && command -v jq >/dev/null || { echo "needs fio and jq (scripts/setup)" >&2; exit 1; }
@@ -22,24 +28,35 @@ command -v fio >/dev/null && command -v jq >/dev/null || { echo "needs fio and j
 mkdir -p "$folder"
 work=$(mktemp -d)
 trap 'rm -rf "$work"; rm -f "$folder"/fio-random "$folder"/fio-sequential' EXIT
+ours_flags=()
+random_flags=(--blockalign=1)
+sequential_flags=()
+direct=0
+if [[ $mode == direct ]]; then
+  payload=$(( payload / 4096 * 4096 ))
+  ours_flags=(--direct)
+  random_flags=(--blockalign=4k --overwrite=1)
+  sequential_flags=(--zero_buffers)
+  direct=1
+fi
 workingSet=$(( payload < 536870912 ? payload : 536870912 ))
-common=(--ioengine=psync --iodepth=1 --direct=0 --invalidate=0 --randrepeat=0 --norandommap
+common=(--ioengine=psync --iodepth=1 --direct=$direct --invalidate=0 --randrepeat=0 --norandommap
         --fallocate=none --output-format=json --group_reporting)
 
 median() { sort -g | awk '{v[NR]=$1} END {print (NR%2) ? v[(NR+1)/2] : (v[NR/2]+v[NR/2+1])/2}'; }
 
 for ((i = 1; i <= runs; i++)); do
   echo "run $i/$runs: vantorix" >&2
-  "$cli" bench "$folder" --json --payload-bytes "$payload" 2>/dev/null >"$work/ours-$i.json"
+  "$cli" bench "$folder" --json --payload-bytes "$payload" "${ours_flags[@]}" 2>/dev/null >"$work/ours-$i.json"
   rm -f "$folder"/Vantorix-Performance-*.html
 
   echo "run $i/$runs: fio" >&2
   rm -f "$folder/fio-random" "$folder/fio-sequential"
-  fio "${common[@]}" --name=randwrite --filename="$folder/fio-random" --rw=randwrite --bs=4k --blockalign=1 \
+  fio "${common[@]}" --name=randwrite --filename="$folder/fio-random" --rw=randwrite --bs=4k "${random_flags[@]}" \
       --size="$workingSet" --time_based --runtime=5 --end_fsync=1 >"$work/fio-rw-$i.json"
-  fio "${common[@]}" --name=randread --filename="$folder/fio-random" --rw=randread --bs=4k --blockalign=1 \
+  fio "${common[@]}" --name=randread --filename="$folder/fio-random" --rw=randread --bs=4k "${random_flags[@]}" \
       --size="$workingSet" --time_based --runtime=5 >"$work/fio-rr-$i.json"
-  fio "${common[@]}" --name=write --filename="$folder/fio-sequential" --rw=write --bs=16M --size="$payload" \
+  fio "${common[@]}" --name=write --filename="$folder/fio-sequential" --rw=write --bs=16M --size="$payload" "${sequential_flags[@]}" \
       --end_fsync=1 >"$work/fio-sw-$i.json"
   fio "${common[@]}" --name=read --filename="$folder/fio-sequential" --rw=read --bs=16M --size="$payload" \
       >"$work/fio-sr-$i.json"
@@ -54,7 +71,7 @@ ours_rr=$(ours .randomReadIOPS);    fio_rr=$(theirs rr '.jobs[0].read.iops')
 ours_sw=$(ours .writeThroughput);   fio_sw=$(theirs sw '.jobs[0].write.bw_bytes')
 ours_sr=$(ours .readThroughput);    fio_sr=$(theirs sr '.jobs[0].read.bw_bytes')
 
-echo "payload $payload bytes, folder $folder ($(findmnt -no FSTYPE,SOURCE -T "$folder")), median of $runs runs"
+echo "$mode I/O, payload $payload bytes, folder $folder ($(findmnt -no FSTYPE,SOURCE -T "$folder")), median of $runs runs"
 printf '%-28s %16s %16s %8s\n' "measure" "vantorix" "fio" "ratio"
 row() { printf '%-28s %16.0f %16.0f %8.3f\n' "$1" "$2" "$3" "$(awk -v a="$2" -v b="$3" 'BEGIN {print a / b}')"; }
 row "random 4 KiB write IOPS" "$ours_rw" "$fio_rw"

@@ -1,0 +1,241 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <vector>
+
+#include "platform/linux/IoUringQueuedFile.h"
+
+namespace vantorix {
+namespace {
+
+using namespace std::chrono_literals;
+using Pattern = QueuedJob::Pattern;
+using Direction = QueuedJob::Direction;
+
+constexpr std::uint64_t kSpan = 4 << 20;
+constexpr std::uint64_t kTail = 1 << 20;  // past the span: must never be written
+constexpr unsigned char kSentinel = 0xA5;
+
+// A folder under /var/tmp, which sits on a disk file system that takes direct I/O (tmpfs /tmp
+// would not test the real thing).
+class QueuedFileTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char pattern[] = "/var/tmp/vantorix-queued-XXXXXX";
+        ASSERT_NE(::mkdtemp(pattern), nullptr);
+        folder_ = pattern;
+    }
+    void TearDown() override { std::filesystem::remove_all(folder_); }
+
+    // A file of `kSpan` zero bytes followed by `kTail` sentinel bytes, opened for queued I/O.
+    std::unique_ptr<QueuedFile> makeFile() {
+        path_ = folder_ + "/data";
+        std::ofstream out(path_, std::ios::binary);
+        out.seekp(static_cast<std::streamoff>(kSpan));
+        const std::vector<char> tail(kTail, static_cast<char>(kSentinel));
+        out.write(tail.data(), static_cast<std::streamsize>(tail.size()));
+        out.close();
+        auto file = openIoUringQueuedFile(path_);
+        if (!file && file.error().code == EINVAL) return nullptr;
+        EXPECT_TRUE(file.ok()) << file.error().message;
+        return file ? std::move(file).value() : nullptr;
+    }
+
+    std::vector<unsigned char> contents() const {
+        std::ifstream in(path_, std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    }
+
+    // The file kept its size and its tail.
+    void expectTailUntouched() const {
+        const auto bytes = contents();
+        ASSERT_EQ(bytes.size(), kSpan + kTail);
+        EXPECT_TRUE(std::all_of(bytes.begin() + kSpan, bytes.end(), [](unsigned char b) { return b == kSentinel; }));
+    }
+
+    // How many `blockSize` blocks of the span hold something other than zeros.
+    std::uint64_t writtenBlocks(std::uint64_t blockSize) const {
+        const auto bytes = contents();
+        std::uint64_t written = 0;
+        for (std::uint64_t at = 0; at < kSpan; at += blockSize) {
+            const auto begin = bytes.begin() + static_cast<std::ptrdiff_t>(at);
+            const auto end = begin + static_cast<std::ptrdiff_t>(blockSize);
+            written += std::any_of(begin, end, [](unsigned char b) { return b != 0; });
+        }
+        return written;
+    }
+
+    std::string folder_;
+    std::string path_;
+};
+
+#define OPEN_OR_SKIP(file)                                                              \
+    auto file = makeFile();                                                             \
+    if (!file) GTEST_SKIP() << folder_ << " does not take direct I/O on this system"
+
+TEST_F(QueuedFileTest, TimedJobsCountWholeBlocksAndStayInTheirSpan) {
+    OPEN_OR_SKIP(file);
+    std::uint64_t progressCalls = 0;
+    for (const Pattern pattern : {Pattern::sequential, Pattern::random}) {
+        for (const Direction direction : {Direction::read, Direction::write}) {
+            for (const std::uint32_t depth : {1u, 8u, 32u}) {
+                QueuedJob job;
+                job.pattern = pattern;
+                job.direction = direction;
+                job.blockSize = pattern == Pattern::sequential ? 65536 : 4096;
+                job.queueDepth = depth;
+                // Reads cover the whole file, so one past its end would fail the job; writes
+                // leave the tail alone unless one lands outside the span.
+                job.span = direction == Direction::read ? kSpan + kTail : kSpan;
+                job.duration = 200ms;
+                std::vector<std::uint64_t> reported;
+                auto figures = file->run(job, {}, [&](std::uint64_t bytes) { reported.push_back(bytes); });
+                SCOPED_TRACE(::testing::Message() << (pattern == Pattern::random ? "random " : "sequential ")
+                                                  << (direction == Direction::read ? "read" : "write")
+                                                  << " depth " << depth);
+                ASSERT_TRUE(figures.ok()) << figures.error().message;
+                EXPECT_GT(figures->bytes, 0u);
+                EXPECT_EQ(figures->operations * job.blockSize, figures->bytes);
+                EXPECT_GT(figures->seconds, 0);
+                EXPECT_TRUE(std::is_sorted(reported.begin(), reported.end()));
+                EXPECT_TRUE(reported.empty() || reported.back() <= figures->bytes);
+                progressCalls += reported.size();
+                if (direction == Direction::write) expectTailUntouched();
+            }
+        }
+    }
+    EXPECT_GT(progressCalls, 0u);
+}
+
+TEST_F(QueuedFileTest, ByteLimitMovesExactlyThatMuchAndWrapsAtTheSpan) {
+    constexpr std::uint64_t kBlock = 65536;
+    constexpr std::uint64_t kBlocks = kSpan / kBlock;
+    struct Case {
+        Pattern pattern;
+        std::uint32_t depth;
+        std::uint64_t limitBlocks;
+    };
+    const Case cases[] = {
+        {Pattern::sequential, 1, 3},           {Pattern::sequential, 8, 3}, {Pattern::sequential, 8, 10},
+        {Pattern::sequential, 32, kBlocks},    {Pattern::sequential, 8, kBlocks + 2},  // wraps to 0
+        {Pattern::random, 32, 5},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(::testing::Message() << "depth " << c.depth << ", " << c.limitBlocks << " blocks");
+        OPEN_OR_SKIP(file);
+        QueuedJob job;
+        job.pattern = c.pattern;
+        job.direction = Direction::write;
+        job.blockSize = kBlock;
+        job.queueDepth = c.depth;
+        job.span = kSpan;
+        job.byteLimit = c.limitBlocks * kBlock;
+        auto figures = file->run(job, {}, {});
+        ASSERT_TRUE(figures.ok()) << figures.error().message;
+        EXPECT_EQ(figures->bytes, *job.byteLimit);
+        EXPECT_EQ(figures->operations, c.limitBlocks);
+        ASSERT_TRUE(file->close().ok());
+        expectTailUntouched();
+        const std::uint64_t written = writtenBlocks(kBlock);
+        if (c.pattern == Pattern::sequential) {
+            EXPECT_EQ(written, std::min(c.limitBlocks, kBlocks));
+            EXPECT_EQ(writtenBlocks(4096), std::min(c.limitBlocks, kBlocks) * (kBlock / 4096));  // random, not zeros
+        } else {
+            EXPECT_GE(written, 1u);
+            EXPECT_LE(written, c.limitBlocks);
+        }
+    }
+}
+
+TEST_F(QueuedFileTest, ShouldStopEndsTheJobWithTheFiguresSoFar) {
+    OPEN_OR_SKIP(file);
+    QueuedJob job{Pattern::random, Direction::read, 4096, 8, kSpan, 1h, std::nullopt};
+    int asked = 0;
+    auto figures = file->run(job, [&] { return ++asked == 5; }, {});
+    ASSERT_TRUE(figures.ok()) << figures.error().message;
+    EXPECT_EQ(asked, 5);
+    EXPECT_GT(figures->operations, 0u);
+    EXPECT_EQ(figures->operations * 4096, figures->bytes);
+}
+
+TEST_F(QueuedFileTest, ReadsMustStayInsideTheFile) {
+    OPEN_OR_SKIP(file);
+    QueuedJob job{Pattern::sequential, Direction::read, 65536, 8, kSpan + kTail + 65536, 1h, std::nullopt};
+    auto beyond = file->run(job, {}, {});
+    ASSERT_FALSE(beyond.ok());
+    EXPECT_EQ(beyond.error().code, EINVAL);
+
+    // The file shrinks under a running job to less than a block: reads come back short, then meet
+    // its end.
+    job.span = kSpan;
+    auto shrunk = file->run(job, [&] { return !file->truncate(3 * 4096).ok(); }, {});
+    ASSERT_FALSE(shrunk.ok());
+    EXPECT_EQ(shrunk.error().code, ENODATA);
+
+    // Nothing was left in flight: the file takes the next job.
+    job.direction = Direction::write;
+    job.byteLimit = kSpan;
+    auto rewritten = file->run(job, {}, {});
+    ASSERT_TRUE(rewritten.ok()) << rewritten.error().message;
+    EXPECT_EQ(rewritten->bytes, kSpan);
+}
+
+TEST_F(QueuedFileTest, RejectsMalformedJobsAndClosedFiles) {
+    OPEN_OR_SKIP(file);
+    const QueuedJob good{Pattern::sequential, Direction::read, 65536, 4, kSpan, 1h, std::nullopt};
+    std::vector<QueuedJob> bad(8, good);
+    bad[0].blockSize = 0;
+    bad[1].blockSize = 6144;
+    bad[2].queueDepth = 0;
+    bad[3].queueDepth = 257;
+    bad[4].span = 0;
+    bad[5].span = kSpan + 4096;
+    bad[6].byteLimit = 65536 + 4096;
+    bad[7].duration = 0ns;  // and no byte limit: it would never end
+    for (std::size_t i = 0; i < bad.size(); ++i) {
+        auto figures = file->run(bad[i], {}, {});
+        ASSERT_FALSE(figures.ok()) << "job " << i;
+        EXPECT_EQ(figures.error().code, EINVAL) << "job " << i;
+    }
+
+    ASSERT_TRUE(file->close().ok());
+    EXPECT_EQ(file->close().error().code, EBADF);
+    auto afterClose = file->run(good, {}, {});
+    ASSERT_FALSE(afterClose.ok());
+    EXPECT_EQ(afterClose.error().code, EBADF);
+
+    auto missing = openIoUringQueuedFile(folder_ + "/missing");
+    ASSERT_FALSE(missing.ok());
+    EXPECT_EQ(missing.error().code, ENOENT);
+}
+
+// tmpfs used to refuse O_DIRECT opens with EINVAL; newer kernels (6.18 here) take them. Either
+// way the answer must be usable: EINVAL as it came, or a file that does direct jobs.
+TEST(IoUringQueuedFileTmpfs, RefusesWithEinvalOrWorks) {
+    char pattern[] = "/dev/shm/vantorix-queued-XXXXXX";
+    const int fd = ::mkstemp(pattern);
+    if (fd < 0) GTEST_SKIP() << "no /dev/shm";
+    const std::string path = pattern;
+    const bool sized = ::ftruncate(fd, 1 << 20) == 0;
+    ::close(fd);
+    ASSERT_TRUE(sized);
+    auto file = openIoUringQueuedFile(path);
+    if (!file) {
+        EXPECT_EQ(file.error().code, EINVAL) << file.error().message;
+    } else {
+        QueuedJob job{Pattern::random, Direction::write, 4096, 8, 1 << 20, 0ns, 1 << 20};
+        auto figures = (*file)->run(job, {}, {});
+        EXPECT_TRUE(figures.ok() && figures->bytes == 1 << 20);
+    }
+    ::unlink(path.c_str());
+}
+
+}  // namespace
+}  // namespace vantorix
