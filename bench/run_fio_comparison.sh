@@ -43,14 +43,20 @@ workingSet=$(( payload < 536870912 ? payload : 536870912 ))
 common=(--ioengine=psync --iodepth=1 --direct=$direct --invalidate=0 --randrepeat=0 --norandommap
         --fallocate=none --output-format=json --group_reporting)
 
+# Writes leave the layers below busy for a while (a virtual disk's host flushing): each side starts
+# after a flush of the file system and a moment's rest, so neither pays for the other's writes.
+settle() { sync -f "$folder"; sleep 1; }
+
 median() { sort -g | awk '{v[NR]=$1} END {print (NR%2) ? v[(NR+1)/2] : (v[NR/2]+v[NR/2+1])/2}'; }
 
 for ((i = 1; i <= runs; i++)); do
   echo "run $i/$runs: vantorix" >&2
+  settle
   "$cli" bench "$folder" --json --payload-bytes "$payload" "${ours_flags[@]}" 2>/dev/null >"$work/ours-$i.json"
   rm -f "$folder"/Vantorix-Performance-*.html
 
   echo "run $i/$runs: fio" >&2
+  settle
   rm -f "$folder/fio-random" "$folder/fio-sequential"
   fio "${common[@]}" --name=randwrite --filename="$folder/fio-random" --rw=randwrite --bs=4k "${random_flags[@]}" \
       --size="$workingSet" --time_based --runtime=5 --end_fsync=1 >"$work/fio-rw-$i.json"
