@@ -22,20 +22,26 @@ QLabel* labelShowing(const QWidget& parent, const QString& text) {
     return nullptr;
 }
 
+// An NVMe drive that can use PCIe 3.0 x4, running at `width` lanes.
+DiskVolumeDescriptor nvmeVolume(unsigned width) {
+    DiskVolumeDescriptor volume;
+    volume.displayName = "Samsung SSD 970";
+    volume.bsdName = "nvme0n1p2";
+    volume.connectionTypeDescription = "PCI-Express";
+    volume.connectionSpeedDescription = "8.0 GT/s PCIe x" + std::to_string(width);
+    volume.fileSystemDescription = "EXT4";
+    volume.totalCapacityBytes = 1'000'204'886'016;
+    volume.availableCapacityBytes = 612'000'000'000;
+    volume.hardwareVendor = "0x144D";
+    volume.hardwareModel = "Samsung SSD 970 EVO Plus 1TB";
+    volume.link = LinkCeiling{PcieLink{8'000'000'000, width, 8'000'000'000, 4}};
+    return volume;
+}
+
 TEST(VolumeControlPanel, ShowsTheLinkCeilingAndAnOrangeWarningOnlyWhileTheVolumeHasThem) {
     for (const std::string lang : {"en_US.UTF-8", "zh_CN.UTF-8"}) {
         const ScopedLanguage language(lang);
-        DiskVolumeDescriptor volume;
-        volume.displayName = "Samsung SSD 970";
-        volume.bsdName = "nvme0n1p2";
-        volume.connectionTypeDescription = "PCIe";
-        volume.connectionSpeedDescription = "8.0 GT/s PCIe x1";
-        volume.fileSystemDescription = "EXT4";
-        volume.totalCapacityBytes = 1'000'204'886'016;
-        volume.availableCapacityBytes = 612'000'000'000;
-        volume.hardwareVendor = "0x144D";
-        volume.hardwareModel = "Samsung SSD 970 EVO Plus 1TB";
-        volume.link = LinkCeiling{PcieLink{8'000'000'000, 1, 8'000'000'000, 4}};
+        const DiskVolumeDescriptor volume = nvmeVolume(1);
         DiskIOMonitor::State monitor;
         monitor.selectedVolume = volume;
         DiskPerformanceTester::State tester;
@@ -82,12 +88,7 @@ TEST(VolumeControlPanel, AQueueDepthResultShowsItsModeAndProfilesInTheStrip) {
              {"en_US.UTF-8", false}, {"en_US.UTF-8", true}, {"zh_CN.UTF-8", false}, {"zh_CN.UTF-8", true}}) {
         const ScopedLanguage language(lang);
         const ScopedScheme scheme(dark);
-        DiskVolumeDescriptor volume;
-        volume.displayName = "Samsung SSD 970";
-        volume.bsdName = "nvme0n1p2";
-        volume.connectionTypeDescription = "PCI-Express";
-        volume.connectionSpeedDescription = "8.0 GT/s PCIe x4";
-        volume.link = LinkCeiling{PcieLink{8'000'000'000, 4, 8'000'000'000, 4}};
+        const DiskVolumeDescriptor volume = nvmeVolume(4);
         DiskIOMonitor::State monitor;
         monitor.selectedVolume = volume;
         DiskPerformanceTester::State tester;
