@@ -15,6 +15,12 @@
 # --direct=1, offsets on 4 KiB boundaries, the random file written in full before the random
 # writes (fio --overwrite=1; the engine lays out its working set the same way), and zeros in the
 # sequential write on both sides. The payload is rounded down to whole 4 KiB blocks for both.
+# Direct reads and writes reach the disk, where the state the previous phase left (a virtual
+# disk's host cache, the flash translation layer) moves the next phase's figure a lot. So in this
+# mode fio runs the four phases as one job file in the engine's order, without gaps, and removes
+# the random file before the sequential phases as the engine does; create_on_open keeps fio from
+# laying out the sequential file in advance, so its write allocates a new file as the engine's
+# does. The two sides take turns at going first.
 set -euo pipefail
 build=${1:-build/release}
 folder=${2:-/var/tmp/vantorix-fio-comparison}
@@ -49,24 +55,44 @@ settle() { sync -f "$folder"; sleep 1; }
 
 median() { sort -g | awk '{v[NR]=$1} END {print (NR%2) ? v[(NR+1)/2] : (v[NR/2]+v[NR/2+1])/2}'; }
 
-for ((i = 1; i <= runs; i++)); do
-  echo "run $i/$runs: vantorix" >&2
+run_ours() {
+  echo "run $1/$runs: vantorix" >&2
   settle
-  "$cli" bench "$folder" --json --payload-bytes "$payload" "${ours_flags[@]}" 2>/dev/null >"$work/ours-$i.json"
+  "$cli" bench "$folder" --json --payload-bytes "$payload" "${ours_flags[@]}" 2>/dev/null >"$work/ours-$1.json"
   rm -f "$folder"/Vantorix-Performance-*.html
+}
 
+run_fio() {
+  local i=$1
   echo "run $i/$runs: fio" >&2
   settle
   rm -f "$folder/fio-random" "$folder/fio-sequential"
-  fio "${common[@]}" --name=randwrite --filename="$folder/fio-random" --rw=randwrite --bs=4k "${random_flags[@]}" \
-      --size="$workingSet" --time_based --runtime=5 --end_fsync=1 >"$work/fio-rw-$i.json"
-  fio "${common[@]}" --name=randread --filename="$folder/fio-random" --rw=randread --bs=4k "${random_flags[@]}" \
-      --size="$workingSet" --time_based --runtime=5 >"$work/fio-rr-$i.json"
-  fio "${common[@]}" --name=write --filename="$folder/fio-sequential" --rw=write --bs=16M --size="$payload" "${sequential_flags[@]}" \
-      --end_fsync=1 >"$work/fio-sw-$i.json"
-  fio "${common[@]}" --name=read --filename="$folder/fio-sequential" --rw=read --bs=16M --size="$payload" \
-      >"$work/fio-sr-$i.json"
-  rm -f "$folder/fio-random" "$folder/fio-sequential"
+  if ((direct)); then
+    fio "${common[@]}" --output="$work/fio-all-$i.json" \
+        --name=rw --stonewall --filename="$folder/fio-random" --rw=randwrite --bs=4k "${random_flags[@]}" \
+            --size="$workingSet" --time_based --runtime=5 --end_fsync=1 \
+        --name=rr --stonewall --filename="$folder/fio-random" --rw=randread --bs=4k "${random_flags[@]}" \
+            --size="$workingSet" --time_based --runtime=5 --unlink=1 \
+        --name=sw --stonewall --create_on_open=1 --filename="$folder/fio-sequential" --rw=write --bs=16M --size="$payload" --zero_buffers --end_fsync=1 \
+        --name=sr --stonewall --create_on_open=1 --filename="$folder/fio-sequential" --rw=read --bs=16M --size="$payload" \
+            --unlink=1 >/dev/null
+    local k=0 job
+    for job in rw rr sw sr; do jq "{jobs: [.jobs[$k]]}" "$work/fio-all-$i.json" >"$work/fio-$job-$i.json"; k=$((k + 1)); done
+  else
+    fio "${common[@]}" --name=randwrite --filename="$folder/fio-random" --rw=randwrite --bs=4k "${random_flags[@]}" \
+        --size="$workingSet" --time_based --runtime=5 --end_fsync=1 >"$work/fio-rw-$i.json"
+    fio "${common[@]}" --name=randread --filename="$folder/fio-random" --rw=randread --bs=4k "${random_flags[@]}" \
+        --size="$workingSet" --time_based --runtime=5 >"$work/fio-rr-$i.json"
+    fio "${common[@]}" --name=write --filename="$folder/fio-sequential" --rw=write --bs=16M --size="$payload" "${sequential_flags[@]}" \
+        --end_fsync=1 >"$work/fio-sw-$i.json"
+    fio "${common[@]}" --name=read --filename="$folder/fio-sequential" --rw=read --bs=16M --size="$payload" \
+        >"$work/fio-sr-$i.json"
+    rm -f "$folder/fio-random" "$folder/fio-sequential"
+  fi
+}
+
+for ((i = 1; i <= runs; i++)); do
+  if ((direct && i % 2 == 0)); then run_fio "$i"; run_ours "$i"; else run_ours "$i"; run_fio "$i"; fi
 done
 
 ours() { for f in "$work"/ours-*.json; do jq -r "$1" "$f"; done | median; }
