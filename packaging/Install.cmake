@@ -22,7 +22,7 @@ install(FILES src/ui/icons/vantorix.svg DESTINATION ${CMAKE_INSTALL_DATADIR}/ico
 find_program(HELP2MAN help2man)
 if(HELP2MAN)
   set(man_dir ${CMAKE_CURRENT_BINARY_DIR}/man)
-  set(cli_subcommands info monitor bench smart helper check-update feedback)
+  set(cli_subcommands info monitor bench smart helper check-update feedback serve)
   add_custom_command(
     OUTPUT ${man_dir}/vantorix-cli.1.gz
     COMMAND ${CMAKE_COMMAND} -E make_directory ${man_dir}

@@ -6,6 +6,9 @@
 #include <optional>
 #include <ostream>
 #include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 #include "monitor/DiskIOMonitor.h"
 
@@ -44,6 +47,7 @@ Command addSmartCommand(CLI::App& parent);
 Command addHelperCommand(CLI::App& parent);
 Command addCheckUpdateCommand(CLI::App& parent);
 Command addFeedbackCommand(CLI::App& parent);
+Command addServeCommand(CLI::App& parent);
 
 struct InfoOptions {
     std::string path;
@@ -128,5 +132,19 @@ struct FeedbackOptions {
 // Sends feedback as the Feedback window does: the same limits, checks and messages. Exit status 0
 // when the service accepted it, 1 with the message on standard error otherwise.
 int runFeedback(const FeedbackOptions& options, Environment& environment);
+
+struct ServeOptions {
+    std::string listen = "127.0.0.1:9842";
+    DiskIOMonitor::SamplingPrecision precision = DiskIOMonitor::SamplingPrecision::ms1000;
+    std::vector<std::string> volumes;  // folders; every mounted block-device file system when empty
+};
+
+// "ADDRESS:PORT", "[IPv6]:PORT" or ":PORT" (loopback) as an address and a port; nothing when malformed.
+std::optional<std::pair<std::string, std::uint16_t>> parseListenAddress(std::string_view text);
+
+// Serves /metrics in the Prometheus text format (OpenMetrics when asked) until SIGINT or SIGTERM.
+// Exit status 0 when stopped, 1 when it cannot listen or none of the named folders can be watched,
+// 2 for a malformed listen address.
+int runServe(const ServeOptions& options, Environment& environment);
 
 }  // namespace vantorix::cli

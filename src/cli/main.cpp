@@ -17,7 +17,7 @@ int main(int argc, char** argv) {
     const std::vector<cli::Command> commands{cli::addInfoCommand(app), cli::addMonitorCommand(app),
                                              cli::addBenchCommand(app), cli::addSmartCommand(app),
                                              cli::addHelperCommand(app), cli::addCheckUpdateCommand(app),
-                                             cli::addFeedbackCommand(app)};
+                                             cli::addFeedbackCommand(app), cli::addServeCommand(app)};
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

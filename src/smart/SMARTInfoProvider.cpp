@@ -96,14 +96,14 @@ SMARTInfoProvider::Outcome SMARTInfoProvider::fetch(std::string_view bsdName, co
         auto result = attempt(candidate, cancellation);
         if (result.info) {
             logger().notice("SMART data sourced from smartctl for BSD name {}", candidate);
-            return {std::move(result.info), false};
+            return {std::move(result.info), false, std::move(result.smartctlJson)};
         }
         if (result.driveAsleep) {
             // The other names lead to the same drive; asking again would only be refused again.
             logger().debug("smartctl left BSD name {} alone because the drive is in standby; keeping the SMART data "
                            "already known",
                            candidate);
-            return {std::nullopt, true};
+            return {std::nullopt, true, {}};
         }
         logger().debug("smartctl attempt did not return usable data for candidate BSD name {}", candidate);
     }
@@ -126,8 +126,9 @@ SMARTInfoProvider::Attempt SMARTInfoProvider::attempt(const std::string& name, c
         return {};
     }
     auto info = smart::interpretResult(*result, name);
-    if (!info && reportsSleepingDrive(*result)) return {std::nullopt, true};
-    return {std::move(info), false};
+    if (!info && reportsSleepingDrive(*result)) return {std::nullopt, true, {}};
+    const bool usable = info.has_value();
+    return {std::move(info), false, usable ? result->jsonData : std::string()};
 }
 
 }  // namespace vantorix

@@ -25,6 +25,7 @@ public:
     struct Outcome {
         std::optional<DiskSMARTInfo> info;
         bool driveAsleep = false;
+        std::string smartctlJson;  // smartctl's answer that `info` was read from
     };
 
     SMARTInfoProvider(std::shared_ptr<SmartctlHelperClient> client, std::shared_ptr<BlockDeviceTopology> topology);
@@ -46,6 +47,7 @@ private:
     struct Attempt {
         std::optional<DiskSMARTInfo> info;
         bool driveAsleep = false;
+        std::string smartctlJson;
     };
     Attempt attempt(const std::string& name, const CancellationToken& cancellation);
 

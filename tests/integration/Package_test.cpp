@@ -66,7 +66,7 @@ TEST(Package, InstallsRunsAndPurgesWithoutATrace) {
     EXPECT_TRUE(helper.exitStatus == 0 || helper.exitStatus == 1) << helper.err;
     EXPECT_FALSE((helper.out + helper.err).empty());
     const auto manual = runProcess({"/usr/bin/man", "-P", "cat", "vantorix-cli"}, {{"MANWIDTH", "100"}});
-    for (const char* subcommand : {"info", "monitor", "bench", "smart", "helper", "check-update", "feedback"})
+    for (const char* subcommand : {"info", "monitor", "bench", "smart", "helper", "check-update", "feedback", "serve"})
         EXPECT_NE(manual.out.find(std::string("vantorix-cli ") + subcommand), std::string::npos) << subcommand;
     // The desktop entry, the metainfo and the units as installed pass their checkers without a remark.
     const auto desktop = runProcess({"/usr/bin/desktop-file-validate", "/usr/share/applications/com.vantorix.Vantorix.desktop"});
@@ -77,11 +77,15 @@ TEST(Package, InstallsRunsAndPurgesWithoutATrace) {
     EXPECT_EQ(metainfo.exitStatus, 0) << metainfo.out;
     EXPECT_EQ(metainfo.out.find("W:"), std::string::npos) << metainfo.out;
     const auto units = runProcess({"/usr/bin/systemd-analyze", "verify", "/usr/lib/systemd/system/vantorix-smartctl-helper.socket",
-                                   "/usr/lib/systemd/system/vantorix-smartctl-helper.service"});
+                                   "/usr/lib/systemd/system/vantorix-smartctl-helper.service",
+                                   "/usr/lib/systemd/system/vantorix-exporter.service"});
     EXPECT_EQ(units.exitStatus, 0) << units.out << units.err;
-    // The installed unit starts the installed helper.
+    // The installed units start the installed programs.
     EXPECT_NE(testing::runShell("cat /usr/lib/systemd/system/vantorix-smartctl-helper.service").out.find(
                   "ExecStart=/usr/libexec/vantorix/vantorix-smartctl-helper"),
+              std::string::npos);
+    EXPECT_NE(testing::runShell("cat /usr/lib/systemd/system/vantorix-exporter.service").out.find(
+                  "ExecStart=/usr/bin/vantorix-cli serve"),
               std::string::npos);
 
     {

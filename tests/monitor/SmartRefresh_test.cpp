@@ -126,9 +126,11 @@ TEST_F(SmartRefreshTest, PublishesOnlyWhatDiffersFieldByField) {
     const DiskSMARTInfo passed = info("PASSED");
     DiskSMARTInfo reinterpreted = passed;  // the same output read again: fresh row ids
     reinterpreted.details[0].id = Uuid::make();
-    using Outcome = SMARTInfoProvider::Outcome;
-    fetch_->set({Outcome{passed}, Outcome{passed}, Outcome{reinterpreted}, Outcome{}, Outcome{}, Outcome{passed},
-                 Outcome{std::nullopt, true}});
+    const auto outcome = [](std::optional<DiskSMARTInfo> info, bool asleep = false) {
+        return SMARTInfoProvider::Outcome{std::move(info), asleep, {}};
+    };
+    fetch_->set({outcome(passed), outcome(passed), outcome(reinterpreted), outcome({}), outcome({}), outcome(passed),
+                 outcome(std::nullopt, true)});
     const std::vector<Round> expected{Round::published, Round::identical, Round::published, Round::published,
                                       Round::identical, Round::published, Round::kept};
     select("fake0");
@@ -149,7 +151,7 @@ TEST_F(SmartRefreshTest, ReselectionCancelsTheOldTaskAndStaleResultsAreDiscarded
     fetch_->set({SMARTInfoProvider::Outcome{}}, 0ms, true);
     select("fake0");
     ASSERT_TRUE(main_->runUntil([&] { return !lines().empty(); }, 10s));
-    fetch_->set({SMARTInfoProvider::Outcome{info("PASSED")}});
+    fetch_->set({SMARTInfoProvider::Outcome{info("PASSED"), false, {}}});
     select("fake1");
     ASSERT_TRUE(runUntilRounds(2));
     EXPECT_TRUE(waitForLine("SMART refresh cancelled before publishing for BSD name fake0"));
@@ -166,7 +168,7 @@ TEST_F(SmartRefreshTest, ReselectionCancelsTheOldTaskAndStaleResultsAreDiscarded
 }
 
 TEST_F(SmartRefreshTest, PausedRoundsFetchNothingAndKeepTheData) {
-    fetch_->set({SMARTInfoProvider::Outcome{info("PASSED")}});
+    fetch_->set({SMARTInfoProvider::Outcome{info("PASSED"), false, {}}});
     select("fake0");
     ASSERT_TRUE(runUntilRounds(1));
     refresh_->setPaused(true);

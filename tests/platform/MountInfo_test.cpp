@@ -57,6 +57,15 @@ TEST(MountInfo, FindsTheMountHoldingAPath) {
     EXPECT_FALSE(findMount(parseMountInfo(""), 254, 0, "/x"));
 }
 
+TEST(MountInfo, ListsEachBlockDeviceOnceByItsRootMount) {
+    // A bind mount of a folder of vda listed first gives way to vda's root mount; tmpfs, proc and
+    // overlay have no block device.
+    const std::string text = "40 27 254:0 /srv/etc /etc/hosts rw - ext4 /dev/vda rw\n" + std::string(kMountInfo) +
+                             "41 27 7:3 / /again rw - ext4 /dev/loop3 rw\n";
+    EXPECT_EQ(blockDeviceMountPoints(parseMountInfo(text)),
+              (std::vector<std::string>{"/", "/mnt/my disk", "/mnt/my disk/inner"}));
+}
+
 TEST(MountInfo, DecodesUdevLabelEscapes) {
     EXPECT_EQ(decodeUdevLabel("My\\x20Disk"), "My Disk");
     EXPECT_EQ(decodeUdevLabel("a\\x2fb"), "a/b");

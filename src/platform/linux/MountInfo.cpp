@@ -1,5 +1,6 @@
 #include "platform/linux/MountInfo.h"
 
+#include <algorithm>
 #include <charconv>
 
 namespace vantorix {
@@ -110,6 +111,30 @@ std::string decodeUdevLabel(std::string_view name) {
         out.push_back(name[i]);
     }
     return out;
+}
+
+std::vector<std::string> blockDeviceMountPoints(const std::vector<MountInfoEntry>& entries) {
+    struct Choice {
+        std::uint32_t major, minor;
+        std::size_t index;
+    };
+    std::vector<Choice> chosen;
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        const auto& entry = entries[i];
+        if (entry.major == 0 || entry.source.rfind("/dev/", 0) != 0) continue;
+        const auto same = std::find_if(chosen.begin(), chosen.end(), [&](const Choice& c) {
+            return c.major == entry.major && c.minor == entry.minor;
+        });
+        if (same == chosen.end()) {
+            chosen.push_back({entry.major, entry.minor, i});
+        } else if (entry.root == "/" && entries[same->index].root != "/") {
+            same->index = i;
+        }
+    }
+    std::vector<std::string> mountPoints;
+    mountPoints.reserve(chosen.size());
+    for (const auto& choice : chosen) mountPoints.push_back(entries[choice.index].mountPoint);
+    return mountPoints;
 }
 
 }  // namespace vantorix

@@ -32,6 +32,11 @@ std::optional<MountInfoEntry> findMount(const std::vector<MountInfoEntry>& entri
 // True when `mountPoint` is `path` or one of its ancestors.
 bool mountPointContains(std::string_view mountPoint, std::string_view path);
 
+// The mount points of block-device file systems (major number not 0, source a /dev/ node), each
+// device once: its mount of the file system's root when there is one (not a bind mount of a
+// folder inside it), else its first listed mount.
+std::vector<std::string> blockDeviceMountPoints(const std::vector<MountInfoEntry>& entries);
+
 // Decodes the "\xNN" escapes udev uses in /dev/disk/by-label names.
 std::string decodeUdevLabel(std::string_view name);
 

@@ -1,0 +1,173 @@
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "cli/Commands.h"
+#include "cli/SignalWatcher.h"
+#include "composition/SmartPipeline.h"
+#include "concurrency/Cancellation.h"
+#include "concurrency/LoopMainExecutor.h"
+#include "concurrency/RepeatingTimer.h"
+#include "concurrency/SerialQueue.h"
+#include "exporter/Exposition.h"
+#include "exporter/MetricsCollector.h"
+#include "exporter/MetricsServer.h"
+#include "exporter/SmartHealth.h"
+#include "platform/linux/MountInfo.h"
+#include "text/Language.h"
+
+namespace vantorix::cli {
+namespace {
+
+using text::localized;
+
+// Mounted file systems are looked for again this often, so a volume that comes is watched and
+// one that goes is dropped.
+constexpr std::chrono::seconds kVolumeRefreshInterval{15};
+
+std::vector<std::string> systemMountPoints() {
+    std::ifstream file("/proc/self/mountinfo");
+    std::stringstream text;
+    text << file.rdbuf();
+    return blockDeviceMountPoints(parseMountInfo(text.str()));
+}
+
+const char* const kLandingPage =
+    "<!DOCTYPE html>\n<html><head><meta charset=\"utf-8\"><title>Vantorix exporter</title></head>\n"
+    "<body><h1>Vantorix exporter</h1><p><a href=\"/metrics\">Metrics</a></p></body></html>\n";
+
+exporter::MetricsServer::Response answer(exporter::MetricsCollector& collector, const exporter::MetricsServer::Request& request) {
+    if (request.path == "/metrics") {
+        const auto format = exporter::negotiateFormat(request.accept);
+        const auto exposition = collector.scrape(request.peer + " " + request.userAgent);
+        return {200, std::string(exporter::contentType(format)), exporter::render(exposition, format)};
+    }
+    if (request.path == "/") return {200, "text/html; charset=utf-8", kLandingPage};
+    return {404, "text/plain; charset=utf-8", "Not Found\n"};
+}
+
+}  // namespace
+
+std::optional<std::pair<std::string, std::uint16_t>> parseListenAddress(std::string_view text) {
+    const auto colon = text.rfind(':');
+    if (colon == std::string_view::npos) return std::nullopt;
+    std::string host(text.substr(0, colon));
+    const auto portText = text.substr(colon + 1);
+    unsigned port = 0;
+    if (portText.empty() || portText.size() > 5 || portText.find_first_not_of("0123456789") != std::string_view::npos) {
+        return std::nullopt;
+    }
+    port = static_cast<unsigned>(std::stoul(std::string(portText)));
+    if (port > 65535) return std::nullopt;
+    if (host.size() >= 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
+    if (host.empty()) host = "127.0.0.1";
+    return std::pair{host, static_cast<std::uint16_t>(port)};
+}
+
+int runServe(const ServeOptions& options, Environment& environment) {
+    auto& err = *environment.err;
+    const auto listen = parseListenAddress(options.listen);
+    if (!listen) {
+        err << fmt::format(fmt::runtime(localized("无效的监听地址：{}（应为 地址:端口，例如 127.0.0.1:9842）",
+                                     "Invalid listen address: {} (expected ADDRESS:PORT, such as 127.0.0.1:9842)")),
+                           options.listen)
+            << '\n';
+        return kUsage;
+    }
+
+    auto main = std::make_shared<LoopMainExecutor>();
+    SignalWatcher signals([main](int) { main->post([main] { main->stop(); }); });
+    const auto pipeline = SmartPipeline::system(main, RegistrationPolicy{false});
+    CancellationSource smartCancellation;
+
+    exporter::MetricsCollector::Dependencies dependencies;
+    dependencies.registry = environment.registry;
+    dependencies.files = environment.files;
+    dependencies.paths = options.volumes;
+    dependencies.mountPoints = systemMountPoints;
+    dependencies.samplingInterval = DiskIOMonitor::timerInterval(options.precision);
+    dependencies.smart = [&pipeline, &smartCancellation](const std::string& device) {
+        const auto outcome = pipeline.provider->fetch(device, smartCancellation.token());
+        exporter::MetricsCollector::SmartReading reading;
+        reading.driveAsleep = outcome.driveAsleep;
+        if (outcome.info) reading.figures = exporter::smartFiguresFromJson(outcome.smartctlJson);
+        return reading;
+    };
+    exporter::MetricsCollector collector(dependencies);
+    const std::size_t watched = collector.refreshVolumes();
+    if (watched == 0 && !options.volumes.empty()) {
+        err << localized("指定的文件夹都不在可监控的卷上。", "None of the given folders is on a volume that can be watched.")
+            << '\n';
+        return kFailure;
+    }
+
+    exporter::MetricsServer::Options serverOptions;
+    serverOptions.address = listen->first;
+    serverOptions.port = listen->second;
+    auto server = exporter::MetricsServer::start(
+        serverOptions, [&collector](const exporter::MetricsServer::Request& request) { return answer(collector, request); });
+    if (!server) {
+        err << fmt::format(fmt::runtime(localized("无法在 {} 上监听。", "Cannot listen on {}.")), server.error()) << '\n';
+        return kFailure;
+    }
+    std::unique_ptr<exporter::MetricsServer> http = std::move(server).value();
+
+    SerialQueue samplingQueue("com.vantorix.exporter.sampling", QualityOfService::utility);
+    RepeatingTimer sampling(samplingQueue);
+    const auto interval = dependencies.samplingInterval;
+    const auto refreshEvery = std::max<std::int64_t>(1, kVolumeRefreshInterval / interval);
+    std::int64_t ticks = 0;
+    sampling.setHandler([&collector, &ticks, refreshEvery] {
+        if (++ticks % refreshEvery == 0) collector.refreshVolumes();
+        collector.sample(RepeatingTimer::Clock::now());
+    });
+    sampling.schedule(RepeatingTimer::Duration::zero(), interval, DiskIOMonitor::timerLeeway(options.precision));
+    sampling.resume();
+
+    SerialQueue smartQueue("com.vantorix.exporter.smart", QualityOfService::background);
+    RepeatingTimer smart(smartQueue);
+    smart.setHandler([&collector] { collector.refreshSmart(RepeatingTimer::Clock::now()); });
+    smart.schedule(RepeatingTimer::Duration::zero(), std::chrono::seconds(5), std::chrono::seconds(1));
+    smart.resume();
+
+    err << fmt::format(fmt::runtime(localized("正在导出 {} 个卷的指标：http://{}/metrics 。按 Ctrl-C 停止。",
+                                 "Exporting the metrics of {} volumes at http://{}/metrics. Press Ctrl-C to stop.")),
+                       watched, http->address())
+        << std::endl;
+    main->run();
+
+    smartCancellation.cancel();
+    smart.cancel();
+    sampling.cancel();
+    http.reset();
+    return kSuccess;
+}
+
+Command addServeCommand(CLI::App& parent) {
+    struct Parsed {
+        ServeOptions options;
+        int precision = 1000;
+    };
+    auto parsed = std::make_shared<Parsed>();
+    auto* command = parent.add_subcommand(
+        "serve", localized("以 Prometheus 格式在 HTTP 上导出各卷的读写与 SMART 指标",
+                           "Export the volumes' traffic and SMART figures over HTTP for Prometheus"));
+    command->add_option("--listen", parsed->options.listen,
+                        localized("监听的 地址:端口（默认只在本机回环上）", "ADDRESS:PORT to listen on (loopback by default)"))
+        ->default_val(parsed->options.listen);
+    command->add_option("--precision", parsed->precision, localized("采样间隔（毫秒）", "Sampling interval in milliseconds"))
+        ->check(CLI::IsMember({1, 10, 100, 1000}))
+        ->default_val(1000);
+    command->add_option("--volume", parsed->options.volumes,
+                        localized("要监控的卷上的文件夹，可重复；默认是所有已挂载的块设备文件系统",
+                                  "A folder on a volume to watch, repeatable; every mounted block-device file system by default"))
+        ->type_name("PATH");
+    return {command, [parsed](Environment& environment) {
+                parsed->options.precision = *DiskIOMonitor::precisionFromRawValue(parsed->precision);
+                return runServe(parsed->options, environment);
+            }};
+}
+
+}  // namespace vantorix::cli

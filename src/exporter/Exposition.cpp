@@ -1,0 +1,250 @@
+#include "exporter/Exposition.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+
+namespace vantorix::exporter {
+
+void ThroughputHistogram::observe(double bytesPerSecond) {
+    const auto bound = std::lower_bound(kUpperBounds.begin(), kUpperBounds.end(), bytesPerSecond);
+    ++counts[static_cast<std::size_t>(bound - kUpperBounds.begin())];
+    sum += bytesPerSecond;
+    ++count;
+}
+
+namespace {
+
+std::string lower(std::string_view text) {
+    std::string result(text);
+    std::transform(result.begin(), result.end(), result.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return result;
+}
+
+std::string_view trim(std::string_view text) {
+    while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
+    while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
+    return text;
+}
+
+// A sample value: integers exactly, other numbers in the shortest form that reads back the same.
+std::string number(double value) {
+    if (std::isnan(value)) return "NaN";
+    if (std::isinf(value)) return value > 0 ? "+Inf" : "-Inf";
+    if (std::fabs(value) < 9.007199254740992e15 && value == std::floor(value)) {
+        return fmt::format("{}", static_cast<long long>(value));
+    }
+    return fmt::format("{}", value);
+}
+
+enum class Type { counter, gauge, histogram, info };
+
+// Writes one metric family at a time in either format: the metadata, then its samples.
+class Writer {
+public:
+    explicit Writer(ExpositionFormat format) : format_(format) { out_.reserve(16384); }
+
+    // `name` is the family's name as the Prometheus text format spells it (counters with their
+    // "_total", info metrics with their "_info"); OpenMetrics names the family without them.
+    void family(std::string_view name, Type type, std::string_view help) {
+        std::string_view familyName = name;
+        std::string_view typeName;
+        switch (type) {
+            case Type::counter:
+                typeName = "counter";
+                if (open()) familyName.remove_suffix(std::string_view("_total").size());
+                break;
+            case Type::gauge: typeName = "gauge"; break;
+            case Type::histogram: typeName = "histogram"; break;
+            case Type::info:
+                typeName = open() ? "info" : "gauge";
+                if (open()) familyName.remove_suffix(std::string_view("_info").size());
+                break;
+        }
+        fmt::format_to(std::back_inserter(out_), "# HELP {} {}\n# TYPE {} {}\n", familyName, help, familyName, typeName);
+    }
+
+    void sample(std::string_view name, std::string_view labels, double value) {
+        out_ += name;
+        if (!labels.empty()) {
+            out_ += '{';
+            out_ += labels;
+            out_ += '}';
+        }
+        out_ += ' ';
+        out_ += number(value);
+        out_ += '\n';
+    }
+
+    std::string finish() {
+        if (open()) out_ += "# EOF\n";
+        return std::move(out_);
+    }
+
+private:
+    bool open() const { return format_ == ExpositionFormat::openMetrics; }
+    ExpositionFormat format_;
+    std::string out_;
+};
+
+std::string label(std::string_view name, std::string_view value) {
+    return fmt::format("{}=\"{}\"", name, escapeLabelValue(value));
+}
+
+std::string volumeLabels(const VolumeLabels& labels) {
+    return label("device", labels.device) + "," + label("mountpoint", labels.mountPoint);
+}
+
+}  // namespace
+
+std::string escapeLabelValue(std::string_view value) {
+    std::string result;
+    result.reserve(value.size());
+    for (const char c : value) {
+        switch (c) {
+            case '\\': result += "\\\\"; break;
+            case '"': result += "\\\""; break;
+            case '\n': result += "\\n"; break;
+            default: result += c;
+        }
+    }
+    return result;
+}
+
+ExpositionFormat negotiateFormat(std::string_view accept) {
+    while (!accept.empty()) {
+        const auto comma = accept.find(',');
+        const std::string_view range = accept.substr(0, comma);
+        accept = comma == std::string_view::npos ? std::string_view() : accept.substr(comma + 1);
+        const auto semicolon = range.find(';');
+        if (lower(trim(range.substr(0, semicolon))) != "application/openmetrics-text") continue;
+        double quality = 1;
+        std::string_view parameters = semicolon == std::string_view::npos ? std::string_view() : range.substr(semicolon + 1);
+        while (!parameters.empty()) {
+            const auto next = parameters.find(';');
+            const auto parameter = trim(parameters.substr(0, next));
+            parameters = next == std::string_view::npos ? std::string_view() : parameters.substr(next + 1);
+            if (parameter.size() > 2 && (parameter[0] == 'q' || parameter[0] == 'Q') && parameter[1] == '=') {
+                quality = std::strtod(std::string(parameter.substr(2)).c_str(), nullptr);
+            }
+        }
+        if (quality > 0) return ExpositionFormat::openMetrics;
+    }
+    return ExpositionFormat::prometheusText;
+}
+
+std::string_view contentType(ExpositionFormat format) {
+    return format == ExpositionFormat::openMetrics ? "application/openmetrics-text; version=1.0.0; charset=utf-8"
+                                                   : "text/plain; version=0.0.4; charset=utf-8";
+}
+
+std::string render(const Exposition& exposition, ExpositionFormat format) {
+    Writer w(format);
+    const auto& volumes = exposition.volumes;
+    std::vector<std::string> keys;
+    keys.reserve(volumes.size());
+    for (const auto& volume : volumes) keys.push_back(volumeLabels(volume.labels));
+
+    w.family("vantorix_sampling_interval_seconds", Type::gauge, "Interval between two readings of the block-layer counters.");
+    w.sample("vantorix_sampling_interval_seconds", "", exposition.samplingIntervalSeconds);
+    w.family("vantorix_volumes", Type::gauge, "Number of volumes watched.");
+    w.sample("vantorix_volumes", "", static_cast<double>(volumes.size()));
+
+    w.family("vantorix_volume_info", Type::info, "Descriptor of a watched volume.");
+    for (const auto& volume : volumes) {
+        const auto& l = volume.labels;
+        w.sample("vantorix_volume_info",
+                 fmt::format("{},{},{},{},{},{},{}", label("device", l.device), label("mountpoint", l.mountPoint),
+                             label("filesystem", l.fileSystem), label("connection", l.connection),
+                             label("link_speed", l.linkSpeed), label("vendor", l.vendor), label("model", l.model)),
+                 1);
+    }
+
+    using Field = std::function<double(const VolumeFigures&)>;
+    const auto perVolume = [&](std::string_view name, Type type, std::string_view help, const Field& field) {
+        w.family(name, type, help);
+        for (std::size_t i = 0; i < volumes.size(); ++i) w.sample(name, keys[i], field(volumes[i]));
+    };
+    perVolume("vantorix_volume_read_bytes_total", Type::counter, "Bytes read from the volume's block device.",
+              [](const VolumeFigures& v) { return static_cast<double>(v.readBytes); });
+    perVolume("vantorix_volume_written_bytes_total", Type::counter, "Bytes written to the volume's block device.",
+              [](const VolumeFigures& v) { return static_cast<double>(v.writtenBytes); });
+    perVolume("vantorix_volume_reads_completed_total", Type::counter, "Read operations completed by the volume's block device.",
+              [](const VolumeFigures& v) { return static_cast<double>(v.reads); });
+    perVolume("vantorix_volume_writes_completed_total", Type::counter, "Write operations completed by the volume's block device.",
+              [](const VolumeFigures& v) { return static_cast<double>(v.writes); });
+    perVolume("vantorix_volume_read_peak_bytes_per_second", Type::gauge,
+              "Highest read throughput over one sampling interval since this scraper's previous scrape.",
+              [](const VolumeFigures& v) { return v.readPeak; });
+    perVolume("vantorix_volume_write_peak_bytes_per_second", Type::gauge,
+              "Highest write throughput over one sampling interval since this scraper's previous scrape.",
+              [](const VolumeFigures& v) { return v.writePeak; });
+
+    constexpr std::string_view histogram = "vantorix_volume_interval_throughput_bytes_per_second";
+    w.family(histogram, Type::histogram, "Throughput of the volume over each sampling interval.");
+    const std::string bucket = std::string(histogram) + "_bucket";
+    const std::string sum = std::string(histogram) + "_sum";
+    const std::string count = std::string(histogram) + "_count";
+    for (std::size_t i = 0; i < volumes.size(); ++i) {
+        for (const auto& [direction, h] : {std::pair<std::string_view, const ThroughputHistogram*>{"read", &volumes[i].readHistogram},
+                                           {"write", &volumes[i].writeHistogram}}) {
+            const std::string labels = keys[i] + "," + label("direction", direction);
+            std::uint64_t cumulative = 0;
+            for (std::size_t b = 0; b < h->counts.size(); ++b) {
+                cumulative += h->counts[b];
+                const std::string le = b < ThroughputHistogram::kUpperBounds.size()
+                                           ? number(ThroughputHistogram::kUpperBounds[b])
+                                           : std::string("+Inf");
+                w.sample(bucket, labels + "," + label("le", le), static_cast<double>(cumulative));
+            }
+            w.sample(sum, labels, h->sum);
+            w.sample(count, labels, static_cast<double>(h->count));
+        }
+    }
+
+    using SmartField = std::function<std::optional<double>(const SmartFigures&)>;
+    const auto smart = [&](std::string_view name, Type type, std::string_view help, const SmartField& field) {
+        bool any = false;
+        for (std::size_t i = 0; i < volumes.size(); ++i) {
+            if (!volumes[i].smart) continue;
+            const auto value = field(*volumes[i].smart);
+            if (!value) continue;
+            if (!any) w.family(name, type, help);
+            any = true;
+            w.sample(name, keys[i], *value);
+        }
+    };
+    const auto flag = [](const std::optional<bool>& value) -> std::optional<double> {
+        if (!value) return std::nullopt;
+        return *value ? 1.0 : 0.0;
+    };
+    smart("vantorix_smart_passed", Type::gauge, "1 when the drive's SMART overall self-assessment passed, 0 when it failed.",
+          [&](const SmartFigures& s) { return flag(s.passed); });
+    smart("vantorix_smart_capable", Type::gauge, "1 when the drive supports SMART.",
+          [&](const SmartFigures& s) { return flag(s.capable); });
+    smart("vantorix_smart_temperature_celsius", Type::gauge, "Drive temperature.",
+          [](const SmartFigures& s) { return s.temperatureCelsius; });
+    smart("vantorix_smart_power_on_seconds", Type::gauge, "Time the drive has been powered on.",
+          [](const SmartFigures& s) -> std::optional<double> {
+              if (!s.powerOnHours) return std::nullopt;
+              return *s.powerOnHours * 3600;
+          });
+    smart("vantorix_smart_percentage_used_ratio", Type::gauge,
+          "Share of the drive's rated endurance used (NVMe percentage used / 100; may exceed 1).",
+          [](const SmartFigures& s) -> std::optional<double> {
+              if (!s.percentageUsed) return std::nullopt;
+              return *s.percentageUsed / 100;
+          });
+    smart("vantorix_smart_media_errors_total", Type::counter, "Unrecovered data integrity errors the drive reported.",
+          [](const SmartFigures& s) { return s.mediaErrors; });
+    smart("vantorix_smart_reallocated_sectors", Type::gauge, "Sectors the drive has reallocated (ATA attribute 5).",
+          [](const SmartFigures& s) { return s.reallocatedSectors; });
+    smart("vantorix_smart_refresh_timestamp_seconds", Type::gauge, "When the drive's SMART data was last read.",
+          [](const SmartFigures& s) -> std::optional<double> { return s.refreshedAt; });
+    return w.finish();
+}
+
+}  // namespace vantorix::exporter

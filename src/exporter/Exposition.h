@@ -1,0 +1,80 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace vantorix::exporter {
+
+// Throughput over one sampling interval, counted into fixed buckets (bytes per second): 1, 2.5
+// and 5 of every decade from 1 MB/s to 10 GB/s, and the implicit +Inf.
+struct ThroughputHistogram {
+    static constexpr std::array<double, 13> kUpperBounds{1e6, 2.5e6, 5e6, 1e7, 2.5e7, 5e7, 1e8,
+                                                          2.5e8, 5e8, 1e9, 2.5e9, 5e9, 1e10};
+    std::array<std::uint64_t, kUpperBounds.size() + 1> counts{};  // per bucket, not cumulative; last is +Inf
+    double sum = 0;
+    std::uint64_t count = 0;
+
+    void observe(double bytesPerSecond);
+};
+
+// What the descriptor of a volume says, as the labels of its info metric.
+struct VolumeLabels {
+    std::string device;      // block device name, "vda1"
+    std::string mountPoint;  // the watched folder's mount point
+    std::string fileSystem;
+    std::string connection;
+    std::string linkSpeed;
+    std::string vendor;
+    std::string model;
+};
+
+// A few standard health figures of a drive's SMART data; each is absent when the drive does not
+// report it.
+struct SmartFigures {
+    std::optional<bool> passed;   // the overall self-assessment
+    std::optional<bool> capable;  // whether the device supports SMART
+    std::optional<double> temperatureCelsius;
+    std::optional<double> powerOnHours;
+    std::optional<double> percentageUsed;  // NVMe's endurance estimate, 0-255
+    std::optional<double> mediaErrors;
+    std::optional<double> reallocatedSectors;
+    double refreshedAt = 0;  // Unix time of the smartctl run these came from
+};
+
+struct VolumeFigures {
+    VolumeLabels labels;
+    // The block device's cumulative counters; they wrap modulo 2^64.
+    std::uint64_t readBytes = 0;
+    std::uint64_t writtenBytes = 0;
+    std::uint64_t reads = 0;
+    std::uint64_t writes = 0;
+    // The highest throughput over one sampling interval since the scraper's previous scrape.
+    double readPeak = 0;
+    double writePeak = 0;
+    ThroughputHistogram readHistogram;
+    ThroughputHistogram writeHistogram;
+    std::optional<SmartFigures> smart;
+};
+
+struct Exposition {
+    double samplingIntervalSeconds = 1;
+    std::vector<VolumeFigures> volumes;
+};
+
+enum class ExpositionFormat { prometheusText, openMetrics };
+
+// OpenMetrics when the Accept header asks for application/openmetrics-text (with a non-zero q),
+// the Prometheus text format otherwise.
+ExpositionFormat negotiateFormat(std::string_view accept);
+std::string_view contentType(ExpositionFormat format);
+
+std::string render(const Exposition& exposition, ExpositionFormat format);
+
+// Escapes a label value: backslash, double quote and line feed.
+std::string escapeLabelValue(std::string_view value);
+
+}  // namespace vantorix::exporter

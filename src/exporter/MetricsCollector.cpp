@@ -1,0 +1,252 @@
+#include "exporter/MetricsCollector.h"
+
+#include <algorithm>
+#include <map>
+#include <unordered_map>
+#include <utility>
+
+#include "log/Log.h"
+#include "volumes/DiskVolumeResolver.h"
+
+namespace vantorix::exporter {
+namespace {
+
+const log::Logger& logger() {
+    static const log::Logger& instance = log::logger("Exporter");
+    return instance;
+}
+
+double seconds(std::chrono::nanoseconds duration) { return std::chrono::duration<double>(duration).count(); }
+
+}  // namespace
+
+struct MetricsCollector::Volume {
+    std::uint64_t id = 0;
+    std::string path;
+    VolumeLabels labels;
+
+    // The sampling thread's own.
+    std::unique_ptr<StatisticsSession> session;
+    std::optional<StatisticsSession::Snapshot> previous;
+    Clock::time_point previousAt{};
+
+    // Under the collector's lock.
+    StatisticsSession::Snapshot latest;
+    double lastReadRate = 0;
+    double lastWriteRate = 0;
+    ThroughputHistogram readHistogram;
+    ThroughputHistogram writeHistogram;
+    std::optional<SmartFigures> smart;
+    std::optional<Clock::time_point> smartAttemptedAt;
+};
+
+struct MetricsCollector::Scraper {
+    struct Peak {
+        double read = 0;
+        double write = 0;
+    };
+    std::string key;
+    std::uint64_t lastSeen = 0;
+    std::unordered_map<std::uint64_t, Peak> peaks;  // by volume id; a volume without one had no interval since
+};
+
+MetricsCollector::MetricsCollector(Dependencies dependencies)
+    : dependencies_(std::move(dependencies)), intervalSeconds_(seconds(dependencies_.samplingInterval)) {
+    if (!dependencies_.unixTime) {
+        dependencies_.unixTime = [] {
+            return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+        };
+    }
+}
+
+MetricsCollector::~MetricsCollector() {
+    for (const auto& volume : volumes_) {
+        if (volume->session) volume->session->end();
+    }
+}
+
+std::vector<std::string> MetricsCollector::wantedPaths() const {
+    if (!dependencies_.paths.empty()) return dependencies_.paths;
+    return dependencies_.mountPoints ? dependencies_.mountPoints() : std::vector<std::string>{};
+}
+
+std::size_t MetricsCollector::refreshVolumes() {
+    const auto wanted = wantedPaths();
+    std::vector<std::shared_ptr<Volume>> added;
+    std::vector<std::uint64_t> gone;
+    // Discovered mounts that are no longer mounted go; named folders stay until their device does.
+    if (dependencies_.paths.empty()) {
+        for (const auto& volume : volumes_) {
+            if (std::find(wanted.begin(), wanted.end(), volume->path) == wanted.end()) gone.push_back(volume->id);
+        }
+    }
+    const auto watched = [&](const std::string& device) {
+        const auto same = [&](const std::shared_ptr<Volume>& v) {
+            return v->labels.device == device && std::find(gone.begin(), gone.end(), v->id) == gone.end();
+        };
+        return std::any_of(volumes_.begin(), volumes_.end(), same) || std::any_of(added.begin(), added.end(), same);
+    };
+    for (const auto& path : wanted) {
+        const auto known = std::find_if(volumes_.begin(), volumes_.end(), [&](const auto& v) { return v->path == path; });
+        if (known != volumes_.end() && std::find(gone.begin(), gone.end(), (*known)->id) == gone.end()) continue;
+        auto descriptor = DiskVolumeResolver::resolve(path, *dependencies_.files, *dependencies_.registry);
+        if (!descriptor) {
+            logger().debug("Not watching {}: {}", path, descriptor.error().description());
+            continue;
+        }
+        if (watched(descriptor->bsdName)) continue;
+        auto session = StatisticsSession::create(dependencies_.registry, *descriptor);
+        if (!session) {
+            logger().debug("Not watching {}: {}", path, session.error().description());
+            continue;
+        }
+        auto volume = std::make_shared<Volume>();
+        volume->path = path;
+        volume->labels = VolumeLabels{descriptor->bsdName,
+                                      path,
+                                      descriptor->fileSystemDescription.value_or(""),
+                                      descriptor->connectionTypeDescription,
+                                      descriptor->connectionSpeedDescription.value_or(""),
+                                      descriptor->hardwareVendor.value_or(""),
+                                      descriptor->hardwareModel.value_or("")};
+        volume->session = std::move(session).value();
+        logger().notice("Watching {} ({})", path, descriptor->bsdName);
+        added.push_back(std::move(volume));
+    }
+    std::lock_guard guard(lock_);
+    for (const auto id : gone) {
+        const auto found = std::find_if(volumes_.begin(), volumes_.end(), [id](const auto& v) { return v->id == id; });
+        logger().notice("No longer watching {}", (*found)->path);
+        (*found)->session->end();
+        volumes_.erase(found);
+        for (auto& scraper : scrapers_) scraper.peaks.erase(id);
+    }
+    for (auto& volume : added) {
+        volume->id = nextVolumeId_++;
+        volumes_.push_back(std::move(volume));
+    }
+    return volumes_.size();
+}
+
+void MetricsCollector::sample(Clock::time_point now) {
+    struct Reading {
+        Volume* volume;
+        std::optional<StatisticsSession::Snapshot> snapshot;
+        double readRate = 0;
+        double writeRate = 0;
+        bool interval = false;
+    };
+    std::vector<Reading> readings;
+    readings.reserve(volumes_.size());
+    for (const auto& volume : volumes_) {
+        Reading reading{volume.get(), std::nullopt};
+        if (auto snapshot = volume->session->snapshot()) {
+            reading.snapshot = *snapshot;
+            if (volume->previous && now > volume->previousAt) {
+                const double elapsed = seconds(now - volume->previousAt);
+                // Unsigned differences: the counters wrap modulo 2^64.
+                reading.readRate = static_cast<double>(snapshot->bytesRead - volume->previous->bytesRead) / elapsed;
+                reading.writeRate = static_cast<double>(snapshot->bytesWritten - volume->previous->bytesWritten) / elapsed;
+                reading.interval = true;
+            }
+            volume->previous = *snapshot;
+            volume->previousAt = now;
+        } else {
+            logger().notice("No longer watching {}: {}", volume->path, snapshot.error().description());
+        }
+        readings.push_back(reading);
+    }
+
+    std::lock_guard guard(lock_);
+    for (const auto& reading : readings) {
+        Volume& volume = *reading.volume;
+        if (!reading.snapshot) continue;
+        volume.latest = *reading.snapshot;
+        if (!reading.interval) continue;
+        volume.lastReadRate = reading.readRate;
+        volume.lastWriteRate = reading.writeRate;
+        volume.readHistogram.observe(reading.readRate);
+        volume.writeHistogram.observe(reading.writeRate);
+        for (auto& scraper : scrapers_) {
+            auto [peak, fresh] = scraper.peaks.try_emplace(volume.id, Scraper::Peak{reading.readRate, reading.writeRate});
+            if (!fresh) {
+                peak->second.read = std::max(peak->second.read, reading.readRate);
+                peak->second.write = std::max(peak->second.write, reading.writeRate);
+            }
+        }
+    }
+    for (const auto& reading : readings) {
+        if (reading.snapshot) continue;
+        const auto id = reading.volume->id;
+        reading.volume->session->end();
+        volumes_.erase(std::find_if(volumes_.begin(), volumes_.end(), [id](const auto& v) { return v->id == id; }));
+        for (auto& scraper : scrapers_) scraper.peaks.erase(id);
+    }
+}
+
+void MetricsCollector::refreshSmart(Clock::time_point now) {
+    if (!dependencies_.smart) return;
+    std::vector<std::shared_ptr<Volume>> due;
+    {
+        std::lock_guard guard(lock_);
+        for (const auto& volume : volumes_) {
+            if (volume->smartAttemptedAt && now - *volume->smartAttemptedAt < dependencies_.smartInterval) continue;
+            volume->smartAttemptedAt = now;
+            due.push_back(volume);
+        }
+    }
+    for (const auto& volume : due) {
+        const auto reading = dependencies_.smart(volume->labels.device);
+        if (!reading.figures) continue;  // asleep or unavailable: what was known stays
+        auto figures = *reading.figures;
+        figures.refreshedAt = dependencies_.unixTime();
+        std::lock_guard guard(lock_);
+        volume->smart = figures;
+    }
+}
+
+Exposition MetricsCollector::scrape(const std::string& scraperKey) {
+    Exposition exposition;
+    exposition.samplingIntervalSeconds = intervalSeconds_;
+    std::lock_guard guard(lock_);
+    auto scraper = std::find_if(scrapers_.begin(), scrapers_.end(), [&](const Scraper& s) { return s.key == scraperKey; });
+    if (scraper == scrapers_.end()) {
+        if (scrapers_.size() >= kMaximumScrapers) {
+            scrapers_.erase(std::min_element(scrapers_.begin(), scrapers_.end(),
+                                             [](const Scraper& a, const Scraper& b) { return a.lastSeen < b.lastSeen; }));
+        }
+        scrapers_.push_back(Scraper{scraperKey, 0, {}});
+        scraper = scrapers_.end() - 1;
+    }
+    scraper->lastSeen = ++scrapeCounter_;
+    exposition.volumes.reserve(volumes_.size());
+    for (const auto& volume : volumes_) {
+        VolumeFigures figures;
+        figures.labels = volume->labels;
+        figures.readBytes = volume->latest.bytesRead;
+        figures.writtenBytes = volume->latest.bytesWritten;
+        figures.reads = volume->latest.readOperations;
+        figures.writes = volume->latest.writeOperations;
+        const auto peak = scraper->peaks.find(volume->id);
+        figures.readPeak = peak != scraper->peaks.end() ? peak->second.read : volume->lastReadRate;
+        figures.writePeak = peak != scraper->peaks.end() ? peak->second.write : volume->lastWriteRate;
+        figures.readHistogram = volume->readHistogram;
+        figures.writeHistogram = volume->writeHistogram;
+        figures.smart = volume->smart;
+        exposition.volumes.push_back(std::move(figures));
+    }
+    scraper->peaks.clear();
+    return exposition;
+}
+
+std::size_t MetricsCollector::volumeCount() const {
+    std::lock_guard guard(lock_);
+    return volumes_.size();
+}
+
+std::size_t MetricsCollector::scraperCount() const {
+    std::lock_guard guard(lock_);
+    return scrapers_.size();
+}
+
+}  // namespace vantorix::exporter

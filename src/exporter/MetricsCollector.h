@@ -1,0 +1,88 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "exporter/Exposition.h"
+#include "monitor/DiskIOKitStatisticsProvider.h"
+#include "platform/Registry.h"
+#include "platform/VolumeInfoSource.h"
+
+namespace vantorix::exporter {
+
+// The figures behind the exporter's /metrics: a set of volumes whose block-layer counters are read
+// at a fixed interval, each interval's throughput counted into a histogram and into the burst peak
+// of every scraper, and each drive's SMART figures kept from the last refresh.
+//
+// Threads: sample() and refreshVolumes() on one sampling thread; refreshSmart() on another (it
+// blocks on the helper); scrape() on any thread, concurrently with everything else.
+class MetricsCollector {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    // What a SMART fetch gives: the figures, or that the drive is asleep and was left alone, or
+    // nothing (no helper, no SMART data).
+    struct SmartReading {
+        std::optional<SmartFigures> figures;
+        bool driveAsleep = false;
+    };
+
+    struct Dependencies {
+        std::shared_ptr<Registry> registry;
+        std::shared_ptr<VolumeInfoSource> files;
+        // The folders to watch; when empty, whatever `mountPoints` lists at each refresh.
+        std::vector<std::string> paths;
+        std::function<std::vector<std::string>()> mountPoints;
+        std::function<SmartReading(const std::string& device)> smart;  // may be empty: no SMART figures
+        std::chrono::nanoseconds samplingInterval = std::chrono::seconds(1);
+        std::chrono::nanoseconds smartInterval = std::chrono::minutes(1);
+        std::function<double()> unixTime;  // the wall clock, for the SMART refresh stamp
+    };
+
+    // Scrapers are told apart by a key (the client's address and user agent); this many are kept,
+    // the one heard from least recently giving way to a new one.
+    static constexpr std::size_t kMaximumScrapers = 64;
+
+    explicit MetricsCollector(Dependencies dependencies);
+    ~MetricsCollector();
+    MetricsCollector(const MetricsCollector&) = delete;
+    MetricsCollector& operator=(const MetricsCollector&) = delete;
+
+    // Resolves the folders not watched yet (a volume that came back, a new mount) and starts
+    // watching each new device once. Returns how many volumes are watched.
+    std::size_t refreshVolumes();
+    // Reads every volume's counters once and folds the interval since the last reading in. A
+    // volume whose counters can no longer be read is dropped.
+    void sample(Clock::time_point now);
+    // Fetches SMART figures for each watched device whose last refresh is older than the SMART
+    // interval. Blocks for as long as the fetches take.
+    void refreshSmart(Clock::time_point now);
+
+    // The figures as one scraper sees them: its burst peaks cover the time since its previous
+    // scrape (a new scraper gets the last interval's throughput), and restart from here.
+    Exposition scrape(const std::string& scraperKey);
+
+    std::size_t volumeCount() const;
+    std::size_t scraperCount() const;
+
+private:
+    struct Volume;
+    struct Scraper;
+    std::vector<std::string> wantedPaths() const;
+
+    Dependencies dependencies_;
+    double intervalSeconds_;
+    mutable std::mutex lock_;
+    std::vector<std::shared_ptr<Volume>> volumes_;  // under lock_; sessions used on the sampling thread only
+    std::vector<Scraper> scrapers_;                // under lock_
+    std::uint64_t nextVolumeId_ = 1;
+    std::uint64_t scrapeCounter_ = 0;
+};
+
+}  // namespace vantorix::exporter

@@ -1,0 +1,131 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "exporter/Exposition.h"
+#include "exporter/SmartHealth.h"
+
+namespace vantorix::exporter {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+Exposition sampleExposition() {
+    Exposition e;
+    e.samplingIntervalSeconds = 0.01;
+    VolumeFigures v;
+    v.labels = {"loop3", "/mnt/a \"b\"\\c", "EXT4", "Virtual", "", "Linux", "Loop\ndevice"};
+    v.readBytes = 18446744073709551615ULL;  // a counter near its wrap
+    v.writtenBytes = 4096;
+    v.reads = 7;
+    v.writes = 1;
+    v.readPeak = 1.5e9;
+    v.writePeak = 0;
+    for (double rate : {0.0, 3e6, 2.5e6, 2e10}) v.writeHistogram.observe(rate);
+    SmartFigures smart;
+    smart.passed = false;
+    smart.temperatureCelsius = 41;
+    smart.powerOnHours = 2;
+    smart.percentageUsed = 7;
+    smart.refreshedAt = 1700000000;
+    v.smart = smart;
+    e.volumes.push_back(v);
+    return e;
+}
+
+TEST(Exposition, BothFormatsNameFamiliesAndSamplesAsScrapersExpect) {
+    const auto e = sampleExposition();
+    const std::string text = render(e, ExpositionFormat::prometheusText);
+    const std::string open = render(e, ExpositionFormat::openMetrics);
+    const std::string key = R"(device="loop3",mountpoint="/mnt/a \"b\"\\c")";
+    for (const std::string& line : std::vector<std::string>{
+          "vantorix_sampling_interval_seconds 0.01", "vantorix_volumes 1",
+          R"(vantorix_volume_info{device="loop3",mountpoint="/mnt/a \"b\"\\c",filesystem="EXT4",connection="Virtual",link_speed="",vendor="Linux",model="Loop\ndevice"} 1)",
+          "vantorix_volume_read_bytes_total{" + key + "} 1.8446744073709552e+19",
+          "vantorix_volume_written_bytes_total{" + key + "} 4096",
+          "vantorix_volume_read_peak_bytes_per_second{" + key + "} 1500000000",
+          // Cumulative buckets: 0 falls in the first, 2.5e6 on its bound, 3e6 in 5e6, 2e10 in +Inf.
+          "vantorix_volume_interval_throughput_bytes_per_second_bucket{" + key + R"(,direction="write",le="1000000"} 1)",
+          "vantorix_volume_interval_throughput_bytes_per_second_bucket{" + key + R"(,direction="write",le="2500000"} 2)",
+          "vantorix_volume_interval_throughput_bytes_per_second_bucket{" + key + R"(,direction="write",le="5000000"} 3)",
+          "vantorix_volume_interval_throughput_bytes_per_second_bucket{" + key + R"(,direction="write",le="10000000000"} 3)",
+          "vantorix_volume_interval_throughput_bytes_per_second_bucket{" + key + R"(,direction="write",le="+Inf"} 4)",
+          "vantorix_volume_interval_throughput_bytes_per_second_count{" + key + R"(,direction="write"} 4)",
+          "vantorix_volume_interval_throughput_bytes_per_second_sum{" + key + R"(,direction="write"} 20005500000)",
+          "vantorix_smart_passed{" + key + "} 0", "vantorix_smart_power_on_seconds{" + key + "} 7200",
+          "vantorix_smart_percentage_used_ratio{" + key + "} 0.07"}) {
+        EXPECT_THAT(text, HasSubstr("\n" + line + "\n")) << line;
+        EXPECT_THAT(open, HasSubstr("\n" + line + "\n")) << line;
+    }
+    // Figures the drive did not report have no family at all.
+    EXPECT_THAT(text, Not(HasSubstr("vantorix_smart_capable")));
+    EXPECT_THAT(text, Not(HasSubstr("media_errors")));
+    // The metadata differs: OpenMetrics names counter and info families without their suffixes
+    // and ends with # EOF.
+    EXPECT_THAT(text, HasSubstr("# TYPE vantorix_volume_read_bytes_total counter\n"));
+    EXPECT_THAT(text, HasSubstr("# TYPE vantorix_volume_info gauge\n"));
+    EXPECT_THAT(open, HasSubstr("# TYPE vantorix_volume_read_bytes counter\n"));
+    EXPECT_THAT(open, HasSubstr("# TYPE vantorix_volume info\n"));
+    EXPECT_THAT(text, Not(HasSubstr("# EOF")));
+    EXPECT_TRUE(open.size() > 6 && open.substr(open.size() - 6) == "# EOF\n");
+}
+
+TEST(Exposition, OpenMetricsOnlyWhenTheScraperAcceptsIt) {
+    const std::vector<std::pair<std::string, ExpositionFormat>> cases{
+        {"", ExpositionFormat::prometheusText},
+        {"text/plain;version=0.0.4;q=0.5,*/*;q=0.1", ExpositionFormat::prometheusText},
+        // Prometheus 2.x's own header
+        {"application/openmetrics-text;version=1.0.0,application/openmetrics-text;version=0.0.1;q=0.75,"
+         "text/plain;version=0.0.4;q=0.5,*/*;q=0.1",
+         ExpositionFormat::openMetrics},
+        {"Application/OpenMetrics-Text ; q=0.2", ExpositionFormat::openMetrics},
+        {"application/openmetrics-text;q=0", ExpositionFormat::prometheusText},
+        {"application/openmetrics-textual", ExpositionFormat::prometheusText},
+    };
+    for (const auto& [accept, format] : cases) EXPECT_EQ(negotiateFormat(accept), format) << accept;
+}
+
+std::string fixture(const std::string& name) {
+    std::ifstream file(std::string(VANTORIX_TEST_DATA_DIR) + "/smartctl/" + name);
+    std::stringstream text;
+    text << file.rdbuf();
+    return text.str();
+}
+
+TEST(SmartHealth, StandardFiguresFromRealSmartctlOutputs) {
+    using O = std::optional<double>;
+    struct Case {
+        std::string file;
+        std::optional<bool> passed;
+        std::optional<bool> capable;
+        O temperature, hours, used, mediaErrors, reallocated;
+    };
+    const std::vector<Case> cases{
+        {"scrutiny-smart-nvme-failed.json", true, std::nullopt, 35, 12798, 3, 7, std::nullopt},
+        {"scrutiny-smart-fail2.json", false, std::nullopt, 25, 65592, std::nullopt, std::nullopt, 1975},
+        {"smartctl_exporter-ST3200820AS_16.json", true, true, 33, 100161, std::nullopt, std::nullopt, 0},
+        {"smartctl_exporter-nvme-null-SAMSUNG_MZWLL3T2HAJQ-00005-nvme0.json", false, true, 40, 18376, 0, 0, std::nullopt},
+        {"scrutiny-smart-fail.json", std::nullopt, std::nullopt, std::nullopt, std::nullopt, std::nullopt, std::nullopt,
+         std::nullopt},
+    };
+    for (const auto& c : cases) {
+        const auto f = smartFiguresFromJson(fixture(c.file));
+        EXPECT_EQ(f.passed, c.passed) << c.file;
+        EXPECT_EQ(f.capable, c.capable) << c.file;
+        EXPECT_EQ(f.temperatureCelsius, c.temperature) << c.file;
+        EXPECT_EQ(f.powerOnHours, c.hours) << c.file;
+        EXPECT_EQ(f.percentageUsed, c.used) << c.file;
+        EXPECT_EQ(f.mediaErrors, c.mediaErrors) << c.file;
+        EXPECT_EQ(f.reallocatedSectors, c.reallocated) << c.file;
+    }
+    for (const std::string bad : {"", "not json", "[1,2]", R"({"temperature":{"current":"hot"},"ata_smart_attributes":{"table":[5]}})"}) {
+        const auto f = smartFiguresFromJson(bad);
+        EXPECT_FALSE(f.passed || f.temperatureCelsius || f.reallocatedSectors) << bad;
+    }
+}
+
+}  // namespace
+}  // namespace vantorix::exporter

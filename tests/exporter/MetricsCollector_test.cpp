@@ -1,0 +1,153 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+
+#include "exporter/MetricsCollector.h"
+#include "monitor/FakeVolumes.h"
+#include "platform/FakeRegistry.h"
+
+namespace vantorix::exporter {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = MetricsCollector::Clock;
+
+// Block-layer counters the test sets.
+class Counters final : public PropertyDictionary {
+public:
+    std::vector<std::string> keys() const override { return {"Bytes (Read)", "Bytes (Write)", "Operations (Read)", "Operations (Write)"}; }
+    std::optional<PropertyValue> find(std::string_view key) const override {
+        if (key == "Bytes (Read)") return PropertyValue(read.load());
+        if (key == "Bytes (Write)") return PropertyValue(written.load());
+        if (key == "Operations (Read)") return PropertyValue(read.load() / 4096);
+        if (key == "Operations (Write)") return PropertyValue(written.load() / 4096);
+        return std::nullopt;
+    }
+    std::atomic<std::uint64_t> read{0};
+    std::atomic<std::uint64_t> written{0};
+};
+
+class MetricsCollectorTest : public ::testing::Test {
+protected:
+    FakeRegistry::ServiceId addDevice(const std::string& name, const std::shared_ptr<Counters>& counters) {
+        const auto service = registry_->addService("block", makeDictionary({{"Statistics", PropertyValue(counters)}}));
+        registry_->addMatch(name, service);
+        return service;
+    }
+    MetricsCollector::Dependencies dependencies() {
+        MetricsCollector::Dependencies d;
+        d.registry = registry_;
+        d.files = std::make_shared<AnyPathOnFakeDisk>();
+        d.mountPoints = [this] { return mounts_; };
+        d.samplingInterval = 10ms;
+        d.unixTime = [] { return 1.7e9; };
+        return d;
+    }
+
+    std::shared_ptr<FakeRegistry> registry_ = std::make_shared<FakeRegistry>();
+    std::vector<std::string> mounts_;
+};
+
+TEST_F(MetricsCollectorTest, BurstPeaksBelongToEachScraperAndRestartAtItsScrape) {
+    auto counters = std::make_shared<Counters>();
+    // Near the wrap: the next steps carry the counter past 2^64.
+    counters->written = std::numeric_limits<std::uint64_t>::max() - 1'000'000;
+    addDevice("fake0", counters);
+    mounts_ = {"/volumes/fake0"};
+    MetricsCollector collector(dependencies());
+    ASSERT_EQ(collector.refreshVolumes(), 1u);
+
+    const auto t0 = Clock::now();
+    collector.sample(t0);  // the baseline: no interval yet
+    EXPECT_EQ(collector.scrape("a").volumes.at(0).writePeak, 0);
+
+    // Each step: bytes written in the next 10 ms, then which scrapers scrape and the peak each sees.
+    struct Step {
+        std::uint64_t bytes;
+        std::vector<std::pair<std::string, double>> scrapes;
+    };
+    const std::vector<Step> steps{
+        {1'000'000, {}},                              // 100 MB/s, across the wrap
+        {5'000'000, {}},                              // 500 MB/s
+        {2'000'000, {{"a", 500e6}, {"b", 200e6}}},   // b is new: it gets the last interval
+        {1'000'000, {{"a", 100e6}}},
+        {3'000'000, {{"b", 300e6}, {"a", 300e6}}},  // b's window began at its first scrape
+        {0, {{"a", 0}}},
+    };
+    auto now = t0;
+    for (std::size_t i = 0; i < steps.size(); ++i) {
+        counters->written += steps[i].bytes;
+        now += 10ms;
+        collector.sample(now);
+        for (const auto& [scraper, peak] : steps[i].scrapes) {
+            const auto figures = collector.scrape(scraper).volumes.at(0);
+            EXPECT_NEAR(figures.writePeak, peak, 1) << "step " << i << " scraper " << scraper;
+            EXPECT_EQ(figures.writtenBytes, counters->written.load());
+        }
+    }
+    // A scrape with no interval since reports the last interval's throughput.
+    EXPECT_EQ(collector.scrape("a").volumes.at(0).writePeak, 0);
+    const auto figures = collector.scrape("a").volumes.at(0);
+    EXPECT_EQ(figures.writeHistogram.count, steps.size());
+    EXPECT_EQ(figures.writeHistogram.counts[0], 1u);   // the idle interval
+    EXPECT_EQ(figures.labels.device, "fake0");
+    EXPECT_EQ(collector.scraperCount(), 2u);
+
+    // Scrapers beyond the limit push out the one heard from least recently.
+    for (std::size_t i = 0; i < MetricsCollector::kMaximumScrapers + 5; ++i) collector.scrape("s" + std::to_string(i));
+    EXPECT_EQ(collector.scraperCount(), MetricsCollector::kMaximumScrapers);
+}
+
+TEST_F(MetricsCollectorTest, VolumesComeAndGoAndSmartIsAskedAtMostOncePerInterval) {
+    auto first = std::make_shared<Counters>();
+    auto second = std::make_shared<Counters>();
+    const auto firstService = addDevice("fake0", first);
+    addDevice("fake1", second);
+    // The same device twice counts once; a folder that does not resolve is passed over.
+    mounts_ = {"/volumes/fake0", "/other/fake0", "/missing/fake2", "/volumes/fake1"};
+    std::atomic<int> asked{0};
+    std::atomic<bool> asleep{false};
+    auto d = dependencies();
+    d.smart = [&](const std::string&) {
+        ++asked;
+        MetricsCollector::SmartReading reading;
+        if (asleep) {
+            reading.driveAsleep = true;
+        } else {
+            SmartFigures figures;
+            figures.temperatureCelsius = 30 + asked;
+            reading.figures = figures;
+        }
+        return reading;
+    };
+    MetricsCollector collector(d);
+    ASSERT_EQ(collector.refreshVolumes(), 2u);
+
+    const auto t0 = Clock::now();
+    collector.refreshSmart(t0);
+    collector.refreshSmart(t0 + 59s);
+    EXPECT_EQ(asked, 2);  // one fetch per device
+    asleep = true;
+    collector.refreshSmart(t0 + 61s);
+    EXPECT_EQ(asked, 4);
+    auto scraped = collector.scrape("a");
+    ASSERT_EQ(scraped.volumes.size(), 2u);
+    for (const auto& volume : scraped.volumes) {
+        // A sleeping drive keeps the figures of its last answer.
+        ASSERT_TRUE(volume.smart);
+        EXPECT_LE(*volume.smart->temperatureCelsius, 32);
+        EXPECT_EQ(volume.smart->refreshedAt, 1.7e9);
+    }
+
+    // A device whose counters vanish is dropped at the next reading; an unmounted one at the next refresh.
+    registry_->removeService(firstService);
+    collector.sample(t0);
+    ASSERT_EQ(collector.volumeCount(), 1u);
+    EXPECT_EQ(collector.scrape("a").volumes.at(0).labels.device, "fake1");
+    mounts_ = {};
+    EXPECT_EQ(collector.refreshVolumes(), 0u);
+    EXPECT_TRUE(collector.scrape("a").volumes.empty());
+}
+
+}  // namespace
+}  // namespace vantorix::exporter

@@ -1,0 +1,228 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <sys/socket.h>
+#include <netinet/in.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "integration/HelperTestClient.h"
+#include "support/HelperDaemon.h"
+#include "support/LoopVolume.h"
+#include "support/Process.h"
+#include "support/SmartctlStandIn.h"
+
+namespace vantorix {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using testing::LoopVolume;
+using testing::RunningProcess;
+
+// A port no one listens on now (the kernel's choice for a socket bound to port 0).
+int freePort() {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(address);
+    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    ::close(fd);
+    return ntohs(address.sin_port);
+}
+
+bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < end) {
+        if (done()) return true;
+        std::this_thread::sleep_for(100ms);
+    }
+    return done();
+}
+
+// Overwrites the file in place with O_DIRECT, so the device sees the data and almost nothing else.
+void writeDirect(const std::string& path, std::size_t bytes, std::size_t offset) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_DIRECT);
+    ASSERT_GE(fd, 0);
+    void* buffer = std::aligned_alloc(4096, bytes);
+    std::memset(buffer, 0x5a, bytes);
+    EXPECT_EQ(::pwrite(fd, buffer, bytes, static_cast<off_t>(offset)), static_cast<ssize_t>(bytes));
+    std::free(buffer);
+    ::close(fd);
+}
+
+class Exporter : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (const auto reason = LoopVolume::unavailableReason(); !reason.empty()) GTEST_SKIP() << reason;
+        std::string error;
+        volume_ = LoopVolume::create("vx-export", 256ull << 20, &error);
+        ASSERT_TRUE(volume_) << error;
+        // SMART through the real helper, whose smartctl prints a saved NVMe answer.
+        standIn_ = testing::SmartctlStandIn::create(testing::printing(std::string(VANTORIX_TEST_DATA_DIR) +
+                                                                      "/smartctl/scrutiny-smart-nvme.json"));
+        helper_ = testing::HelperDaemon::start({standIn_->path(), {}}, &error);
+        ASSERT_TRUE(helper_) << error;
+        port_ = freePort();
+        started_ = std::chrono::steady_clock::now();
+        exporter_ = RunningProcess::start({VANTORIX_CLI_PATH, "serve", "--listen", "127.0.0.1:" + std::to_string(port_),
+                                           "--precision", "100", "--volume", volume_->mountPoint()},
+                                          {{"VANTORIX_HELPER_SOCKET", helper_->socketPath()}});
+        ASSERT_TRUE(exporter_);
+        ASSERT_TRUE(waitUntil([&] { return static_cast<bool>(client().Get("/metrics")); }, 10s)) << exporter_->standardError();
+    }
+    void TearDown() override {
+        if (exporter_) {
+            exporter_->signal(SIGTERM);
+            EXPECT_EQ(exporter_->waitForExit(10s), 0) << exporter_->standardError();
+        }
+    }
+    httplib::Client client() const {
+        httplib::Client c("127.0.0.1", port_);
+        c.set_connection_timeout(5);
+        c.set_read_timeout(10);
+        return c;
+    }
+
+    std::unique_ptr<LoopVolume> volume_;
+    std::unique_ptr<testing::SmartctlStandIn> standIn_;
+    std::unique_ptr<testing::HelperDaemon> helper_;
+    int port_ = 0;
+    std::chrono::steady_clock::time_point started_;
+    std::unique_ptr<RunningProcess> exporter_;
+};
+
+TEST_F(Exporter, PrometheusSeesTheBytesWrittenAndBurstsAboveItsOneSecondRate) {
+    if (!fs::exists("/usr/bin/prometheus") || !fs::exists("/usr/bin/promtool")) GTEST_SKIP() << "Prometheus is not installed";
+    const fs::path dir = fs::path(volume_->mountPoint()).parent_path() / "prometheus";
+    fs::create_directories(dir);
+    const int prometheusPort = freePort();
+    std::ofstream(dir / "prometheus.yml") << "global:\n  scrape_interval: 1s\n  scrape_timeout: 1s\n"
+                                             "scrape_configs:\n  - job_name: vantorix\n    static_configs:\n"
+                                             "      - targets: ['127.0.0.1:" << port_ << "']\n";
+    auto prometheus = RunningProcess::start({"/usr/bin/prometheus", "--config.file=" + (dir / "prometheus.yml").string(),
+                                             "--storage.tsdb.path=" + (dir / "data").string(),
+                                             "--web.listen-address=127.0.0.1:" + std::to_string(prometheusPort)});
+    ASSERT_TRUE(prometheus);
+    httplib::Client api("127.0.0.1", prometheusPort);
+    ASSERT_TRUE(waitUntil([&] { auto r = api.Get("/-/ready"); return r && r->status == 200; }, 30s))
+        << prometheus->standardError();
+
+    // The file is written once before the measured minute; then bursts overwrite it in place.
+    const std::string file = volume_->mountPoint() + "/data";
+    constexpr std::size_t kBurst = 8u << 20;
+    constexpr std::size_t kBursts = 20;
+    std::ofstream(file).close();
+    ASSERT_EQ(::truncate(file.c_str(), kBurst * kBursts), 0);
+    for (std::size_t i = 0; i < kBursts; ++i) writeDirect(file, kBurst, i * kBurst);
+    ::sync();
+    std::this_thread::sleep_for(6s);  // the journal's commit of the allocation, and three scrapes
+
+    const auto query = [&](const std::string& promql, double at) -> std::optional<double> {
+        auto r = api.Get("/api/v1/query", httplib::Params{{"query", promql}, {"time", std::to_string(at)}}, {});
+        if (!r || r->status != 200) return std::nullopt;
+        const auto body = nlohmann::json::parse(r->body, nullptr, false);
+        const auto& result = body["data"]["result"];
+        if (!result.is_array() || result.empty()) return std::nullopt;
+        return std::stod(result[0]["value"][1].get<std::string>());
+    };
+    const auto now = [] { return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count(); };
+    const std::string device = "{device=\"" + volume_->bsdName() + "\"}";
+    const double before = now();
+    const auto start = std::chrono::steady_clock::now();
+    for (std::size_t i = 0; i < kBursts; ++i) {
+        writeDirect(file, kBurst, i * kBurst);
+        std::this_thread::sleep_until(start + static_cast<int>(i + 1) * 2500ms);
+    }
+    std::this_thread::sleep_until(start + 60s);
+    const double after = now();
+    std::this_thread::sleep_for(2s);
+
+    const auto written0 = query("vantorix_volume_written_bytes_total" + device, before);
+    const auto written1 = query("vantorix_volume_written_bytes_total" + device, after);
+    ASSERT_TRUE(written0 && written1);
+    const double moved = *written1 - *written0;
+    EXPECT_NEAR(moved, double(kBurst) * kBursts, 0.01 * kBurst * kBursts) << moved;
+
+    const auto burst = query("max_over_time(vantorix_volume_write_peak_bytes_per_second" + device + "[62s])", after);
+    const auto rate = query("max_over_time(irate(vantorix_volume_written_bytes_total" + device + "[3s])[62s:1s])", after);
+    ASSERT_TRUE(burst && rate);
+    EXPECT_GE(*burst, *rate);
+    EXPECT_GT(*rate, 0);
+    std::cout << "written " << moved << " bytes of " << kBurst * kBursts << "; burst peak " << *burst
+              << " B/s, one-second rate peak " << *rate << " B/s\n";
+
+    // promtool accepts what the exporter serves, SMART figures included; smartctl ran at most once a minute.
+    auto metrics = client().Get("/metrics");
+    ASSERT_TRUE(metrics);
+    const std::string key = "{device=\"" + volume_->bsdName() + "\",mountpoint=\"" + volume_->mountPoint() + "\"} ";
+    for (const std::string& line : {"vantorix_smart_passed" + key + "1", "vantorix_smart_temperature_celsius" + key + "36",
+                                    "vantorix_smart_power_on_seconds" + key + "8643600"}) {
+        EXPECT_NE(metrics->body.find("\n" + line + "\n"), std::string::npos) << line;
+    }
+    const auto minutes = std::chrono::duration_cast<std::chrono::minutes>(std::chrono::steady_clock::now() - started_).count();
+    EXPECT_GE(standIn_->starts().size(), 1u);
+    EXPECT_LE(standIn_->starts().size(), static_cast<std::size_t>(minutes + 1));
+    std::ofstream(dir / "metrics.txt") << metrics->body;
+    const auto check = testing::runShell("promtool check metrics < " + (dir / "metrics.txt").string());
+    EXPECT_EQ(check.exitStatus, 0) << check.out << check.err;
+
+    prometheus->signal(SIGTERM);
+    EXPECT_TRUE(prometheus->waitForExit(20s));
+    fs::remove_all(dir);
+}
+
+TEST_F(Exporter, EveryScrapeIsAnsweredDespiteSlowClientsAndAVanishedVolumeIsDropped) {
+    // A hundred clients that send a byte of their request head now and then, and 200 scrapes at once.
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> slow;
+    for (int i = 0; i < 100; ++i) {
+        slow.emplace_back([&] {
+            const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+            sockaddr_in address{};
+            address.sin_family = AF_INET;
+            address.sin_port = htons(static_cast<std::uint16_t>(port_));
+            address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+            if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0) {
+                while (!stop && ::send(fd, "G", 1, MSG_NOSIGNAL) == 1) std::this_thread::sleep_for(500ms);
+            }
+            ::close(fd);
+        });
+    }
+    std::atomic<int> answered{0};
+    std::vector<std::thread> scrapers;
+    for (int i = 0; i < 200; ++i) {
+        scrapers.emplace_back([&] {
+            auto r = client().Get("/metrics");
+            if (r && r->status == 200 && r->body.find("vantorix_volume_written_bytes_total{device=\"" + volume_->bsdName()) != std::string::npos) {
+                ++answered;
+            }
+        });
+    }
+    for (auto& t : scrapers) t.join();
+    stop = true;
+    for (auto& t : slow) t.join();
+    EXPECT_EQ(answered, 200);
+    auto missing = client().Get("/nothing");
+    ASSERT_TRUE(missing);
+    EXPECT_EQ(missing->status, 404);
+
+    // The volume goes the way a pulled disk does; the exporter carries on without it.
+    ASSERT_TRUE(volume_->unmount() && volume_->detach() && volume_->removeDevice());
+    EXPECT_TRUE(waitUntil([&] {
+        auto r = client().Get("/metrics");
+        return r && r->status == 200 && r->body.find("vantorix_volumes 0\n") != std::string::npos;
+    }, 10s));
+}
+
+}  // namespace
+}  // namespace vantorix
