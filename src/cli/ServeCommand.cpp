@@ -109,7 +109,7 @@ int runServe(const ServeOptions& options, Environment& environment) {
     auto server = exporter::MetricsServer::start(
         serverOptions, [&collector](const exporter::MetricsServer::Request& request) { return answer(collector, request); });
     if (!server) {
-        err << fmt::format(fmt::runtime(localized("无法在 {} 上监听。", "Cannot listen on {}.")), server.error()) << '\n';
+        err << fmt::format(fmt::runtime(localized("无法监听 {}。", "Cannot listen on {}.")), server.error()) << '\n';
         return kFailure;
     }
     std::unique_ptr<exporter::MetricsServer> http = std::move(server).value();
