@@ -12,6 +12,7 @@
 #include "benchmark/PerformanceReport.h"
 #include "benchmark/TestError.h"
 #include "concurrency/WeakOwner.h"
+#include "log/Log.h"
 #include "platform/QueuedFile.h"
 #include "text/Formats.h"
 #include "text/Messages.h"
@@ -27,6 +28,26 @@ double secondsBetween(Clock::time_point from, Clock::time_point to) {
 
 // Thrown inside a run when its task has been cancelled.
 struct RunCancelled {};
+
+// The longest pause between two queue-depth profiles.
+constexpr double kQueueDepthRestSeconds = 1.0;
+
+const log::Logger& logger() {
+    static const log::Logger& instance = log::logger("DiskPerformanceTester");
+    return instance;
+}
+
+// Logs why a file operation failed (the user sees only the kind) and throws the kind.
+[[noreturn]] void fail(TestError::Kind kind, std::string_view what, const FileError& error) {
+    logger().error("{} failed: {} (errno {})", what, error.message, error.code);
+    throw TestError(kind);
+}
+
+template <class T>
+T checked(Result<T, FileError> result, TestError::Kind kind, std::string_view what) {
+    if (!result) fail(kind, what, result.error());
+    return std::move(result).value();
+}
 
 std::string joinPath(const std::string& folder, const std::string& name) {
     if (!folder.empty() && folder.back() == '/') return folder + name;
@@ -208,7 +229,7 @@ private:
             if (cacheMode() == CacheMode::direct && handle.error().code == EINVAL) {
                 throw TestError(TestError::directIoUnsupported);
             }
-            throw TestError(TestError::fileHandleUnavailable);
+            fail(TestError::fileHandleUnavailable, "opening a test file", handle.error());
         }
         return std::move(handle).value();
     }
@@ -216,16 +237,19 @@ private:
     // With the cache bypassed, the working set is written once before the random phases, as a
     // drive would hold it: reading never-written blocks of a sparse file costs the device nothing.
     void layOut(FileHandle& handle, std::uint64_t length) {
+        // Direct writes allocate as they go, and a journaling file system hands out the blocks of
+        // a file removed just before (an earlier test's, the user's) only once the removal is
+        // committed: an fsync of the new file commits it, so what the free space promised is there.
+        checked(handle.synchronize(), TestError::temporaryFileCreationFailed, "committing the new test file");
         constexpr std::size_t kChunk = 1'048'576;
         AlignedBuffer zeros(kChunk);
         for (std::uint64_t offset = 0; offset < length; offset += kChunk) {
             checkCancellation();
-            if (!handle.seek(offset)) throw TestError(TestError::fileHandleUnavailable);
-            if (!handle.write(zeros.bytes(static_cast<std::size_t>(std::min<std::uint64_t>(kChunk, length - offset))))) {
-                throw TestError(TestError::writeFailed);
-            }
+            checked(handle.seek(offset), TestError::fileHandleUnavailable, "seeking in the random file");
+            checked(handle.write(zeros.bytes(static_cast<std::size_t>(std::min<std::uint64_t>(kChunk, length - offset)))),
+                    TestError::writeFailed, "laying out the random file");
         }
-        if (!handle.synchronize()) throw TestError(TestError::writeFailed);
+        checked(handle.synchronize(), TestError::writeFailed, "flushing the random file");
     }
 
     void publish(BenchmarkPhase phase, Clock::time_point now) {
@@ -285,14 +309,14 @@ private:
         auto deadline = phaseStart + phaseLength;
         for (auto now = phaseStart; now < deadline;) {
             checkCancellation();
-            if (!handle->seek(nextOffset())) throw TestError(TestError::fileHandleUnavailable);
-            if (!handle->write(data)) throw TestError(TestError::writeFailed);
+            checked(handle->seek(nextOffset()), TestError::fileHandleUnavailable, "seeking in the random file");
+            checked(handle->write(data), TestError::writeFailed, "a random write");
             ++figures.writeCount;
             tracker_.advance(BenchmarkPhase::randomWrite, static_cast<double>(block));
             now = Clock::now();
             if (tracker_.shouldPublish(now) || now >= deadline) publish(BenchmarkPhase::randomWrite, now);
         }
-        if (!handle->synchronize()) throw TestError(TestError::writeFailed);
+        checked(handle->synchronize(), TestError::writeFailed, "flushing the random writes");
         tracker_.complete(BenchmarkPhase::randomWrite);
         auto now = Clock::now();
         publish(BenchmarkPhase::randomWrite, now);
@@ -308,9 +332,10 @@ private:
         deadline = phaseStart + phaseLength;
         for (now = phaseStart; now < deadline;) {
             checkCancellation();
-            if (!handle->seek(nextOffset())) throw TestError(TestError::fileHandleUnavailable);
-            const auto count = handle->read(target);
-            if (!count || *count != block) throw TestError(TestError::readFailed);
+            checked(handle->seek(nextOffset()), TestError::fileHandleUnavailable, "seeking in the random file");
+            if (checked(handle->read(target), TestError::readFailed, "a random read") != block) {
+                fail(TestError::readFailed, "a random read", FileError{ENODATA, "short read"});
+            }
             ++figures.readCount;
             tracker_.advance(BenchmarkPhase::randomRead, static_cast<double>(block));
             now = Clock::now();
@@ -365,16 +390,16 @@ private:
         auto handle = open(FileAccess::writing, path);
         const AlignedBuffer zeros(static_cast<std::size_t>(
             std::min<std::uint64_t>(c_.payload.byteCount, sequentialBlockSize)));
-        if (cacheMode() == CacheMode::direct && !handle->synchronize()) throw TestError(TestError::writeFailed);
+        if (cacheMode() == CacheMode::direct) {
+            checked(handle->synchronize(), TestError::writeFailed, "committing the sequential file");
+        }
         started(BenchmarkPhase::sequentialWrite);
         const auto phaseStart = Clock::now();
         auto figures = sequential(BenchmarkPhase::sequentialWrite, TimelineSample::Phase::sequentialWrite,
                                   [&](std::size_t chunk) {
-                                      if (!handle->write(zeros.bytes(chunk))) {
-                                          throw TestError(TestError::writeFailed);
-                                      }
+                                      checked(handle->write(zeros.bytes(chunk)), TestError::writeFailed, "a sequential write");
                                   });
-        if (!handle->synchronize()) throw TestError(TestError::writeFailed);
+        checked(handle->synchronize(), TestError::writeFailed, "flushing the sequential file");
         finishPhase(BenchmarkPhase::sequentialWrite, phaseStart, figures);
         (void)handle->close();
         finished(BenchmarkPhase::sequentialWrite, c_.payload.byteCount);
@@ -389,8 +414,9 @@ private:
         const auto phaseStart = Clock::now();
         auto figures = sequential(BenchmarkPhase::sequentialRead, TimelineSample::Phase::sequentialRead,
                                   [&](std::size_t chunk) {
-                                      const auto count = handle->read(buffer.target(chunk));
-                                      if (!count || *count != chunk) throw TestError(TestError::readFailed);
+                                      if (checked(handle->read(buffer.target(chunk)), TestError::readFailed, "a sequential read") != chunk) {
+                                          fail(TestError::readFailed, "a sequential read", FileError{ENODATA, "short read"});
+                                      }
                                   });
         finishPhase(BenchmarkPhase::sequentialRead, phaseStart, figures);
         (void)handle->close();
@@ -445,11 +471,13 @@ private:
             const int code = opened.error().code;
             if (code == EINVAL) throw TestError(TestError::directIoUnsupported);
             if (code == ENOSYS || code == EPERM || code == EOPNOTSUPP) throw TestError(TestError::queuedIoUnavailable);
-            throw TestError(TestError::fileHandleUnavailable);
+            fail(TestError::fileHandleUnavailable, "opening the queued test file", opened.error());
         }
         const std::unique_ptr<QueuedFile> file = std::move(opened).value();
         const std::uint64_t size = c_.payload.byteCount;
-        if (!file->truncate(size)) throw TestError(TestError::temporaryFileCreationFailed);
+        checked(file->truncate(size), TestError::temporaryFileCreationFailed, "sizing the test file");
+        // As for the random file's layout: space freed just before becomes usable once committed.
+        checked(file->synchronize(), TestError::temporaryFileCreationFailed, "committing the new test file");
 
         constexpr std::size_t kSteps = 1 + 2 * kQueueDepthProfiles.size();
         const auto duration = std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -487,7 +515,7 @@ private:
                            now);
                 });
             checkCancellation();
-            if (!figures) throw TestError(write ? TestError::writeFailed : TestError::readFailed);
+            if (!figures) fail(write ? TestError::writeFailed : TestError::readFailed, progress.stepName.value_or("a queued job"), figures.error());
             ++stepIndex;
             report(0, Clock::now());
             return figures.value();
@@ -502,7 +530,16 @@ private:
         layout.duration = std::chrono::hours(24 * 365);
         layout.byteLimit = size;
         (void)step(layout, kQueueDepthProfiles.size(), true);
-        if (!file->synchronize()) throw TestError(TestError::writeFailed);
+
+        // Every profile starts from a quiet device, outside its clock: what the jobs before it
+        // wrote is made durable, and the layers below (a drive's cache, a virtual disk's host,
+        // a loop device's backing file) get a moment to drain, so no profile pays for another.
+        const auto rest = std::chrono::duration_cast<Clock::duration>(
+            std::chrono::duration<double>(std::min(kQueueDepthRestSeconds, c_.mode.secondsPerProfile / 5)));
+        const auto settle = [&] {
+            checked(file->synchronize(), TestError::writeFailed, "flushing the queued test file");
+            if (!cancellation_.sleepFor(rest)) throw RunCancelled{};
+        };
 
         std::vector<QueueDepthFigure> figures;
         for (const auto& profile : kQueueDepthProfiles) figures.push_back({profile.name, 0, 0, 0, 0});
@@ -516,6 +553,7 @@ private:
                 job.queueDepth = profile.queueDepth;
                 job.span = size / profile.blockSize * profile.blockSize;
                 job.duration = duration;
+                settle();
                 const QueuedFigures measured = step(job, i, write);
                 const double seconds = std::max(measured.seconds, std::numeric_limits<double>::epsilon());
                 const double bytesPerSecond = static_cast<double>(measured.bytes) / seconds;
@@ -524,7 +562,7 @@ private:
                 (write ? figures[i].writeIOPS : figures[i].readIOPS) = iops;
             }
         }
-        if (!file->synchronize()) throw TestError(TestError::writeFailed);
+        checked(file->synchronize(), TestError::writeFailed, "flushing the queued test file");
         (void)file->close();
         return figures;
     }
