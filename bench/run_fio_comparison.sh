@@ -48,6 +48,9 @@ fi
 workingSet=$(( payload < 536870912 ? payload : 536870912 ))
 common=(--ioengine=psync --iodepth=1 --direct=$direct --invalidate=0 --randrepeat=0 --norandommap
         --fallocate=none --output-format=json --group_reporting)
+# The engine's large buffers are made of huge pages where the kernel has them; FIO_MEM=shmhuge gives
+# fio the same (it needs reserved huge pages: /proc/sys/vm/nr_hugepages).
+[[ -z ${FIO_MEM:-} ]] || common+=(--mem="$FIO_MEM")
 
 # Writes leave the layers below busy for a while (a virtual disk's host flushing): each side starts
 # after a flush of the file system and a moment's rest, so neither pays for the other's writes.
@@ -110,3 +113,14 @@ row "random 4 KiB write IOPS" "$ours_rw" "$fio_rw"
 row "random 4 KiB read IOPS" "$ours_rr" "$fio_rr"
 row "sequential write B/s" "$ours_sw" "$fio_sw"
 row "sequential read B/s" "$ours_sr" "$fio_sr"
+# Every run's figures, in run order, for judging the spread behind the medians.
+echo "per run (vantorix | fio):"
+for key in "randomWriteIOPS rw .jobs[0].write.iops" "randomReadIOPS rr .jobs[0].read.iops" \
+           "writeThroughput sw .jobs[0].write.bw_bytes" "readThroughput sr .jobs[0].read.bw_bytes"; do
+  read -r ourKey job fioKey <<<"$key"
+  printf '  %-16s' "$ourKey"
+  for ((i = 1; i <= runs; i++)); do printf ' %.4g' "$(jq -r ".$ourKey" "$work/ours-$i.json")"; done
+  printf ' |'
+  for ((i = 1; i <= runs; i++)); do printf ' %.4g' "$(jq -r "$fioKey" "$work/fio-$job-$i.json")"; done
+  echo
+done

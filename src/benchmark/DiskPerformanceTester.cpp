@@ -13,6 +13,7 @@
 #include "benchmark/TestError.h"
 #include "concurrency/WeakOwner.h"
 #include "log/Log.h"
+#include "platform/IoBuffer.h"
 #include "platform/QueuedFile.h"
 #include "text/Formats.h"
 #include "text/Messages.h"
@@ -53,28 +54,6 @@ std::string joinPath(const std::string& folder, const std::string& name) {
     if (!folder.empty() && folder.back() == '/') return folder + name;
     return folder + "/" + name;
 }
-
-// A zero-filled buffer whose start and length suit direct I/O.
-class AlignedBuffer {
-public:
-    explicit AlignedBuffer(std::size_t size) : size_(size) {
-        const std::size_t rounded = std::max<std::size_t>(
-            (size + kDirectIoAlignment - 1) / kDirectIoAlignment * kDirectIoAlignment, kDirectIoAlignment);
-        data_.reset(static_cast<std::byte*>(std::aligned_alloc(kDirectIoAlignment, rounded)));
-        if (!data_) throw std::bad_alloc();
-        std::memset(data_.get(), 0, rounded);
-    }
-    std::byte* data() { return data_.get(); }
-    std::span<const std::byte> bytes(std::size_t count) const { return {data_.get(), std::min(count, size_)}; }
-    std::span<std::byte> target(std::size_t count) { return {data_.get(), std::min(count, size_)}; }
-
-private:
-    struct Free {
-        void operator()(std::byte* pointer) const { std::free(pointer); }
-    };
-    std::size_t size_;
-    std::unique_ptr<std::byte, Free> data_;
-};
 
 // The step a queue-depth test is in, as the progress shows it.
 BenchmarkPhase phaseOfStep(std::size_t profile, bool write) {
@@ -242,7 +221,7 @@ private:
         // committed: an fsync of the new file commits it, so what the free space promised is there.
         checked(handle.synchronize(), TestError::temporaryFileCreationFailed, "committing the new test file");
         constexpr std::size_t kChunk = 1'048'576;
-        AlignedBuffer zeros(kChunk);
+        IoBuffer zeros(kChunk);
         for (std::uint64_t offset = 0; offset < length; offset += kChunk) {
             checkCancellation();
             checked(handle.seek(offset), TestError::fileHandleUnavailable, "seeking in the random file");
@@ -287,7 +266,7 @@ private:
         // generator seeded by the system, drawn without bias over every byte offset.
         // Direct I/O wants offsets on block boundaries; otherwise any byte offset is drawn.
         std::random_device system;
-        AlignedBuffer buffer(randomBlockSize);
+        IoBuffer buffer(randomBlockSize);
         for (std::size_t i = 0; i < randomBlockSize; i += sizeof(unsigned)) {
             const unsigned word = system();
             for (std::size_t j = 0; j < sizeof(unsigned); ++j) buffer.data()[i + j] = static_cast<std::byte>(word >> (8 * j));
@@ -325,7 +304,7 @@ private:
         finished(BenchmarkPhase::randomWrite, figures.writeCount * block);
 
         handle = open(FileAccess::reading, path);
-        AlignedBuffer readBuffer(randomBlockSize);
+        IoBuffer readBuffer(randomBlockSize);
         const std::span<std::byte> target = readBuffer.target(block);
         started(BenchmarkPhase::randomRead);
         phaseStart = Clock::now();
@@ -388,7 +367,7 @@ private:
 
     SequentialFigures sequentialWrite(const std::string& path) {
         auto handle = open(FileAccess::writing, path);
-        const AlignedBuffer zeros(static_cast<std::size_t>(
+        const IoBuffer zeros(static_cast<std::size_t>(
             std::min<std::uint64_t>(c_.payload.byteCount, sequentialBlockSize)));
         if (cacheMode() == CacheMode::direct) {
             checked(handle->synchronize(), TestError::writeFailed, "committing the sequential file");
@@ -408,7 +387,7 @@ private:
 
     SequentialFigures sequentialRead(const std::string& path) {
         auto handle = open(FileAccess::reading, path);
-        AlignedBuffer buffer(static_cast<std::size_t>(
+        IoBuffer buffer(static_cast<std::size_t>(
             std::min<std::uint64_t>(c_.payload.byteCount, sequentialBlockSize)));
         started(BenchmarkPhase::sequentialRead);
         const auto phaseStart = Clock::now();
