@@ -52,6 +52,15 @@ struct Harness {
     Subscription subscription;
 };
 
+// After a failed or stopped run: no result, no report, and no file left on the volume.
+void expectNothingLeft(Harness& h) {
+    EXPECT_FALSE(h.tester->state().isRunning);
+    EXPECT_FALSE(h.tester->state().lastResult);
+    EXPECT_TRUE(h.files->existingFiles().empty());
+    EXPECT_TRUE(h.files->reports().empty());
+    EXPECT_TRUE(h.tester->temporaryFiles().empty());
+}
+
 std::vector<std::uint64_t> values(const std::vector<Operation>& operations, Operation::Kind kind) {
     std::vector<std::uint64_t> found;
     for (const auto& operation : operations) {
@@ -142,29 +151,39 @@ TEST(DiskPerformanceTester, SmallPayloadsUseOffsetZeroAndShorterBlocks) {
     }
 }
 
-TEST(DiskPerformanceTester, FailuresBecomeTheirTexts) {
+TEST(DiskPerformanceTester, FailuresBecomeTheirTextsAndLeaveNothingBehind) {
     testing::ScopedLanguage english("en_US.UTF-8");
+    const char* noBypass =
+        "This file system cannot bypass the cache (it refuses direct I/O or keeps its files in memory), so a "
+        "cache-bypass test cannot run on it.";
+    const auto refuseDirect = [](MemoryFileSystem& f) { f.refuseDirect = true; };
     struct Case {
         const char* name;
         void (*arrange)(MemoryFileSystem&);
+        TestMode mode;
         const char* message;
     };
     const Case cases[] = {
-        {"creation", [](MemoryFileSystem& f) { f.failCreation = true; }, "Failed to create the temporary test file."},
-        {"short read", [](MemoryFileSystem& f) { f.shortReadBy = 1; }, "Read phase failed. Please check the disk status."},
-        {"disk full", [](MemoryFileSystem& f) { f.capacity = 20'000'000; },
+        {"creation", [](MemoryFileSystem& f) { f.failCreation = true; }, {},
+         "Failed to create the temporary test file."},
+        {"short read", [](MemoryFileSystem& f) { f.shortReadBy = 1; }, {},
+         "Read phase failed. Please check the disk status."},
+        {"disk full", [](MemoryFileSystem& f) { f.capacity = 20'000'000; }, {},
          "Write phase failed. Please check the disk status."},
+        {"no direct I/O", refuseDirect, {TestKind::standard, true, 0.01}, noBypass},
+        {"no direct I/O, queue depth", refuseDirect, {TestKind::queueDepth, true, 0.01}, noBypass},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         Harness h(16'777'216ULL * 2);
         c.arrange(*h.files);
+        h.tester->setTestMode(c.mode);
         h.runToEnd();
         EXPECT_EQ(h.tester->state().errorMessage, c.message);
-        EXPECT_FALSE(h.tester->state().lastResult);
-        EXPECT_FALSE(h.tester->state().isRunning);
-        EXPECT_TRUE(h.files->existingFiles().empty());
-        EXPECT_TRUE(h.files->reports().empty());
+        expectNothingLeft(h);
+        if (h.files->refuseDirect) {
+            EXPECT_TRUE(h.files->opens().empty());  // no buffered fallback
+        }
     }
 }
 
@@ -203,11 +222,9 @@ TEST(DiskPerformanceTester, StopDuringTheRandomPhasesPublishesNothingAndRemovesT
     EXPECT_FALSE(h.tester->state().progressState);
     h.tester->waitForBackgroundWork();
     h.main->drain();
-    EXPECT_FALSE(h.tester->state().lastResult);
     EXPECT_FALSE(h.tester->state().errorMessage);
     EXPECT_EQ(h.files->everCreated().size(), 1U);
-    EXPECT_TRUE(h.files->existingFiles().empty());
-    EXPECT_TRUE(h.tester->temporaryFiles().empty());
+    expectNothingLeft(h);
 }
 
 TEST(DiskPerformanceTester, BypassingTheCacheOpensDirectlyWithAlignedOffsetsAndWholeBlocks) {
@@ -225,23 +242,6 @@ TEST(DiskPerformanceTester, BypassingTheCacheOpensDirectlyWithAlignedOffsetsAndW
     for (const auto offset : values(h.files->operations(), Operation::seek)) EXPECT_EQ(offset % 4096, 0U);
     for (const auto bytes : values(h.files->operations(), Operation::write)) EXPECT_EQ(bytes % 4096, 0U);
     EXPECT_TRUE(h.files->existingFiles().empty());
-}
-
-TEST(DiskPerformanceTester, AFileSystemThatCannotBypassTheCacheIsNamedAndNothingIsLeft) {
-    testing::ScopedLanguage english("en_US.UTF-8");
-    for (const TestKind kind : {TestKind::standard, TestKind::queueDepth}) {
-        SCOPED_TRACE(rawValue(kind));
-        Harness h(16'777'216ULL);
-        h.files->refuseDirect = true;
-        h.tester->setTestMode(TestMode{kind, true, 0.01});
-        h.runToEnd();
-        EXPECT_EQ(h.tester->state().errorMessage,
-                  "This file system cannot bypass the cache (it refuses direct I/O or keeps its files in memory), so "
-                  "a cache-bypass test cannot run on it.");
-        EXPECT_FALSE(h.tester->state().lastResult);
-        EXPECT_TRUE(h.files->opens().empty());  // no buffered fallback
-        EXPECT_TRUE(h.files->existingFiles().empty());
-    }
 }
 
 TEST(DiskPerformanceTester, QueueDepthTestLaysOutTheFileThenReadsAndWritesEachProfile) {
@@ -294,11 +294,8 @@ TEST(DiskPerformanceTester, AStopInAnyStepOfTheQueueDepthTestLeavesNoFileAndNoRe
         h.tester->stopTest();
         h.tester->waitForBackgroundWork();
         h.main->drain();
-        EXPECT_FALSE(h.tester->state().isRunning);
-        EXPECT_FALSE(h.tester->state().lastResult);
         EXPECT_FALSE(h.tester->state().errorMessage);
-        EXPECT_TRUE(h.files->existingFiles().empty());
-        EXPECT_TRUE(h.files->reports().empty());
+        expectNothingLeft(h);
     }
 }
 

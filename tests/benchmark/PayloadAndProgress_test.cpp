@@ -179,14 +179,7 @@ TEST(TimelineSampler, SamplesAboutOnceASecondOverTransferTime) {
 
 TEST(PerformanceMetrics, StripTexts) {
     testing::ScopedLanguage english("en_US.UTF-8");
-    struct Case {
-        double seconds;
-        const char* text;
-    };
-    for (const Case c : {Case{0, "00:00:00"}, Case{-3, "00:00:00"}, Case{59.5, "00:01:00"}, Case{59.49, "00:00:59"},
-                         Case{3661, "01:01:01"}, Case{360000, "100:00:00"}}) {
-        EXPECT_EQ(PerformanceMetrics::durationText(c.seconds), c.text) << c.seconds;
-    }
+    // Durations are text::clockDurationText's; the running items below show they are wired in.
     struct Percent {
         double fraction;
         const char* text;
@@ -205,6 +198,7 @@ TEST(PerformanceMetrics, StripTexts) {
     items = PerformanceMetrics::runningItems(ProgressState{BenchmarkPhase::sequentialRead, 0.75, 30, 10, std::nullopt}, "1 GB");
     EXPECT_EQ(items[0].value, "75%");
     EXPECT_EQ(items[2].value, "Sequential Read Phase");
+    EXPECT_EQ(items[3].value, "00:00:30");
     EXPECT_EQ(items[4].value, "00:00:10");
 
     PerformanceResult result;

@@ -120,12 +120,12 @@ TEST(PerformanceReport, MatchesTheExpectedDocumentsInBothLanguages) {
 }
 
 TEST(PerformanceReport, FinishTimeFormat) {
-    {
-        testing::ScopedLanguage language("en_US.UTF-8");
-        EXPECT_EQ(text::mediumDateTimeText(november16(), "UTC"), "Nov 16, 2026, 1:45:01\u202FPM");  // ICU puts a narrow no-break space before PM
+    // ICU puts a narrow no-break space before PM.
+    for (const auto& [lang, expected] : {std::pair{"en_US.UTF-8", "Nov 16, 2026, 1:45:01\u202FPM"},
+                                         std::pair{"zh_CN.UTF-8", "2026年11月16日 13:45:01"}}) {
+        testing::ScopedLanguage language(lang);
+        EXPECT_EQ(text::mediumDateTimeText(november16(), "UTC"), expected);
     }
-    testing::ScopedLanguage language("zh_CN.UTF-8");
-    EXPECT_EQ(text::mediumDateTimeText(november16(), "UTC"), "2026年11月16日 13:45:01");
 }
 
 TEST(PerformanceReport, ChartEdgeCases) {

@@ -129,25 +129,19 @@ TEST(DiskIOGraphRendererCache, AnEmptyListOrRangeEndsWithNoPoints) {
     EXPECT_EQ(graph.cache->cachedRange(), (SampleRange{10, 10}));
 }
 
-TEST(DiskIOGraphRendererCache, ARepeatedRequestStartsNoWorkAndPublishesNothing) {
-    Graph graph;
-    const auto samples = samplesBy(500, [](std::size_t i) { return i; }, [](std::size_t i) { return 2 * i; });
-    graph.show(samples, {100, 400}, 64, 10);
-    ASSERT_EQ(graph.published.size(), 1u);
-
-    graph.cache->update(samples, {100, 400}, 64, 10);
-    EXPECT_FALSE(graph.cache->hasPendingWork());
-    EXPECT_EQ(graph.main->pendingCount(), 0u);
-    graph.main->drain();
-    EXPECT_EQ(graph.published.size(), 1u);
-}
-
-TEST(DiskIOGraphRendererCache, GrowingTheRangeAtItsEndReusesAllButTheLastBin) {
+TEST(DiskIOGraphRendererCache, ARepeatedRequestIsIgnoredAndAGrownRangeReusesAllButTheLastBin) {
     Graph graph;
     const auto ones = samplesBy(100, [](std::size_t) { return 1; }, [](std::size_t) { return 1; });
     graph.show(ones, {0, 48}, 10, 1000);
     ASSERT_EQ(graph.cache->cachedChunkSize(), 5);
     ASSERT_EQ(graph.cache->cachedBins().back().range, (SampleRange{45, 48}));
+
+    // The same request again starts no work and publishes nothing.
+    graph.cache->update(ones, {0, 48}, 10, 1000);
+    EXPECT_FALSE(graph.cache->hasPendingWork());
+    EXPECT_EQ(graph.main->pendingCount(), 0u);
+    graph.main->drain();
+    EXPECT_EQ(graph.published.size(), 1u);
 
     // The same signature with other counts inside: reused bins keep the old counts, while the
     // rebuilt last bin and the new bins show the new ones.

@@ -67,7 +67,6 @@ TEST(VolumePanel, ButtonsFollowTheMonitorAndTheTester) {
     };
     for (const auto& c : cases) {
         monitor.isMonitoring = c.monitoring;
-        monitor.samples = {};
         FixedRingBuffer<DiskSample> buffer(10);
         for (std::size_t i = 0; i < c.samples; ++i) buffer.append(DiskSample{});
         monitor.samples = buffer.elements();

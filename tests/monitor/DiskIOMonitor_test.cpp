@@ -70,10 +70,19 @@ protected:
         ASSERT_TRUE(runUntil([&] { return !state().isMonitoring; }));
         main_->drain();
     }
-    static std::uint64_t sumWrites(const State& s) {
-        std::uint64_t sum = 0;
-        for (const auto& sample : s.samples) sum += sample.writeBytes;
-        return sum;
+    // Every sample is one step of the counters with an id of its own, and the totals add up every
+    // sample (modulo 2^64).
+    void expectSteps(std::uint64_t step = 4096) const {
+        const State& s = state();
+        std::set<Uuid> ids;
+        for (const auto& sample : s.samples) {
+            EXPECT_EQ(sample.writeBytes, step);
+            EXPECT_EQ(sample.readBytes, 2 * step);
+            ids.insert(sample.id);
+        }
+        EXPECT_EQ(ids.size(), s.samples.size());
+        EXPECT_EQ(s.totalWriteBytes, step * s.samples.size());
+        EXPECT_EQ(s.totalReadBytes, 2 * step * s.samples.size());
     }
 
     testing::ScopedLanguage english_{"en_US.UTF-8"};
@@ -127,15 +136,7 @@ TEST_F(DiskIOMonitorTest, SamplesAreTheCounterDeltasAndStopKeepsThem) {
 
     const auto& s = state();
     ASSERT_GE(s.samples.size(), 20u);
-    std::set<Uuid> ids;
-    for (const auto& sample : s.samples) {
-        EXPECT_EQ(sample.writeBytes, 4096u);
-        EXPECT_EQ(sample.readBytes, 8192u);
-        ids.insert(sample.id);
-    }
-    EXPECT_EQ(ids.size(), s.samples.size());
-    EXPECT_EQ(s.totalWriteBytes, sumWrites(s));
-    EXPECT_EQ(s.totalReadBytes, 2 * sumWrites(s));
+    expectSteps();
     EXPECT_EQ(s.currentWriteBytes, 4096u);
     // The readings taken when sampling begins (the session's matching pass and the baseline) give
     // no sample; a tick that was running at the stop may have read once more without delivering.
@@ -158,9 +159,7 @@ TEST_F(DiskIOMonitorTest, CountersGoingBackwardsGiveWrappedDeltas) {
     selectAndStart(Precision::ms1);
     ASSERT_TRUE(runUntil([&] { return state().samples.size() >= 3; }));
     stopAndSettle();
-    for (const auto& sample : state().samples) EXPECT_EQ(sample.writeBytes, std::uint64_t(0) - 5u);
-    // Totals wrap too: n × (2^64 − 5) modulo 2^64.
-    EXPECT_EQ(state().totalWriteBytes, std::uint64_t(0) - 5u * state().samples.size());
+    expectSteps(std::uint64_t(0) - 5u);
 }
 
 TEST_F(DiskIOMonitorTest, PrecisionChangeDuringARunLosesAndDuplicatesNothing) {
@@ -173,13 +172,7 @@ TEST_F(DiskIOMonitorTest, PrecisionChangeDuringARunLosesAndDuplicatesNothing) {
     EXPECT_EQ(state().samplingPrecision, Precision::ms1);
     ASSERT_TRUE(runUntil([&] { return state().samples.size() >= 200; }));
     stopAndSettle();
-    std::set<Uuid> ids;
-    for (const auto& sample : state().samples) {
-        EXPECT_EQ(sample.writeBytes, 4096u);
-        ids.insert(sample.id);
-    }
-    EXPECT_EQ(ids.size(), state().samples.size());
-    EXPECT_EQ(state().totalWriteBytes, sumWrites(state()));
+    expectSteps();
 }
 
 TEST_F(DiskIOMonitorTest, ADisappearingDeviceEndsTheRunWithTheErrorAndKeepsTheSamples) {
@@ -190,7 +183,7 @@ TEST_F(DiskIOMonitorTest, ADisappearingDeviceEndsTheRunWithTheErrorAndKeepsTheSa
     main_->drain();
     EXPECT_EQ(state().errorMessage, "Unable to fetch statistics for the selected volume.");
     EXPECT_GE(state().samples.size(), 5u);
-    EXPECT_EQ(state().totalWriteBytes, sumWrites(state()));
+    expectSteps();
 }
 
 TEST_F(DiskIOMonitorTest, AVolumeWithoutStatisticsFailsAtTheStart) {
@@ -212,7 +205,7 @@ TEST_F(DiskIOMonitorTest, SelectingAnotherVolumeStopsTheRunWithoutRestarting) {
     EXPECT_FALSE(state().isMonitoring);
     const auto kept = state().samples.size();
     EXPECT_GE(kept, 3u);
-    EXPECT_EQ(state().totalWriteBytes, sumWrites(state()));
+    expectSteps();
     std::this_thread::sleep_for(50ms);
     main_->drain();
     EXPECT_EQ(state().samples.size(), kept);
@@ -231,8 +224,7 @@ TEST_F(DiskIOMonitorTest, ALongDeliveryPeriodHoldsTheSamplesBackUntilTheyAreAske
     // The session's matching pass and the baseline read the counters without giving a sample, and
     // a tick may be between its read and its enqueue.
     EXPECT_GE(state().samples.size(), 97u);
-    EXPECT_EQ(state().totalWriteBytes, sumWrites(state()));
-    EXPECT_EQ(state().totalWriteBytes, 4096u * state().samples.size());
+    expectSteps();
 }
 
 TEST_F(DiskIOMonitorTest, HistoryKeepsTheNewestSixtyThousandWhileTotalsCountEverySample) {

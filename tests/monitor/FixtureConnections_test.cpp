@@ -45,24 +45,15 @@ TEST(FixtureConnections, AttachmentOfEachMachine) {
 
 // Partitions and mapped devices keep counters of their own, so statistics are found at depth 0.
 TEST(FixtureConnections, StatisticsComeFromTheVolumesOwnDevice) {
-    struct Case {
-        const char* machine;
-        const char* bsdName;
-        const char* labelPrefix;
-    };
-    const std::vector<Case> cases{
-        {"nvme-laptop", "nvme0n1p2", "block#0x"},
-        {"dmcrypt-nvme", "dm-0", "block#0x"},
-        {"usb-stick", "sdb", "block#0x"},
-        {"loop", "loop0", "block#0x"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.machine) + " " + c.bsdName);
-        auto registry = std::make_shared<SysfsRegistry>(fixture(c.machine));
-        auto match = DiskIOKitStatisticsProvider::matchServices(*registry, c.bsdName);
+    const std::pair<const char*, const char*> cases[] = {
+        {"nvme-laptop", "nvme0n1p2"}, {"dmcrypt-nvme", "dm-0"}, {"usb-stick", "sdb"}, {"loop", "loop0"}};
+    for (const auto& [machine, bsdName] : cases) {
+        SCOPED_TRACE(std::string(machine) + " " + bsdName);
+        auto registry = std::make_shared<SysfsRegistry>(fixture(machine));
+        auto match = DiskIOKitStatisticsProvider::matchServices(*registry, bsdName);
         ASSERT_TRUE(match.ok());
         ASSERT_EQ(match->services.size(), 1u);
-        EXPECT_EQ(match->services[0].description.rfind(c.labelPrefix, 0), 0u) << match->services[0].description;
+        EXPECT_EQ(match->services[0].description.rfind("block#0x", 0), 0u) << match->services[0].description;
         EXPECT_EQ(match->services[0].description.find("ancestor"), std::string::npos);
         EXPECT_EQ(match->snapshot.bytesRead % 512, 0u);
         for (const auto& entry : match->services) registry->release(entry.service);

@@ -38,15 +38,14 @@ std::vector<std::string> containing(const std::vector<std::string>& lines, const
 }
 
 TEST(StatisticsProvider, ServiceDescriptionUsesClassNameAndHexEntryId) {
+    const std::tuple<std::optional<std::string>, std::optional<std::uint64_t>, std::string> cases[] = {
+        {"IOMedia", 0x1A2Bu, "IOMedia#0x1a2b"}, {"IOMedia", std::nullopt, "IOMedia"},
+        {std::nullopt, 0x10u, "UnknownIOService#0x10"}, {"IOMedia", 0u, "IOMedia#0x0"}};
     FakeRegistry registry;
-    const auto withId = registry.addService({"IOMedia", PropertyValue(makeDictionary({})), std::nullopt, 0x1A2Bu});
-    const auto withoutId = registry.addService({"IOMedia", PropertyValue(makeDictionary({})), std::nullopt, std::nullopt});
-    const auto noClass = registry.addService({std::nullopt, PropertyValue(makeDictionary({})), std::nullopt, 0x10u});
-    const auto zeroId = registry.addService({"IOMedia", PropertyValue(makeDictionary({})), std::nullopt, 0u});
-    EXPECT_EQ(DiskIOKitStatisticsProvider::serviceDescription(registry, withId), "IOMedia#0x1a2b");
-    EXPECT_EQ(DiskIOKitStatisticsProvider::serviceDescription(registry, withoutId), "IOMedia");
-    EXPECT_EQ(DiskIOKitStatisticsProvider::serviceDescription(registry, noClass), "UnknownIOService#0x10");
-    EXPECT_EQ(DiskIOKitStatisticsProvider::serviceDescription(registry, zeroId), "IOMedia#0x0");
+    for (const auto& [className, entryId, description] : cases) {
+        const auto id = registry.addService({className, PropertyValue(makeDictionary({})), std::nullopt, entryId});
+        EXPECT_EQ(DiskIOKitStatisticsProvider::serviceDescription(registry, id), description);
+    }
 }
 
 // One service's properties and what reading it must log and return.
@@ -55,30 +54,40 @@ TEST(StatisticsProvider, ReadSnapshotPassesOverBadServicesWithTheirLogLines) {
         const char* name;
         std::optional<PropertyValue> properties;
         std::optional<KernReturn> copyFailure;
-        bool yields;
+        std::optional<Snapshot> snapshot;
         log::Level level;
         std::string line;
     };
     const auto threeKeys = makeDictionary({{"Bytes (Read)", 1}, {"Bytes (Write)", 2}, {"Operations (Write)", 4}});
     const auto textValue = makeDictionary({{"Bytes (Read)", 1}, {"Bytes (Write)", "2"}, {"Operations (Read)", 3},
                                            {"Operations (Write)", 4}});
+    // Negative and large counters are read as unsigned 64-bit numbers, a whole double as its value.
+    const auto extremes = makeDictionary({{"Bytes (Read)", std::uint64_t{18446744073709551615u}},
+                                          {"Bytes (Write)", std::int64_t{-1}},
+                                          {"Operations (Read)", 2.0},
+                                          {"Operations (Write)", 0}});
+    const std::optional<Snapshot> none;
     const std::vector<Case> cases{
-        {"complete", PropertyValue(withStatistics(statistics(512, 1024, 3, 4))), std::nullopt, true, log::Level::debug,
-         "Read statistics snapshot from L: bytesRead=512, bytesWritten=1024, reads=3, writes=4"},
-        {"copy fails", PropertyValue(makeDictionary({})), -536870211, false, log::Level::error,
+        {"complete", PropertyValue(withStatistics(statistics(512, 1024, 3, 4))), std::nullopt, Snapshot{512, 1024, 3, 4},
+         log::Level::debug, "Read statistics snapshot from L: bytesRead=512, bytesWritten=1024, reads=3, writes=4"},
+        {"extremes", PropertyValue(withStatistics(extremes)), std::nullopt,
+         Snapshot{18446744073709551615u, 18446744073709551615u, 2, 0}, log::Level::debug,
+         "Read statistics snapshot from L: bytesRead=18446744073709551615, bytesWritten=18446744073709551615, "
+         "reads=2, writes=0"},
+        {"copy fails", PropertyValue(makeDictionary({})), -536870211, none, log::Level::error,
          "IORegistryEntryCreateCFProperties failed for L; kresult=-536870211"},
-        {"no properties", std::nullopt, std::nullopt, false, log::Level::error,
+        {"no properties", std::nullopt, std::nullopt, none, log::Level::error,
          "IORegistryEntryCreateCFProperties returned no properties for L"},
-        {"properties not a dictionary", PropertyValue("text"), std::nullopt, false, log::Level::error,
+        {"properties not a dictionary", PropertyValue("text"), std::nullopt, none, log::Level::error,
          "IORegistryEntryCreateCFProperties returned no properties for L"},
-        {"no statistics", PropertyValue(makeDictionary({{"b", 1}, {"a", 2}})), std::nullopt, false, log::Level::debug,
+        {"no statistics", PropertyValue(makeDictionary({{"b", 1}, {"a", 2}})), std::nullopt, none, log::Level::debug,
          "Statistics dictionary missing on L; available keys: [b, a]"},
-        {"statistics not a dictionary", PropertyValue(makeDictionary({{"Statistics", 5}})), std::nullopt, false,
+        {"statistics not a dictionary", PropertyValue(makeDictionary({{"Statistics", 5}})), std::nullopt, none,
          log::Level::debug, "Statistics dictionary missing on L; available keys: [Statistics]"},
-        {"three of four keys", PropertyValue(withStatistics(threeKeys)), std::nullopt, false, log::Level::error,
+        {"three of four keys", PropertyValue(withStatistics(threeKeys)), std::nullopt, none, log::Level::error,
          "Statistics dictionary on L missing expected numeric keys [Operations (Read)]; available keys: "
          "[Bytes (Read), Bytes (Write), Operations (Write)]"},
-        {"value not a number", PropertyValue(withStatistics(textValue)), std::nullopt, false, log::Level::error,
+        {"value not a number", PropertyValue(withStatistics(textValue)), std::nullopt, none, log::Level::error,
          "Statistics dictionary on L missing expected numeric keys []; available keys: "
          "[Bytes (Read), Bytes (Write), Operations (Read), Operations (Write)]"},
     };
@@ -89,22 +98,10 @@ TEST(StatisticsProvider, ReadSnapshotPassesOverBadServicesWithTheirLogLines) {
         registry.setCopyPropertiesFailure(id, c.copyFailure);
         log::Capture capture;
         const auto snapshot = DiskIOKitStatisticsProvider::readSnapshot(registry, id, "L");
-        EXPECT_EQ(snapshot.has_value(), c.yields);
+        EXPECT_EQ(snapshot, c.snapshot);
         EXPECT_THAT(capture.messages(kCategory, c.level), ElementsAre(c.line));
         EXPECT_EQ(capture.records().size(), 1u);
     }
-}
-
-TEST(StatisticsProvider, NegativeAndLargeCountersAreReadAsUnsigned64Bit) {
-    FakeRegistry registry;
-    const auto stats = makeDictionary({{"Bytes (Read)", std::uint64_t{18446744073709551615u}},
-                                       {"Bytes (Write)", std::int64_t{-1}},
-                                       {"Operations (Read)", 2.0},
-                                       {"Operations (Write)", 0}});
-    const auto id = registry.addService("IOBlockStorageDriver", withStatistics(stats));
-    const auto snapshot = DiskIOKitStatisticsProvider::readSnapshot(registry, id, "L");
-    ASSERT_TRUE(snapshot);
-    EXPECT_EQ(*snapshot, (Snapshot{18446744073709551615u, 18446744073709551615u, 2, 0}));
 }
 
 // media (matched) -> partition scheme -> media -> driver with statistics, three levels up.
@@ -185,55 +182,53 @@ TEST(StatisticsProvider, TwoMatchesEndingAtTheSameDriverAreCachedOnce) {
     EXPECT_EQ(registry.outstandingReferences(), 2);  // one per cache entry, the duplicate was released
 }
 
+// Matching `bsdName` fails with `error` and `line` as the only error logged, and leaves nothing
+// retained. Returns the debug lines.
+std::vector<std::string> failedMatch(FakeRegistry& registry, const std::string& bsdName, const MonitorError& error,
+                                     const std::string& line) {
+    log::Capture capture;
+    const auto match = DiskIOKitStatisticsProvider::matchServices(registry, bsdName);
+    EXPECT_FALSE(match.ok());
+    if (!match.ok()) {
+        EXPECT_EQ(match.error(), error);
+    }
+    EXPECT_THAT(capture.messages(kCategory, log::Level::error), ElementsAre(line));
+    EXPECT_EQ(registry.outstandingReferences(), 0);
+    EXPECT_EQ(registry.overReleases(), 0);
+    return capture.messages(kCategory, log::Level::debug);
+}
+
 TEST(StatisticsProvider, MatchingFailuresAndTheirLogLines) {
-    {
-        FakeRegistry registry;
-        registry.failBsdNameMatching(true);
-        log::Capture capture;
-        auto match = DiskIOKitStatisticsProvider::matchServices(registry, "sdz");
-        ASSERT_FALSE(match.ok());
-        EXPECT_EQ(match.error(), MonitorError::ioKitMatchingFailed(-536870210));
-        EXPECT_THAT(capture.messages(kCategory, log::Level::error),
-                    ElementsAre("IOBSDNameMatching returned nil for BSD name sdz"));
-    }
-    {
-        FakeRegistry registry;
-        registry.failMatchingServices(-536870199);
-        log::Capture capture;
-        auto match = DiskIOKitStatisticsProvider::matchServices(registry, "sdz");
-        ASSERT_FALSE(match.ok());
-        EXPECT_EQ(match.error(), MonitorError::ioKitMatchingFailed(-536870199));
-        EXPECT_THAT(capture.messages(kCategory, log::Level::error),
-                    ElementsAre("IOServiceGetMatchingServices failed for BSD name sdz with code -536870199"));
-    }
-    {
-        FakeRegistry registry;
-        const auto root = registry.addService("IOPlatformExpertDevice", makeDictionary({}), std::nullopt, 0x1);
-        const auto media = registry.addService("IOMedia", makeDictionary({}), root, 0x2);
-        registry.addMatch("sdz", media);
-        log::Capture capture;
-        auto match = DiskIOKitStatisticsProvider::matchServices(registry, "sdz");
-        ASSERT_FALSE(match.ok());
-        EXPECT_EQ(match.error(), MonitorError::statisticsUnavailable());
-        EXPECT_THAT(capture.messages(kCategory, log::Level::error),
-                    ElementsAre("statisticsUnavailable triggered because no IOService yielded statistics for BSD name sdz"));
-        const auto debug = capture.messages(kCategory, log::Level::debug);
-        EXPECT_THAT(containing(debug, "Traversal"),
-                    ElementsAre("Traversal terminated at IOService IOPlatformExpertDevice#0x1 (ancestor depth 1) for "
-                                "BSD name sdz; no further ancestors available (kresult=-536870160)"));
-        EXPECT_THAT(containing(debug, "No statistics"),
-                    ElementsAre("No statistics located in IOService chain rooted at IOMedia#0x2; advancing to next "
-                                "match for BSD name sdz"));
-        EXPECT_EQ(registry.outstandingReferences(), 0);
-        EXPECT_EQ(registry.overReleases(), 0);
-    }
-    {
-        FakeRegistry registry;  // no service matches at all
-        auto match = DiskIOKitStatisticsProvider::matchServices(registry, "proc");
-        ASSERT_FALSE(match.ok());
-        EXPECT_EQ(match.error(), MonitorError::statisticsUnavailable());
-        EXPECT_EQ(registry.outstandingReferences(), 0);
-    }
+    FakeRegistry noMatching;
+    noMatching.failBsdNameMatching(true);
+    failedMatch(noMatching, "sdz", MonitorError::ioKitMatchingFailed(-536870210),
+                "IOBSDNameMatching returned nil for BSD name sdz");
+
+    FakeRegistry noServices;
+    noServices.failMatchingServices(-536870199);
+    failedMatch(noServices, "sdz", MonitorError::ioKitMatchingFailed(-536870199),
+                "IOServiceGetMatchingServices failed for BSD name sdz with code -536870199");
+
+    // Nothing matches at all: a session cannot be created either.
+    FakeRegistry empty;
+    failedMatch(empty, "proc", MonitorError::statisticsUnavailable(),
+                "statisticsUnavailable triggered because no IOService yielded statistics for BSD name proc");
+    auto session = StatisticsSession::create(std::shared_ptr<Registry>(&empty, [](Registry*) {}), volume("tmpfs"));
+    ASSERT_FALSE(session.ok());
+    EXPECT_EQ(session.error(), MonitorError::statisticsUnavailable());
+
+    // No statistics anywhere up to the root.
+    FakeRegistry registry;
+    const auto root = registry.addService("IOPlatformExpertDevice", makeDictionary({}), std::nullopt, 0x1);
+    registry.addMatch("sdz", registry.addService("IOMedia", makeDictionary({}), root, 0x2));
+    const auto debug = failedMatch(registry, "sdz", MonitorError::statisticsUnavailable(),
+                                   "statisticsUnavailable triggered because no IOService yielded statistics for BSD name sdz");
+    EXPECT_THAT(containing(debug, "Traversal"),
+                ElementsAre("Traversal terminated at IOService IOPlatformExpertDevice#0x1 (ancestor depth 1) for "
+                            "BSD name sdz; no further ancestors available (kresult=-536870160)"));
+    EXPECT_THAT(containing(debug, "No statistics"),
+                ElementsAre("No statistics located in IOService chain rooted at IOMedia#0x2; advancing to next "
+                            "match for BSD name sdz"));
 }
 
 TEST(StatisticsProvider, ThreeKeysOnTheChildThenTheParentAnswers) {
@@ -308,13 +303,6 @@ TEST(StatisticsProvider, SessionRebuildsWhenTheCachedServiceDisappears) {
     session.value().reset();
     EXPECT_EQ(registry.outstandingReferences(), 0);
     EXPECT_EQ(registry.overReleases(), 0);
-}
-
-TEST(StatisticsProvider, SessionCreationFailsWithTheMatchingError) {
-    FakeRegistry registry;
-    auto session = StatisticsSession::create(std::shared_ptr<Registry>(&registry, [](Registry*) {}), volume("tmpfs"));
-    ASSERT_FALSE(session.ok());
-    EXPECT_EQ(session.error(), MonitorError::statisticsUnavailable());
 }
 
 }  // namespace

@@ -86,15 +86,10 @@ TEST_F(QueuedFileTest, TimedJobsCountWholeBlocksAndStayInTheirSpan) {
     for (const Pattern pattern : {Pattern::sequential, Pattern::random}) {
         for (const Direction direction : {Direction::read, Direction::write}) {
             for (const std::uint32_t depth : {1u, 8u, 32u}) {
-                QueuedJob job;
-                job.pattern = pattern;
-                job.direction = direction;
-                job.blockSize = pattern == Pattern::sequential ? 65536 : 4096;
-                job.queueDepth = depth;
                 // Reads cover the whole file, so one past its end would fail the job; writes
                 // leave the tail alone unless one lands outside the span.
-                job.span = direction == Direction::read ? kSpan + kTail : kSpan;
-                job.duration = 200ms;
+                const QueuedJob job{pattern, direction, pattern == Pattern::sequential ? 65536u : 4096u, depth,
+                                    direction == Direction::read ? kSpan + kTail : kSpan, 200ms, std::nullopt};
                 std::vector<std::uint64_t> reported;
                 auto figures = file->run(job, {}, [&](std::uint64_t bytes) { reported.push_back(bytes); });
                 SCOPED_TRACE(::testing::Message() << (pattern == Pattern::random ? "random " : "sequential ")
@@ -115,7 +110,7 @@ TEST_F(QueuedFileTest, TimedJobsCountWholeBlocksAndStayInTheirSpan) {
 }
 
 TEST_F(QueuedFileTest, ByteLimitMovesExactlyThatMuchAndWrapsAtTheSpan) {
-    constexpr std::uint64_t kBlock = 65536;
+    constexpr std::uint32_t kBlock = 65536;
     constexpr std::uint64_t kBlocks = kSpan / kBlock;
     struct Case {
         Pattern pattern;
@@ -130,13 +125,7 @@ TEST_F(QueuedFileTest, ByteLimitMovesExactlyThatMuchAndWrapsAtTheSpan) {
     for (const Case& c : cases) {
         SCOPED_TRACE(::testing::Message() << "depth " << c.depth << ", " << c.limitBlocks << " blocks");
         OPEN_OR_SKIP(file);
-        QueuedJob job;
-        job.pattern = c.pattern;
-        job.direction = Direction::write;
-        job.blockSize = kBlock;
-        job.queueDepth = c.depth;
-        job.span = kSpan;
-        job.byteLimit = c.limitBlocks * kBlock;
+        const QueuedJob job{c.pattern, Direction::write, kBlock, c.depth, kSpan, 0ns, c.limitBlocks * kBlock};
         auto figures = file->run(job, {}, {});
         ASSERT_TRUE(figures.ok()) << figures.error().message;
         EXPECT_EQ(figures->bytes, *job.byteLimit);

@@ -1,49 +1,21 @@
 #include "platform/linux/SysfsAttributes.h"
 
+#include "SysfsTestSupport.h"
+
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <optional>
-#include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace vantorix::sysfs {
 namespace {
 
 namespace fs = std::filesystem;
-
-class TemporaryDirectory {
-public:
-    TemporaryDirectory() {
-        std::string pattern = (fs::temp_directory_path() / "vantorix-sysfs-attr-XXXXXX").native();
-        if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-        path_ = pattern;
-    }
-    ~TemporaryDirectory() {
-        std::error_code ignored;
-        fs::remove_all(path_, ignored);
-    }
-    TemporaryDirectory(const TemporaryDirectory&) = delete;
-    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-    const fs::path& path() const { return path_; }
-
-private:
-    fs::path path_;
-};
-
-void writeFile(const fs::path& path, const std::string& content) { std::ofstream(path, std::ios::binary) << content; }
-
-// A value described for comparison: "n:<number>" or "s:<text>".
-std::string describe(const PropertyValue& value) {
-    if (const auto* number = value.number()) return "n:" + std::to_string(number->asUInt64());
-    if (const auto* text = value.string()) return "s:" + *text;
-    return "other";
-}
+using testing::describe;
 
 TEST(SysfsAttributeTyping, NumbersTextAndIdentifiers) {
     struct Case { std::string name, text, expected; };
@@ -90,17 +62,14 @@ TEST(SysfsBlockStat, ParsesTheCountersOfAStatLine) {
 }
 
 TEST(SysfsAttributeFile, ReadsTextAndPassesOverWhatIsNotAReadableTextAttribute) {
-    const TemporaryDirectory dir;
-    const fs::path& d = dir.path();
-    writeFile(d / "plain", "Samsung SSD 860 \n");
-    writeFile(d / "lines", "MAJOR=8\nMINOR=0\n\n");
-    writeFile(d / "empty", "");
-    writeFile(d / "page", std::string(kMaxAttributeSize, 'a'));
-    writeFile(d / "too-long", std::string(kMaxAttributeSize + 1, 'a'));
-    writeFile(d / "binary", std::string("\x01\x00\x02\n", 4));
-    writeFile(d / "latin1", "Caf\xe9\n");
-    writeFile(d / "utf8", "\xe9\x9b\xb7\xe9\x9b\xb3\n");
-    writeFile(d / "write-only", "secret\n");
+    const testing::TreeCopy dir;
+    const fs::path& d = dir.root();
+    for (const auto& [name, content] : std::vector<std::pair<std::string, std::string>>{
+             {"plain", "Samsung SSD 860 \n"}, {"lines", "MAJOR=8\nMINOR=0\n\n"}, {"empty", ""},
+             {"page", std::string(kMaxAttributeSize, 'a')}, {"too-long", std::string(kMaxAttributeSize + 1, 'a')},
+             {"binary", std::string("\x01\x00\x02\n", 4)}, {"latin1", "Caf\xe9\n"},
+             {"utf8", "\xe9\x9b\xb7\xe9\x9b\xb3\n"}, {"write-only", "secret\n"}})
+        dir.write(name, content);
     fs::permissions(d / "write-only", fs::perms::owner_write);
     fs::create_directory(d / "a-directory");
     fs::create_symlink("plain", d / "a-link");

@@ -1,7 +1,6 @@
 #include "platform/linux/CurlHttpClient.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 
@@ -9,10 +8,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -89,7 +85,6 @@ long maximumResidentKiB() {
     getrusage(RUSAGE_SELF, &usage);
     return usage.ru_maxrss;
 }
-
 
 TEST(CurlHttpClient, SendReturnsAnyStatusWithItsBody) {
     HttpTestServer server;

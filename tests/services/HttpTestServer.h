@@ -1,17 +1,8 @@
 #pragma once
 
-// A real HTTP server on loopback for tests of code that talks to web services.
-//
-//     vantorix::testing::HttpTestServer server;
-//     server.get("/api/products/x", [](const httplib::Request&, httplib::Response& response) {
-//         response.set_content(R"({"id":"x"})", "application/json");
-//     });
-//     request.url = server.url("/api/products/x");
-//     client.send(request);
-//     EXPECT_EQ(server.requests().at(0).path, "/api/products/x");
-//
-// The server listens on 127.0.0.1 on a port of its own from construction to destruction. Handlers
-// run on the server's threads; they may be added at any time, also while requests are served.
+// A real HTTP server on 127.0.0.1, on a port of its own from construction to destruction, for tests
+// of code that talks to web services. Handlers run on the server's threads; they may be added at any
+// time, also while requests are served.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -33,6 +24,11 @@
 #include <vector>
 
 namespace vantorix::testing {
+
+// "http://127.0.0.1:PORT" followed by `path`, which begins with "/" (and may carry a query).
+inline std::string loopbackUrl(int port, std::string_view path) {
+    return "http://127.0.0.1:" + std::to_string(port) + std::string(path);
+}
 
 // A request as the server received it, recorded before its handler ran.
 struct ReceivedRequest {
@@ -77,7 +73,7 @@ public:
         }
     }
 
-    // Releases handlers blocked in waitForShutdown(), stops listening and waits for every handler
+    // Releases handlers blocked in neverAnswers(), stops listening and waits for every handler
     // to return.
     ~HttpTestServer() {
         {
@@ -94,25 +90,19 @@ public:
 
     int port() const { return port_; }
 
-    // "http://127.0.0.1:PORT" followed by `path`, which begins with "/" (and may carry a query).
-    std::string url(std::string_view path) const {
-        return "http://127.0.0.1:" + std::to_string(port_) + std::string(path);
-    }
+    std::string url(std::string_view path) const { return loopbackUrl(port_, path); }
 
     // Answers GET (and HEAD) or POST requests for exactly `path` (no query). A later handler for the
     // same method and path replaces the earlier one. Paths without a handler are answered with 404.
     void get(const std::string& path, Handler handler) { route("GET", path, std::move(handler)); }
     void post(const std::string& path, Handler handler) { route("POST", path, std::move(handler)); }
 
-    // For a handler that must never answer: blocks until the server is being destroyed.
-    void waitForShutdown() {
-        std::unique_lock lock(mutex_);
-        changed_.wait(lock, [this] { return stopping_; });
-    }
-
     // A handler that never answers (it is released, with no content, when the server goes).
     Handler neverAnswers() {
-        return [this](const httplib::Request&, httplib::Response&) { waitForShutdown(); };
+        return [this](const httplib::Request&, httplib::Response&) {
+            std::unique_lock lock(mutex_);
+            changed_.wait(lock, [this] { return stopping_; });
+        };
     }
 
     // Every request received so far, oldest first.
@@ -127,10 +117,6 @@ public:
         std::unique_lock lock(mutex_);
         return changed_.wait_for(lock, limit, [&] { return received_.size() >= count; });
     }
-
-    // The cpp-httplib server itself, for settings this class does not cover (set them before the
-    // first request).
-    httplib::Server& server() { return server_; }
 
 private:
     void route(const std::string& method, const std::string& path, Handler handler) {
@@ -187,10 +173,7 @@ public:
     RefusingPort(const RefusingPort&) = delete;
     RefusingPort& operator=(const RefusingPort&) = delete;
 
-    int port() const { return port_; }
-    std::string url(std::string_view path) const {
-        return "http://127.0.0.1:" + std::to_string(port_) + std::string(path);
-    }
+    std::string url(std::string_view path) const { return loopbackUrl(port_, path); }
 
 private:
     int fd_ = -1;

@@ -2,18 +2,15 @@
 
 #include <unistd.h>
 
-#include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <mutex>
 #include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <thread>
 
 namespace vantorix::testing {
 
@@ -79,15 +76,5 @@ private:
     std::condition_variable changed_;
     bool open_ = false;
 };
-
-// Waits until `condition` holds, for at most ten seconds; true when it did.
-inline bool eventually(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
 
 }  // namespace vantorix::testing

@@ -78,15 +78,6 @@ TEST(SmartctlFixtures, EveryFixtureInterpretsInBothLanguages) {
     }
 }
 
-TEST(SmartctlFixtures, PrintsIntegersAbove2To53Exactly) {
-    const testing::ScopedLanguage english("en_US.UTF-8");
-    const auto info = interpretFixture("smartctl_exporter-sat-Seagate_Enterprise_Capacity_3.5_HDD-ST8000NM0055-1RM112-sdh.json");
-    ASSERT_TRUE(info);
-    EXPECT_TRUE(std::any_of(info->details.begin(), info->details.end(), [](const DiskSMARTInfo::Detail& row) {
-        return row.keyPath.ends_with(".raw.value") && row.value == "9,230,082,287,649,927";
-    }));
-}
-
 TEST(SmartctlFixtures, MatchesTheReviewedInterpretations) {
     const std::vector<std::string> fixtures = {
         "smartctl_exporter-HGST_HUS724020ALE640_28.json",                        // ATA hard disk

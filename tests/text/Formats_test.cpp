@@ -76,8 +76,6 @@ TEST(ByteCountText, NumberLocaleFromLcAllThenLcNumericThenLang) {
         EXPECT_EQ(currentNumberLocaleId(), c.localeId);
         EXPECT_EQ(byteCountText(1'234'567'890'123'456'789, kSpeedUnits), c.text) << c.localeId;
     }
-    const ScopedLocale german("de_DE.UTF-8");
-    EXPECT_EQ(byteCountText(2'500'000'000, kSpeedUnits), "2,5 GB");
 }
 
 TEST(SpeedTexts, ClampRoundAndSuffix) {

@@ -50,17 +50,15 @@ TEST(LanguageRule, LanguageThenLcAllThenLcMessagesThenLang) {
 }
 
 TEST(LanguageRule, SwitchingTheEnvironmentChangesTheNextText) {
+    // Nothing is cached: each text reads the environment afresh.
     const testing::ScopedLanguage chinese("zh_CN.UTF-8");
     EXPECT_EQ(localized("监控已停止。", "Monitoring has been stopped."), "监控已停止。");
-    EXPECT_EQ(newVersionFound("1.2"), "发现新版本 1.2");
-
     ScopedEnvironment environment;
-    environment.set("LANG", "en_US.UTF-8");
-    EXPECT_EQ(localized("监控已停止。", "Monitoring has been stopped."), "Monitoring has been stopped.");
-    EXPECT_EQ(newVersionFound("1.2"), "New version found 1.2");
-
-    environment.set("LANG", "zh_TW.UTF-8");
-    EXPECT_EQ(newVersionFound("1.2"), "发现新版本 1.2");
+    for (const auto& [lang, expected] : {std::pair{"en_US.UTF-8", "New version found 1.2"},
+                                         std::pair{"zh_TW.UTF-8", "发现新版本 1.2"}}) {
+        environment.set("LANG", lang);
+        EXPECT_EQ(newVersionFound("1.2"), expected) << lang;
+    }
 }
 
 }  // namespace
