@@ -17,19 +17,6 @@ void ThroughputHistogram::observe(double bytesPerSecond) {
 
 namespace {
 
-std::string lower(std::string_view text) {
-    std::string result(text);
-    std::transform(result.begin(), result.end(), result.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return result;
-}
-
-std::string_view trim(std::string_view text) {
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
-    return text;
-}
-
 // A sample value: integers exactly, other numbers in the shortest form that reads back the same.
 std::string number(double value) {
     if (std::isnan(value)) return "NaN";
@@ -114,18 +101,30 @@ std::string escapeLabelValue(std::string_view value) {
     return result;
 }
 
+std::string_view trimWhitespace(std::string_view text) {
+    while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
+    while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
+    return text;
+}
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+               return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
+           });
+}
+
 ExpositionFormat negotiateFormat(std::string_view accept) {
     while (!accept.empty()) {
         const auto comma = accept.find(',');
         const std::string_view range = accept.substr(0, comma);
         accept = comma == std::string_view::npos ? std::string_view() : accept.substr(comma + 1);
         const auto semicolon = range.find(';');
-        if (lower(trim(range.substr(0, semicolon))) != "application/openmetrics-text") continue;
+        if (!equalsIgnoringCase(trimWhitespace(range.substr(0, semicolon)), "application/openmetrics-text")) continue;
         double quality = 1;
         std::string_view parameters = semicolon == std::string_view::npos ? std::string_view() : range.substr(semicolon + 1);
         while (!parameters.empty()) {
             const auto next = parameters.find(';');
-            const auto parameter = trim(parameters.substr(0, next));
+            const auto parameter = trimWhitespace(parameters.substr(0, next));
             parameters = next == std::string_view::npos ? std::string_view() : parameters.substr(next + 1);
             if (parameter.size() > 2 && (parameter[0] == 'q' || parameter[0] == 'Q') && parameter[1] == '=') {
                 quality = std::strtod(std::string(parameter.substr(2)).c_str(), nullptr);

@@ -77,4 +77,9 @@ std::string render(const Exposition& exposition, ExpositionFormat format);
 // Escapes a label value: backslash, double quote and line feed.
 std::string escapeLabelValue(std::string_view value);
 
+// For HTTP header fields: the text without the spaces and tabs around it, and an ASCII
+// comparison that ignores case.
+std::string_view trimWhitespace(std::string_view text);
+bool equalsIgnoringCase(std::string_view a, std::string_view b);
+
 }  // namespace vantorix::exporter

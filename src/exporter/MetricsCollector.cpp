@@ -128,16 +128,18 @@ std::size_t MetricsCollector::refreshVolumes() {
     return volumes_.size();
 }
 
+// One volume's reading in a sample, taken before the lock and folded in under it.
+struct MetricsCollector::Reading {
+    Volume* volume;
+    std::optional<StatisticsSession::Snapshot> snapshot;
+    double readRate = 0;
+    double writeRate = 0;
+    bool interval = false;
+};
+
 void MetricsCollector::sample(Clock::time_point now) {
-    struct Reading {
-        Volume* volume;
-        std::optional<StatisticsSession::Snapshot> snapshot;
-        double readRate = 0;
-        double writeRate = 0;
-        bool interval = false;
-    };
-    std::vector<Reading> readings;
-    readings.reserve(volumes_.size());
+    std::vector<Reading>& readings = readings_;
+    readings.clear();
     for (const auto& volume : volumes_) {
         Reading reading{volume.get(), std::nullopt};
         if (auto snapshot = volume->session->snapshot()) {

@@ -10,6 +10,7 @@
 #include <unordered_set>
 
 #include "concurrency/ThreadAttributes.h"
+#include "exporter/Exposition.h"
 
 namespace vantorix::exporter {
 namespace {
@@ -29,18 +30,6 @@ std::string_view reason(int status) {
         case 505: return "HTTP Version Not Supported";
         default: return "Unknown";
     }
-}
-
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-               return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
-           });
-}
-
-std::string_view trim(std::string_view text) {
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
-    return text;
 }
 
 bool isToken(std::string_view text) {
@@ -83,7 +72,7 @@ Head parseHead(std::string_view head) {
         const auto colon = line.find(':');
         if (colon == std::string_view::npos || !isToken(line.substr(0, colon))) return {400, {}, false};
         const auto name = line.substr(0, colon);
-        const auto value = trim(line.substr(colon + 1));
+        const auto value = trimWhitespace(line.substr(colon + 1));
         if (equalsIgnoringCase(name, "accept")) {
             parsed.request.accept = std::string(value);
         } else if (equalsIgnoringCase(name, "user-agent")) {
