@@ -86,10 +86,10 @@ DiskVolumeDescriptor benchDescriptor(Registry& registry) {
     if (const auto mount = mountPointOf(device)) {
         LinuxVolumeInfoSource files;
         auto resolved = DiskVolumeResolver::resolve(*mount, files, registry);
-        if (resolved.ok() && resolved.value().bsdName == device) return resolved.value();
+        if (resolved.ok() && resolved.value().deviceName == device) return resolved.value();
     }
     DiskVolumeDescriptor descriptor;
-    descriptor.bsdName = device;
+    descriptor.deviceName = device;
     return descriptor;
 }
 

@@ -16,7 +16,7 @@ cli="$build/vantorix-cli"
 desktop="$build/vantorix"
 [ -x "$cli" ] || { echo "no $cli; build it first" >&2; exit 1; }
 
-device=$("$cli" info "$path" --json 2>/dev/null | sed -n 's/.*"bsdName": "\([^"]*\)".*/\1/p')
+device=$("$cli" info "$path" --json 2>/dev/null | sed -n 's/.*"device": "\([^"]*\)".*/\1/p')
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 cc -O2 -o "$tmp/floor" "$here/timerfd_floor.c"

@@ -42,7 +42,7 @@ BENCHMARK(BM_BarePreadOfStat);
 void BM_CachedSessionSnapshot(benchmark::State& state) {
     auto registry = std::make_shared<SysfsRegistry>();
     DiskVolumeDescriptor volume;
-    volume.bsdName = benchDevice();
+    volume.deviceName = benchDevice();
     auto session = StatisticsSession::create(registry, volume);
     if (!session.ok()) {
         state.SkipWithError(session.error().description().c_str());

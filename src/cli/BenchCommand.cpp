@@ -184,7 +184,7 @@ ordered_json resultJson(const PerformanceResult& result, const DiskVolumeDescrip
                               {"writeIOPS", figure.writeIOPS}});
     }
     return ordered_json{
-        {"volume", {{"url", volume.url}, {"bsdName", volume.bsdName}, {"displayName", volume.displayName}}},
+        {"volume", {{"url", volume.url}, {"device", volume.deviceName}, {"displayName", volume.displayName}}},
         {"mode", mode},
         {"dataSize", result.dataSize.id()},
         {"actualByteCount", result.actualByteCount},
@@ -290,9 +290,9 @@ public:
         }
         err_ << (text::isEnglish()
                      ? fmt::format("Testing {} ({}) in {}. {}. Press Ctrl-C to stop.", volume_->displayName,
-                                   volume_->bsdName, volume_->url, context.description)
+                                   volume_->deviceName, volume_->url, context.description)
                      : fmt::format("正在测试 {}（{}），目录 {}。{}。按 Ctrl-C 停止。", volume_->displayName,
-                                   volume_->bsdName, volume_->url, context.description))
+                                   volume_->deviceName, volume_->url, context.description))
              << std::endl;
         subscription_ = tester_->subscribe([this](const DiskPerformanceTester::State& state) { observe(state); });
         observe(tester_->state());
@@ -312,7 +312,7 @@ private:
     void readSmartInfo() {
         const auto pipeline = SmartPipeline::system(main_, RegistrationPolicy{false});
         const ApprovalListener approval;
-        const auto outcome = fetchSmartInfo(pipeline, *main_, volume_->bsdName, smartCancellation_);
+        const auto outcome = fetchSmartInfo(pipeline, *main_, volume_->deviceName, smartCancellation_);
         if (interrupted_) return;
         volume_->smartInfo = outcome.info;
         if (outcome.info) return;

@@ -78,7 +78,7 @@ int runInfo(const InfoOptions& options, Environment& environment) {
     if (options.json) {
         ordered_json document{
             {"url", volume.url},
-            {"bsdName", volume.bsdName},
+            {"device", volume.deviceName},
             {"displayName", volume.displayName},
             {"connectionTypeDescription", volume.connectionTypeDescription},
             {"connectionSpeedDescription", optionalJson(volume.connectionSpeedDescription)},
@@ -104,7 +104,7 @@ int runInfo(const InfoOptions& options, Environment& environment) {
         std::vector<std::pair<std::string, std::string>> rows{
             {text::localized("卷", "Volume"), volume.displayName},
             {text::localized("路径", "Path"), volume.url},
-            {text::localized("BSD 名称", "BSD name"), volume.bsdName},
+            {text::localized("BSD 名称", "BSD name"), volume.deviceName},
             {text::localized("文件系统", "File system"),
              volume.fileSystemDescription.value_or(text::localized("文件系统未知", "File system unknown"))},
             {text::localized("总容量", "Total capacity"), capacityLine(volume.totalCapacityBytes)},

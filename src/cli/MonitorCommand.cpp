@@ -68,7 +68,7 @@ ordered_json jsonLine(const Figures& f) {
 }
 
 // The whole run: how much moved, over how long, and the sums of the history it kept.
-ordered_json jsonSummary(const DiskIOMonitor::State& state, double duration, const std::string& bsdName) {
+ordered_json jsonSummary(const DiskIOMonitor::State& state, double duration, const std::string& deviceName) {
     std::uint64_t readOps = 0, writeOps = 0, readBytes = 0, writeBytes = 0;
     for (const auto& sample : state.samples) {
         readBytes += sample.readBytes;
@@ -77,7 +77,7 @@ ordered_json jsonSummary(const DiskIOMonitor::State& state, double duration, con
         writeOps += sample.writeOperations;
     }
     return ordered_json{{"summary",
-                         {{"bsdName", bsdName},
+                         {{"device", deviceName},
                           {"precisionMilliseconds", DiskIOMonitor::rawValue(state.samplingPrecision)},
                           {"duration", duration},
                           {"samples", state.samples.size()},
@@ -145,7 +145,7 @@ private:
             case Phase::selecting:
                 if (state.selectedVolume) {
                     phase_ = Phase::starting;
-                    bsdName_ = state.selectedVolume->bsdName;
+                    deviceName_ = state.selectedVolume->deviceName;
                     announce(*state.selectedVolume);
                     monitor_->startMonitoring();
                 } else if (state.errorMessage) {
@@ -177,9 +177,9 @@ private:
         const int ms = DiskIOMonitor::rawValue(options_.precision);
         err_ << (text::isEnglish()
                      ? fmt::format("Monitoring {} ({}) every {} ms. Press Ctrl-C to stop.", volume.displayName,
-                                   volume.bsdName, ms)
+                                   volume.deviceName, ms)
                      : fmt::format("正在监控 {}（{}），每 {} 毫秒采样一次。按 Ctrl-C 停止。", volume.displayName,
-                                   volume.bsdName, ms))
+                                   volume.deviceName, ms))
              << std::endl;
     }
 
@@ -235,7 +235,7 @@ private:
         if (stopTimer_) stopTimer_->cancel();
         // A run that failed before its first sample has nothing to sum up: the error says it all.
         if (!failure_ || !state.samples.empty()) {
-            if (options_.json) out_ << jsonSummary(state, lastDuration_, bsdName_).dump() << std::endl;
+            if (options_.json) out_ << jsonSummary(state, lastDuration_, deviceName_).dump() << std::endl;
             else out_ << humanSummary(state, lastDuration_) << std::endl;
         }
         const bool exported = exportChart(state);
@@ -286,7 +286,7 @@ private:
     std::unique_ptr<RepeatingTimer> stopTimer_;
     Phase phase_ = Phase::selecting;
     double lastDuration_ = 0;
-    std::string bsdName_;
+    std::string deviceName_;
     std::optional<std::string> failure_;
     bool interrupted_ = false;
     int exitStatus_ = kSuccess;

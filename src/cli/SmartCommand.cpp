@@ -163,14 +163,14 @@ int replay(const SmartOptions& options, Environment& environment) {
     return kSuccess;
 }
 
-std::string noDataMessage(const std::string& bsdName, bool asleep) {
+std::string noDataMessage(const std::string& deviceName, bool asleep) {
     if (asleep) {
         return text::isEnglish()
-                   ? fmt::format("The drive of {} is in standby; smartctl did not wake it to read SMART data.", bsdName)
-                   : fmt::format("{} 所在的硬盘处于待机状态；smartctl 没有唤醒它读取 SMART 数据。", bsdName);
+                   ? fmt::format("The drive of {} is in standby; smartctl did not wake it to read SMART data.", deviceName)
+                   : fmt::format("{} 所在的硬盘处于待机状态；smartctl 没有唤醒它读取 SMART 数据。", deviceName);
     }
-    return text::isEnglish() ? fmt::format("The drive of {} gave no usable SMART information.", bsdName)
-                             : fmt::format("{} 所在的硬盘没有提供可用的 SMART 信息。", bsdName);
+    return text::isEnglish() ? fmt::format("The drive of {} gave no usable SMART information.", deviceName)
+                             : fmt::format("{} 所在的硬盘没有提供可用的 SMART 信息。", deviceName);
 }
 
 // One fetch through the helper for the volume behind a folder.
@@ -188,14 +188,14 @@ int fetchOnce(const SmartOptions& options, Environment& environment) {
     if (!volume.ok()) return fail(options, environment, volume.error().name(), volume.error().description());
     const auto pipeline = SmartPipeline::system(main, RegistrationPolicy{false});
     const ApprovalListener approval;
-    const auto outcome = fetchSmartInfo(pipeline, *main, volume->bsdName, cancellation);
+    const auto outcome = fetchSmartInfo(pipeline, *main, volume->deviceName, cancellation);
     if (interrupted) return kInterrupted;
     if (!outcome.info) {
         if (const auto reason = helperUnavailableReason(pipeline, approval)) {
             return fail(options, environment, "helperUnavailable", *reason);
         }
         return fail(options, environment, outcome.driveAsleep ? "driveAsleep" : "noUsableData",
-                    noDataMessage(volume->bsdName, outcome.driveAsleep));
+                    noDataMessage(volume->deviceName, outcome.driveAsleep));
     }
     if (options.json) *environment.out << dumped(infoJson(*outcome.info), 2) << '\n';
     else printInfo(*environment.out, *outcome.info);
@@ -216,7 +216,7 @@ public:
     int run() {
         monitor_ = DiskIOMonitor::create({environment_.registry, environment_.files, main_});
         refresh_ = pipeline_.attachRefresh(monitor_, main_);
-        refresh_->setRoundObserver([this](const std::string& bsdName, SmartRefresh::Round round) { observeRound(bsdName, round); });
+        refresh_->setRoundObserver([this](const std::string& deviceName, SmartRefresh::Round round) { observeRound(deviceName, round); });
         subscription_ = monitor_->subscribe([this](const DiskIOMonitor::State& state) { observe(state); });
         monitor_->selectVolume(*options_.path);
         main_->run();
@@ -245,25 +245,25 @@ private:
             announced_ = true;
             *environment_.err << (text::isEnglish()
                                       ? fmt::format("Watching the SMART data of {} ({}). Press Ctrl-C to stop.",
-                                                    volume.displayName, volume.bsdName)
+                                                    volume.displayName, volume.deviceName)
                                       : fmt::format("正在监视 {}（{}）的 SMART 数据。按 Ctrl-C 停止。", volume.displayName,
-                                                    volume.bsdName))
+                                                    volume.deviceName))
                               << std::endl;
             last_ = volume.smartInfo;
             return;
         }
         if (volume.smartInfo == last_) return;
-        print(volume.bsdName, volume.smartInfo);
+        print(volume.deviceName, volume.smartInfo);
         last_ = volume.smartInfo;
     }
 
-    void print(const std::string& bsdName, const std::optional<DiskSMARTInfo>& info) {
+    void print(const std::string& deviceName, const std::optional<DiskSMARTInfo>& info) {
         const auto now = std::chrono::system_clock::now();
         auto& out = *environment_.out;
         ++publications_;
         if (options_.json) {
             out << dumped(ordered_json{{"time", clockText(now)},
-                                       {"bsdName", bsdName},
+                                       {"device", deviceName},
                                        {"smart", info ? infoJson(*info) : ordered_json(nullptr)}},
                           -1)
                 << std::endl;
@@ -297,7 +297,7 @@ private:
     }
 
     // After the first round without data, says why when it is the helper's fault and ends.
-    void observeRound(const std::string& bsdName, SmartRefresh::Round round) {
+    void observeRound(const std::string& deviceName, SmartRefresh::Round round) {
         if (done_ || ++rounds_ > 1 || publications_ > 0) return;
         if (round != SmartRefresh::Round::identical && round != SmartRefresh::Round::published) return;
         if (const auto reason = helperUnavailableReason(pipeline_, approval_)) {
@@ -306,7 +306,7 @@ private:
             return;
         }
         const auto& selected = monitor_->state().selectedVolume;
-        if (selected && !selected->smartInfo) *environment_.err << noDataMessage(bsdName, false) << std::endl;
+        if (selected && !selected->smartInfo) *environment_.err << noDataMessage(deviceName, false) << std::endl;
     }
 
     void finish(int status) {

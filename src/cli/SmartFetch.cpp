@@ -7,14 +7,14 @@
 namespace vantorix::cli {
 
 SMARTInfoProvider::Outcome fetchSmartInfo(const SmartPipeline& pipeline, LoopMainExecutor& main,
-                                          const std::string& bsdName, const CancellationSource& cancellation) {
+                                          const std::string& deviceName, const CancellationSource& cancellation) {
     SMARTInfoProvider::Outcome outcome;
     Task task("com.vantorix.cli.smartFetch", QualityOfService::userInitiated,
               [&](const CancellationToken& token) {
                   // The task's own token is cancelled only when the handle goes; the caller's source
                   // is the one the user's Ctrl-C cancels.
                   (void)token;
-                  outcome = pipeline.provider->fetch(bsdName, cancellation.token());
+                  outcome = pipeline.provider->fetch(deviceName, cancellation.token());
                   main.stop();
               });
     main.run();

@@ -29,8 +29,8 @@ std::shared_ptr<SmartRefresh> SmartPipeline::attachRefresh(const std::shared_ptr
                                                            std::chrono::nanoseconds interval) const {
     auto refresh = SmartRefresh::create(
         monitor, std::move(mainExecutor),
-        [provider = provider](const std::string& bsdName, const CancellationToken& token) {
-            return provider->fetch(bsdName, token);
+        [provider = provider](const std::string& deviceName, const CancellationToken& token) {
+            return provider->fetch(deviceName, token);
         },
         interval);
     monitor->setSelectionFollower(refresh);

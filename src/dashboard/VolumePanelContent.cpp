@@ -36,7 +36,7 @@ VolumePanelContent volumePanelContent(const DiskIOMonitor::State& monitor, const
     const auto& volume = monitor.selectedVolume;
     panel.isVolumeSelected = volume.has_value();
     panel.selectedVolumeName = volume ? volume->displayName : localized("尚未选择卷", "No volume selected");
-    if (volume) panel.bsdName = volume->bsdName;
+    if (volume) panel.deviceName = volume->deviceName;
     panel.connectionTypeDescription =
         volume ? volume->connectionTypeDescription : localized("连接信息不可用", "Connection unavailable");
     if (volume) {
@@ -71,7 +71,7 @@ VolumePanelContent volumePanelContent(const DiskIOMonitor::State& monitor, const
     panel.performanceWarningMessage = payload.warning;
 
     std::string volumeLine = panel.selectedVolumeName;
-    if (panel.bsdName) volumeLine += localized("（", " (") + *panel.bsdName + localized("）", ")");
+    if (panel.deviceName) volumeLine += localized("（", " (") + *panel.deviceName + localized("）", ")");
     std::string connectionLine = panel.connectionTypeDescription;
     if (panel.connectionSpeedDescription) connectionLine += " · " + *panel.connectionSpeedDescription;
     panel.infoItems = {

@@ -36,7 +36,7 @@ struct PanelButton {
 // published state; every fallback is in the current language.
 struct VolumePanelContent {
     std::string selectedVolumeName;
-    std::optional<std::string> bsdName;
+    std::optional<std::string> deviceName;
     std::string connectionTypeDescription;
     std::optional<std::string> connectionSpeedDescription;
     std::optional<LinkCeiling> link;

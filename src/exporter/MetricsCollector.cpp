@@ -94,7 +94,7 @@ std::size_t MetricsCollector::refreshVolumes() {
             logger().debug("Not watching {}: {}", path, descriptor.error().description());
             continue;
         }
-        if (watched(descriptor->bsdName)) continue;
+        if (watched(descriptor->deviceName)) continue;
         auto session = StatisticsSession::create(dependencies_.registry, *descriptor);
         if (!session) {
             logger().debug("Not watching {}: {}", path, session.error().description());
@@ -102,7 +102,7 @@ std::size_t MetricsCollector::refreshVolumes() {
         }
         auto volume = std::make_shared<Volume>();
         volume->path = path;
-        volume->labels = VolumeLabels{descriptor->bsdName,
+        volume->labels = VolumeLabels{descriptor->deviceName,
                                       path,
                                       descriptor->fileSystemDescription.value_or(""),
                                       descriptor->connectionTypeDescription,
@@ -110,7 +110,7 @@ std::size_t MetricsCollector::refreshVolumes() {
                                       descriptor->hardwareVendor.value_or(""),
                                       descriptor->hardwareModel.value_or("")};
         volume->session = std::move(session).value();
-        logger().notice("Watching {} ({})", path, descriptor->bsdName);
+        logger().notice("Watching {} ({})", path, descriptor->deviceName);
         added.push_back(std::move(volume));
     }
     std::lock_guard guard(lock_);

@@ -126,7 +126,7 @@ void ClientConnection::frameArrived() {
     } else if (std::holds_alternative<protocol::VersionRequest>(std::get<protocol::Request>(*parsed))) {
         answer(sequence, framedReply(protocol::VersionReply{context_.version}));
     } else {
-        const auto& name = std::get<protocol::FetchRequest>(std::get<protocol::Request>(*parsed)).bsdName;
+        const auto& name = std::get<protocol::FetchRequest>(std::get<protocol::Request>(*parsed)).deviceName;
         auto path = validatedDevicePath(name, context_.roots);
         if (!path) {
             logger().debug("Connection {}: refused \"{}\": {}", id_, sanitizedName(name), path.error().description);

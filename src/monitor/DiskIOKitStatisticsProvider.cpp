@@ -79,7 +79,7 @@ std::optional<DiskIOKitStatisticsProvider::Snapshot> DiskIOKitStatisticsProvider
 }
 
 std::optional<DiskIOKitStatisticsProvider::Resolution> DiskIOKitStatisticsProvider::resolveStatistics(
-    Registry& registry, RegistryObject start, std::string label, std::string_view bsdName) {
+    Registry& registry, RegistryObject start, std::string label, std::string_view deviceName) {
     const auto& log = statisticsLog();
     // The walk owns a reference to every service it reaches above the start.
     RegistryObject current = start;
@@ -88,22 +88,22 @@ std::optional<DiskIOKitStatisticsProvider::Resolution> DiskIOKitStatisticsProvid
         if (depth >= 1) label = fmt::format("{} (ancestor depth {})", serviceDescription(registry, current), depth);
         if (auto snapshot = readSnapshot(registry, current, label)) {
             if (depth == 0) {
-                log.debug("Statistics resolved directly from IOService {} for BSD name {}", label, bsdName);
+                log.debug("Statistics resolved directly from IOService {} for BSD name {}", label, deviceName);
                 registry.retain(current);
             } else {
-                log.debug("Statistics resolved from ancestor depth {} -> {} for BSD name {}", depth, label, bsdName);
+                log.debug("Statistics resolved from ancestor depth {} -> {} for BSD name {}", depth, label, deviceName);
             }
             return Resolution{*snapshot, current, std::move(label)};
         }
         auto parent = registry.parentEntry(current, kServicePlane);
         if (!parent.ok()) {
             log.debug("Traversal terminated at IOService {} for BSD name {}; no further ancestors available (kresult={})",
-                      label, bsdName, parent.error());
+                      label, deviceName, parent.error());
             if (depth >= 1) registry.release(current);
             return std::nullopt;
         }
         label = serviceDescription(registry, parent.value());
-        log.debug("Ascending to ancestor depth {} -> {} for BSD name {}", depth + 1, label, bsdName);
+        log.debug("Ascending to ancestor depth {} -> {} for BSD name {}", depth + 1, label, deviceName);
         if (depth >= 1) registry.release(current);
         current = parent.value();
         ++depth;
@@ -111,16 +111,16 @@ std::optional<DiskIOKitStatisticsProvider::Resolution> DiskIOKitStatisticsProvid
 }
 
 Result<DiskIOKitStatisticsProvider::Match, MonitorError> DiskIOKitStatisticsProvider::matchServices(
-    Registry& registry, std::string_view bsdName) {
+    Registry& registry, std::string_view deviceName) {
     const auto& log = statisticsLog();
-    const auto matching = registry.bsdNameMatching(bsdName);
+    const auto matching = registry.bsdNameMatching(deviceName);
     if (!matching) {
-        log.error("IOBSDNameMatching returned nil for BSD name {}", bsdName);
+        log.error("IOBSDNameMatching returned nil for BSD name {}", deviceName);
         return Failure{MonitorError::ioKitMatchingFailed(kIOReturnNoResources)};
     }
     auto iterator = registry.getMatchingServices(*matching);
     if (!iterator.ok()) {
-        log.error("IOServiceGetMatchingServices failed for BSD name {} with code {}", bsdName, iterator.error());
+        log.error("IOServiceGetMatchingServices failed for BSD name {} with code {}", deviceName, iterator.error());
         return Failure{MonitorError::ioKitMatchingFailed(iterator.error())};
     }
     RegistryRef iteratorRef(registry, iterator.value());
@@ -131,8 +131,8 @@ Result<DiskIOKitStatisticsProvider::Match, MonitorError> DiskIOKitStatisticsProv
     while (const RegistryObject matched = registry.iteratorNext(iteratorRef.get())) {
         RegistryRef matchedRef(registry, matched);
         std::string label = serviceDescription(registry, matched);
-        log.debug("Inspecting IOService {} for BSD name {}", label, bsdName);
-        if (auto resolution = resolveStatistics(registry, matched, std::move(label), bsdName)) {
+        log.debug("Inspecting IOService {} for BSD name {}", label, deviceName);
+        if (auto resolution = resolveStatistics(registry, matched, std::move(label), deviceName)) {
             if (!found) {
                 match.snapshot = resolution->snapshot;
                 found = true;
@@ -144,12 +144,12 @@ Result<DiskIOKitStatisticsProvider::Match, MonitorError> DiskIOKitStatisticsProv
             }
         } else {
             log.debug("No statistics located in IOService chain rooted at {}; advancing to next match for BSD name {}",
-                      serviceDescription(registry, matched), bsdName);
+                      serviceDescription(registry, matched), deviceName);
         }
     }
     iteratorRef.reset();
     if (match.services.empty()) {
-        log.error("statisticsUnavailable triggered because no IOService yielded statistics for BSD name {}", bsdName);
+        log.error("statisticsUnavailable triggered because no IOService yielded statistics for BSD name {}", deviceName);
         return Failure{MonitorError::statisticsUnavailable()};
     }
     return match;
@@ -159,7 +159,7 @@ Result<DiskIOKitStatisticsProvider::Match, MonitorError> DiskIOKitStatisticsProv
 
 Result<std::unique_ptr<StatisticsSession>, MonitorError> StatisticsSession::create(std::shared_ptr<Registry> registry,
                                                                                    DiskVolumeDescriptor descriptor) {
-    auto match = DiskIOKitStatisticsProvider::matchServices(*registry, descriptor.bsdName);
+    auto match = DiskIOKitStatisticsProvider::matchServices(*registry, descriptor.deviceName);
     if (!match.ok()) return Failure{match.error()};
     return std::unique_ptr<StatisticsSession>(
         new StatisticsSession(std::move(registry), std::move(descriptor), std::move(match.value().services)));
@@ -204,8 +204,8 @@ Result<StatisticsSession::Snapshot, MonitorError> StatisticsSession::snapshot() 
     }
 
     statisticsLog().notice("Cached IOService entries for BSD name {} failed; rebuilding matching cache",
-                           descriptor_.bsdName);
-    auto match = DiskIOKitStatisticsProvider::matchServices(*registry_, descriptor_.bsdName);
+                           descriptor_.deviceName);
+    auto match = DiskIOKitStatisticsProvider::matchServices(*registry_, descriptor_.deviceName);
     if (!match.ok()) return Failure{match.error()};
     std::vector<CachedIOService> old;
     {

@@ -52,10 +52,10 @@ struct DiskIOKitStatisticsProvider {
     static const std::array<std::string, 4>& statisticsKeys();
 
     // Every service matching the BSD name, each walked up to the first ancestor with statistics.
-    static Result<Match, MonitorError> matchServices(Registry& registry, std::string_view bsdName);
+    static Result<Match, MonitorError> matchServices(Registry& registry, std::string_view deviceName);
     // Walks up from `start` (which the caller keeps owning) to the first service with statistics.
     static std::optional<Resolution> resolveStatistics(Registry& registry, RegistryObject start, std::string label,
-                                                       std::string_view bsdName);
+                                                       std::string_view deviceName);
     static std::optional<Snapshot> readSnapshot(Registry& registry, RegistryObject service, std::string_view label);
     // Class name (or "UnknownIOService") and, when readable, "#0x" and the registry entry ID.
     static std::string serviceDescription(Registry& registry, RegistryObject service);

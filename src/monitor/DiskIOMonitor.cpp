@@ -144,7 +144,7 @@ void DiskIOMonitor::beginSampling(DiskVolumeDescriptor descriptor) {
     }
     currentStatisticsSession_ = std::move(session.value());
     previousSnapshot_ = first.value();
-    monitorLog().debug("Monitoring {} every {} ms", currentStatisticsSession_->descriptor().bsdName,
+    monitorLog().debug("Monitoring {} every {} ms", currentStatisticsSession_->descriptor().deviceName,
                        rawValue(queuePrecision_));
 
     timer_ = std::make_unique<RepeatingTimer>(*monitorQueue_);

@@ -22,7 +22,7 @@ struct SmartRefresh::Context {
     Fetch fetch;
     std::chrono::nanoseconds interval;
     std::shared_ptr<std::atomic<bool>> paused;
-    std::string bsdName;
+    std::string deviceName;
 };
 
 std::shared_ptr<SmartRefresh> SmartRefresh::create(std::weak_ptr<DiskIOMonitor> monitor,
@@ -41,7 +41,7 @@ SmartRefresh::~SmartRefresh() { cancel(); }
 
 void SmartRefresh::start(const DiskVolumeDescriptor& descriptor) {
     auto context = std::make_shared<Context>(Context{monitor_, weak_from_this(), mainExecutor_, fetch_,
-                                                     smartRefreshIntervalNanoseconds_, paused_, descriptor.bsdName});
+                                                     smartRefreshIntervalNanoseconds_, paused_, descriptor.deviceName});
     std::lock_guard lock(tasksMutex_);
     if (smartRefreshTask_.valid()) {
         smartRefreshTask_.cancel();
@@ -73,16 +73,16 @@ void SmartRefresh::run(const std::shared_ptr<Context>& context, const Cancellati
 
 void SmartRefresh::refreshOnce(const std::shared_ptr<Context>& context, const CancellationToken& token) {
     if (token.isCancelled()) return;
-    const std::string& bsdName = context->bsdName;
+    const std::string& deviceName = context->deviceName;
     SMARTInfoProvider::Outcome fetched;
     const bool paused = context->paused->load();
     if (paused) {
-        logger().debug("SMART refresh paused for BSD name {} while a performance test runs on it", bsdName);
+        logger().debug("SMART refresh paused for BSD name {} while a performance test runs on it", deviceName);
     } else {
-        logger().debug("Initiating SMART refresh for BSD name {}", bsdName);
-        fetched = context->fetch(bsdName, token);
+        logger().debug("Initiating SMART refresh for BSD name {}", deviceName);
+        fetched = context->fetch(deviceName, token);
         if (token.isCancelled()) {
-            logger().debug("SMART refresh cancelled before publishing for BSD name {}", bsdName);
+            logger().debug("SMART refresh cancelled before publishing for BSD name {}", deviceName);
             return;
         }
     }
@@ -90,7 +90,7 @@ void SmartRefresh::refreshOnce(const std::shared_ptr<Context>& context, const Ca
         Round outcome = Round::discarded;
         if (const auto monitor = context->monitor.lock()) {
             const auto& selected = monitor->state().selectedVolume;
-            if (!selected || selected->bsdName != bsdName) {
+            if (!selected || selected->deviceName != deviceName) {
                 outcome = Round::discarded;
             } else if (paused) {
                 outcome = Round::paused;
@@ -100,27 +100,27 @@ void SmartRefresh::refreshOnce(const std::shared_ptr<Context>& context, const Ca
                 outcome = monitor->replaceSmartInfo(fetched.info) ? Round::published : Round::identical;
             }
         }
-        if (const auto refresh = context->refresh.lock(); refresh && refresh->observer_) refresh->observer_(bsdName, outcome);
+        if (const auto refresh = context->refresh.lock(); refresh && refresh->observer_) refresh->observer_(deviceName, outcome);
         return outcome;
     });
     if (!round) return;  // the main thread is gone: the program ends
     if (token.isCancelled()) {
-        logger().debug("SMART refresh cancelled after publishing decision for BSD name {}", bsdName);
+        logger().debug("SMART refresh cancelled after publishing decision for BSD name {}", deviceName);
         return;
     }
     switch (*round) {
         case Round::published:
-            if (fetched.info) logger().notice("SMART refresh applied new data for BSD name {}", bsdName);
-            else logger().notice("SMART refresh cleared data for BSD name {}", bsdName);
+            if (fetched.info) logger().notice("SMART refresh applied new data for BSD name {}", deviceName);
+            else logger().notice("SMART refresh cleared data for BSD name {}", deviceName);
             break;
         case Round::identical:
-            logger().debug("SMART refresh produced identical payload for BSD name {}; skipping publish.", bsdName);
+            logger().debug("SMART refresh produced identical payload for BSD name {}; skipping publish.", deviceName);
             break;
         case Round::discarded:
-            logger().debug("SMART refresh result discarded because selection changed for BSD name {}", bsdName);
+            logger().debug("SMART refresh result discarded because selection changed for BSD name {}", deviceName);
             break;
         case Round::kept:
-            logger().debug("SMART refresh kept the current data for BSD name {}; the drive is in standby", bsdName);
+            logger().debug("SMART refresh kept the current data for BSD name {}; the drive is in standby", deviceName);
             break;
         case Round::paused:
             break;

@@ -21,7 +21,7 @@ namespace vantorix {
 // new data. It runs whether or not monitoring is active.
 class SmartRefresh final : public DiskIOMonitor::SelectionFollower, public std::enable_shared_from_this<SmartRefresh> {
 public:
-    using Fetch = std::function<SMARTInfoProvider::Outcome(const std::string& bsdName, const CancellationToken&)>;
+    using Fetch = std::function<SMARTInfoProvider::Outcome(const std::string& deviceName, const CancellationToken&)>;
 
     static constexpr std::chrono::nanoseconds kDefaultInterval = std::chrono::seconds(1);
 
@@ -33,7 +33,7 @@ public:
         kept,        // the drive sleeps: the selection keeps the data it has
         paused,      // a performance test runs on the volume: no fetch was made
     };
-    using RoundObserver = std::function<void(const std::string& bsdName, Round round)>;
+    using RoundObserver = std::function<void(const std::string& deviceName, Round round)>;
 
     static std::shared_ptr<SmartRefresh> create(std::weak_ptr<DiskIOMonitor> monitor,
                                                 std::shared_ptr<MainExecutor> mainExecutor, Fetch fetch,

@@ -29,14 +29,14 @@ FakeRegistry::ServiceId FakeRegistry::addService(std::string className,
     return id;
 }
 
-void FakeRegistry::addMatch(const std::string& bsdName, ServiceId service) {
+void FakeRegistry::addMatch(const std::string& deviceName, ServiceId service) {
     std::lock_guard lock(mutex_);
-    matches_[bsdName].push_back(service);
+    matches_[deviceName].push_back(service);
 }
 
-void FakeRegistry::clearMatches(const std::string& bsdName) {
+void FakeRegistry::clearMatches(const std::string& deviceName) {
     std::lock_guard lock(mutex_);
-    matches_.erase(bsdName);
+    matches_.erase(deviceName);
 }
 
 void FakeRegistry::setProperties(ServiceId id, std::optional<PropertyValue> properties) {
@@ -92,17 +92,17 @@ int FakeRegistry::totalCopyCount() const {
     return total;
 }
 
-std::optional<MatchingDescription> FakeRegistry::bsdNameMatching(std::string_view bsdName) {
+std::optional<MatchingDescription> FakeRegistry::bsdNameMatching(std::string_view deviceName) {
     std::lock_guard lock(mutex_);
     if (failBsdNameMatching_) return std::nullopt;
-    return MatchingDescription{std::string(bsdName)};
+    return MatchingDescription{std::string(deviceName)};
 }
 
 Result<RegistryObject, KernReturn> FakeRegistry::getMatchingServices(const MatchingDescription& matching) {
     std::lock_guard lock(mutex_);
     if (failMatching_) return Failure{*failMatching_};
     Iterator iterator;
-    if (const auto it = matches_.find(matching.bsdName); it != matches_.end()) iterator.services = it->second;
+    if (const auto it = matches_.find(matching.deviceName); it != matches_.end()) iterator.services = it->second;
     iterator.references = 1;
     const RegistryObject handle = nextIterator_++;
     iterators_.emplace(handle, std::move(iterator));

@@ -30,9 +30,9 @@ public:
     ServiceId addService(std::string className, std::shared_ptr<const PropertyDictionary> properties,
                          std::optional<ServiceId> parent = std::nullopt,
                          std::optional<std::uint64_t> entryId = std::nullopt);
-    // Makes the service one of the matches of `bsdName`, after those added before.
-    void addMatch(const std::string& bsdName, ServiceId service);
-    void clearMatches(const std::string& bsdName);
+    // Makes the service one of the matches of `deviceName`, after those added before.
+    void addMatch(const std::string& deviceName, ServiceId service);
+    void clearMatches(const std::string& deviceName);
 
     void setProperties(ServiceId service, std::optional<PropertyValue> properties);
     void setCopyPropertiesFailure(ServiceId service, std::optional<KernReturn> code);
@@ -55,7 +55,7 @@ public:
     int copyCount(ServiceId service) const;
     int totalCopyCount() const;
 
-    std::optional<MatchingDescription> bsdNameMatching(std::string_view bsdName) override;
+    std::optional<MatchingDescription> bsdNameMatching(std::string_view deviceName) override;
     Result<RegistryObject, KernReturn> getMatchingServices(const MatchingDescription& matching) override;
     RegistryObject iteratorNext(RegistryObject iterator) override;
     Result<std::optional<PropertyValue>, KernReturn> copyProperties(RegistryObject service) override;

@@ -44,7 +44,7 @@ public:
     // Ends the connection; outstanding replies are dropped without being called. Idempotent.
     virtual void invalidate() = 0;
 
-    virtual void fetchSMARTData(const std::string& bsdName, FetchReply reply, ErrorHandler errorHandler) = 0;
+    virtual void fetchSMARTData(const std::string& deviceName, FetchReply reply, ErrorHandler errorHandler) = 0;
     virtual void helperVersion(VersionReply reply, ErrorHandler errorHandler) = 0;
 
 protected:

@@ -29,7 +29,7 @@ inline constexpr std::string_view kServicePlane = "IOService";
 
 // What bsdNameMatching builds and getMatchingServices consumes.
 struct MatchingDescription {
-    std::string bsdName;
+    std::string deviceName;
 };
 
 // The device registry: a tree of services, each with a class name, a 64-bit entry ID and a
@@ -44,7 +44,7 @@ public:
     virtual ~Registry() = default;
 
     // A matching description for a BSD name; nothing when none can be built.
-    virtual std::optional<MatchingDescription> bsdNameMatching(std::string_view bsdName) = 0;
+    virtual std::optional<MatchingDescription> bsdNameMatching(std::string_view deviceName) = 0;
     // An iterator over every service matching the description (possibly none), or a non-zero code.
     virtual Result<RegistryObject, KernReturn> getMatchingServices(const MatchingDescription& matching) = 0;
     // The next matched service, or kNoRegistryObject at the end.

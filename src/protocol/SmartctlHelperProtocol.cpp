@@ -100,7 +100,7 @@ HelperError helperError(HelperFailure failure, std::string description) {
 
 std::string encodedRequest(const Request& request) {
     if (const auto* fetch = std::get_if<FetchRequest>(&request)) {
-        return dumped(json{{"method", kFetchMethod}, {"bsdName", fetch->bsdName}});
+        return dumped(json{{"method", kFetchMethod}, {"device", fetch->deviceName}});
     }
     return dumped(json{{"method", kVersionMethod}});
 }
@@ -114,10 +114,10 @@ std::optional<ParsedRequest> parsedRequest(std::string_view payload) {
     }
     if (*method == kVersionMethod) return ParsedRequest(Request(VersionRequest{}));
     if (*method == kFetchMethod) {
-        const std::string* name = stringMember(*document, "bsdName");
+        const std::string* name = stringMember(*document, "device");
         if (name == nullptr) {
             return ParsedRequest(helperError(HelperFailure::malformedRequest,
-                                             "The request gives no device name (\"bsdName\" must be a string)."));
+                                             "The request gives no device name (\"deviceName\" must be a string)."));
         }
         return ParsedRequest(Request(FetchRequest{*name}));
     }

@@ -15,7 +15,7 @@
 // object. A frame longer than kMaximumFrameBytes, or one that is not a JSON object, ends the
 // connection. One connection carries any number of requests; replies come back in request order.
 //
-//   requests:  {"method":"fetchSMARTDataForBSDName","bsdName":"sda"}   {"method":"helperVersion"}
+//   requests:  {"method":"fetchSMARTDataForBSDName","device":"sda"}   {"method":"helperVersion"}
 //   replies:   {"result":{archived SmartctlExecutionResult}}   {"version":"0.1.0"}
 //              {"error":{"domain":"com.vantorix.PrivilegedSmartctlHelper.error","code":N,"description":"…"}}
 namespace vantorix::protocol {
@@ -65,7 +65,7 @@ enum class HelperFailure : std::int64_t {
 HelperError helperError(HelperFailure failure, std::string description);
 
 struct FetchRequest {
-    std::string bsdName;
+    std::string deviceName;
     friend bool operator==(const FetchRequest&, const FetchRequest&) = default;
 };
 struct VersionRequest {

@@ -41,7 +41,7 @@ SMARTInfoProvider::SMARTInfoProvider(std::shared_ptr<SmartctlHelperClient> clien
                                      std::shared_ptr<BlockDeviceTopology> topology)
     : client_(std::move(client)), topology_(std::move(topology)) {}
 
-std::vector<std::string> SMARTInfoProvider::candidateNames(std::string_view bsdName, BlockDeviceTopology& topology) {
+std::vector<std::string> SMARTInfoProvider::candidateNames(std::string_view deviceName, BlockDeviceTopology& topology) {
     std::vector<std::string> names;
     const auto add = [&names](const std::string& name) {
         if (names.size() < kMaximumCandidates && !name.empty() &&
@@ -49,7 +49,7 @@ std::vector<std::string> SMARTInfoProvider::candidateNames(std::string_view bsdN
             names.push_back(name);
         }
     };
-    std::string name(smart::trimmed(bsdName));
+    std::string name(smart::trimmed(deviceName));
     if (name.rfind("/dev/", 0) == 0) name.erase(0, 5);
     add(name);
     if (name.empty()) return names;
@@ -86,8 +86,8 @@ bool SMARTInfoProvider::reportsSleepingDrive(const SmartctlExecutionResult& resu
     return false;
 }
 
-SMARTInfoProvider::Outcome SMARTInfoProvider::fetch(std::string_view bsdName, const CancellationToken& cancellation) {
-    const std::string original(bsdName);
+SMARTInfoProvider::Outcome SMARTInfoProvider::fetch(std::string_view deviceName, const CancellationToken& cancellation) {
+    const std::string original(deviceName);
     logger().debug("Starting smartctl-only SMART fetch for BSD name {}", original);
     const auto candidates = candidateNames(original, *topology_);
     logger().debug("Evaluating candidate BSD names {} for original BSD name {}", listText(candidates), original);

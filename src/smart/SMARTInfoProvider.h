@@ -33,11 +33,11 @@ public:
     // The device names tried for a volume's device name, in order, without duplicates, at most four:
     // the name itself (trimmed, without "/dev/"), the whole disk of a partition, the whole disks under
     // a stacked device (recursively), and the controller of each NVMe namespace among them.
-    static std::vector<std::string> candidateNames(std::string_view bsdName, BlockDeviceTopology& topology);
+    static std::vector<std::string> candidateNames(std::string_view deviceName, BlockDeviceTopology& topology);
 
     // Blocks the calling thread for up to the client's time-out per name tried. Stops early when
     // `cancellation` is cancelled (the outcome is then empty). Every failure is logged.
-    Outcome fetch(std::string_view bsdName, const CancellationToken& cancellation = {});
+    Outcome fetch(std::string_view deviceName, const CancellationToken& cancellation = {});
 
     // Whether smartctl's answer says it skipped a sleeping drive: the "device open failed" bit of its
     // exit status together with its standby or sleep message (the bit alone also means other failures).

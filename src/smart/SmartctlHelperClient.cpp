@@ -118,9 +118,9 @@ void SmartctlHelperClient::dropConnection(const std::shared_ptr<HelperConnection
     if (wasCurrent) failed->invalidate();
 }
 
-std::optional<SmartctlExecutionResult> SmartctlHelperClient::fetchSMARTData(std::string_view bsdName,
+std::optional<SmartctlExecutionResult> SmartctlHelperClient::fetchSMARTData(std::string_view deviceName,
                                                                             const CancellationToken& cancellation) {
-    const std::string name(bsdName);
+    const std::string name(deviceName);
     auto& manager = *dependencies_.manager;
     if (!manager.runtimeEnvironment().allowsPrivilegedOperations) {
         logger().notice(

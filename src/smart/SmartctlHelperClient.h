@@ -35,7 +35,7 @@ public:
     // smartctl's run for a device name, or nothing (every failure is logged). Blocks the calling
     // thread for up to the reply time-out, less when `cancellation` is cancelled meanwhile; never
     // call it on the main thread of a program whose main thread must stay responsive.
-    std::optional<SmartctlExecutionResult> fetchSMARTData(std::string_view bsdName,
+    std::optional<SmartctlExecutionResult> fetchSMARTData(std::string_view deviceName,
                                                           const CancellationToken& cancellation = {});
 
     // The helper's version, when a connection can be had and the helper answers in time. Registers

@@ -46,19 +46,19 @@ void logMessages(const json& list, const std::string& command) {
     }
 }
 
-void logDiagnostics(const SmartctlExecutionResult& result, std::string_view bsdName, const json* document) {
+void logDiagnostics(const SmartctlExecutionResult& result, std::string_view deviceName, const json* document) {
     const auto& log = logger();
     if (result.terminationStatus != 0) {
         log.notice("smartctl exited with status {} for BSD name {}; continuing to parse command: {}",
-                   result.terminationStatus, bsdName, result.commandDescription);
+                   result.terminationStatus, deviceName, result.commandDescription);
     } else {
-        log.debug("smartctl exited with status 0 for BSD name {}; command: {}", bsdName, result.commandDescription);
+        log.debug("smartctl exited with status 0 for BSD name {}; command: {}", deviceName, result.commandDescription);
     }
     if (log.enabled(log::Level::debug)) {
-        if (result.jsonData.empty()) log.debug("smartctl stdout for BSD name {} was empty", bsdName);
-        else log.debug("smartctl stdout for BSD name {}: {}", bsdName, readableBytes(result.jsonData));
-        if (result.standardError.empty()) log.debug("smartctl stderr for BSD name {} was empty", bsdName);
-        else log.debug("smartctl stderr for BSD name {}: {}", bsdName, readableBytes(result.standardError));
+        if (result.jsonData.empty()) log.debug("smartctl stdout for BSD name {} was empty", deviceName);
+        else log.debug("smartctl stdout for BSD name {}: {}", deviceName, readableBytes(result.jsonData));
+        if (result.standardError.empty()) log.debug("smartctl stderr for BSD name {} was empty", deviceName);
+        else log.debug("smartctl stderr for BSD name {}: {}", deviceName, readableBytes(result.standardError));
     }
     if (document == nullptr) return;
     if (const auto messages = document->find("messages"); messages != document->end()) {
@@ -92,24 +92,24 @@ std::optional<json> parsedDocument(std::string_view jsonData) {
     }
 }
 
-void logResultDiagnostics(const SmartctlExecutionResult& result, std::string_view bsdName) {
+void logResultDiagnostics(const SmartctlExecutionResult& result, std::string_view deviceName) {
     const auto document = parsedDocument(result.jsonData);
-    logDiagnostics(result, bsdName, document ? &*document : nullptr);
+    logDiagnostics(result, deviceName, document ? &*document : nullptr);
 }
 
-std::optional<DiskSMARTInfo> interpretResult(const SmartctlExecutionResult& result, std::string_view bsdName) {
+std::optional<DiskSMARTInfo> interpretResult(const SmartctlExecutionResult& result, std::string_view deviceName) {
     const auto document = parsedDocument(result.jsonData);
-    logDiagnostics(result, bsdName, document ? &*document : nullptr);
+    logDiagnostics(result, deviceName, document ? &*document : nullptr);
     if (!document) {
-        logger().error("Failed to decode smartctl JSON for BSD name {}", bsdName);
+        logger().error("Failed to decode smartctl JSON for BSD name {}", deviceName);
         return std::nullopt;
     }
     auto info = interpret(*document, result.commandDescription);
     if (!info) {
-        logger().error("smartctl JSON for BSD name {} did not contain usable SMART information", bsdName);
+        logger().error("smartctl JSON for BSD name {} did not contain usable SMART information", deviceName);
         return std::nullopt;
     }
-    logger().notice("Successfully parsed SMART details for BSD name {} via privileged helper", bsdName);
+    logger().notice("Successfully parsed SMART details for BSD name {} via privileged helper", deviceName);
     return info;
 }
 

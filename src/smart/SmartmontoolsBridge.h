@@ -21,11 +21,11 @@ std::optional<nlohmann::ordered_json> parsedDocument(std::string_view jsonData);
 // output and standard error (as UTF-8, or as base64 when they are not valid UTF-8), and each message
 // that smartctl reported in the JSON ("error", "fatal", "critical", "warning" and "warn" at error
 // level, every other severity at the default level). Accepts any bytes.
-void logResultDiagnostics(const SmartctlExecutionResult& result, std::string_view bsdName);
+void logResultDiagnostics(const SmartctlExecutionResult& result, std::string_view deviceName);
 
 // One attempt's interpretation of a helper result: the diagnostics, then the JSON interpreted in
 // the current interface language with `commandDescription` as the source command. Nothing, with an
 // error logged, when the output is not a JSON object or holds no usable SMART information.
-std::optional<DiskSMARTInfo> interpretResult(const SmartctlExecutionResult& result, std::string_view bsdName);
+std::optional<DiskSMARTInfo> interpretResult(const SmartctlExecutionResult& result, std::string_view deviceName);
 
 }  // namespace vantorix::smart

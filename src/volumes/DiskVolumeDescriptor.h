@@ -12,7 +12,7 @@ namespace vantorix {
 // The selected volume, as the resolver describes it. Compared field by field.
 struct DiskVolumeDescriptor {
     std::string url;  // absolute path of the chosen folder, symbolic links resolved
-    std::string bsdName;
+    std::string deviceName;
     std::string displayName;
     std::string connectionTypeDescription;
     std::optional<std::string> connectionSpeedDescription;

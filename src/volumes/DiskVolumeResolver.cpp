@@ -524,8 +524,8 @@ std::optional<LinkCeiling> DiskVolumeResolver::linkFacts(LinkKind kind, const Pr
     return std::nullopt;
 }
 
-std::optional<LinkCeiling> DiskVolumeResolver::linkCeiling(Registry& registry, std::string_view bsdName) {
-    const auto matching = registry.bsdNameMatching(bsdName);
+std::optional<LinkCeiling> DiskVolumeResolver::linkCeiling(Registry& registry, std::string_view deviceName) {
+    const auto matching = registry.bsdNameMatching(deviceName);
     if (!matching) return std::nullopt;
     auto iterator = registry.getMatchingServices(*matching);
     if (!iterator.ok()) return std::nullopt;
@@ -555,9 +555,9 @@ std::optional<LinkCeiling> DiskVolumeResolver::linkCeiling(Registry& registry, s
 }
 
 DiskVolumeResolver::ConnectionMetadata DiskVolumeResolver::connectionMetadata(Registry& registry,
-                                                                              std::string_view bsdName) {
+                                                                              std::string_view deviceName) {
     const ConnectionMetadata unknown{text::localized("未知", "Unknown"), std::nullopt, std::nullopt, std::nullopt};
-    const auto matching = registry.bsdNameMatching(bsdName);
+    const auto matching = registry.bsdNameMatching(deviceName);
     if (!matching) return unknown;
     auto iterator = registry.getMatchingServices(*matching);
     if (!iterator.ok()) return unknown;
@@ -597,22 +597,22 @@ Result<DiskVolumeDescriptor, MonitorError> DiskVolumeResolver::resolve(std::stri
     auto statistics = files.fileSystemStatistics(resolved);
     if (!statistics.ok()) return Failure{MonitorError::bsdNameResolutionFailed()};
 
-    std::string bsdName;
+    std::string deviceName;
     for (std::string_view rest(statistics->mountSource); !rest.empty();) {
         const auto slash = rest.find('/');
         const auto piece = rest.substr(0, slash);
-        if (!piece.empty()) bsdName = std::string(piece);
+        if (!piece.empty()) deviceName = std::string(piece);
         if (slash == std::string_view::npos) break;
         rest.remove_prefix(slash + 1);
     }
-    if (bsdName.empty()) return Failure{MonitorError::bsdNameResolutionFailed()};
+    if (deviceName.empty()) return Failure{MonitorError::bsdNameResolutionFailed()};
 
     auto resources = files.resourceValues(resolved);
     const VolumeResourceValues values = resources.ok() ? std::move(resources.value()) : VolumeResourceValues{};
 
     DiskVolumeDescriptor descriptor;
     descriptor.url = resolved;
-    descriptor.bsdName = bsdName;
+    descriptor.deviceName = deviceName;
     descriptor.displayName = (values.name && !values.name->empty()) ? *values.name : lastPathComponent(resolved);
 
     const std::string type = trim(statistics->typeName);
@@ -630,12 +630,12 @@ Result<DiskVolumeDescriptor, MonitorError> DiskVolumeResolver::resolve(std::stri
         descriptor.availableCapacityBytes = product(statistics->availableBlocks, statistics->blockSize);
     }
 
-    auto connection = connectionMetadata(registry, bsdName);
+    auto connection = connectionMetadata(registry, deviceName);
     descriptor.connectionTypeDescription = std::move(connection.type);
     descriptor.connectionSpeedDescription = std::move(connection.speed);
     descriptor.hardwareVendor = std::move(connection.vendor);
     descriptor.hardwareModel = std::move(connection.product);
-    descriptor.link = linkCeiling(registry, bsdName);
+    descriptor.link = linkCeiling(registry, deviceName);
     return descriptor;
 }
 

@@ -32,11 +32,11 @@ struct DiskVolumeResolver {
     // `url` is a path, absolute or relative to the working directory, or a "file://" URL.
     static Result<DiskVolumeDescriptor, MonitorError> resolve(std::string_view url, VolumeInfoSource& files,
                                                               Registry& registry);
-    static ConnectionMetadata connectionMetadata(Registry& registry, std::string_view bsdName);
-    // The figures of the link the device behind `bsdName` hangs on, found on the nearest service
+    static ConnectionMetadata connectionMetadata(Registry& registry, std::string_view deviceName);
+    // The figures of the link the device behind `deviceName` hangs on, found on the nearest service
     // (the matched one or an ancestor) that has them for the kind of bus the device is on; nothing
     // for buses without such figures (virtual devices, virtio, network transports).
-    static std::optional<LinkCeiling> linkCeiling(Registry& registry, std::string_view bsdName);
+    static std::optional<LinkCeiling> linkCeiling(Registry& registry, std::string_view deviceName);
     // The link figures one service's properties hold for a bus of `kind`: "LinkDescription" and
     // "MaxLinkDescription" for PCIe and SATA, "Device Speed" with "version" or "bcdUSB" for USB,
     // "ThunderboltGeneration" for Thunderbolt.

@@ -18,7 +18,7 @@ using Operation = MemoryFileSystem::Operation;
 DiskVolumeDescriptor volume(std::optional<std::uint64_t> freeBytes = 100'000'000'000ULL) {
     DiskVolumeDescriptor descriptor;
     descriptor.url = "/mnt/test";
-    descriptor.bsdName = "loop9";
+    descriptor.deviceName = "loop9";
     descriptor.displayName = "TEST";
     descriptor.connectionTypeDescription = "Virtual Interface";
     descriptor.availableCapacityBytes = freeBytes;

@@ -48,7 +48,7 @@ PerformanceResult fixedResult() {
 DiskVolumeDescriptor fixedVolume() {
     DiskVolumeDescriptor volume;
     volume.url = "/media/user/Backup";
-    volume.bsdName = "sdb1";
+    volume.deviceName = "sdb1";
     volume.displayName = "Tom's <Backup> & \"More\"";
     volume.connectionTypeDescription = "USB";
     volume.connectionSpeedDescription = "5Gbps";

@@ -42,7 +42,7 @@ TEST(VolumePanel, ButtonsFollowTheMonitorAndTheTester) {
     DiskIOMonitor::State monitor;
     DiskVolumeDescriptor volume;
     volume.displayName = "Stick";
-    volume.bsdName = "sdb1";
+    volume.deviceName = "sdb1";
     volume.connectionTypeDescription = "USB";
     volume.availableCapacityBytes = 60'000'000'000;
     volume.hardwareVendor = "  SanDisk ";

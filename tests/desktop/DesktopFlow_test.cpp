@@ -129,7 +129,7 @@ TEST_P(DesktopFlow, ASessionOnALoopVolume) {
     ASSERT_NE(dashboard->openDialog(), nullptr);
     accept(dashboard->openDialog(), volume->mountPoint());
     ASSERT_TRUE(waitFor([&] { return panel->smartHint() == variant.smartHint; })) << panel->smartHint().toStdString();
-    EXPECT_THAT(panel->infoTexts().front().toStdString(), HasSubstr(volume->bsdName()));
+    EXPECT_THAT(panel->infoTexts().front().toStdString(), HasSubstr(volume->deviceName()));
     QTest::mouseClick(panel->smartButton(), Qt::LeftButton);
     ASSERT_NE(dashboard->smartSheet(), nullptr);
     QStringList values;

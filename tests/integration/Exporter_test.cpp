@@ -136,7 +136,7 @@ TEST_F(Exporter, PrometheusSeesTheBytesWrittenAndBurstsAboveItsOneSecondRate) {
         return std::stod(result[0]["value"][1].get<std::string>());
     };
     const auto now = [] { return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count(); };
-    const std::string device = "{device=\"" + volume_->bsdName() + "\"}";
+    const std::string device = "{device=\"" + volume_->deviceName() + "\"}";
     const double before = now();
     const auto start = std::chrono::steady_clock::now();
     for (std::size_t i = 0; i < kBursts; ++i) {
@@ -164,7 +164,7 @@ TEST_F(Exporter, PrometheusSeesTheBytesWrittenAndBurstsAboveItsOneSecondRate) {
     // promtool accepts what the exporter serves, SMART figures included; smartctl ran at most once a minute.
     auto metrics = client().Get("/metrics");
     ASSERT_TRUE(metrics);
-    const std::string key = "{device=\"" + volume_->bsdName() + "\",mountpoint=\"" + volume_->mountPoint() + "\"} ";
+    const std::string key = "{device=\"" + volume_->deviceName() + "\",mountpoint=\"" + volume_->mountPoint() + "\"} ";
     for (const std::string& line : {"vantorix_smart_passed" + key + "1", "vantorix_smart_temperature_celsius" + key + "36",
                                     "vantorix_smart_power_on_seconds" + key + "8643600"}) {
         EXPECT_NE(metrics->body.find("\n" + line + "\n"), std::string::npos) << line;
@@ -203,7 +203,7 @@ TEST_F(Exporter, EveryScrapeIsAnsweredDespiteSlowClientsAndAVanishedVolumeIsDrop
     for (int i = 0; i < 200; ++i) {
         scrapers.emplace_back([&] {
             auto r = client().Get("/metrics");
-            if (r && r->status == 200 && r->body.find("vantorix_volume_written_bytes_total{device=\"" + volume_->bsdName()) != std::string::npos) {
+            if (r && r->status == 200 && r->body.find("vantorix_volume_written_bytes_total{device=\"" + volume_->deviceName()) != std::string::npos) {
                 ++answered;
             }
         });

@@ -96,7 +96,7 @@ TEST(HelperFaults, FiftyClientsOfOneLoopDeviceShareRunsInBoundedMemory) {
     auto daemon = startHelper(standIn->path());
     ASSERT_NE(daemon, nullptr);
 
-    const auto clients = clientsAsking(*daemon, std::vector<std::string>(50, volume->bsdName()));
+    const auto clients = clientsAsking(*daemon, std::vector<std::string>(50, volume->deviceName()));
     // Every reply is taken off its socket before any is decoded, so that no client keeps the
     // daemon waiting to write for longer than it allows.
     std::vector<std::optional<std::string>> payloads;

@@ -27,15 +27,15 @@ using testing::LoopVolume;
 using Precision = DiskIOMonitor::SamplingPrecision;
 using json = nlohmann::json;
 
-std::uint64_t bytesWrittenOf(const std::string& bsdName) { return testing::deviceCounters(bsdName)[1]; }
+std::uint64_t bytesWrittenOf(const std::string& deviceName) { return testing::deviceCounters(deviceName)[1]; }
 
 // Waits until the device's write counter has not moved for a while, so that a reading taken
 // now also holds a moment later.
-void waitUntilQuiet(const std::string& bsdName) {
-    auto last = bytesWrittenOf(bsdName);
+void waitUntilQuiet(const std::string& deviceName) {
+    auto last = bytesWrittenOf(deviceName);
     for (int stable = 0, rounds = 0; stable < 3 && rounds < 100; ++rounds) {
         std::this_thread::sleep_for(100ms);
-        const auto now = bytesWrittenOf(bsdName);
+        const auto now = bytesWrittenOf(deviceName);
         stable = now == last ? stable + 1 : 0;
         last = now;
     }
@@ -71,9 +71,9 @@ protected:
         monitor_->setSamplingPrecision(precision);
         monitor_->selectVolume(volume_->mountPoint());
         ASSERT_TRUE(runUntil([&] { return state().selectedVolume.has_value(); }));
-        ASSERT_EQ(state().selectedVolume->bsdName, volume_->bsdName());
-        waitUntilQuiet(volume_->bsdName());
-        const auto before = bytesWrittenOf(volume_->bsdName());
+        ASSERT_EQ(state().selectedVolume->deviceName, volume_->deviceName());
+        waitUntilQuiet(volume_->deviceName());
+        const auto before = bytesWrittenOf(volume_->deviceName());
         monitor_->startMonitoring();
         ASSERT_TRUE(runUntil([&] { return state().samples.size() >= 2; }));
 
@@ -84,12 +84,12 @@ protected:
         ASSERT_TRUE(runUntil([&] { return state().totalWriteBytes >= 16u << 20; }));
         midway();
         writer.join();
-        waitUntilQuiet(volume_->bsdName());
+        waitUntilQuiet(volume_->deviceName());
         std::this_thread::sleep_for(3 * DiskIOMonitor::timerInterval(state().samplingPrecision));
         monitor_->stopMonitoring(true);
         ASSERT_TRUE(runUntil([&] { return !state().isMonitoring; }));
         main_->drain();
-        const auto after = bytesWrittenOf(volume_->bsdName());
+        const auto after = bytesWrittenOf(volume_->deviceName());
 
         EXPECT_FALSE(state().errorMessage) << *state().errorMessage;
         EXPECT_EQ(sumWrites(state()), after - before);
@@ -175,7 +175,7 @@ TEST_F(MonitorOnLoopVolume, CommandLinePrintsALineASecondAndASummary) {
     ASSERT_EQ(lines.size(), 3u) << run.out;  // two one-second lines, then the summary
     EXPECT_TRUE(lines[0].contains("writeSpeed"));
     const auto& summary = lines.back()["summary"];
-    EXPECT_EQ(summary["bsdName"], volume_->bsdName());
+    EXPECT_EQ(summary["device"], volume_->deviceName());
     EXPECT_EQ(summary["precisionMilliseconds"], 10);
     EXPECT_GE(summary["samples"].get<int>(), 150);
     EXPECT_EQ(summary["historyWriteBytes"], summary["totalWriteBytes"]);

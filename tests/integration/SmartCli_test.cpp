@@ -167,7 +167,7 @@ TEST_F(SmartCliLive, WatchPublishesEveryRefreshWithFreshRowsAndTheChangeOnce) {
 
     watch->signal(SIGINT);
     EXPECT_EQ(watch->waitForExit(10s), 130);
-    EXPECT_THAT(watch->standardError(), HasSubstr("Watching the SMART data of VTXSMART (" + volume_->bsdName() + ")"));
+    EXPECT_THAT(watch->standardError(), HasSubstr("Watching the SMART data of VTXSMART (" + volume_->deviceName() + ")"));
 }
 
 TEST_F(SmartCliLive, TheBenchReportCarriesTheDrivesSmartData) {

@@ -54,17 +54,17 @@ TEST(VolumeInfoIntegration, RootAgreesWithDfFindmntAndTheDeviceCounters) {
     std::uint64_t size = 0, avail = 0;
     mnt >> source >> type;
     space >> size >> avail;
-    const std::string bsdName = source.substr(source.rfind('/') + 1);
+    const std::string deviceName = source.substr(source.rfind('/') + 1);
     std::string upperType = type;
     for (auto& c : upperType) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
 
-    const bool isBlock = std::filesystem::exists("/sys/class/block/" + bsdName + "/stat");
-    const auto before = isBlock ? deviceCounters(bsdName) : std::array<std::uint64_t, 4>{};
+    const bool isBlock = std::filesystem::exists("/sys/class/block/" + deviceName + "/stat");
+    const auto before = isBlock ? deviceCounters(deviceName) : std::array<std::uint64_t, 4>{};
     const auto run = cli({"info", "/", "--json"});
-    const auto after = isBlock ? deviceCounters(bsdName) : std::array<std::uint64_t, 4>{};
+    const auto after = isBlock ? deviceCounters(deviceName) : std::array<std::uint64_t, 4>{};
     const auto info = json::parse(run.out);
 
-    EXPECT_EQ(info["bsdName"], bsdName);
+    EXPECT_EQ(info["device"], deviceName);
     EXPECT_EQ(info["fileSystemDescription"], upperType);
     EXPECT_EQ(info["url"], "/");
     // Free space moves while the system runs: allow a little drift between the two readings.
@@ -104,7 +104,7 @@ TEST_F(LoopVolumeTest, InfoOnASubfolderDescribesTheLoopVolume) {
     ASSERT_EQ(run.exitStatus, 0) << run.err;
     const auto info = json::parse(run.out);
     EXPECT_EQ(info["displayName"], "VTXTEST");
-    EXPECT_EQ(info["bsdName"], volume_->bsdName());
+    EXPECT_EQ(info["device"], volume_->deviceName());
     EXPECT_EQ(info["url"], sub);
     EXPECT_EQ(info["fileSystemDescription"], "EXT4");
     EXPECT_EQ(info["totalCapacityBytes"].get<std::uint64_t>(), std::uint64_t{vfs.f_blocks} * vfs.f_frsize);
@@ -119,7 +119,7 @@ TEST_F(LoopVolumeTest, InfoOnASubfolderDescribesTheLoopVolume) {
     ASSERT_EQ(human.exitStatus, 0) << human.err;
     EXPECT_NE(human.out.find("VTXTEST"), std::string::npos);
     EXPECT_NE(human.out.find("文件系统"), std::string::npos);
-    EXPECT_NE(human.out.find(volume_->bsdName()), std::string::npos);
+    EXPECT_NE(human.out.find(volume_->deviceName()), std::string::npos);
 }
 
 TEST_F(LoopVolumeTest, DirectWritesRaiseTheWriteCounterBySixteenMebibytes) {
@@ -140,7 +140,7 @@ TEST_F(LoopVolumeTest, DirectWritesRaiseTheWriteCounterBySixteenMebibytes) {
     EXPECT_GE(after.value().writeOperations - before.value().writeOperations, 1u);
     // The session reads the loop device's own counters, which the CLI shows too.
     const auto run = cli({"info", volume_->mountPoint(), "--json"});
-    const auto stat = deviceCounters(volume_->bsdName());
+    const auto stat = deviceCounters(volume_->deviceName());
     EXPECT_LE(json::parse(run.out)["statistics"]["bytesWritten"].get<std::uint64_t>(), stat[1]);
     EXPECT_GE(json::parse(run.out)["statistics"]["bytesWritten"].get<std::uint64_t>(), after.value().bytesWritten);
 }
@@ -197,7 +197,7 @@ TEST(VolumeInfoIntegration, VolumesWithoutABlockDeviceResolveButHaveNoStatistics
         const auto info = json::parse(run.out);
         EXPECT_TRUE(info["statistics"].is_null());
         EXPECT_EQ(info["error"]["code"], "statisticsUnavailable");
-        EXPECT_FALSE(info["bsdName"].get<std::string>().empty());
+        EXPECT_FALSE(info["device"].get<std::string>().empty());
     }
     if (!overlay.empty()) {
         runShell("umount " + overlay + "/merged 2>/dev/null");

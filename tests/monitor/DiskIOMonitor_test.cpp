@@ -200,7 +200,7 @@ TEST_F(DiskIOMonitorTest, SelectingAnotherVolumeStopsTheRunWithoutRestarting) {
     selectAndStart(Precision::ms10);
     ASSERT_TRUE(runUntil([&] { return state().samples.size() >= 3; }));
     monitor_->selectVolume("/volumes/fake1");
-    ASSERT_TRUE(runUntil([&] { return state().selectedVolume && state().selectedVolume->bsdName == "fake1"; }));
+    ASSERT_TRUE(runUntil([&] { return state().selectedVolume && state().selectedVolume->deviceName == "fake1"; }));
     main_->drain();
     EXPECT_FALSE(state().isMonitoring);
     const auto kept = state().samples.size();

@@ -17,7 +17,7 @@ TEST(FixtureConnections, AttachmentOfEachMachine) {
     testing::ScopedLanguage english("en_US.UTF-8");
     struct Case {
         const char* machine;
-        const char* bsdName;
+        const char* deviceName;
         Metadata expected;
     };
     const Metadata nvme{"PCIe", "8.0 GT/s PCIe x4", "0x144D", "Samsung SSD 970 EVO Plus 1TB"};
@@ -32,9 +32,9 @@ TEST(FixtureConnections, AttachmentOfEachMachine) {
         {"loop", "nosuchdevice", {"Unknown", std::nullopt, std::nullopt, std::nullopt}},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.machine) + " " + c.bsdName);
+        SCOPED_TRACE(std::string(c.machine) + " " + c.deviceName);
         SysfsRegistry registry(fixture(c.machine));
-        const auto metadata = DiskVolumeResolver::connectionMetadata(registry, c.bsdName);
+        const auto metadata = DiskVolumeResolver::connectionMetadata(registry, c.deviceName);
         EXPECT_EQ(metadata.type, c.expected.type);
         EXPECT_EQ(metadata.speed, c.expected.speed);
         EXPECT_EQ(metadata.vendor, c.expected.vendor);
@@ -47,10 +47,10 @@ TEST(FixtureConnections, AttachmentOfEachMachine) {
 TEST(FixtureConnections, StatisticsComeFromTheVolumesOwnDevice) {
     const std::pair<const char*, const char*> cases[] = {
         {"nvme-laptop", "nvme0n1p2"}, {"dmcrypt-nvme", "dm-0"}, {"usb-stick", "sdb"}, {"loop", "loop0"}};
-    for (const auto& [machine, bsdName] : cases) {
-        SCOPED_TRACE(std::string(machine) + " " + bsdName);
+    for (const auto& [machine, deviceName] : cases) {
+        SCOPED_TRACE(std::string(machine) + " " + deviceName);
         auto registry = std::make_shared<SysfsRegistry>(fixture(machine));
-        auto match = DiskIOKitStatisticsProvider::matchServices(*registry, bsdName);
+        auto match = DiskIOKitStatisticsProvider::matchServices(*registry, deviceName);
         ASSERT_TRUE(match.ok());
         ASSERT_EQ(match->services.size(), 1u);
         EXPECT_EQ(match->services[0].description.rfind("block#0x", 0), 0u) << match->services[0].description;

@@ -29,7 +29,7 @@ DiskSMARTInfo info(const std::string& status) {
 class ScriptedFetch {
 public:
     struct Call {
-        std::string bsdName;
+        std::string deviceName;
         Clock::time_point start, end;
     };
     void set(std::vector<SMARTInfoProvider::Outcome> script, std::chrono::milliseconds delay = 0ms,
@@ -41,7 +41,7 @@ public:
         answered_ = 0;
     }
 
-    SMARTInfoProvider::Outcome operator()(const std::string& bsdName, const CancellationToken& token) {
+    SMARTInfoProvider::Outcome operator()(const std::string& deviceName, const CancellationToken& token) {
         const auto start = Clock::now();
         std::unique_lock lock(mutex_);
         const bool block = block_;
@@ -53,7 +53,7 @@ public:
             token.sleepFor(delay);
         }
         lock.lock();
-        calls_.push_back({bsdName, start, Clock::now()});
+        calls_.push_back({deviceName, start, Clock::now()});
         ++answered_;
         return script_[std::min(answered_, script_.size()) - 1];
     }
@@ -91,7 +91,7 @@ protected:
     }
     std::string selected() const {
         const auto& volume = monitor_->state().selectedVolume;
-        return volume ? volume->bsdName : "";
+        return volume ? volume->deviceName : "";
     }
     bool runUntilRounds(std::size_t count) { return main_->runUntil([&] { return rounds_.size() >= count; }, 10s); }
     std::vector<std::string> lines() const { return capture_.messages("DiskIOMonitor"); }
@@ -159,7 +159,7 @@ TEST_F(SmartRefreshTest, ReselectionCancelsTheOldTaskAndStaleResultsAreDiscarded
 
     // A task for a device that is no longer selected: its result is dropped.
     DiskVolumeDescriptor old;
-    old.bsdName = "fake0";
+    old.deviceName = "fake0";
     refresh_->start(old);
     ASSERT_TRUE(main_->runUntil([&] { return rounds_.back().first == "fake0"; }, 10s));
     EXPECT_EQ(rounds_.back().second, Round::discarded);

@@ -23,9 +23,9 @@ std::shared_ptr<const PropertyDictionary> withStatistics(std::shared_ptr<const P
     return makeDictionary({{"IOClass", "IOBlockStorageDriver"}, {"Statistics", PropertyValue(std::move(stats))}});
 }
 
-DiskVolumeDescriptor volume(std::string bsdName) {
+DiskVolumeDescriptor volume(std::string deviceName) {
     DiskVolumeDescriptor descriptor;
-    descriptor.bsdName = std::move(bsdName);
+    descriptor.deviceName = std::move(deviceName);
     return descriptor;
 }
 
@@ -182,12 +182,12 @@ TEST(StatisticsProvider, TwoMatchesEndingAtTheSameDriverAreCachedOnce) {
     EXPECT_EQ(registry.outstandingReferences(), 2);  // one per cache entry, the duplicate was released
 }
 
-// Matching `bsdName` fails with `error` and `line` as the only error logged, and leaves nothing
+// Matching `deviceName` fails with `error` and `line` as the only error logged, and leaves nothing
 // retained. Returns the debug lines.
-std::vector<std::string> failedMatch(FakeRegistry& registry, const std::string& bsdName, const MonitorError& error,
+std::vector<std::string> failedMatch(FakeRegistry& registry, const std::string& deviceName, const MonitorError& error,
                                      const std::string& line) {
     log::Capture capture;
-    const auto match = DiskIOKitStatisticsProvider::matchServices(registry, bsdName);
+    const auto match = DiskIOKitStatisticsProvider::matchServices(registry, deviceName);
     EXPECT_FALSE(match.ok());
     if (!match.ok()) {
         EXPECT_EQ(match.error(), error);

@@ -34,18 +34,18 @@ const std::string kNvmeFunction = "devices/pci0000:00/0000:00:1d.0/0000:3d:00.0"
 const std::string kUsbStick = "devices/pci0000:00/0000:00:14.0/usb2/2-1/2-1.3";
 const std::string kUsbStickDisk = kUsbStick + "/2-1.3:1.0/host6/target6:0:0/6:0:0:0/block/sdb";
 
-// The one service that `bsdName` matches, with a reference for the caller; 0 when none does.
-RegistryObject match(Registry& registry, std::string_view bsdName) {
-    const auto iterator = registry.getMatchingServices(*registry.bsdNameMatching(bsdName));
+// The one service that `deviceName` matches, with a reference for the caller; 0 when none does.
+RegistryObject match(Registry& registry, std::string_view deviceName) {
+    const auto iterator = registry.getMatchingServices(*registry.bsdNameMatching(deviceName));
     if (!iterator) return kNoRegistryObject;
     const RegistryObject service = registry.iteratorNext(*iterator);
-    EXPECT_EQ(registry.iteratorNext(*iterator), kNoRegistryObject) << bsdName << " matched twice";
+    EXPECT_EQ(registry.iteratorNext(*iterator), kNoRegistryObject) << deviceName << " matched twice";
     registry.release(*iterator);
     return service;
 }
 
-RegistryRef serviceAt(Registry& registry, std::string_view bsdName, int depth) {
-    RegistryRef current(registry, match(registry, bsdName));
+RegistryRef serviceAt(Registry& registry, std::string_view deviceName, int depth) {
+    RegistryRef current(registry, match(registry, deviceName));
     for (int level = 0; level < depth && current; ++level) {
         const auto parent = registry.parentEntry(current.get(), kServicePlane);
         current = parent ? RegistryRef(registry, *parent) : RegistryRef();
@@ -68,7 +68,7 @@ std::string on(const std::string& interconnect) { return "d:{Physical Interconne
 
 struct PropertyCase {
     std::string machine;
-    std::string bsdName;
+    std::string deviceName;
     int depth;  // levels above the matched service
     std::string key;
     std::string expected;
@@ -76,8 +76,8 @@ struct PropertyCase {
 
 void expectProperty(const fs::path& root, const PropertyCase& c) {
     SysfsRegistry registry(root);
-    const RegistryRef service = serviceAt(registry, c.bsdName, c.depth);
-    ASSERT_TRUE(service) << c.bsdName << " +" << c.depth;
+    const RegistryRef service = serviceAt(registry, c.deviceName, c.depth);
+    ASSERT_TRUE(service) << c.deviceName << " +" << c.depth;
     EXPECT_EQ(describe(property(registry, service.get(), c.key)), c.expected)
         << c.machine << ' ' << registry.servicePath(service.get())->filename() << ' ' << c.key;
 }

@@ -55,7 +55,7 @@ TEST(HelperRequests, ParseIntoRequestsErrorsOrNothing) {
         {"{}", HelperFailure::malformedRequest},
         {R"({"method":7})", HelperFailure::malformedRequest},
         {R"({"method":"fetchSMARTDataForBSDName"})", HelperFailure::malformedRequest},
-        {R"({"method":"fetchSMARTDataForBSDName","bsdName":["sda"]})", HelperFailure::malformedRequest},
+        {R"({"method":"fetchSMARTDataForBSDName","device":["sda"]})", HelperFailure::malformedRequest},
         {R"({"method":"runCommand","argv":["rm"]})", HelperFailure::unknownMethod},
     };
     for (const auto& c : cases) {

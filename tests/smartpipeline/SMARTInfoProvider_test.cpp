@@ -32,7 +32,7 @@ std::string fixture(const std::string& name) {
 TEST(SMARTInfoProviderCandidates, FollowPartitionsStacksAndNvmeControllers) {
     struct Case {
         std::string machine;
-        std::string bsdName;
+        std::string deviceName;
         std::vector<std::string> candidates;
     };
     const std::vector<Case> cases = {
@@ -47,7 +47,7 @@ TEST(SMARTInfoProviderCandidates, FollowPartitionsStacksAndNvmeControllers) {
     };
     for (const auto& c : cases) {
         SysfsBlockDeviceTopology topology(std::string(VANTORIX_TEST_DATA_DIR) + "/sysfs/" + c.machine);
-        EXPECT_EQ(SMARTInfoProvider::candidateNames(c.bsdName, topology), c.candidates) << c.machine << " " << c.bsdName;
+        EXPECT_EQ(SMARTInfoProvider::candidateNames(c.deviceName, topology), c.candidates) << c.machine << " " << c.deviceName;
     }
 }
 
@@ -69,7 +69,7 @@ struct Answer {
 
 class ScriptedHelper final : public HelperConnector {
 public:
-    std::function<Answer(const std::string& bsdName)> answer;
+    std::function<Answer(const std::string& deviceName)> answer;
     std::atomic<int> connections{0};
     std::atomic<int> invalidations{0};
 
@@ -86,12 +86,12 @@ private:
         void setInterruptionHandler(std::function<void()>) override {}
         void resume() override {}
         void invalidate() override { ++helper_.invalidations; }
-        void fetchSMARTData(const std::string& bsdName, FetchReply reply, ErrorHandler errorHandler) override {
-            const Answer answer = helper_.answer(bsdName);
+        void fetchSMARTData(const std::string& deviceName, FetchReply reply, ErrorHandler errorHandler) override {
+            const Answer answer = helper_.answer(deviceName);
             switch (answer.kind) {
                 case Answer::Kind::result: reply(answer.result, std::nullopt); break;
                 case Answer::Kind::helperError:
-                    reply(std::nullopt, protocol::helperError(protocol::HelperFailure::deviceNotFound, "no " + bsdName));
+                    reply(std::nullopt, protocol::helperError(protocol::HelperFailure::deviceNotFound, "no " + deviceName));
                     break;
                 case Answer::Kind::connectionError:
                     errorHandler(HelperError{std::string(kConnectionErrorDomain), kConnectionInvalid, "refused"});

@@ -9,8 +9,8 @@
 
 namespace vantorix::testing {
 
-std::array<std::uint64_t, 4> deviceCounters(const std::string& bsdName) {
-    std::ifstream in("/sys/class/block/" + bsdName + "/stat");
+std::array<std::uint64_t, 4> deviceCounters(const std::string& deviceName) {
+    std::ifstream in("/sys/class/block/" + deviceName + "/stat");
     std::array<std::uint64_t, 7> f{};
     for (auto& v : f) in >> v;
     return {f[2] * 512, f[6] * 512, f[0], f[4]};

@@ -26,7 +26,7 @@ QLabel* labelShowing(const QWidget& parent, const QString& text) {
 DiskVolumeDescriptor nvmeVolume(unsigned width) {
     DiskVolumeDescriptor volume;
     volume.displayName = "Samsung SSD 970";
-    volume.bsdName = "nvme0n1p2";
+    volume.deviceName = "nvme0n1p2";
     volume.connectionTypeDescription = "PCI-Express";
     volume.connectionSpeedDescription = "8.0 GT/s PCIe x" + std::to_string(width);
     volume.fileSystemDescription = "EXT4";

@@ -246,7 +246,7 @@ TEST(DiskVolumeResolver, ResolvesFoldersAndFallsBackToStatfs) {
     auto resolved = DiskVolumeResolver::resolve("file:///mnt/data/link", files, registry);
     ASSERT_TRUE(resolved.ok());
     EXPECT_EQ(resolved->url, "/mnt/data/sub");
-    EXPECT_EQ(resolved->bsdName, "loop3");
+    EXPECT_EQ(resolved->deviceName, "loop3");
     EXPECT_EQ(resolved->displayName, "DATA");
     EXPECT_EQ(resolved->fileSystemDescription, "EXT4");
     EXPECT_EQ(resolved->totalCapacityBytes, 5'000'000u);
@@ -271,7 +271,7 @@ TEST(DiskVolumeResolver, ResolvesFoldersAndFallsBackToStatfs) {
     // A source that is not a device still resolves; statistics fail later.
     resolved = DiskVolumeResolver::resolve("/proc", files, registry);
     ASSERT_TRUE(resolved.ok());
-    EXPECT_EQ(resolved->bsdName, "proc");
+    EXPECT_EQ(resolved->deviceName, "proc");
     EXPECT_EQ(resolved->connectionTypeDescription, "Unknown");
     EXPECT_EQ(resolved->fileSystemDescription, "PROC");
 }
@@ -280,7 +280,7 @@ TEST(DiskVolumeResolver, LinkCeilingOfEachFixtureMachine) {
     testing::ScopedLanguage english("en_US.UTF-8");
     struct Case {
         std::string machine;
-        std::string bsdName;
+        std::string deviceName;
         std::optional<LinkKind> kind;
         std::string description;
         std::optional<std::uint64_t> ceiling;
@@ -302,7 +302,7 @@ TEST(DiskVolumeResolver, LinkCeilingOfEachFixtureMachine) {
         SCOPED_TRACE(c.machine);
         SysfsRegistry registry(std::filesystem::path(VANTORIX_TEST_DATA_DIR) / "sysfs" / c.machine);
         FakeVolumeInfoSource files;
-        files.statistics["/mnt/volume"] = {"/dev/" + c.bsdName, "ext4", "/mnt/volume", 4096, 1, 1};
+        files.statistics["/mnt/volume"] = {"/dev/" + c.deviceName, "ext4", "/mnt/volume", 4096, 1, 1};
         const auto resolved = DiskVolumeResolver::resolve("/mnt/volume", files, registry);
         ASSERT_TRUE(resolved.ok());
         ASSERT_EQ(resolved->link.has_value(), c.kind.has_value());

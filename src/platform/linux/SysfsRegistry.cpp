@@ -15,17 +15,17 @@ SysfsRegistry::SysfsRegistry(fs::path sysfsRoot) : tree_(std::make_shared<const 
 
 SysfsRegistry::~SysfsRegistry() = default;
 
-std::optional<MatchingDescription> SysfsRegistry::bsdNameMatching(std::string_view bsdName) {
-    if (bsdName.empty() || bsdName == "." || bsdName == ".." || bsdName.find('/') != std::string_view::npos ||
-        bsdName.find('\0') != std::string_view::npos)
+std::optional<MatchingDescription> SysfsRegistry::bsdNameMatching(std::string_view deviceName) {
+    if (deviceName.empty() || deviceName == "." || deviceName == ".." || deviceName.find('/') != std::string_view::npos ||
+        deviceName.find('\0') != std::string_view::npos)
         return std::nullopt;
-    return MatchingDescription{std::string(bsdName)};
+    return MatchingDescription{std::string(deviceName)};
 }
 
 Result<RegistryObject, KernReturn> SysfsRegistry::getMatchingServices(const MatchingDescription& matching) {
-    if (!bsdNameMatching(matching.bsdName)) return Failure{kIOReturnBadArgument};
+    if (!bsdNameMatching(matching.deviceName)) return Failure{kIOReturnBadArgument};
     Object iterator;
-    if (auto dir = tree_->blockDevice(matching.bsdName)) iterator.matches.push_back(std::move(*dir));
+    if (auto dir = tree_->blockDevice(matching.deviceName)) iterator.matches.push_back(std::move(*dir));
     std::lock_guard lock(mutex_);
     const RegistryObject handle = allocateHandleLocked();
     objects_.emplace(handle, std::move(iterator));

@@ -38,7 +38,7 @@ public:
     SysfsRegistry(const SysfsRegistry&) = delete;
     SysfsRegistry& operator=(const SysfsRegistry&) = delete;
 
-    std::optional<MatchingDescription> bsdNameMatching(std::string_view bsdName) override;
+    std::optional<MatchingDescription> bsdNameMatching(std::string_view deviceName) override;
     Result<RegistryObject, KernReturn> getMatchingServices(const MatchingDescription& matching) override;
     RegistryObject iteratorNext(RegistryObject iterator) override;
     Result<std::optional<PropertyValue>, KernReturn> copyProperties(RegistryObject service) override;

@@ -277,9 +277,9 @@ void UnixSocketHelperConnection::invalidate() {
     });
 }
 
-void UnixSocketHelperConnection::fetchSMARTData(const std::string& bsdName, FetchReply reply, ErrorHandler errorHandler) {
+void UnixSocketHelperConnection::fetchSMARTData(const std::string& deviceName, FetchReply reply, ErrorHandler errorHandler) {
     State::Pending pending{std::move(reply), nullptr, std::move(errorHandler)};
-    state_->queue->async([weak = std::weak_ptr<State>(state_), request = protocol::encodedRequest(protocol::FetchRequest{bsdName}),
+    state_->queue->async([weak = std::weak_ptr<State>(state_), request = protocol::encodedRequest(protocol::FetchRequest{deviceName}),
                           pending = std::move(pending)]() mutable {
         if (const auto state = weak.lock()) state->send(std::move(request), std::move(pending));
     });

@@ -28,7 +28,7 @@ public:
     void setInterruptionHandler(std::function<void()> handler) override;
     void resume() override;
     void invalidate() override;
-    void fetchSMARTData(const std::string& bsdName, FetchReply reply, ErrorHandler errorHandler) override;
+    void fetchSMARTData(const std::string& deviceName, FetchReply reply, ErrorHandler errorHandler) override;
     void helperVersion(VersionReply reply, ErrorHandler errorHandler) override;
 
 private:
