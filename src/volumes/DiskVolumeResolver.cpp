@@ -612,6 +612,7 @@ Result<DiskVolumeDescriptor, MonitorError> DiskVolumeResolver::resolve(std::stri
 
     DiskVolumeDescriptor descriptor;
     descriptor.url = resolved;
+    descriptor.mountPoint = statistics->mountPoint;
     descriptor.deviceName = deviceName;
     descriptor.displayName = (values.name && !values.name->empty()) ? *values.name : lastPathComponent(resolved);
 
