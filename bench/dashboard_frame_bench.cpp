@@ -13,7 +13,7 @@
 // ready" is the wall time from the batch to the plot's arrival, most of it spent off the main thread.
 //
 // The real DashboardRootView shows a real DiskIOMonitor in a 1240 × 800 window (its layout makes it
-// taller). The monitor's volume comes from an in-memory registry; batches of 17 synthetic samples
+// taller). The monitor's volume is a made-up block device; batches of 17 synthetic samples
 // (one 16.7 ms delivery at 1 ms) go to applyBatch, where the monitor's own deliveries land.
 //
 // Run:
@@ -42,8 +42,7 @@
 #include "benchmark/DiskPerformanceTester.h"
 #include "concurrency/ManualMainExecutor.h"
 #include "monitor/DiskIOMonitor.h"
-#include "platform/FakeRegistry.h"
-#include "platform/PropertyValue.h"
+#include "support/ScriptedBlockDevices.h"
 #include "platform/linux/PosixFileSystem.h"
 #include "ui/DashboardRootView.h"
 #include "ui/DiskIOChartSection.h"
@@ -107,7 +106,7 @@ public:
         return FileSystemStatistics{"/dev/bench0", "ext4", "/", 4096, 244'140'625, 97'656'250};
     }
     Result<VolumeResourceValues, int> resourceValues(const std::string&) override {
-        return VolumeResourceValues{"Bench", 1'000'000'000'000, 400'000'000'000, std::nullopt, std::nullopt};
+        return VolumeResourceValues{"Bench", 1'000'000'000'000, 400'000'000'000};
     }
 };
 
@@ -208,17 +207,13 @@ int run(const Options& options) {
     // The monitor's own posts (selection, start) run when this program drains them; its sampler
     // is stopped once monitoring has begun, so that only the batches below reach the history.
     auto monitorMain = std::make_shared<ManualMainExecutor>();
-    auto registry = std::make_shared<FakeRegistry>();
-    const auto counters = makeDictionary({{"Bytes (Read)", PropertyValue(std::uint64_t{0})},
-                                          {"Bytes (Write)", PropertyValue(std::uint64_t{0})},
-                                          {"Operations (Read)", PropertyValue(std::uint64_t{0})},
-                                          {"Operations (Write)", PropertyValue(std::uint64_t{0})}});
-    const auto device = registry->addService("block", makeDictionary({{"Statistics", PropertyValue(counters)},
-                                                                      {"Physical Interconnect", "PCI-Express"},
-                                                                      {"vendor", "Bench"},
-                                                                      {"model", "Frame Disk 1TB"}}));
-    registry->addMatch("bench0", device);
-    auto monitor = DiskIOMonitor::create({registry, std::make_shared<BenchVolume>(), monitorMain});
+    auto devices = std::make_shared<testing::ScriptedBlockDevices>();
+    BlockAttachment attachment;
+    attachment.bus = BusKind::pciExpress;
+    attachment.vendor = "Bench";
+    attachment.model = "Frame Disk 1TB";
+    devices->add("bench0", [] { return BlockStatistics{}; }, attachment);
+    auto monitor = DiskIOMonitor::create({devices, std::make_shared<BenchVolume>(), monitorMain});
     auto dashboardMain = std::make_shared<TimedMainExecutor>();
     auto tester = DiskPerformanceTester::create({dashboardMain, std::make_shared<PosixFileSystem>()});
 

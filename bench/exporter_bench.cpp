@@ -3,7 +3,7 @@
 #include <benchmark/benchmark.h>
 
 #include "exporter/MetricsCollector.h"
-#include "platform/FakeRegistry.h"
+#include "support/ScriptedBlockDevices.h"
 
 namespace vantorix {
 namespace {
@@ -18,30 +18,24 @@ public:
     Result<VolumeResourceValues, int> resourceValues(const std::string&) override { return Failure{5}; }
 };
 
-class MovingCounters final : public PropertyDictionary {
-public:
-    std::vector<std::string> keys() const override { return {"Bytes (Read)", "Bytes (Write)", "Operations (Read)", "Operations (Write)"}; }
-    std::optional<PropertyValue> find(std::string_view key) const override {
-        value_ += 1'234'567;
-        if (key == "Operations (Read)" || key == "Operations (Write)") return PropertyValue(value_ / 4096);
-        return PropertyValue(value_);
-    }
-
-private:
-    mutable std::uint64_t value_ = 0;
-};
+// Counters that move on every reading, as a busy device's do.
+BlockStatistics movingCounters(std::uint64_t& value) {
+    value += 2411;
+    BlockStatistics statistics;
+    statistics.sectorsRead = statistics.sectorsWritten = value;
+    statistics.readsCompleted = statistics.writesCompleted = value / 8;
+    return statistics;
+}
 
 struct EightVolumes {
     EightVolumes() {
         exporter::MetricsCollector::Dependencies d;
-        d.registry = registry;
+        d.devices = devices;
         d.files = std::make_shared<FakeFolders>();
         d.samplingInterval = std::chrono::milliseconds(10);
         for (int i = 0; i < 8; ++i) {
             const std::string name = "nvme" + std::to_string(i) + "n1";
-            const auto service = registry->addService(
-                "block", makeDictionary({{"Statistics", PropertyValue(std::make_shared<MovingCounters>())}}));
-            registry->addMatch(name, service);
+            devices->add(name, [value = std::uint64_t{0}]() mutable { return movingCounters(value); });
             d.paths.push_back("/srv/data" + std::to_string(i) + "/" + name);
         }
         collector = std::make_unique<exporter::MetricsCollector>(d);
@@ -49,7 +43,7 @@ struct EightVolumes {
         auto now = exporter::MetricsCollector::Clock::now();
         for (int i = 0; i < 10000; ++i) collector->sample(now += std::chrono::milliseconds(10));
     }
-    std::shared_ptr<FakeRegistry> registry = std::make_shared<FakeRegistry>();
+    std::shared_ptr<testing::ScriptedBlockDevices> devices = std::make_shared<testing::ScriptedBlockDevices>();
     std::unique_ptr<exporter::MetricsCollector> collector;
 };
 

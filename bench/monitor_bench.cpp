@@ -42,11 +42,11 @@
 #include "concurrency/ManualMainExecutor.h"
 #include "concurrency/ThreadAttributes.h"
 #include "monitor/AggregationCoordinator.h"
-#include "monitor/DiskIOKitStatisticsProvider.h"
+#include "monitor/StatisticsSession.h"
 #include "monitor/DiskIOMonitor.h"
 #include "monitor/DiskSample.h"
 #include "platform/linux/LinuxVolumeInfoSource.h"
-#include "platform/linux/SysfsRegistry.h"
+#include "platform/linux/SysfsBlockDevices.h"
 #include "volumes/DiskVolumeResolver.h"
 
 namespace vantorix {
@@ -80,12 +80,12 @@ std::optional<std::string> mountPointOf(const std::string& device) {
 }
 
 // The descriptor the monitor would get for the device: resolved from its mount point when it has
-// one, otherwise just the BSD name (which is all the statistics session matches on).
-DiskVolumeDescriptor benchDescriptor(Registry& registry) {
+// one, otherwise just the device name (which is all the statistics session reads by).
+DiskVolumeDescriptor benchDescriptor(BlockDevices& devices) {
     const std::string device = benchDevice();
     if (const auto mount = mountPointOf(device)) {
         LinuxVolumeInfoSource files;
-        auto resolved = DiskVolumeResolver::resolve(*mount, files, registry);
+        auto resolved = DiskVolumeResolver::resolve(*mount, files, devices);
         if (resolved.ok() && resolved.value().deviceName == device) return resolved.value();
     }
     DiskVolumeDescriptor descriptor;
@@ -107,14 +107,14 @@ double percentile(const std::vector<double>& sorted, double p) {
 // private, so the same calls are made here in the same order).
 
 struct TickBench {
-    std::shared_ptr<SysfsRegistry> registry = std::make_shared<SysfsRegistry>();
+    std::shared_ptr<SysfsBlockDevices> devices = std::make_shared<SysfsBlockDevices>();
     std::unique_ptr<StatisticsSession> session;
-    std::optional<DiskIOKitStatisticsProvider::Snapshot> previous;
+    std::optional<BlockStatistics> previous;
     std::shared_ptr<AggregationCoordinator> coordinator;
     std::string error;
 
     TickBench() {
-        auto created = StatisticsSession::create(registry, benchDescriptor(*registry));
+        auto created = StatisticsSession::create(devices, benchDescriptor(*devices).deviceName);
         if (!created.ok()) {
             error = created.error().description();
             return;
@@ -145,10 +145,10 @@ struct TickBench {
         const auto now = std::chrono::system_clock::now();
         DiskSample sample{Uuid::make(),
                           now,
-                          current.bytesRead - previous->bytesRead,
-                          current.bytesWritten - previous->bytesWritten,
-                          current.readOperations - previous->readOperations,
-                          current.writeOperations - previous->writeOperations};
+                          current.bytesRead() - previous->bytesRead(),
+                          current.bytesWritten() - previous->bytesWritten(),
+                          current.readsCompleted - previous->readsCompleted,
+                          current.writesCompleted - previous->writesCompleted};
         previous = current;
         const auto readBytes = sample.readBytes;
         const auto writeBytes = sample.writeBytes;
@@ -242,7 +242,7 @@ AggregationCoordinator::Payload makeBatch(std::uint64_t first) {
 void BM_ApplyBatchFullHistory(benchmark::State& state) {
     auto main = std::make_shared<ManualMainExecutor>();
     auto monitor = DiskIOMonitor::create(
-        {std::make_shared<SysfsRegistry>(), std::make_shared<LinuxVolumeInfoSource>(), main});
+        {std::make_shared<SysfsBlockDevices>(), std::make_shared<LinuxVolumeInfoSource>(), main});
     std::size_t shown = 0;
     std::uint64_t newest = 0;
     auto subscription = monitor->subscribe([&](const DiskIOMonitor::State& s) {
@@ -400,7 +400,7 @@ void BM_TickIntervalsAt1ms(benchmark::State& state) {
         const auto queuesBefore = threadsNamed("queue");
         auto main = std::make_shared<ManualMainExecutor>();
         auto monitor = DiskIOMonitor::create(
-            {std::make_shared<SysfsRegistry>(), std::make_shared<LinuxVolumeInfoSource>(), main});
+            {std::make_shared<SysfsBlockDevices>(), std::make_shared<LinuxVolumeInfoSource>(), main});
         monitor->setSamplingPrecision(Precision::ms1);
         monitor->selectVolume(*mount);
         main->runUntil([&] { return monitor->state().selectedVolume || monitor->state().errorMessage; }, 10s);

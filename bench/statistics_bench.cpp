@@ -1,5 +1,5 @@
 // Cost of reading a volume's counters: a cached session snapshot against a bare pread of the same
-// sysfs stat file, and a full matching pass over a fixture tree.
+// sysfs stat file, and reading a device's attachment from a fixture tree.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -7,8 +7,8 @@
 #include <filesystem>
 #include <string>
 
-#include "monitor/DiskIOKitStatisticsProvider.h"
-#include "platform/linux/SysfsRegistry.h"
+#include "monitor/StatisticsSession.h"
+#include "platform/linux/SysfsBlockDevices.h"
 
 namespace vantorix {
 namespace {
@@ -40,10 +40,7 @@ void BM_BarePreadOfStat(benchmark::State& state) {
 BENCHMARK(BM_BarePreadOfStat);
 
 void BM_CachedSessionSnapshot(benchmark::State& state) {
-    auto registry = std::make_shared<SysfsRegistry>();
-    DiskVolumeDescriptor volume;
-    volume.deviceName = benchDevice();
-    auto session = StatisticsSession::create(registry, volume);
+    auto session = StatisticsSession::create(std::make_shared<SysfsBlockDevices>(), benchDevice());
     if (!session.ok()) {
         state.SkipWithError(session.error().description().c_str());
         return;
@@ -55,18 +52,19 @@ void BM_CachedSessionSnapshot(benchmark::State& state) {
 }
 BENCHMARK(BM_CachedSessionSnapshot);
 
-void BM_MatchServicesOnNvmeFixture(benchmark::State& state) {
-    SysfsRegistry registry(std::string(VANTORIX_TEST_DATA_DIR) + "/sysfs/nvme-laptop");
+// Reading a device's attachment: the walk up the device tree, done once per selected volume.
+void BM_DeviceOnNvmeFixture(benchmark::State& state) {
+    SysfsBlockDevices devices(std::string(VANTORIX_TEST_DATA_DIR) + "/sysfs/nvme-laptop");
     for (auto _ : state) {
-        auto match = DiskIOKitStatisticsProvider::matchServices(registry, "nvme0n1p2");
-        if (!match.ok()) {
-            state.SkipWithError("no statistics in the fixture");
+        auto device = devices.device("nvme0n1p2");
+        if (!device.ok()) {
+            state.SkipWithError("no such device in the fixture");
             return;
         }
-        for (const auto& entry : match.value().services) registry.release(entry.service);
+        benchmark::DoNotOptimize(device);
     }
 }
-BENCHMARK(BM_MatchServicesOnNvmeFixture);
+BENCHMARK(BM_DeviceOnNvmeFixture);
 
 }  // namespace
 }  // namespace vantorix

@@ -11,7 +11,7 @@
 #include "platform/linux/CurlHttpClient.h"
 #include "platform/linux/LinuxVolumeInfoSource.h"
 #include "platform/linux/PosixFileSystem.h"
-#include "platform/linux/SysfsRegistry.h"
+#include "platform/linux/SysfsBlockDevices.h"
 #include "ui/Appearance.h"
 #include "ui/AboutVantorixView.h"
 #include "ui/DashboardRootView.h"
@@ -48,7 +48,7 @@ VantorixApp::VantorixApp(Options options)
                                      : SmartPipeline::system(mainExecutor_, RegistrationPolicy{true})) {
     ui::completeFontFallbacks();
     // The monitor first, then the tester; both live as long as the application.
-    monitor_ = DiskIOMonitor::create({std::make_shared<SysfsRegistry>(), std::make_shared<LinuxVolumeInfoSource>(), mainExecutor_});
+    monitor_ = DiskIOMonitor::create({std::make_shared<SysfsBlockDevices>(), std::make_shared<LinuxVolumeInfoSource>(), mainExecutor_});
     tester_ = DiskPerformanceTester::create({mainExecutor_, std::make_shared<PosixFileSystem>()}, options_.testParameters);
     smartRefresh_ = smart_.attachRefresh(monitor_, mainExecutor_);
     const services::ServiceConfiguration services =

@@ -18,7 +18,7 @@
 #include "composition/SmartPipeline.h"
 #include "cli/TextTable.h"
 #include "concurrency/LoopMainExecutor.h"
-#include "monitor/DiskIOKitStatisticsProvider.h"
+#include "monitor/StatisticsSession.h"
 #include "platform/linux/PosixFileSystem.h"
 #include "text/Formats.h"
 #include "text/Language.h"
@@ -69,8 +69,8 @@ public:
                     const auto start = startCounters_.find(phase);
                     if (now && start != startCounters_.end() && start->second) {
                         // Counters wrap modulo 2^64, so the difference is right across a wrap.
-                        entry.deviceBytes = isWritePhase(phase) ? now->bytesWritten - start->second->bytesWritten
-                                                                : now->bytesRead - start->second->bytesRead;
+                        entry.deviceBytes = isWritePhase(phase) ? now->bytesWritten() - start->second->bytesWritten()
+                                                                : now->bytesRead() - start->second->bytesRead();
                     }
                 }};
     }
@@ -87,7 +87,7 @@ public:
     DeviceTraffic& operator=(const DeviceTraffic&) = delete;
 
 private:
-    std::optional<StatisticsSession::Snapshot> read() {
+    std::optional<BlockStatistics> read() {
         if (!session_) return std::nullopt;
         auto snapshot = session_->snapshot();
         if (!snapshot) return std::nullopt;
@@ -96,7 +96,7 @@ private:
 
     std::unique_ptr<StatisticsSession> session_;
     mutable std::mutex mutex_;
-    std::map<BenchmarkPhase, std::optional<StatisticsSession::Snapshot>> startCounters_;
+    std::map<BenchmarkPhase, std::optional<BlockStatistics>> startCounters_;
     std::map<BenchmarkPhase, Phase> phases_;
 };
 
@@ -244,7 +244,7 @@ public:
           main_(std::move(main)), interactive_(environment.err == &std::cerr && ::isatty(STDERR_FILENO) == 1) {}
 
     int run() {
-        auto resolved = DiskVolumeResolver::resolve(options_.path, *environment_.files, *environment_.registry);
+        auto resolved = DiskVolumeResolver::resolve(options_.path, *environment_.files, *environment_.devices);
         if (!resolved) return fail(resolved.error().description());
         volume_ = std::move(resolved).value();
 
@@ -260,7 +260,7 @@ public:
         mode.secondsPerProfile = options_.seconds;
         tester_->setTestMode(mode);
 
-        auto session = StatisticsSession::create(environment_.registry, *volume_);
+        auto session = StatisticsSession::create(environment_.devices, volume_->deviceName);
         traffic_ = std::make_unique<DeviceTraffic>(session ? std::move(session).value() : nullptr);
         tester_->setPhaseObserver(traffic_->observer());
 

@@ -15,7 +15,7 @@
 namespace CLI {
 class App;
 }
-#include "platform/Registry.h"
+#include "platform/BlockDevice.h"
 #include "platform/VolumeInfoSource.h"
 
 namespace vantorix::cli {
@@ -25,7 +25,7 @@ enum ExitStatus : int { kSuccess = 0, kFailure = 1, kUsage = 2, kInterrupted = 1
 
 // The platform services a command runs against; tests may hand in others.
 struct Environment {
-    std::shared_ptr<Registry> registry;
+    std::shared_ptr<BlockDevices> devices;
     std::shared_ptr<VolumeInfoSource> files;
     std::ostream* out;
     std::ostream* err;

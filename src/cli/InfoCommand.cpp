@@ -8,9 +8,9 @@
 #include "cli/Commands.h"
 #include "cli/LinkCeilingJson.h"
 #include "cli/TextTable.h"
-#include "monitor/DiskIOKitStatisticsProvider.h"
+#include "monitor/StatisticsSession.h"
 #include "platform/linux/LinuxVolumeInfoSource.h"
-#include "platform/linux/SysfsRegistry.h"
+#include "platform/linux/SysfsBlockDevices.h"
 #include "text/Formats.h"
 #include "text/Language.h"
 #include "volumes/DiskVolumeResolver.h"
@@ -44,14 +44,14 @@ std::string counterLine(std::uint64_t bytes) {
 }  // namespace
 
 Environment Environment::system() {
-    return Environment{std::make_shared<SysfsRegistry>(), std::make_shared<LinuxVolumeInfoSource>(), &std::cout,
+    return Environment{std::make_shared<SysfsBlockDevices>(), std::make_shared<LinuxVolumeInfoSource>(), &std::cout,
                        &std::cerr};
 }
 
 int runInfo(const InfoOptions& options, Environment& environment) {
     auto& out = *environment.out;
     auto& err = *environment.err;
-    auto descriptor = DiskVolumeResolver::resolve(options.path, *environment.files, *environment.registry);
+    auto descriptor = DiskVolumeResolver::resolve(options.path, *environment.files, *environment.devices);
     if (!descriptor.ok()) {
         err << descriptor.error().description() << '\n';
         if (options.json) {
@@ -65,8 +65,8 @@ int runInfo(const InfoOptions& options, Environment& environment) {
     const auto& volume = descriptor.value();
 
     std::optional<MonitorError> statisticsError;
-    std::optional<DiskIOKitStatisticsProvider::Snapshot> snapshot;
-    auto session = StatisticsSession::create(environment.registry, volume);
+    std::optional<BlockStatistics> snapshot;
+    auto session = StatisticsSession::create(environment.devices, volume.deviceName);
     if (session.ok()) {
         auto read = session.value()->snapshot();
         if (read.ok()) snapshot = read.value();
@@ -90,10 +90,10 @@ int runInfo(const InfoOptions& options, Environment& environment) {
             {"linkCeiling", linkCeilingJson(volume.link)},
         };
         if (snapshot) {
-            document["statistics"] = ordered_json{{"bytesRead", snapshot->bytesRead},
-                                                  {"bytesWritten", snapshot->bytesWritten},
-                                                  {"readOperations", snapshot->readOperations},
-                                                  {"writeOperations", snapshot->writeOperations}};
+            document["statistics"] = ordered_json{{"bytesRead", snapshot->bytesRead()},
+                                                  {"bytesWritten", snapshot->bytesWritten()},
+                                                  {"readOperations", snapshot->readsCompleted},
+                                                  {"writeOperations", snapshot->writesCompleted}};
         } else {
             document["statistics"] = nullptr;
             document["error"] = ordered_json{{"code", statisticsError->name()},
@@ -104,7 +104,7 @@ int runInfo(const InfoOptions& options, Environment& environment) {
         std::vector<std::pair<std::string, std::string>> rows{
             {text::localized("卷", "Volume"), volume.displayName},
             {text::localized("路径", "Path"), volume.url},
-            {text::localized("BSD 名称", "BSD name"), volume.deviceName},
+            {text::localized("设备", "Device"), volume.deviceName},
             {text::localized("文件系统", "File system"),
              volume.fileSystemDescription.value_or(text::localized("文件系统未知", "File system unknown"))},
             {text::localized("总容量", "Total capacity"), capacityLine(volume.totalCapacityBytes)},
@@ -120,10 +120,10 @@ int runInfo(const InfoOptions& options, Environment& environment) {
         rows.emplace_back(text::localized("厂商", "Vendor"), orUnknown(volume.hardwareVendor));
         rows.emplace_back(text::localized("型号", "Model"), orUnknown(volume.hardwareModel));
         if (snapshot) {
-            rows.emplace_back(text::localized("累计读取", "Bytes read"), counterLine(snapshot->bytesRead));
-            rows.emplace_back(text::localized("累计写入", "Bytes written"), counterLine(snapshot->bytesWritten));
-            rows.emplace_back(text::localized("读操作", "Read operations"), std::to_string(snapshot->readOperations));
-            rows.emplace_back(text::localized("写操作", "Write operations"), std::to_string(snapshot->writeOperations));
+            rows.emplace_back(text::localized("累计读取", "Bytes read"), counterLine(snapshot->bytesRead()));
+            rows.emplace_back(text::localized("累计写入", "Bytes written"), counterLine(snapshot->bytesWritten()));
+            rows.emplace_back(text::localized("读操作", "Read operations"), std::to_string(snapshot->readsCompleted));
+            rows.emplace_back(text::localized("写操作", "Write operations"), std::to_string(snapshot->writesCompleted));
         }
         printTable(out, rows);
     }

@@ -83,7 +83,7 @@ int runServe(const ServeOptions& options, Environment& environment) {
     CancellationSource smartCancellation;
 
     exporter::MetricsCollector::Dependencies dependencies;
-    dependencies.registry = environment.registry;
+    dependencies.devices = environment.devices;
     dependencies.files = environment.files;
     dependencies.paths = options.volumes;
     dependencies.mountPoints = systemMountPoints;

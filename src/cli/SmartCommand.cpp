@@ -184,7 +184,7 @@ int fetchOnce(const SmartOptions& options, Environment& environment) {
             cancellation.cancel();
         });
     });
-    auto volume = DiskVolumeResolver::resolve(*options.path, *environment.files, *environment.registry);
+    auto volume = DiskVolumeResolver::resolve(*options.path, *environment.files, *environment.devices);
     if (!volume.ok()) return fail(options, environment, volume.error().name(), volume.error().description());
     const auto pipeline = SmartPipeline::system(main, RegistrationPolicy{false});
     const ApprovalListener approval;
@@ -214,7 +214,7 @@ public:
           pipeline_(SmartPipeline::system(main_, RegistrationPolicy{false})) {}
 
     int run() {
-        monitor_ = DiskIOMonitor::create({environment_.registry, environment_.files, main_});
+        monitor_ = DiskIOMonitor::create({environment_.devices, environment_.files, main_});
         refresh_ = pipeline_.attachRefresh(monitor_, main_);
         refresh_->setRoundObserver([this](const std::string& deviceName, SmartRefresh::Round round) { observeRound(deviceName, round); });
         subscription_ = monitor_->subscribe([this](const DiskIOMonitor::State& state) { observe(state); });

@@ -27,11 +27,11 @@ struct MetricsCollector::Volume {
 
     // The sampling thread's own.
     std::unique_ptr<StatisticsSession> session;
-    std::optional<StatisticsSession::Snapshot> previous;
+    std::optional<BlockStatistics> previous;
     Clock::time_point previousAt{};
 
     // Under the collector's lock.
-    StatisticsSession::Snapshot latest;
+    BlockStatistics latest;
     double lastReadRate = 0;
     double lastWriteRate = 0;
     ThroughputHistogram readHistogram;
@@ -89,13 +89,13 @@ std::size_t MetricsCollector::refreshVolumes() {
     for (const auto& path : wanted) {
         const auto known = std::find_if(volumes_.begin(), volumes_.end(), [&](const auto& v) { return v->path == path; });
         if (known != volumes_.end() && std::find(gone.begin(), gone.end(), (*known)->id) == gone.end()) continue;
-        auto descriptor = DiskVolumeResolver::resolve(path, *dependencies_.files, *dependencies_.registry);
+        auto descriptor = DiskVolumeResolver::resolve(path, *dependencies_.files, *dependencies_.devices);
         if (!descriptor) {
             logger().debug("Not watching {}: {}", path, descriptor.error().description());
             continue;
         }
         if (watched(descriptor->deviceName)) continue;
-        auto session = StatisticsSession::create(dependencies_.registry, *descriptor);
+        auto session = StatisticsSession::create(dependencies_.devices, descriptor->deviceName);
         if (!session) {
             logger().debug("Not watching {}: {}", path, session.error().description());
             continue;
@@ -131,7 +131,7 @@ std::size_t MetricsCollector::refreshVolumes() {
 // One volume's reading in a sample, taken before the lock and folded in under it.
 struct MetricsCollector::Reading {
     Volume* volume;
-    std::optional<StatisticsSession::Snapshot> snapshot;
+    std::optional<BlockStatistics> snapshot;
     double readRate = 0;
     double writeRate = 0;
     bool interval = false;
@@ -147,8 +147,8 @@ void MetricsCollector::sample(Clock::time_point now) {
             if (volume->previous && now > volume->previousAt) {
                 const double elapsed = seconds(now - volume->previousAt);
                 // Unsigned differences: the counters wrap modulo 2^64.
-                reading.readRate = static_cast<double>(snapshot->bytesRead - volume->previous->bytesRead) / elapsed;
-                reading.writeRate = static_cast<double>(snapshot->bytesWritten - volume->previous->bytesWritten) / elapsed;
+                reading.readRate = static_cast<double>(snapshot->bytesRead() - volume->previous->bytesRead()) / elapsed;
+                reading.writeRate = static_cast<double>(snapshot->bytesWritten() - volume->previous->bytesWritten()) / elapsed;
                 reading.interval = true;
             }
             volume->previous = *snapshot;
@@ -225,10 +225,10 @@ Exposition MetricsCollector::scrape(const std::string& scraperKey) {
     for (const auto& volume : volumes_) {
         VolumeFigures figures;
         figures.labels = volume->labels;
-        figures.readBytes = volume->latest.bytesRead;
-        figures.writtenBytes = volume->latest.bytesWritten;
-        figures.reads = volume->latest.readOperations;
-        figures.writes = volume->latest.writeOperations;
+        figures.readBytes = volume->latest.bytesRead();
+        figures.writtenBytes = volume->latest.bytesWritten();
+        figures.reads = volume->latest.readsCompleted;
+        figures.writes = volume->latest.writesCompleted;
         const auto peak = scraper->peaks.find(volume->id);
         figures.readPeak = peak != scraper->peaks.end() ? peak->second.read : volume->lastReadRate;
         figures.writePeak = peak != scraper->peaks.end() ? peak->second.write : volume->lastWriteRate;

@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "exporter/Exposition.h"
-#include "monitor/DiskIOKitStatisticsProvider.h"
-#include "platform/Registry.h"
+#include "monitor/StatisticsSession.h"
+#include "platform/BlockDevice.h"
 #include "platform/VolumeInfoSource.h"
 
 namespace vantorix::exporter {
@@ -34,7 +34,7 @@ public:
     };
 
     struct Dependencies {
-        std::shared_ptr<Registry> registry;
+        std::shared_ptr<BlockDevices> devices;
         std::shared_ptr<VolumeInfoSource> files;
         // The folders to watch; when empty, whatever `mountPoints` lists at each refresh.
         std::vector<std::string> paths;

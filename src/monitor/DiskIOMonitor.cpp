@@ -83,7 +83,7 @@ AggregationCoordinator& DiskIOMonitor::coordinator() {
 void DiskIOMonitor::selectVolume(std::string_view url) {
     stopMonitoring(true);
     if (follower_) follower_->cancel();
-    auto resolved = DiskVolumeResolver::resolve(url, *dependencies_.files, *dependencies_.registry);
+    auto resolved = DiskVolumeResolver::resolve(url, *dependencies_.files, *dependencies_.devices);
     dependencies_.mainExecutor->post(weakly(weak_from_this(), [resolved = std::move(resolved)](DiskIOMonitor& self) {
         if (!resolved.ok()) {
             monitorLog().error("Volume selection failed: {}", resolved.error().description());
@@ -132,7 +132,7 @@ void DiskIOMonitor::startMonitoring() {
 
 void DiskIOMonitor::beginSampling(DiskVolumeDescriptor descriptor) {
     previousSnapshot_.reset();
-    auto session = StatisticsSession::create(dependencies_.registry, std::move(descriptor));
+    auto session = StatisticsSession::create(dependencies_.devices, descriptor.deviceName);
     if (!session.ok()) {
         failOnMonitorQueue(session.error());
         return;
@@ -144,7 +144,7 @@ void DiskIOMonitor::beginSampling(DiskVolumeDescriptor descriptor) {
     }
     currentStatisticsSession_ = std::move(session.value());
     previousSnapshot_ = first.value();
-    monitorLog().debug("Monitoring {} every {} ms", currentStatisticsSession_->descriptor().deviceName,
+    monitorLog().debug("Monitoring {} every {} ms", currentStatisticsSession_->deviceName(),
                        rawValue(queuePrecision_));
 
     timer_ = std::make_unique<RepeatingTimer>(*monitorQueue_);
@@ -166,7 +166,7 @@ void DiskIOMonitor::tick() {
     process(snapshot.value());
 }
 
-void DiskIOMonitor::process(const DiskIOKitStatisticsProvider::Snapshot& snapshot) {
+void DiskIOMonitor::process(const BlockStatistics& snapshot) {
     const auto now = std::chrono::system_clock::now();
     if (!previousSnapshot_) {
         previousSnapshot_ = snapshot;
@@ -175,10 +175,10 @@ void DiskIOMonitor::process(const DiskIOKitStatisticsProvider::Snapshot& snapsho
     const auto& previous = *previousSnapshot_;
     DiskSample sample{Uuid::make(),
                       now,
-                      snapshot.bytesRead - previous.bytesRead,
-                      snapshot.bytesWritten - previous.bytesWritten,
-                      snapshot.readOperations - previous.readOperations,
-                      snapshot.writeOperations - previous.writeOperations};
+                      snapshot.bytesRead() - previous.bytesRead(),
+                      snapshot.bytesWritten() - previous.bytesWritten(),
+                      snapshot.readsCompleted - previous.readsCompleted,
+                      snapshot.writesCompleted - previous.writesCompleted};
     previousSnapshot_ = snapshot;
     const auto readBytes = sample.readBytes;
     const auto writeBytes = sample.writeBytes;

@@ -13,10 +13,10 @@
 #include "concurrency/RepeatingTimer.h"
 #include "concurrency/SerialQueue.h"
 #include "monitor/AggregationCoordinator.h"
-#include "monitor/DiskIOKitStatisticsProvider.h"
 #include "monitor/DiskSample.h"
 #include "monitor/FixedRingBuffer.h"
-#include "platform/Registry.h"
+#include "monitor/StatisticsSession.h"
+#include "platform/BlockDevice.h"
 #include "platform/VolumeInfoSource.h"
 #include "volumes/DiskVolumeDescriptor.h"
 #include "volumes/MonitorError.h"
@@ -78,7 +78,7 @@ public:
     };
 
     struct Dependencies {
-        std::shared_ptr<Registry> registry;
+        std::shared_ptr<BlockDevices> devices;
         std::shared_ptr<VolumeInfoSource> files;
         std::shared_ptr<MainExecutor> mainExecutor;
         // How often the samples travel to the main thread in one batch. A front end that looks at
@@ -120,7 +120,7 @@ private:
     explicit DiskIOMonitor(Dependencies dependencies);
     void beginSampling(DiskVolumeDescriptor descriptor);   // monitor queue
     void tick();                                           // monitor queue
-    void process(const DiskIOKitStatisticsProvider::Snapshot& snapshot);  // monitor queue
+    void process(const BlockStatistics& snapshot);          // monitor queue
     void failOnMonitorQueue(const MonitorError& error);    // monitor queue
     AggregationCoordinator& coordinator();
 
@@ -131,7 +131,7 @@ private:
     std::shared_ptr<SelectionFollower> follower_;
 
     // Monitor queue state.
-    std::optional<DiskIOKitStatisticsProvider::Snapshot> previousSnapshot_;
+    std::optional<BlockStatistics> previousSnapshot_;
     std::unique_ptr<StatisticsSession> currentStatisticsSession_;
     std::unique_ptr<RepeatingTimer> timer_;
     SamplingPrecision queuePrecision_ = SamplingPrecision::ms1000;  // the precision the queue schedules with

@@ -22,9 +22,7 @@ struct FileSystemStatistics {
 struct VolumeResourceValues {
     std::optional<std::string> name;
     std::optional<std::uint64_t> totalCapacity;
-    std::optional<std::uint64_t> availableCapacity;
-    std::optional<std::uint64_t> availableCapacityForImportantUsage;
-    std::optional<std::uint64_t> availableCapacityForOpportunisticUsage;
+    std::optional<std::uint64_t> availableCapacity;  // what an unprivileged user may still use
 };
 
 // File-system queries the volume resolver needs. Errors carry an errno value.

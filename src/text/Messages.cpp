@@ -37,8 +37,8 @@ std::string feedbackServerError(int statusCode) {
     return compose("提交失败：服务器错误（{}）", "Submission failed: server error ({})", statusCode);
 }
 
-std::string statisticsMatchingFailed(std::int32_t code) {
-    return compose("IOKit 匹配失败，错误码：{}。", "IOKit matching failed with code: {}.", code);
+std::string sysfsReadFailed(std::string_view detail) {
+    return compose("读取块设备的 sysfs 信息失败：{}。", "Reading the block device's sysfs entry failed: {}.", detail);
 }
 
 std::string reportExportFailed(std::string_view reason) {

@@ -15,7 +15,7 @@ std::string downloadFailed(std::string_view reason);
 std::string updateCheckFailed(std::string_view reason);
 std::string feedbackAccepted(std::string_view feedbackId);
 std::string feedbackServerError(int statusCode);
-std::string statisticsMatchingFailed(std::int32_t code);
+std::string sysfsReadFailed(std::string_view detail);
 std::string reportExportFailed(std::string_view reason);
 std::string automaticReportExportFailed(std::string_view reason);
 std::string automaticReportSaved(std::string_view path);

@@ -1,12 +1,10 @@
 #pragma once
 
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
-#include "platform/PropertyValue.h"
-#include "platform/Registry.h"
+#include "platform/BlockDevice.h"
 #include "platform/VolumeInfoSource.h"
 #include "util/Result.h"
 #include "volumes/DiskVolumeDescriptor.h"
@@ -20,6 +18,7 @@ namespace vantorix {
 struct DiskVolumeResolver {
     DiskVolumeResolver() = delete;
 
+    // The attachment as people read it: "USB 3.0" at "5Gbps", "PCIe" at "8.0 GT/s PCIe x4".
     struct ConnectionMetadata {
         std::string type;
         std::optional<std::string> speed;
@@ -31,29 +30,11 @@ struct DiskVolumeResolver {
 
     // `url` is a path, absolute or relative to the working directory, or a "file://" URL.
     static Result<DiskVolumeDescriptor, MonitorError> resolve(std::string_view url, VolumeInfoSource& files,
-                                                              Registry& registry);
-    static ConnectionMetadata connectionMetadata(Registry& registry, std::string_view deviceName);
-    // The figures of the link the device behind `deviceName` hangs on, found on the nearest service
-    // (the matched one or an ancestor) that has them for the kind of bus the device is on; nothing
-    // for buses without such figures (virtual devices, virtio, network transports).
-    static std::optional<LinkCeiling> linkCeiling(Registry& registry, std::string_view deviceName);
-    // The link figures one service's properties hold for a bus of `kind`: "LinkDescription" and
-    // "MaxLinkDescription" for PCIe and SATA, "Device Speed" with "version" or "bcdUSB" for USB,
-    // "ThunderboltGeneration" for Thunderbolt.
-    static std::optional<LinkCeiling> linkFacts(LinkKind kind, const PropertyDictionary& properties);
-
-    // The pieces of the connection rules, exposed for tests and for reuse.
-    static std::optional<std::string> linkSpeed(const PropertyDictionary& properties);
-    static std::optional<std::string> speedText(double value);
-    static std::optional<std::string> describeLinkText(std::string_view text);
-    static std::optional<std::string> vendor(const PropertyDictionary& properties);
-    static std::optional<std::string> model(const PropertyDictionary& properties);
-
-    struct UsbRow {
-        std::string type;
-        std::string speed;
-    };
-    static std::optional<UsbRow> usbLookup(const PropertyDictionary& properties);
+                                                              BlockDevices& devices);
+    static ConnectionMetadata connectionMetadata(const BlockAttachment& attachment);
+    // The figures of the link the drive hangs on; nothing for buses without such figures (virtual
+    // devices, virtio, network transports) or when the link does not report them.
+    static std::optional<LinkCeiling> linkCeiling(const BlockAttachment& attachment);
 };
 
 }  // namespace vantorix

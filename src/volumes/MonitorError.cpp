@@ -7,10 +7,10 @@ namespace vantorix {
 
 std::string MonitorError::description() const {
     switch (code_) {
-        case Code::ioKitMatchingFailed: return text::statisticsMatchingFailed(resultCode_);
+        case Code::sysfsReadFailed: return text::sysfsReadFailed(detail_);
         case Code::invalidSelection: return text::localized("请选择一个有效的卷。", "Please select a valid volume.");
-        case Code::bsdNameResolutionFailed:
-            return text::localized("无法解析所选路径对应的 BSD 名称。", "Failed to resolve the BSD name for the selected path.");
+        case Code::blockDeviceNotFound:
+            return text::localized("无法找到所选路径对应的块设备。", "Failed to find the block device of the selected path.");
         case Code::statisticsUnavailable:
             return text::localized("无法获取该卷的统计信息。", "Unable to fetch statistics for the selected volume.");
         case Code::monitorStopped: return text::localized("监控已停止。", "Monitoring has been stopped.");
@@ -20,9 +20,9 @@ std::string MonitorError::description() const {
 
 const char* MonitorError::name() const {
     switch (code_) {
-        case Code::ioKitMatchingFailed: return "ioKitMatchingFailed";
+        case Code::sysfsReadFailed: return "sysfsReadFailed";
         case Code::invalidSelection: return "invalidSelection";
-        case Code::bsdNameResolutionFailed: return "bsdNameResolutionFailed";
+        case Code::blockDeviceNotFound: return "blockDeviceNotFound";
         case Code::statisticsUnavailable: return "statisticsUnavailable";
         case Code::monitorStopped: return "monitorStopped";
     }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstdint>
 #include <string>
 
 namespace vantorix {
@@ -9,17 +8,18 @@ namespace vantorix {
 // language at the moment it is made.
 class MonitorError {
 public:
-    enum class Code { ioKitMatchingFailed, invalidSelection, bsdNameResolutionFailed, statisticsUnavailable, monitorStopped };
+    enum class Code { sysfsReadFailed, invalidSelection, blockDeviceNotFound, statisticsUnavailable, monitorStopped };
 
-    static MonitorError ioKitMatchingFailed(std::int32_t resultCode) { return {Code::ioKitMatchingFailed, resultCode}; }
-    static MonitorError invalidSelection() { return {Code::invalidSelection, 0}; }
-    static MonitorError bsdNameResolutionFailed() { return {Code::bsdNameResolutionFailed, 0}; }
-    static MonitorError statisticsUnavailable() { return {Code::statisticsUnavailable, 0}; }
-    static MonitorError monitorStopped() { return {Code::monitorStopped, 0}; }
+    // `detail` names the sysfs path and what went wrong with it.
+    static MonitorError sysfsReadFailed(std::string detail) { return {Code::sysfsReadFailed, std::move(detail)}; }
+    static MonitorError invalidSelection() { return {Code::invalidSelection, {}}; }
+    static MonitorError blockDeviceNotFound() { return {Code::blockDeviceNotFound, {}}; }
+    static MonitorError statisticsUnavailable() { return {Code::statisticsUnavailable, {}}; }
+    static MonitorError monitorStopped() { return {Code::monitorStopped, {}}; }
 
     Code code() const { return code_; }
-    // The platform result code carried by ioKitMatchingFailed; 0 for the other cases.
-    std::int32_t resultCode() const { return resultCode_; }
+    // What sysfsReadFailed carries; empty for the other cases.
+    const std::string& detail() const { return detail_; }
     std::string description() const;
     // Stable case name, for logs and JSON.
     const char* name() const;
@@ -27,9 +27,9 @@ public:
     friend bool operator==(const MonitorError&, const MonitorError&) = default;
 
 private:
-    MonitorError(Code code, std::int32_t resultCode) : code_(code), resultCode_(resultCode) {}
+    MonitorError(Code code, std::string detail) : code_(code), detail_(std::move(detail)) {}
     Code code_;
-    std::int32_t resultCode_;
+    std::string detail_;
 };
 
 }  // namespace vantorix

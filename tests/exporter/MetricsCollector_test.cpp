@@ -4,7 +4,7 @@
 
 #include "exporter/MetricsCollector.h"
 #include "monitor/FakeVolumes.h"
-#include "platform/FakeRegistry.h"
+#include "support/ScriptedBlockDevices.h"
 
 namespace vantorix::exporter {
 namespace {
@@ -12,31 +12,28 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = MetricsCollector::Clock;
 
-// Block-layer counters the test sets.
-class Counters final : public PropertyDictionary {
-public:
-    std::vector<std::string> keys() const override { return {"Bytes (Read)", "Bytes (Write)", "Operations (Read)", "Operations (Write)"}; }
-    std::optional<PropertyValue> find(std::string_view key) const override {
-        if (key == "Bytes (Read)") return PropertyValue(read.load());
-        if (key == "Bytes (Write)") return PropertyValue(written.load());
-        if (key == "Operations (Read)") return PropertyValue(read.load() / 4096);
-        if (key == "Operations (Write)") return PropertyValue(written.load() / 4096);
-        return std::nullopt;
+// Block-layer counters the test sets, in sectors of 512 bytes.
+struct Counters {
+    BlockStatistics read() const {
+        BlockStatistics s;
+        s.sectorsRead = sectorsRead.load();
+        s.sectorsWritten = sectorsWritten.load();
+        s.readsCompleted = s.sectorsRead / 8;
+        s.writesCompleted = s.sectorsWritten / 8;
+        return s;
     }
-    std::atomic<std::uint64_t> read{0};
-    std::atomic<std::uint64_t> written{0};
+    std::atomic<std::uint64_t> sectorsRead{0};
+    std::atomic<std::uint64_t> sectorsWritten{0};
 };
 
 class MetricsCollectorTest : public ::testing::Test {
 protected:
-    FakeRegistry::ServiceId addDevice(const std::string& name, const std::shared_ptr<Counters>& counters) {
-        const auto service = registry_->addService("block", makeDictionary({{"Statistics", PropertyValue(counters)}}));
-        registry_->addMatch(name, service);
-        return service;
+    void addDevice(const std::string& name, const std::shared_ptr<Counters>& counters) {
+        devices_->add(name, [counters] { return counters->read(); });
     }
     MetricsCollector::Dependencies dependencies() {
         MetricsCollector::Dependencies d;
-        d.registry = registry_;
+        d.devices = devices_;
         d.files = std::make_shared<AnyPathOnFakeDisk>();
         d.mountPoints = [this] { return mounts_; };
         d.samplingInterval = 10ms;
@@ -44,14 +41,14 @@ protected:
         return d;
     }
 
-    std::shared_ptr<FakeRegistry> registry_ = std::make_shared<FakeRegistry>();
+    std::shared_ptr<testing::ScriptedBlockDevices> devices_ = std::make_shared<testing::ScriptedBlockDevices>();
     std::vector<std::string> mounts_;
 };
 
 TEST_F(MetricsCollectorTest, BurstPeaksBelongToEachScraperAndRestartAtItsScrape) {
     auto counters = std::make_shared<Counters>();
     // Near the wrap: the next steps carry the counter past 2^64.
-    counters->written = std::numeric_limits<std::uint64_t>::max() - 1'000'000;
+    counters->sectorsWritten = std::numeric_limits<std::uint64_t>::max() - 1000;
     addDevice("fake0", counters);
     mounts_ = {"/volumes/fake0"};
     MetricsCollector collector(dependencies());
@@ -61,28 +58,28 @@ TEST_F(MetricsCollectorTest, BurstPeaksBelongToEachScraperAndRestartAtItsScrape)
     collector.sample(t0);  // the baseline: no interval yet
     EXPECT_EQ(collector.scrape("a").volumes.at(0).writePeak, 0);
 
-    // Each step: bytes written in the next 10 ms, then which scrapers scrape and the peak each sees.
+    // Each step: sectors written in the next 10 ms, then which scrapers scrape and the peak each sees.
     struct Step {
-        std::uint64_t bytes;
+        std::uint64_t sectors;
         std::vector<std::pair<std::string, double>> scrapes;
     };
     const std::vector<Step> steps{
-        {1'000'000, {}},                              // 100 MB/s, across the wrap
-        {5'000'000, {}},                              // 500 MB/s
-        {2'000'000, {{"a", 500e6}, {"b", 200e6}}},   // b is new: it gets the last interval
-        {1'000'000, {{"a", 100e6}}},
-        {3'000'000, {{"b", 300e6}, {"a", 300e6}}},  // b's window began at its first scrape
+        {2000, {}},                                     // 102.4 MB/s, across the wrap
+        {10000, {}},                                    // 512 MB/s
+        {4000, {{"a", 512e6}, {"b", 204.8e6}}},         // b is new: it gets the last interval
+        {2000, {{"a", 102.4e6}}},
+        {6000, {{"b", 307.2e6}, {"a", 307.2e6}}},       // b's window began at its first scrape
         {0, {{"a", 0}}},
     };
     auto now = t0;
     for (std::size_t i = 0; i < steps.size(); ++i) {
-        counters->written += steps[i].bytes;
+        counters->sectorsWritten += steps[i].sectors;
         now += 10ms;
         collector.sample(now);
         for (const auto& [scraper, peak] : steps[i].scrapes) {
             const auto figures = collector.scrape(scraper).volumes.at(0);
             EXPECT_NEAR(figures.writePeak, peak, 1) << "step " << i << " scraper " << scraper;
-            EXPECT_EQ(figures.writtenBytes, counters->written.load());
+            EXPECT_EQ(figures.writtenBytes, counters->sectorsWritten.load() * 512);
         }
     }
     // A scrape with no interval since reports the last interval's throughput.
@@ -101,7 +98,7 @@ TEST_F(MetricsCollectorTest, BurstPeaksBelongToEachScraperAndRestartAtItsScrape)
 TEST_F(MetricsCollectorTest, VolumesComeAndGoAndSmartIsAskedAtMostOncePerInterval) {
     auto first = std::make_shared<Counters>();
     auto second = std::make_shared<Counters>();
-    const auto firstService = addDevice("fake0", first);
+    addDevice("fake0", first);
     addDevice("fake1", second);
     // The same device twice counts once; a folder that does not resolve is passed over.
     mounts_ = {"/volumes/fake0", "/other/fake0", "/missing/fake2", "/volumes/fake1"};
@@ -140,7 +137,7 @@ TEST_F(MetricsCollectorTest, VolumesComeAndGoAndSmartIsAskedAtMostOncePerInterva
     }
 
     // A device whose counters vanish is dropped at the next reading; an unmounted one at the next refresh.
-    registry_->removeService(firstService);
+    devices_->remove("fake0");
     collector.sample(t0);
     ASSERT_EQ(collector.volumeCount(), 1u);
     EXPECT_EQ(collector.scrape("a").volumes.at(0).labels.device, "fake1");

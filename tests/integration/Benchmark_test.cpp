@@ -15,7 +15,7 @@
 #include "log/Log.h"
 #include "platform/linux/LinuxVolumeInfoSource.h"
 #include "platform/linux/PosixFileSystem.h"
-#include "platform/linux/SysfsRegistry.h"
+#include "platform/linux/SysfsBlockDevices.h"
 #include "support/LoopVolume.h"
 #include "support/Process.h"
 #include "support/ScopedEnvironment.h"
@@ -97,8 +97,8 @@ protected:
 
     DiskVolumeDescriptor resolve() {
         LinuxVolumeInfoSource files;
-        SysfsRegistry registry;
-        auto descriptor = DiskVolumeResolver::resolve(volume_->mountPoint(), files, registry);
+        SysfsBlockDevices devices;
+        auto descriptor = DiskVolumeResolver::resolve(volume_->mountPoint(), files, devices);
         EXPECT_TRUE(descriptor.ok());
         return descriptor.value();
     }

@@ -13,7 +13,7 @@
 #include "concurrency/ManualMainExecutor.h"
 #include "monitor/DiskIOMonitor.h"
 #include "platform/linux/LinuxVolumeInfoSource.h"
-#include "platform/linux/SysfsRegistry.h"
+#include "platform/linux/SysfsBlockDevices.h"
 #include "support/BlockDevice.h"
 #include "support/LoopVolume.h"
 #include "support/Process.h"
@@ -50,7 +50,7 @@ protected:
         volume_ = LoopVolume::create("VTXMON", 160ull * 1024 * 1024, &error);
         ASSERT_TRUE(volume_) << error;
         monitor_ = DiskIOMonitor::create(
-            {std::make_shared<SysfsRegistry>(), std::make_shared<LinuxVolumeInfoSource>(), main_});
+            {std::make_shared<SysfsBlockDevices>(), std::make_shared<LinuxVolumeInfoSource>(), main_});
     }
     void TearDown() override {
         if (monitor_) {

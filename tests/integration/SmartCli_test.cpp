@@ -200,7 +200,7 @@ TEST(SmartCliHelper, SaysWhyTheHelperCannotBeAskedAndHowToEnableIt) {
         {with(kEnglish, {{"VANTORIX_DISABLE_PRIVILEGED_OPERATIONS", "1"}}), {"/"},
          "Privileged operations are disabled here (Manual override: VANTORIX_DISABLE_PRIVILEGED_OPERATIONS), so SMART "
          "data cannot be read.\n"},
-        {kEnglish, {"/missing-folder-of-vantorix"}, "Failed to resolve the BSD name for the selected path.\n"},
+        {kEnglish, {"/missing-folder-of-vantorix"}, "Failed to find the block device of the selected path.\n"},
     };
     for (const auto& c : cases) {
         const auto result = smart(c.args, c.environment);

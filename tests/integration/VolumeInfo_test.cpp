@@ -12,9 +12,9 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "monitor/DiskIOKitStatisticsProvider.h"
+#include "monitor/StatisticsSession.h"
 #include "platform/linux/LinuxVolumeInfoSource.h"
-#include "platform/linux/SysfsRegistry.h"
+#include "platform/linux/SysfsBlockDevices.h"
 #include "support/BlockDevice.h"
 #include "support/LoopVolume.h"
 #include "support/Process.h"
@@ -123,11 +123,11 @@ TEST_F(LoopVolumeTest, InfoOnASubfolderDescribesTheLoopVolume) {
 }
 
 TEST_F(LoopVolumeTest, DirectWritesRaiseTheWriteCounterBySixteenMebibytes) {
-    auto registry = std::make_shared<SysfsRegistry>();
+    auto devices = std::make_shared<SysfsBlockDevices>();
     LinuxVolumeInfoSource files;
-    auto descriptor = DiskVolumeResolver::resolve(volume_->mountPoint(), files, *registry);
+    auto descriptor = DiskVolumeResolver::resolve(volume_->mountPoint(), files, *devices);
     ASSERT_TRUE(descriptor.ok());
-    auto session = StatisticsSession::create(registry, descriptor.value());
+    auto session = StatisticsSession::create(devices, descriptor->deviceName);
     ASSERT_TRUE(session.ok()) << session.error().description();
     const auto before = session.value()->snapshot();
     ASSERT_TRUE(before.ok());
@@ -136,13 +136,13 @@ TEST_F(LoopVolumeTest, DirectWritesRaiseTheWriteCounterBySixteenMebibytes) {
 
     const auto after = session.value()->snapshot();
     ASSERT_TRUE(after.ok());
-    EXPECT_GE(after.value().bytesWritten - before.value().bytesWritten, 16u << 20);
-    EXPECT_GE(after.value().writeOperations - before.value().writeOperations, 1u);
+    EXPECT_GE(after.value().bytesWritten() - before.value().bytesWritten(), 16u << 20);
+    EXPECT_GE(after.value().writesCompleted - before.value().writesCompleted, 1u);
     // The session reads the loop device's own counters, which the CLI shows too.
     const auto run = cli({"info", volume_->mountPoint(), "--json"});
     const auto stat = deviceCounters(volume_->deviceName());
     EXPECT_LE(json::parse(run.out)["statistics"]["bytesWritten"].get<std::uint64_t>(), stat[1]);
-    EXPECT_GE(json::parse(run.out)["statistics"]["bytesWritten"].get<std::uint64_t>(), after.value().bytesWritten);
+    EXPECT_GE(json::parse(run.out)["statistics"]["bytesWritten"].get<std::uint64_t>(), after.value().bytesWritten());
 }
 
 TEST(VolumeInfoIntegration, BadPathsGiveOnlyTheErrorText) {
@@ -158,11 +158,11 @@ TEST(VolumeInfoIntegration, BadPathsGiveOnlyTheErrorText) {
         std::string text;
     };
     const std::vector<Case> cases{
-        {dir + "/missing", kEnglish, "Failed to resolve the BSD name for the selected path."},
-        {dir + "/missing", kChinese, "无法解析所选路径对应的 BSD 名称。"},
+        {dir + "/missing", kEnglish, "Failed to find the block device of the selected path."},
+        {dir + "/missing", kChinese, "无法找到所选路径对应的块设备。"},
         {"", kEnglish, "Please select a valid volume."},
         {"", kChinese, "请选择一个有效的卷。"},
-        {loop, kEnglish, "Failed to resolve the BSD name for the selected path."},
+        {loop, kEnglish, "Failed to find the block device of the selected path."},
         {"ftp://host/x", kEnglish, "Please select a valid volume."},
     };
     for (const auto& c : cases) {

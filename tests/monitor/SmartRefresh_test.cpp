@@ -7,7 +7,7 @@
 #include "concurrency/ManualMainExecutor.h"
 #include "log/Log.h"
 #include "monitor/SmartRefresh.h"
-#include "platform/FakeRegistry.h"
+#include "support/ScriptedBlockDevices.h"
 #include "support/ScopedEnvironment.h"
 
 namespace vantorix {
@@ -74,7 +74,7 @@ private:
 class SmartRefreshTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        monitor_ = DiskIOMonitor::create({std::make_shared<FakeRegistry>(), std::make_shared<AnyPathOnFakeDisk>(), main_});
+        monitor_ = DiskIOMonitor::create({std::make_shared<testing::ScriptedBlockDevices>(), std::make_shared<AnyPathOnFakeDisk>(), main_});
         refresh_ = SmartRefresh::create(
             monitor_, main_, [this](const std::string& name, const CancellationToken& token) { return (*fetch_)(name, token); },
             20ms);

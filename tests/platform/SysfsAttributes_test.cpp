@@ -1,6 +1,7 @@
 #include "platform/linux/SysfsAttributes.h"
 
 #include "SysfsTestSupport.h"
+#include "platform/BlockStatistics.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -12,53 +13,69 @@
 #include <vector>
 
 namespace vantorix::sysfs {
+
+using vantorix::BlockStatistics;
+using vantorix::parseBlockStatistics;
 namespace {
 
 namespace fs = std::filesystem;
-using testing::describe;
 
-TEST(SysfsAttributeTyping, NumbersTextAndIdentifiers) {
-    struct Case { std::string name, text, expected; };
+TEST(SysfsNumbers, DecimalHexadecimalAndHexLiterals) {
+    struct Case { std::string text; std::optional<std::uint64_t> decimal, hex, literal; };
     const std::vector<Case> cases = {
-        {"size", "1953525168", "n:1953525168"},
-        {"size", "18446744073709551615", "n:18446744073709551615"},
-        {"size", "18446744073709551616", "s:18446744073709551616"},
-        {"numa_node", "-1", "s:-1"},
-        {"dev", "259:0", "s:259:0"},
-        {"size", "", "s:"},
-        {"size", " 42", "s: 42"},
-        {"vendor", "0x144d", "n:5197"},
-        {"device", "0XA808", "n:43016"},
-        {"status", "0x", "s:0x"},
-        {"status", "0x10000000000000000", "s:0x10000000000000000"},
-        {"idVendor", "0781", "n:1921"},
-        {"idProduct", "5583", "n:21891"},
-        {"idProduct", "zz12", "s:zz12"},
-        {"vendor", "ATA     ", "s:ATA     "},
-        {"vendor", "1234", "s:1234"},
-        {"serial", "0123456789", "s:0123456789"},
-        {"manufacturer", "0x1234", "n:4660"},
+        {"1953525168", 1953525168, 0x1953525168, std::nullopt},
+        {"18446744073709551615", 18446744073709551615u, std::nullopt, std::nullopt},
+        {"18446744073709551616", std::nullopt, std::nullopt, std::nullopt},
+        {"-1", std::nullopt, std::nullopt, std::nullopt},
+        {"+1", std::nullopt, std::nullopt, std::nullopt},
+        {"", std::nullopt, std::nullopt, std::nullopt},
+        {" 42", std::nullopt, std::nullopt, std::nullopt},
+        {"0781", 781, 0x0781, std::nullopt},
+        {"zz12", std::nullopt, std::nullopt, std::nullopt},
+        {"0x144d", std::nullopt, std::nullopt, 0x144d},
+        {"0XA808", std::nullopt, std::nullopt, 0xA808},
+        {"0x", std::nullopt, std::nullopt, std::nullopt},
+        {"0x10000000000000000", std::nullopt, std::nullopt, std::nullopt},
     };
-    for (const auto& c : cases)
-        EXPECT_EQ(describe(typedAttribute(c.name, c.text)), c.expected) << c.name << " = '" << c.text << "'";
+    for (const auto& c : cases) {
+        EXPECT_EQ(parseDecimal(c.text), c.decimal) << "'" << c.text << "'";
+        EXPECT_EQ(parseHex(c.text), c.hex) << "'" << c.text << "'";
+        EXPECT_EQ(parseHexLiteral(c.text), c.literal) << "'" << c.text << "'";
+    }
 }
 
-TEST(SysfsBlockStat, ParsesTheCountersOfAStatLine) {
-    struct Case { std::string text; std::optional<BlockStatCounters> expected; };
+TEST(BlockStatisticsText, ParsesEveryFieldTheKernelGives) {
+    const auto stat = [](std::initializer_list<std::uint64_t> fields) {
+        BlockStatistics s;
+        std::uint64_t* target[] = {&s.readsCompleted,    &s.readsMerged,       &s.sectorsRead,      &s.readMilliseconds,
+                                   &s.writesCompleted,   &s.writesMerged,      &s.sectorsWritten,   &s.writeMilliseconds,
+                                   &s.inFlight,          &s.busyMilliseconds,  &s.weightedMilliseconds,
+                                   &s.discardsCompleted, &s.discardsMerged,    &s.sectorsDiscarded, &s.discardMilliseconds,
+                                   &s.flushesCompleted,  &s.flushMilliseconds};
+        std::size_t i = 0;
+        for (const auto value : fields) *target[i++] = value;
+        return s;
+    };
+    struct Case { std::string text; std::optional<BlockStatistics> expected; };
     const std::vector<Case> cases = {
         {"   31289     7505  2552514    16775     5995     6471   337112     1795        0    10272    19060     4705"
          "       78   177032      444      610       44\n",
-         BlockStatCounters{31289, 2552514, 5995, 337112}},
-        {"1 2 3 4 5 6 7", BlockStatCounters{1, 3, 5, 7}},
-        {"\t1\t2\t3\t4\t5\t6\t7\t8\t9\t10\t11\n", BlockStatCounters{1, 3, 5, 7}},
-        {"18446744073709551615 0 18446744073709551615 0 1 0 2", BlockStatCounters{18446744073709551615u,
-                                                                                  18446744073709551615u, 1, 2}},
-        {"1 2 3 4 5 6", std::nullopt},
-        {"1 2 3 x 5 6 7", std::nullopt},
+         stat({31289, 7505, 2552514, 16775, 5995, 6471, 337112, 1795, 0, 10272, 19060, 4705, 78, 177032, 444, 610, 44})},
+        {"\t1\t2\t3\t4\t5\t6\t7\t8\t9\t10\t11\n", stat({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11})},
+        {"1 2 3 4 5 6 7 8 9 10 11 12 13 14 15", stat({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15})},
+        {"1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19", stat({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17})},
+        {"18446744073709551615 0 18446744073709551615 0 1 0 2 0 0 0 0",
+         stat({18446744073709551615u, 0, 18446744073709551615u, 0, 1, 0, 2, 0, 0, 0, 0})},
+        {"1 2 3 4 5 6 7", std::nullopt},
+        {"1 2 3 x 5 6 7 8 9 10 11", std::nullopt},
         {"1 2 3 4 5 6 7 8 9 10 eleven", std::nullopt},
-        {"1 2 18446744073709551616 4 5 6 7", std::nullopt},
+        {"1 2 18446744073709551616 4 5 6 7 8 9 10 11", std::nullopt},
+        {"", std::nullopt},
     };
-    for (const auto& c : cases) EXPECT_EQ(parseBlockStat(c.text), c.expected) << "'" << c.text << "'";
+    for (const auto& c : cases) EXPECT_EQ(parseBlockStatistics(c.text), c.expected) << "'" << c.text << "'";
+    // Sectors are 512 bytes, and a byte count wraps as the sector count does.
+    EXPECT_EQ(stat({0, 0, 3}).bytesRead(), 1536u);
+    EXPECT_EQ(stat({0, 0, 0, 0, 0, 0, 18446744073709551615u}).bytesWritten(), 18446744073709551104u);
 }
 
 TEST(SysfsAttributeFile, ReadsTextAndPassesOverWhatIsNotAReadableTextAttribute) {

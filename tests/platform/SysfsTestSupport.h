@@ -8,7 +8,6 @@
 #include <stdexcept>
 #include <string>
 
-#include "platform/PropertyValue.h"
 
 namespace vantorix::testing {
 
@@ -51,16 +50,5 @@ public:
 private:
     std::filesystem::path root_;
 };
-
-// "n:5", "s:text", "d:{key=value,...}", or "-" for nothing.
-inline std::string describe(const std::optional<PropertyValue>& value) {
-    if (!value) return "-";
-    if (const auto* number = value->number()) return "n:" + std::to_string(number->asUInt64());
-    if (const auto* text = value->string()) return "s:" + *text;
-    std::string result = "d:{";
-    for (const auto& key : value->dictionary()->keys())
-        result += (result.back() == '{' ? "" : ",") + key + '=' + describe(value->dictionary()->find(key));
-    return result + '}';
-}
 
 }  // namespace vantorix::testing

@@ -22,7 +22,7 @@ namespace fs = std::filesystem;
 const fs::path kCorpus = fs::path(VANTORIX_TEST_DATA_DIR) / "smartctl";
 // Expected interpretations, one file per fixture and language. VANTORIX_UPDATE_GOLDEN=1 rewrites
 // them from the current output, for review.
-const fs::path kGolden = fs::path(__FILE__).parent_path() / "golden";
+const fs::path kGolden = fs::path(VANTORIX_TEST_DATA_DIR).parent_path() / "smart" / "golden";
 
 std::string contentsOf(const fs::path& path) {
     std::ifstream file(path, std::ios::binary);

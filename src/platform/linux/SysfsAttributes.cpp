@@ -6,7 +6,7 @@
 
 #include <array>
 #include <cerrno>
-#include <limits>
+#include <charconv>
 
 namespace vantorix::sysfs {
 namespace {
@@ -66,14 +66,6 @@ bool isValidUtf8(std::string_view text) {
     return true;
 }
 
-// Attributes that name or identify hardware: a number-looking value is still a name.
-bool isIdentificationText(std::string_view name) {
-    return name == "vendor" || name == "model" || name == "manufacturer" || name == "product" ||
-           name == "serial" || name == "firmware_rev";
-}
-
-bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
-
 }  // namespace
 
 std::optional<std::string> readAttribute(const std::filesystem::path& dir, std::string_view name) {
@@ -106,70 +98,24 @@ std::optional<std::string> readAttribute(const std::filesystem::path& dir, std::
     return std::string(text);
 }
 
-std::optional<std::uint64_t> parseDecimal(std::string_view text) {
-    if (text.empty()) return std::nullopt;
+namespace {
+
+std::optional<std::uint64_t> parseNumber(std::string_view text, int base) {
     std::uint64_t value = 0;
-    for (const char c : text) {
-        if (c < '0' || c > '9') return std::nullopt;
-        const auto digit = static_cast<std::uint64_t>(c - '0');
-        if (value > (std::numeric_limits<std::uint64_t>::max() - digit) / 10) return std::nullopt;
-        value = value * 10 + digit;
-    }
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
+    if (text.empty() || error != std::errc() || end != text.data() + text.size()) return std::nullopt;
     return value;
 }
 
-std::optional<std::uint64_t> parseHex(std::string_view text) {
-    if (text.empty() || text.size() > 16) return std::nullopt;
-    std::uint64_t value = 0;
-    for (const char c : text) {
-        std::uint64_t digit = 0;
-        if (c >= '0' && c <= '9') {
-            digit = static_cast<std::uint64_t>(c - '0');
-        } else if (c >= 'a' && c <= 'f') {
-            digit = static_cast<std::uint64_t>(c - 'a' + 10);
-        } else if (c >= 'A' && c <= 'F') {
-            digit = static_cast<std::uint64_t>(c - 'A' + 10);
-        } else {
-            return std::nullopt;
-        }
-        value = (value << 4) | digit;
-    }
-    return value;
-}
+}  // namespace
+
+std::optional<std::uint64_t> parseDecimal(std::string_view text) { return parseNumber(text, 10); }
+
+std::optional<std::uint64_t> parseHex(std::string_view text) { return parseNumber(text, 16); }
 
 std::optional<std::uint64_t> parseHexLiteral(std::string_view text) {
     if (text.size() < 3 || text[0] != '0' || (text[1] != 'x' && text[1] != 'X')) return std::nullopt;
     return parseHex(text.substr(2));
-}
-
-PropertyValue typedAttribute(std::string_view name, std::string_view text) {
-    if (name == "idVendor" || name == "idProduct") {
-        if (const auto id = parseHex(text)) return PropertyValue(*id);
-    }
-    if (const auto literal = parseHexLiteral(text)) return PropertyValue(*literal);
-    if (!isIdentificationText(name)) {
-        if (const auto number = parseDecimal(text)) return PropertyValue(*number);
-    }
-    return PropertyValue(std::string(text));
-}
-
-std::optional<BlockStatCounters> parseBlockStat(std::string_view text) {
-    std::array<std::uint64_t, 7> leading{};
-    std::size_t fields = 0;
-    std::size_t i = 0;
-    while (i < text.size()) {
-        while (i < text.size() && isSpace(text[i])) ++i;
-        if (i == text.size()) break;
-        std::size_t end = i;
-        while (end < text.size() && !isSpace(text[end])) ++end;
-        const auto value = parseDecimal(text.substr(i, end - i));
-        if (!value) return std::nullopt;
-        if (fields < leading.size()) leading[fields] = *value;
-        ++fields;
-        i = end;
-    }
-    if (fields < leading.size()) return std::nullopt;
-    return BlockStatCounters{leading[0], leading[2], leading[4], leading[6]};
 }
 
 }  // namespace vantorix::sysfs

@@ -7,8 +7,6 @@
 #include <string>
 #include <string_view>
 
-#include "platform/PropertyValue.h"
-
 namespace vantorix::sysfs {
 
 // Attribute files are at most a page long; anything longer is not an attribute we understand.
@@ -20,30 +18,11 @@ inline constexpr std::size_t kMaxAttributeSize = 4096;
 // than kMaxAttributeSize, or when it holds a NUL byte or is not valid UTF-8.
 std::optional<std::string> readAttribute(const std::filesystem::path& dir, std::string_view name);
 
-// How an attribute's text is reported: numbers for decimal text that fits in 64 bits and for "0x"
-// hexadecimal literals, USB ids ("idVendor", "idProduct": bare hexadecimal) as numbers, and text
-// otherwise. Identification strings (vendor, model, serial, ...) stay text unless they are "0x"
-// literals.
-PropertyValue typedAttribute(std::string_view name, std::string_view text);
-
+// Decimal digits only, fitting in 64 bits.
 std::optional<std::uint64_t> parseDecimal(std::string_view text);
 // Bare hexadecimal digits, no prefix.
 std::optional<std::uint64_t> parseHex(std::string_view text);
 // "0x" or "0X" followed by hexadecimal digits.
 std::optional<std::uint64_t> parseHexLiteral(std::string_view text);
-
-// The counters of a block device's `stat` file that the registry publishes.
-struct BlockStatCounters {
-    std::uint64_t readsCompleted = 0;
-    std::uint64_t sectorsRead = 0;
-    std::uint64_t writesCompleted = 0;
-    std::uint64_t sectorsWritten = 0;
-
-    friend bool operator==(const BlockStatCounters&, const BlockStatCounters&) = default;
-};
-
-// Parses a `stat` line: at least seven whitespace-separated decimal fields, all of them decimal.
-// Never allocates.
-std::optional<BlockStatCounters> parseBlockStat(std::string_view text);
 
 }  // namespace vantorix::sysfs
