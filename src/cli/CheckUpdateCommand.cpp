@@ -10,6 +10,7 @@
 #include "cli/Commands.h"
 #include "cli/SignalWatcher.h"
 #include "platform/linux/CurlHttpClient.h"
+#include "platform/linux/XdgFolders.h"
 #include "services/ServiceTexts.h"
 #include "services/UpdateCheck.h"
 #include "text/Language.h"
@@ -105,7 +106,7 @@ int runCheckUpdate(const CheckUpdateOptions& options, Environment& environment) 
         return kSuccess;
     }
 
-    const std::string folder = services::downloadsFolder();
+    const std::string folder = xdg::downloadsFolder();
     *environment.err << services::downloadingUpdate() << '\n' << std::flush;
     staging.create(folder);
     const auto saved = services::downloadUpdate(client, prompt.url, folder, staging.path());
