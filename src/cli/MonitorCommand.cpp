@@ -264,7 +264,7 @@ private:
                                             *options_.csvPath, render::chartPNGRenderer());
         if (!outcome) {
             reportFailure("chartExportFailed",
-                   text::localized("样本不足 2 个，未导出图表。", "Fewer than 2 samples: the chart was not exported."));
+                          text::localized("样本不足 2 个，未导出图表。", "Fewer than 2 samples: the chart was not exported."));
             return false;
         }
         if (!outcome->saved) reportFailure("chartExportFailed", outcome->text);

@@ -61,7 +61,7 @@ TEST(Package, InstallsRunsAndPurgesWithoutATrace) {
     EXPECT_EQ(version.out, "vantorix-cli " VANTORIX_VERSION " (build " VANTORIX_BUILD_NUMBER ")\n");
     const auto info = runProcess({"/usr/bin/vantorix-cli", "info", "/", "--json"}, {{"LANGUAGE", "en_US.UTF-8"}});
     EXPECT_EQ(info.exitStatus, 0) << info.err;
-    EXPECT_NE(info.out.find("\"deviceName\""), std::string::npos);
+    EXPECT_NE(info.out.find("\"device\""), std::string::npos);
     const auto helper = runProcess({"/usr/bin/vantorix-cli", "helper", "status"}, {{"LANGUAGE", "en_US.UTF-8"}});
     EXPECT_TRUE(helper.exitStatus == 0 || helper.exitStatus == 1) << helper.err;
     EXPECT_FALSE((helper.out + helper.err).empty());
