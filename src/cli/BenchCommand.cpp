@@ -24,6 +24,7 @@
 #include "text/Formats.h"
 #include "text/Language.h"
 #include "text/Messages.h"
+#include "text/Utf8.h"
 #include "volumes/DiskVolumeResolver.h"
 
 namespace vantorix::cli {
@@ -289,11 +290,13 @@ public:
         if (const auto warning = volume_->link ? slowLinkWarning(*volume_->link) : std::nullopt) {
             err_ << localized("警告：", "Warning: ") << *warning << std::endl;
         }
-        err_ << (text::isEnglish()
-                     ? fmt::format("Testing {} ({}) in {}. {}. Press Ctrl-C to stop.", volume_->displayName,
-                                   volume_->deviceName, volume_->url, context.description)
-                     : fmt::format("正在测试 {}（{}），目录 {}。{}。按 Ctrl-C 停止。", volume_->displayName,
-                                   volume_->deviceName, volume_->url, context.description))
+        // The label and the path are bytes: what is not UTF-8 shows as U+FFFD.
+        err_ << text::lossyUtf8(text::isEnglish()
+                                    ? fmt::format("Testing {} ({}) in {}. {}. Press Ctrl-C to stop.",
+                                                  volume_->displayName, volume_->deviceName, volume_->url,
+                                                  context.description)
+                                    : fmt::format("正在测试 {}（{}），目录 {}。{}。按 Ctrl-C 停止。", volume_->displayName,
+                                                  volume_->deviceName, volume_->url, context.description))
              << std::endl;
         subscription_ = tester_->subscribe([this](const DiskPerformanceTester::State& state) { observe(state); });
         observe(tester_->state());
@@ -401,7 +404,8 @@ private:
             const auto found = traffic.find(phase);
             if (found != traffic.end() && found->second.servedFromPageCache()) err_ << cacheWarning(phase) << '\n';
         }
-        (state.lastReportPath ? (options_.json ? err_ : out_) : err_) << *state.automaticReportMessage << std::endl;
+        (state.lastReportPath ? (options_.json ? err_ : out_) : err_) << text::lossyUtf8(*state.automaticReportMessage)
+                                                                      << std::endl;
     }
 
     // Says why the test did not give a result: on standard error, and with --json in the error shape.

@@ -17,6 +17,7 @@
 #include "render/ChartImageRenderer.h"
 #include "text/Formats.h"
 #include "text/Language.h"
+#include "text/Utf8.h"
 
 namespace vantorix::cli {
 namespace {
@@ -178,11 +179,12 @@ private:
 
     void announce(const DiskVolumeDescriptor& volume) {
         const int ms = DiskIOMonitor::rawValue(options_.precision);
-        err_ << (text::isEnglish()
-                     ? fmt::format("Monitoring {} ({}) every {} ms. Press Ctrl-C to stop.", volume.displayName,
-                                   volume.deviceName, ms)
-                     : fmt::format("正在监控 {}（{}），每 {} 毫秒采样一次。按 Ctrl-C 停止。", volume.displayName,
-                                   volume.deviceName, ms))
+        // The label is bytes: what is not UTF-8 shows as U+FFFD.
+        err_ << text::lossyUtf8(text::isEnglish()
+                                    ? fmt::format("Monitoring {} ({}) every {} ms. Press Ctrl-C to stop.",
+                                                  volume.displayName, volume.deviceName, ms)
+                                    : fmt::format("正在监控 {}（{}），每 {} 毫秒采样一次。按 Ctrl-C 停止。",
+                                                  volume.displayName, volume.deviceName, ms))
              << std::endl;
     }
 
@@ -268,7 +270,7 @@ private:
             return false;
         }
         if (!outcome->saved) reportFailure("chartExportFailed", outcome->text);
-        else (options_.json ? err_ : out_) << outcome->text << std::endl;
+        else (options_.json ? err_ : out_) << text::lossyUtf8(outcome->text) << std::endl;
         return outcome->saved;
     }
 

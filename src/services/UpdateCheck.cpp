@@ -25,6 +25,7 @@ namespace {
 namespace fs = std::filesystem;
 using text::localized;
 using text::nextCodePoint;
+using text::previousCodePoint;
 using text::trimmed;
 
 // The name a download gets when neither the server nor the URL offers a usable one.
@@ -100,9 +101,8 @@ std::optional<std::string> plainBaseName(std::string_view name) {
         const std::string extension =
             dot != std::string::npos && clean.size() - dot <= 16 ? clean.substr(dot) : std::string();
         std::string stem = clean.substr(0, kMaximumNameBytes - extension.size());
-        // Cut back to the start of a character.
-        while (!stem.empty() && (static_cast<unsigned char>(stem.back()) & 0xC0U) == 0x80U) stem.pop_back();
-        if (!stem.empty() && static_cast<unsigned char>(stem.back()) >= 0xC0U) stem.pop_back();
+        // Cut back to the start of a character: the name is valid UTF-8, so only the cut can be not.
+        for (std::size_t end = stem.size(); end > 0 && !previousCodePoint(stem, 0, end);) stem.resize(end);
         clean = stem + extension;
     }
     return clean;

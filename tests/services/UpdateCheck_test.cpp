@@ -195,7 +195,10 @@ TEST(UpdateCheck, FailedDownloadsLeaveTheFolderAsItWas) {
 }
 
 TEST(UpdateCheck, SafeNamesFromUrlsAndSuggestions) {
+    std::string accented;
+    for (int i = 0; i < 200; ++i) accented += "é";
     const std::tuple<std::optional<std::string>, std::string, std::string> cases[] = {
+        {accented + ".deb", "https://h.example/", accented.substr(0, 250) + ".deb"},  // whole characters only
         {std::nullopt, "https://h.example/a/b/setup.deb?x=1#part", "setup.deb"},
         {"dir\\evil.deb", "https://h.example/", "evil.deb"},
         {std::string("\x7f\x01\xff") + "name.deb", "https://h.example/", "name.deb"},
