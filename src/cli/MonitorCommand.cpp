@@ -18,6 +18,7 @@
 #include "text/Formats.h"
 #include "text/Language.h"
 #include "text/Utf8.h"
+#include "volumes/MonitorError.h"
 
 namespace vantorix::cli {
 namespace {
@@ -107,6 +108,17 @@ std::string humanSummary(const DiskIOMonitor::State& state, double duration) {
                        MonitorMetrics::durationText(duration), state.samples.size(),
                        text::totalBytesText(state.totalReadBytes), averageRead,
                        text::totalBytesText(state.totalWriteBytes), averageWrite);
+}
+
+// The JSON code of a failure the monitor published as text: the name of the MonitorError case
+// whose description it is, so that a failure has the code that info and bench give it too; else
+// `fallback`.
+std::string errorCode(const std::string& message, std::string_view fallback) {
+    for (const auto& error : {MonitorError::invalidSelection(), MonitorError::bsdNameResolutionFailed(),
+                              MonitorError::statisticsUnavailable(), MonitorError::monitorStopped()}) {
+        if (error.description() == message) return error.name();
+    }
+    return std::string(fallback);
 }
 
 // The figures are looked at once a second, and each report first fetches the pending samples, so
@@ -284,7 +296,7 @@ private:
     // A failure: its message on standard error, and with --json a line of its own in the stream.
     void reportFailure(std::string_view code, const std::string& message) {
         err_ << message << std::endl;
-        if (options_.json) printJsonError(out_, code, message, -1);
+        if (options_.json) printJsonError(out_, errorCode(message, code), message, -1);
     }
 
     MonitorOptions options_;

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -61,6 +62,21 @@ TEST(CommandLine, ParseErrorsAreInTheUsersLanguage) {
         EXPECT_EQ(result.exitStatus, 2) << c.error;
         EXPECT_EQ(result.out, "");
         EXPECT_EQ(result.err, c.error);
+    }
+}
+
+TEST(CommandLine, WithJsonAFailureIsOneErrorObjectOnStandardOutput) {
+    const std::string missing = "/nonexistent/vantorix-\xff";
+    const std::string message = "Failed to resolve the BSD name for the selected path.";
+    for (const std::vector<std::string>& args : {std::vector<std::string>{"info", missing, "--json"},
+                                                 std::vector<std::string>{"monitor", missing, "--json"},
+                                                 std::vector<std::string>{"bench", missing, "--json"}}) {
+        const auto result = cli(args, "en_US");
+        EXPECT_EQ(result.exitStatus, 1) << args.front();
+        EXPECT_EQ(result.err, message + "\n") << args.front();
+        EXPECT_EQ(nlohmann::json::parse(result.out),
+                  (nlohmann::json{{"error", {{"code", "bsdNameResolutionFailed"}, {"message", message}}}}))
+            << args.front();
     }
 }
 
