@@ -12,6 +12,7 @@
 #include "benchmark/DiskPerformanceTester.h"
 #include "benchmark/PerformanceMetrics.h"
 #include "cli/Commands.h"
+#include "cli/JsonOutput.h"
 #include "cli/LinkCeilingJson.h"
 #include "cli/SignalWatcher.h"
 #include "cli/SmartFetch.h"
@@ -23,6 +24,7 @@
 #include "text/Formats.h"
 #include "text/Language.h"
 #include "text/Messages.h"
+#include "text/Utf8.h"
 #include "volumes/DiskVolumeResolver.h"
 
 namespace vantorix::cli {
@@ -245,7 +247,7 @@ public:
 
     int run() {
         auto resolved = DiskVolumeResolver::resolve(options_.path, *environment_.files, *environment_.devices);
-        if (!resolved) return fail(resolved.error().description());
+        if (!resolved) return fail(resolved.error().name(), resolved.error().description());
         volume_ = std::move(resolved).value();
 
         DiskPerformanceTester::Parameters parameters;
@@ -271,7 +273,7 @@ public:
         if (preview || options_.payloadBytes) {
             readSmartInfo();
             if (interrupted_) {
-                err_ << localized("性能测试已停止。", "Performance test stopped.") << std::endl;
+                fail("interrupted", localized("性能测试已停止。", "Performance test stopped."));
                 return kInterrupted;
             }
         }
@@ -282,17 +284,19 @@ public:
         if (!mode.isDefault()) context.description += localized("；", "; ") + modeDescription(mode);
         tester_->runTest(volume_);
         if (!tester_->state().isRunning) {
-            return fail(tester_->state().errorMessage.value_or(context.description));
+            return fail("testFailed", tester_->state().errorMessage.value_or(context.description));
         }
         if (smartNote_) err_ << *smartNote_ << std::endl;
         if (const auto warning = volume_->link ? slowLinkWarning(*volume_->link) : std::nullopt) {
             err_ << localized("警告：", "Warning: ") << *warning << std::endl;
         }
-        err_ << (text::isEnglish()
-                     ? fmt::format("Testing {} ({}) in {}. {}. Press Ctrl-C to stop.", volume_->displayName,
-                                   volume_->deviceName, volume_->url, context.description)
-                     : fmt::format("正在测试 {}（{}），目录 {}。{}。按 Ctrl-C 停止。", volume_->displayName,
-                                   volume_->deviceName, volume_->url, context.description))
+        // The label and the path are bytes: what is not UTF-8 shows as U+FFFD.
+        err_ << text::lossyUtf8(text::isEnglish()
+                                    ? fmt::format("Testing {} ({}) in {}. {}. Press Ctrl-C to stop.",
+                                                  volume_->displayName, volume_->deviceName, volume_->url,
+                                                  context.description)
+                                    : fmt::format("正在测试 {}（{}），目录 {}。{}。按 Ctrl-C 停止。", volume_->displayName,
+                                                  volume_->deviceName, volume_->url, context.description))
              << std::endl;
         subscription_ = tester_->subscribe([this](const DiskPerformanceTester::State& state) { observe(state); });
         observe(tester_->state());
@@ -330,8 +334,8 @@ private:
         }
         endProgressLine();
         if (interrupted_) {
-            err_ << localized("性能测试已停止，测试文件已删除。", "Performance test stopped; its test files were removed.")
-                 << std::endl;
+            fail("interrupted",
+                 localized("性能测试已停止，测试文件已删除。", "Performance test stopped; its test files were removed."));
             finish(kInterrupted);
         } else if (state.lastResult && !state.automaticReportMessage) {
             // Success: the report is being written; its message follows.
@@ -339,7 +343,7 @@ private:
             printResult(*state.lastResult, state);
             finish(state.lastReportPath ? kSuccess : kFailure);
         } else {
-            fail(state.errorMessage.value_or(""));
+            fail("testFailed", state.errorMessage.value_or(""));
             main_->stop();
         }
     }
@@ -364,8 +368,10 @@ private:
     void printResult(const PerformanceResult& result, const DiskPerformanceTester::State& state) {
         const auto traffic = traffic_->phases();
         if (options_.json) {
-            out_ << resultJson(result, *volume_, traffic, state.lastReportPath, *state.automaticReportMessage).dump(2)
-                 << std::endl;
+            auto document = resultJson(result, *volume_, traffic, state.lastReportPath, *state.automaticReportMessage);
+            // The figures hold; the report is missing: the failure in the same shape.
+            if (!state.lastReportPath) document.update(jsonError("reportWriteFailed", *state.automaticReportMessage));
+            printJson(out_, document);
         } else {
             std::vector<std::pair<std::string, std::string>> rows;
             for (const auto& item : PerformanceMetrics::resultItems(result)) rows.emplace_back(item.title, item.value);
@@ -398,12 +404,14 @@ private:
             const auto found = traffic.find(phase);
             if (found != traffic.end() && found->second.servedFromPageCache()) err_ << cacheWarning(phase) << '\n';
         }
-        (state.lastReportPath ? (options_.json ? err_ : out_) : err_) << *state.automaticReportMessage << std::endl;
+        (state.lastReportPath ? (options_.json ? err_ : out_) : err_) << text::lossyUtf8(*state.automaticReportMessage)
+                                                                      << std::endl;
     }
 
-    int fail(const std::string& message) {
+    // Says why the test did not give a result: on standard error, and with --json in the error shape.
+    int fail(std::string_view code, const std::string& message) {
         err_ << message << std::endl;
-        if (options_.json) out_ << ordered_json{{"error", {{"message", message}}}}.dump(2) << std::endl;
+        if (options_.json) printJsonError(out_, code, message);
         exitStatus_ = kFailure;
         done_ = true;
         return kFailure;

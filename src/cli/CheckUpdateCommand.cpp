@@ -8,8 +8,10 @@
 #include <nlohmann/json.hpp>
 
 #include "cli/Commands.h"
+#include "cli/JsonOutput.h"
 #include "cli/SignalWatcher.h"
 #include "platform/linux/CurlHttpClient.h"
+#include "platform/linux/XdgFolders.h"
 #include "services/ServiceTexts.h"
 #include "services/UpdateCheck.h"
 #include "text/Language.h"
@@ -48,18 +50,21 @@ private:
     std::string path_;
 };
 
-void printJson(Environment& environment, const ordered_json& document) {
-    *environment.out << document.dump(2, ' ', false, ordered_json::error_handler_t::replace) << '\n';
+int fail(const CheckUpdateOptions& options, Environment& environment, std::string_view code, const std::string& message) {
+    *environment.err << message << '\n';
+    if (options.json) printJsonError(*environment.out, code, message);
+    return kFailure;
 }
 
-int fail(const CheckUpdateOptions& options, Environment& environment, ordered_json document, const std::string& message) {
-    *environment.err << message << '\n';
-    if (options.json) {
-        document["status"] = "failed";
-        document["message"] = message;
-        printJson(environment, document);
+// The outcome's status as JSON names it.
+const char* statusName(Status status) {
+    switch (status) {
+        case Status::updateAvailable: return "updateAvailable";
+        case Status::upToDate: return "upToDate";
+        case Status::packageManaged: return "packageManaged";
+        case Status::failed: break;
     }
-    return kFailure;
+    return "failed";
 }
 
 }  // namespace
@@ -80,11 +85,12 @@ int runCheckUpdate(const CheckUpdateOptions& options, Environment& environment) 
 
     if (outcome.status == Status::failed || !outcome.prompt) {
         const std::string message = outcome.message.value_or("");
-        if (outcome.status == Status::failed) return fail(options, environment, document, message);
+        if (outcome.status == Status::failed) return fail(options, environment, "updateCheckFailed", message);
+        // Up to date, or updated by the system's package manager: both are answers, not failures.
         if (options.json) {
-            document["status"] = "upToDate";
+            document["status"] = statusName(outcome.status);
             document["message"] = message;
-            printJson(environment, document);
+            printJson(*environment.out, document);
         } else {
             *environment.out << message << '\n';
         }
@@ -98,24 +104,24 @@ int runCheckUpdate(const CheckUpdateOptions& options, Environment& environment) 
     if (!options.json) *environment.out << found << '\n' << prompt.url << '\n' << std::flush;
     if (!options.download) {
         if (options.json) {
-            document["status"] = "updateAvailable";
+            document["status"] = statusName(outcome.status);
             document["message"] = found;
-            printJson(environment, document);
+            printJson(*environment.out, document);
         }
         return kSuccess;
     }
 
-    const std::string folder = services::downloadsFolder();
+    const std::string folder = xdg::downloadsFolder();
     *environment.err << services::downloadingUpdate() << '\n' << std::flush;
     staging.create(folder);
     const auto saved = services::downloadUpdate(client, prompt.url, folder, staging.path());
     staging.remove();
-    if (!saved.ok()) return fail(options, environment, document, saved.error());
+    if (!saved.ok()) return fail(options, environment, "downloadFailed", saved.error());
     if (options.json) {
         document["status"] = "downloaded";
         document["message"] = found;
         document["path"] = saved.value();
-        printJson(environment, document);
+        printJson(*environment.out, document);
     } else {
         *environment.out << saved.value() << '\n';
     }

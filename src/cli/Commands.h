@@ -20,7 +20,9 @@ class App;
 
 namespace vantorix::cli {
 
-// Exit statuses of the command-line program.
+// Exit statuses of the command-line program. With --json, standard output carries only JSON (see
+// cli/JsonOutput.h); a failure is {"error":{"code":…,"message":…}} there besides its message on
+// standard error.
 enum ExitStatus : int { kSuccess = 0, kFailure = 1, kUsage = 2, kInterrupted = 130 };
 
 // The platform services a command runs against; tests may hand in others.
@@ -117,8 +119,8 @@ struct CheckUpdateOptions {
 
 // Asks the vendor's web service for the product's newest version, as the About window does. Prints
 // "Already up to date" (exit status 0), or the new version and its URL (0) and with --download the
-// path it was saved to in the Downloads folder (0); a failure's message goes to standard error
-// (exit status 1).
+// path it was saved to in the Downloads folder (0); without a configured service, that the system's
+// package manager updates this build (0). A failure's message goes to standard error (exit status 1).
 int runCheckUpdate(const CheckUpdateOptions& options, Environment& environment);
 
 struct FeedbackOptions {

@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "cli/Commands.h"
+#include "cli/JsonOutput.h"
 #include "platform/linux/CurlHttpClient.h"
 #include "services/Feedback.h"
 #include "text/Language.h"
@@ -21,20 +22,26 @@ int runFeedback(const FeedbackOptions& options, Environment& environment) {
     // The same limits as typing into the form: over-long texts are cut, not refused.
     form.applyLimits();
 
+    const auto refuse = [&](std::string_view code, const std::string& message) {
+        *environment.err << message << '\n';
+        if (options.json) printJsonError(*environment.out, code, message);
+        return kFailure;
+    };
+    // A form that fails the checks is not sent.
+    if (auto invalid = services::validationMessage(form)) return refuse("invalidFeedback", *invalid);
+
     CurlHttpClient client;
     const auto outcome = services::submitFeedback(client, services::ServiceConfiguration::current(), form);
-    if (!outcome.accepted) *environment.err << outcome.message << '\n';
+    if (!outcome.accepted) return refuse("feedbackNotAccepted", outcome.message);
     if (options.json) {
-        *environment.out << ordered_json{{"accepted", outcome.accepted},
-                                         {"message", outcome.message},
-                                         {"feedbackId", outcome.feedbackId ? ordered_json(*outcome.feedbackId)
-                                                                           : ordered_json(nullptr)}}
-                                .dump(2, ' ', false, ordered_json::error_handler_t::replace)
-                         << '\n';
-    } else if (outcome.accepted) {
+        printJson(*environment.out, ordered_json{{"accepted", true},
+                                                 {"message", outcome.message},
+                                                 {"feedbackId", outcome.feedbackId ? ordered_json(*outcome.feedbackId)
+                                                                                   : ordered_json(nullptr)}});
+    } else {
         *environment.out << outcome.message << '\n';
     }
-    return outcome.accepted ? kSuccess : kFailure;
+    return kSuccess;
 }
 
 Command addFeedbackCommand(CLI::App& parent) {

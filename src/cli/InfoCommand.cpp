@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "cli/Commands.h"
+#include "cli/JsonOutput.h"
 #include "cli/LinkCeilingJson.h"
 #include "cli/TextTable.h"
 #include "monitor/StatisticsSession.h"
@@ -54,12 +55,7 @@ int runInfo(const InfoOptions& options, Environment& environment) {
     auto descriptor = DiskVolumeResolver::resolve(options.path, *environment.files, *environment.devices);
     if (!descriptor.ok()) {
         err << descriptor.error().description() << '\n';
-        if (options.json) {
-            out << ordered_json{{"error", {{"code", descriptor.error().name()},
-                                           {"message", descriptor.error().description()}}}}
-                       .dump(2)
-                << '\n';
-        }
+        if (options.json) printJsonError(out, descriptor.error().name(), descriptor.error().description());
         return kFailure;
     }
     const auto& volume = descriptor.value();
@@ -95,11 +91,11 @@ int runInfo(const InfoOptions& options, Environment& environment) {
                                                   {"readOperations", snapshot->readsCompleted},
                                                   {"writeOperations", snapshot->writesCompleted}};
         } else {
+            // The description holds; the figures are missing: the failure in the same shape.
             document["statistics"] = nullptr;
-            document["error"] = ordered_json{{"code", statisticsError->name()},
-                                             {"message", statisticsError->description()}};
+            document.update(jsonError(statisticsError->name(), statisticsError->description()));
         }
-        out << document.dump(2) << '\n';
+        printJson(out, document);
     } else {
         std::vector<std::pair<std::string, std::string>> rows{
             {text::localized("卷", "Volume"), volume.displayName},

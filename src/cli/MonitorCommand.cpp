@@ -7,6 +7,7 @@
 
 #include "charts/ChartExportSupport.h"
 #include "cli/Commands.h"
+#include "cli/JsonOutput.h"
 #include "cli/SignalWatcher.h"
 #include "concurrency/LoopMainExecutor.h"
 #include "concurrency/RepeatingTimer.h"
@@ -16,6 +17,8 @@
 #include "render/ChartImageRenderer.h"
 #include "text/Formats.h"
 #include "text/Language.h"
+#include "text/Utf8.h"
+#include "volumes/MonitorError.h"
 
 namespace vantorix::cli {
 namespace {
@@ -67,8 +70,8 @@ ordered_json jsonLine(const Figures& f) {
                         {"samples", f.samples}};
 }
 
-// The whole run: how much moved, over how long, and the sums of the history it kept.
-ordered_json jsonSummary(const DiskIOMonitor::State& state, double duration, const std::string& deviceName) {
+// The whole run: which volume, how much moved, over how long, and the sums of the history it kept.
+ordered_json jsonSummary(const DiskIOMonitor::State& state, double duration, const DiskVolumeDescriptor& volume) {
     std::uint64_t readOps = 0, writeOps = 0, readBytes = 0, writeBytes = 0;
     for (const auto& sample : state.samples) {
         readBytes += sample.readBytes;
@@ -77,7 +80,9 @@ ordered_json jsonSummary(const DiskIOMonitor::State& state, double duration, con
         writeOps += sample.writeOperations;
     }
     return ordered_json{{"summary",
-                         {{"device", deviceName},
+                         {{"device", volume.deviceName},
+                          {"url", volume.url},
+                          {"displayName", volume.displayName},
                           {"precisionMilliseconds", DiskIOMonitor::rawValue(state.samplingPrecision)},
                           {"duration", duration},
                           {"samples", state.samples.size()},
@@ -145,11 +150,11 @@ private:
             case Phase::selecting:
                 if (state.selectedVolume) {
                     phase_ = Phase::starting;
-                    deviceName_ = state.selectedVolume->deviceName;
+                    volume_ = *state.selectedVolume;
                     announce(*state.selectedVolume);
                     monitor_->startMonitoring();
-                } else if (state.errorMessage) {
-                    fail(*state.errorMessage);
+                } else if (state.error) {
+                    fail(*state.error);
                 }
                 break;
             case Phase::starting:
@@ -161,7 +166,7 @@ private:
             case Phase::running:
                 lastDuration_ = state.monitoringDuration;
                 if (!state.isMonitoring) {  // the run ended by itself: the error is already set
-                    failure_ = state.errorMessage;
+                    failure_ = state.error;
                     finish(state);
                 }
                 break;
@@ -175,11 +180,12 @@ private:
 
     void announce(const DiskVolumeDescriptor& volume) {
         const int ms = DiskIOMonitor::rawValue(options_.precision);
-        err_ << (text::isEnglish()
-                     ? fmt::format("Monitoring {} ({}) every {} ms. Press Ctrl-C to stop.", volume.displayName,
-                                   volume.deviceName, ms)
-                     : fmt::format("正在监控 {}（{}），每 {} 毫秒采样一次。按 Ctrl-C 停止。", volume.displayName,
-                                   volume.deviceName, ms))
+        // The label is bytes: what is not UTF-8 shows as U+FFFD.
+        err_ << text::lossyUtf8(text::isEnglish()
+                                    ? fmt::format("Monitoring {} ({}) every {} ms. Press Ctrl-C to stop.",
+                                                  volume.displayName, volume.deviceName, ms)
+                                    : fmt::format("正在监控 {}（{}），每 {} 毫秒采样一次。按 Ctrl-C 停止。",
+                                                  volume.displayName, volume.deviceName, ms))
              << std::endl;
     }
 
@@ -212,7 +218,7 @@ private:
         if (phase_ != Phase::running) return;
         const auto& state = monitor_->state();
         const auto figures = figuresOf(state, state.monitoringDuration);
-        if (options_.json) out_ << jsonLine(figures).dump() << std::endl;
+        if (options_.json) printJson(out_, jsonLine(figures), -1);
         else out_ << humanLine(figures) << std::endl;
     }
 
@@ -235,12 +241,12 @@ private:
         if (stopTimer_) stopTimer_->cancel();
         // A run that failed before its first sample has nothing to sum up: the error says it all.
         if (!failure_ || !state.samples.empty()) {
-            if (options_.json) out_ << jsonSummary(state, lastDuration_, deviceName_).dump() << std::endl;
+            if (options_.json) printJson(out_, jsonSummary(state, lastDuration_, volume_), -1);
             else out_ << humanSummary(state, lastDuration_) << std::endl;
         }
         const bool exported = exportChart(state);
         if (failure_) {
-            err_ << *failure_ << std::endl;
+            reportFailure(failure_->name(), failure_->description());
             exitStatus_ = kFailure;
         } else if (!exported) {
             exitStatus_ = kFailure;
@@ -260,19 +266,26 @@ private:
             ChartExportSupport::exportChart(SampleWindow(state.samples), DiskIOMonitor::rawValue(state.samplingPrecision),
                                             *options_.csvPath, render::chartPNGRenderer());
         if (!outcome) {
-            err_ << text::localized("样本不足 2 个，未导出图表。", "Fewer than 2 samples: the chart was not exported.")
-                 << std::endl;
+            reportFailure("chartExportFailed",
+                          text::localized("样本不足 2 个，未导出图表。", "Fewer than 2 samples: the chart was not exported."));
             return false;
         }
-        (outcome->saved && !options_.json ? out_ : err_) << outcome->text << std::endl;
+        if (!outcome->saved) reportFailure("chartExportFailed", outcome->text);
+        else (options_.json ? err_ : out_) << text::lossyUtf8(outcome->text) << std::endl;
         return outcome->saved;
     }
 
-    void fail(const std::string& message) {
+    void fail(const MonitorError& error) {
         phase_ = Phase::done;
-        err_ << message << std::endl;
+        reportFailure(error.name(), error.description());
         exitStatus_ = kFailure;
         main_->stop();
+    }
+
+    // A failure: its message on standard error, and with --json a line of its own in the stream.
+    void reportFailure(std::string_view code, const std::string& message) {
+        err_ << message << std::endl;
+        if (options_.json) printJsonError(out_, code, message, -1);
     }
 
     MonitorOptions options_;
@@ -286,8 +299,8 @@ private:
     std::unique_ptr<RepeatingTimer> stopTimer_;
     Phase phase_ = Phase::selecting;
     double lastDuration_ = 0;
-    std::string deviceName_;
-    std::optional<std::string> failure_;
+    DiskVolumeDescriptor volume_;
+    std::optional<MonitorError> failure_;
     bool interrupted_ = false;
     int exitStatus_ = kSuccess;
 };

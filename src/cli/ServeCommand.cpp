@@ -17,6 +17,7 @@
 #include "exporter/SmartHealth.h"
 #include "platform/linux/MountInfo.h"
 #include "text/Language.h"
+#include "text/Messages.h"
 
 namespace vantorix::cli {
 namespace {
@@ -132,10 +133,7 @@ int runServe(const ServeOptions& options, Environment& environment) {
     smart.schedule(RepeatingTimer::Duration::zero(), std::chrono::seconds(5), std::chrono::seconds(1));
     smart.resume();
 
-    err << fmt::format(fmt::runtime(localized("正在导出 {} 个卷的指标：http://{}/metrics 。按 Ctrl-C 停止。",
-                                 "Exporting the metrics of {} volumes at http://{}/metrics. Press Ctrl-C to stop.")),
-                       watched, http->address())
-        << std::endl;
+    err << text::exportingMetrics(watched, http->address()) << std::endl;
     main->run();
 
     smartCancellation.cancel();

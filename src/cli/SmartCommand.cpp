@@ -17,6 +17,7 @@
 #include "cli/SmartFetch.h"
 #include "cli/TextTable.h"
 #include "composition/SmartPipeline.h"
+#include "json/JsonText.h"
 #include "concurrency/LoopMainExecutor.h"
 #include "volumes/DiskVolumeResolver.h"
 #include "smart/SmartSheetTexts.h"
@@ -91,7 +92,7 @@ Replay replayOf(const std::string& path, std::string contents) {
 
 int fail(const SmartOptions& options, Environment& environment, std::string_view code, const std::string& message) {
     *environment.err << message << '\n';
-    if (options.json) *environment.out << ordered_json{{"error", {{"code", code}, {"message", message}}}}.dump(2) << '\n';
+    if (options.json) *environment.out << jsonText(jsonError(code, message)) << '\n';
     return kFailure;
 }
 
@@ -112,7 +113,7 @@ ordered_json infoJson(const DiskSMARTInfo& info) {
 }
 
 std::string dumped(const ordered_json& document, int indent) {
-    return document.dump(indent, ' ', false, ordered_json::error_handler_t::replace);
+    return jsonText(document, indent);
 }
 
 void printRows(std::ostream& out, const std::vector<DiskSMARTInfo::Detail>& details) {

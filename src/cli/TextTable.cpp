@@ -1,29 +1,33 @@
 #include "cli/TextTable.h"
 
 #include <unicode/uchar.h>
-#include <unicode/utf8.h>
 
 #include <algorithm>
 
+#include "text/Utf8.h"
+
 namespace vantorix::cli {
 
-std::size_t displayWidth(const std::string& text) {
+std::size_t displayWidth(const std::string& cell) {
     std::size_t columns = 0;
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
-    const auto length = static_cast<std::int32_t>(text.size());
-    for (std::int32_t offset = 0; offset < length;) {
-        UChar32 c = 0;
-        U8_NEXT(bytes, offset, length, c);
-        const auto width = c < 0 ? U_EA_NEUTRAL : u_getIntPropertyValue(c, UCHAR_EAST_ASIAN_WIDTH);
+    for (std::size_t offset = 0; offset < cell.size();) {
+        const auto c = text::nextCodePoint(cell, offset);
+        const auto width = c ? u_getIntPropertyValue(static_cast<UChar32>(*c), UCHAR_EAST_ASIAN_WIDTH) : U_EA_NEUTRAL;
         columns += width == U_EA_WIDE || width == U_EA_FULLWIDTH ? 2 : 1;
     }
     return columns;
 }
 
 void printTable(std::ostream& out, const std::vector<std::pair<std::string, std::string>>& rows) {
+    // Names and paths are bytes: what is not UTF-8 is shown as U+FFFD, as in every other output.
+    std::vector<std::pair<std::string, std::string>> shown;
+    shown.reserve(rows.size());
     std::size_t width = 0;
-    for (const auto& row : rows) width = std::max(width, displayWidth(row.first));
     for (const auto& [label, value] : rows) {
+        shown.emplace_back(text::lossyUtf8(label), text::lossyUtf8(value));
+        width = std::max(width, displayWidth(shown.back().first));
+    }
+    for (const auto& [label, value] : shown) {
         out << label << std::string(width - displayWidth(label) + 2, ' ') << value << '\n';
     }
 }

@@ -7,6 +7,7 @@
 #include "smart/SmartValueText.h"
 #include "text/Formats.h"
 #include "text/Language.h"
+#include "text/Trim.h"
 
 namespace vantorix::dashboard {
 namespace {
@@ -24,12 +25,12 @@ bool namesControllerTemperature(const DiskSMARTInfo::Detail& detail) {
         if (path == known) return true;
     }
     if (contains(path, "controller") && contains(path, "temperature")) return true;
-    const std::string_view name = smart::trimmed(detail.displayName);
+    const std::string_view name = text::trimmed(detail.displayName);
     return name == "主控温度" || smart::lowercased(name) == "controller temperature";
 }
 
 bool isUsable(std::string_view value) {
-    const std::string_view trimmedValue = smart::trimmed(value);
+    const std::string_view trimmedValue = text::trimmed(value);
     if (trimmedValue.empty()) return false;
     const std::string lower = smart::lowercased(trimmedValue);
     static constexpr std::array<std::string_view, 7> kUnknown{"unknown", "n/a",  "not available", "unsupported",
@@ -60,7 +61,7 @@ std::uint32_t accentRgb(AccentColor color) {
 std::optional<std::string> controllerTemperatureText(const DiskSMARTInfo& info) {
     for (const auto& detail : info.details) {
         if (!namesControllerTemperature(detail) || !isUsable(detail.value)) continue;
-        const std::string value(smart::trimmed(detail.value));
+        const std::string value(text::trimmed(detail.value));
         const std::string lower = smart::lowercased(value);
         if (contains(lower, "℃") || contains(lower, "°c") || contains(lower, "celsius") || contains(lower, "摄氏")) {
             return value;  // already says its unit

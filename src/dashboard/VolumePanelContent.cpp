@@ -5,6 +5,7 @@
 #include "smart/SmartValueText.h"
 #include "text/Formats.h"
 #include "text/Language.h"
+#include "text/Trim.h"
 
 namespace vantorix::dashboard {
 namespace {
@@ -15,7 +16,7 @@ std::string unknown() { return localized("未知", "Unknown"); }
 
 std::string trimmedOrUnknown(const std::optional<std::string>& value) {
     if (!value) return unknown();
-    const std::string_view trimmed = smart::trimmed(*value);
+    const std::string_view trimmed = text::trimmed(*value);
     return trimmed.empty() ? unknown() : std::string(trimmed);
 }
 

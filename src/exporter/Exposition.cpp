@@ -6,6 +6,9 @@
 #include <cmath>
 #include <functional>
 
+#include "text/Trim.h"
+#include "text/Utf8.h"
+
 namespace vantorix::exporter {
 
 void ThroughputHistogram::observe(double bytesPerSecond) {
@@ -90,7 +93,7 @@ std::string volumeLabels(const VolumeLabels& labels) {
 std::string escapeLabelValue(std::string_view value) {
     std::string result;
     result.reserve(value.size());
-    for (const char c : value) {
+    for (const char c : text::lossyUtf8(value)) {
         switch (c) {
             case '\\': result += "\\\\"; break;
             case '"': result += "\\\""; break;
@@ -99,12 +102,6 @@ std::string escapeLabelValue(std::string_view value) {
         }
     }
     return result;
-}
-
-std::string_view trimWhitespace(std::string_view text) {
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
-    return text;
 }
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
@@ -119,12 +116,12 @@ ExpositionFormat negotiateFormat(std::string_view accept) {
         const std::string_view range = accept.substr(0, comma);
         accept = comma == std::string_view::npos ? std::string_view() : accept.substr(comma + 1);
         const auto semicolon = range.find(';');
-        if (!equalsIgnoringCase(trimWhitespace(range.substr(0, semicolon)), "application/openmetrics-text")) continue;
+        if (!equalsIgnoringCase(text::trimmed(range.substr(0, semicolon)), "application/openmetrics-text")) continue;
         double quality = 1;
         std::string_view parameters = semicolon == std::string_view::npos ? std::string_view() : range.substr(semicolon + 1);
         while (!parameters.empty()) {
             const auto next = parameters.find(';');
-            const auto parameter = trimWhitespace(parameters.substr(0, next));
+            const auto parameter = text::trimmed(parameters.substr(0, next));
             parameters = next == std::string_view::npos ? std::string_view() : parameters.substr(next + 1);
             if (parameter.size() > 2 && (parameter[0] == 'q' || parameter[0] == 'Q') && parameter[1] == '=') {
                 quality = std::strtod(std::string(parameter.substr(2)).c_str(), nullptr);

@@ -24,7 +24,7 @@ struct ThroughputHistogram {
 // What the descriptor of a volume says, as the labels of its info metric.
 struct VolumeLabels {
     std::string device;      // block device name, "vda1"
-    std::string mountPoint;  // the watched folder's mount point
+    std::string mountPoint;  // where the volume's file system is mounted
     std::string fileSystem;
     std::string connection;
     std::string linkSpeed;
@@ -74,12 +74,11 @@ std::string_view contentType(ExpositionFormat format);
 
 std::string render(const Exposition& exposition, ExpositionFormat format);
 
-// Escapes a label value: backslash, double quote and line feed.
+// A label value as the exposition carries it: valid UTF-8 (each ill-formed sequence of the bytes
+// becomes U+FFFD, as labels and paths are bytes), with backslash, double quote and line feed escaped.
 std::string escapeLabelValue(std::string_view value);
 
-// For HTTP header fields: the text without the spaces and tabs around it, and an ASCII
-// comparison that ignores case.
-std::string_view trimWhitespace(std::string_view text);
+// For HTTP header fields: an ASCII comparison that ignores case.
 bool equalsIgnoringCase(std::string_view a, std::string_view b);
 
 }  // namespace vantorix::exporter

@@ -103,7 +103,7 @@ std::size_t MetricsCollector::refreshVolumes() {
         auto volume = std::make_shared<Volume>();
         volume->path = path;
         volume->labels = VolumeLabels{descriptor->deviceName,
-                                      path,
+                                      descriptor->mountPoint,
                                       descriptor->fileSystemDescription.value_or(""),
                                       descriptor->connectionTypeDescription,
                                       descriptor->connectionSpeedDescription.value_or(""),

@@ -11,6 +11,7 @@
 
 #include "concurrency/ThreadAttributes.h"
 #include "exporter/Exposition.h"
+#include "text/Trim.h"
 
 namespace vantorix::exporter {
 namespace {
@@ -72,7 +73,7 @@ Head parseHead(std::string_view head) {
         const auto colon = line.find(':');
         if (colon == std::string_view::npos || !isToken(line.substr(0, colon))) return {400, {}, false};
         const auto name = line.substr(0, colon);
-        const auto value = trimWhitespace(line.substr(colon + 1));
+        const auto value = text::trimmed(line.substr(colon + 1));
         if (equalsIgnoringCase(name, "accept")) {
             parsed.request.accept = std::string(value);
         } else if (equalsIgnoringCase(name, "user-agent")) {

@@ -90,12 +90,14 @@ void DiskIOMonitor::selectVolume(std::string_view url) {
             self.state_.update([&](State& state) {
                 state.selectedVolume.reset();
                 state.errorMessage = resolved.error().description();
+                state.error = resolved.error();
             });
             return;
         }
         self.state_.update([&](State& state) {
             state.selectedVolume = resolved.value();
             state.errorMessage.reset();
+            state.error.reset();
         });
         if (self.follower_) self.follower_->start(resolved.value());
     }));
@@ -104,7 +106,10 @@ void DiskIOMonitor::selectVolume(std::string_view url) {
 void DiskIOMonitor::startMonitoring() {
     const auto& selected = state_.get().selectedVolume;
     if (!selected) {
-        state_.update([](State& state) { state.errorMessage = MonitorError::invalidSelection().description(); });
+        state_.update([](State& state) {
+            state.errorMessage = MonitorError::invalidSelection().description();
+            state.error = MonitorError::invalidSelection();
+        });
         return;
     }
     DiskVolumeDescriptor descriptor = *selected;
@@ -123,6 +128,7 @@ void DiskIOMonitor::startMonitoring() {
             state.monitoringDuration = 0;
             state.isMonitoring = true;
             state.errorMessage.reset();
+            state.error.reset();
         });
     }));
     monitorQueue_->async(weakly(weak_from_this(), [descriptor = std::move(descriptor)](DiskIOMonitor& self) {
@@ -188,7 +194,10 @@ void DiskIOMonitor::process(const BlockStatistics& snapshot) {
 void DiskIOMonitor::failOnMonitorQueue(const MonitorError& error) {
     monitorLog().error("Monitoring failed: {}", error.description());
     dependencies_.mainExecutor->post(weakly(weak_from_this(), [error](DiskIOMonitor& self) {
-        self.state_.update([&](State& state) { state.errorMessage = error.description(); });
+        self.state_.update([&](State& state) {
+            state.errorMessage = error.description();
+            state.error = error;
+        });
     }));
     stopMonitoring(true);
 }

@@ -65,6 +65,7 @@ public:
         std::uint64_t totalReadBytes = 0;
         std::uint64_t totalWriteBytes = 0;
         std::optional<std::string> errorMessage;
+        std::optional<MonitorError> error;  // the failure errorMessage describes
         SamplingPrecision samplingPrecision = SamplingPrecision::ms1000;
     };
 

@@ -10,14 +10,18 @@
 
 #include "concurrency/SerialQueue.h"
 #include "services/ServiceUrls.h"
-#include "services/Utf8Text.h"
 #include "text/Language.h"
 #include "text/Messages.h"
+#include "text/Trim.h"
+#include "text/Utf8.h"
 
 namespace vantorix::services {
 namespace {
 
+using text::isValidUtf8;
 using text::localized;
+using text::nextCodePoint;
+using text::trimmed;
 
 constexpr std::array<std::pair<FeedbackType, std::string_view>, 4> kWireValues{{
     {FeedbackType::suggestion, "suggestion"},
@@ -122,24 +126,6 @@ std::string limitCharacters(std::string_view text, std::size_t maximum) {
     return std::string(text.substr(0, cut));
 }
 
-std::string trimmed(std::string_view text) {
-    std::size_t begin = 0;
-    while (begin < text.size()) {
-        std::size_t next = begin;
-        const auto c = nextCodePoint(text, next);
-        if (!c || !isSpaceOrLineBreak(*c)) break;
-        begin = next;
-    }
-    std::size_t end = text.size();
-    while (end > begin) {
-        std::size_t previous = end;
-        const auto c = previousCodePoint(text, previous);
-        if (!c || !isSpaceOrLineBreak(*c)) break;
-        end = previous;
-    }
-    return std::string(text.substr(begin, end - begin));
-}
-
 void FeedbackForm::applyLimits() {
     title = limitCharacters(title, FeedbackLimits::titleMax);
     content = limitCharacters(content, FeedbackLimits::contentMax);
@@ -152,7 +138,7 @@ std::optional<std::string> validationMessage(const FeedbackForm& form) {
     if (!lengthWithin(form.content, FeedbackLimits::contentMin, FeedbackLimits::contentMax)) {
         return localized("内容长度需 20–2000", "Content length must be 20–2000");
     }
-    const std::string email = trimmed(form.contactEmail);
+    const std::string email(trimmed(form.contactEmail));
     if (!email.empty() && !isEmailAddress(email)) return localized("邮箱格式不正确", "Invalid email format");
     return std::nullopt;
 }
@@ -164,7 +150,7 @@ std::optional<std::string> requestBody(const FeedbackForm& form, std::string_vie
         {"content", trimmed(form.content)},
         {"relatedProductId", productId},
     };
-    if (std::string email = trimmed(form.contactEmail); !email.empty()) body["contactEmail"] = std::move(email);
+    if (std::string email(trimmed(form.contactEmail)); !email.empty()) body["contactEmail"] = std::move(email);
     try {
         return body.dump();
     } catch (const nlohmann::json::exception&) {

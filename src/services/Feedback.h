@@ -36,8 +36,6 @@ struct FeedbackLimits {
 std::size_t characterCount(std::string_view text);
 // The first `maximum` user-perceived characters of `text` (all of it when it is shorter).
 std::string limitCharacters(std::string_view text, std::size_t maximum);
-// Trimmed of white space and line breaks at both ends.
-std::string trimmed(std::string_view text);
 
 struct FeedbackForm {
     FeedbackType type = FeedbackType::suggestion;

@@ -8,10 +8,6 @@
 
 namespace vantorix::services {
 
-// True for an absolute http or https URL with a host, as libcurl parses it (no white space, no
-// control characters).
-bool isWebUrl(std::string_view url);
-
 // The configured base URL, without trailing "/", followed by `path`; nothing when there is no base
 // URL or it is not an http or https URL with a host.
 std::optional<std::string> serviceUrl(const ServiceConfiguration& configuration, std::string_view path);

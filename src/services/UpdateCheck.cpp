@@ -2,31 +2,31 @@
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
-#include <pwd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <system_error>
 #include <vector>
 
 #include "concurrency/SerialQueue.h"
-#include "services/Feedback.h"
 #include "services/ServiceUrls.h"
-#include "services/Utf8Text.h"
+#include "services/WebUrl.h"
 #include "text/Language.h"
 #include "text/Messages.h"
+#include "text/Trim.h"
+#include "text/Utf8.h"
 
 namespace vantorix::services {
 namespace {
 
 namespace fs = std::filesystem;
 using text::localized;
+using text::nextCodePoint;
+using text::previousCodePoint;
+using text::trimmed;
 
 // The name a download gets when neither the server nor the URL offers a usable one.
 constexpr std::string_view kFallbackDownloadName = "vantorix-update";
@@ -34,6 +34,10 @@ constexpr std::string_view kFallbackDownloadName = "vantorix-update";
 constexpr std::size_t kMaximumNameBytes = 255;
 
 std::string invalidUpdateUrl() { return localized("更新地址无效", "Invalid update URL"); }
+
+std::string updatedByPackageManager() {
+    return localized("此版本通过系统的软件包管理器更新。", "This build is updated by your system's package manager.");
+}
 
 UpdateCheckOutcome failed(std::string message) {
     return UpdateCheckOutcome{UpdateCheckOutcome::Status::failed, std::nullopt, std::move(message)};
@@ -71,62 +75,6 @@ std::vector<long long> versionPieces(std::string_view version) {
     return pieces;
 }
 
-std::optional<std::string> homeFolder() {
-    if (const char* home = std::getenv("HOME"); home && *home) return std::string(home);
-    std::vector<char> buffer(16384);
-    passwd entry{};
-    passwd* found = nullptr;
-    if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found && found->pw_dir) {
-        return std::string(found->pw_dir);
-    }
-    return std::nullopt;
-}
-
-bool isFolder(const std::string& path) {
-    std::error_code error;
-    return !path.empty() && fs::is_directory(path, error);
-}
-
-// XDG_DOWNLOAD_DIR from user-dirs.dirs: a quoted value that starts with "$HOME" or "/", with
-// backslash escapes, as xdg-user-dirs writes it.
-std::optional<std::string> xdgDownloadFolder(const std::string& home) {
-    std::string configHome;
-    if (const char* set = std::getenv("XDG_CONFIG_HOME"); set && *set == '/') configHome = set;
-    else configHome = home + "/.config";
-    std::ifstream file(configHome + "/user-dirs.dirs");
-    std::string line;
-    while (std::getline(file, line)) {
-        std::string_view rest(line);
-        const auto skipBlanks = [&rest] {
-            while (!rest.empty() && (rest.front() == ' ' || rest.front() == '\t')) rest.remove_prefix(1);
-        };
-        skipBlanks();
-        constexpr std::string_view key = "XDG_DOWNLOAD_DIR";
-        if (!rest.starts_with(key)) continue;
-        rest.remove_prefix(key.size());
-        skipBlanks();
-        if (!rest.starts_with('=')) continue;
-        rest.remove_prefix(1);
-        skipBlanks();
-        if (!rest.starts_with('"')) continue;
-        rest.remove_prefix(1);
-        std::string path;
-        if (rest.starts_with("$HOME")) {
-            rest.remove_prefix(5);
-            if (!rest.empty() && rest.front() != '/' && rest.front() != '"') continue;  // "$HOMEX" is no home
-            path = home;
-        } else if (!rest.starts_with('/')) {
-            continue;
-        }
-        for (std::size_t i = 0; i < rest.size() && rest[i] != '"'; ++i) {
-            if (rest[i] == '\\' && i + 1 < rest.size()) ++i;
-            path += rest[i];
-        }
-        return path;  // the last assignment wins, as in a shell
-    }
-    return std::nullopt;
-}
-
 bool isControl(char32_t c) { return c < 0x20 || (c >= 0x7F && c <= 0x9F); }
 
 // `name` as a plain base name: the part after the last "/" or "\", control characters and
@@ -142,10 +90,10 @@ std::optional<std::string> plainBaseName(std::string_view name) {
         const auto c = nextCodePoint(name, at);
         if (c && !isControl(*c)) clean.append(name.substr(start, at - start));
     }
-    clean = trimmed(clean);
+    clean = std::string(trimmed(clean));
     const auto firstKept = clean.find_first_not_of('.');
     if (firstKept == std::string::npos) return std::nullopt;
-    clean = trimmed(std::string_view(clean).substr(firstKept));
+    clean = std::string(trimmed(std::string_view(clean).substr(firstKept)));
     if (clean.empty()) return std::nullopt;
 
     if (clean.size() > kMaximumNameBytes) {
@@ -153,9 +101,8 @@ std::optional<std::string> plainBaseName(std::string_view name) {
         const std::string extension =
             dot != std::string::npos && clean.size() - dot <= 16 ? clean.substr(dot) : std::string();
         std::string stem = clean.substr(0, kMaximumNameBytes - extension.size());
-        // Cut back to the start of a character.
-        while (!stem.empty() && (static_cast<unsigned char>(stem.back()) & 0xC0U) == 0x80U) stem.pop_back();
-        if (!stem.empty() && static_cast<unsigned char>(stem.back()) >= 0xC0U) stem.pop_back();
+        // Cut back to the start of a character: the name is valid UTF-8, so only the cut can be not.
+        for (std::size_t end = stem.size(); end > 0 && !previousCodePoint(stem, 0, end);) stem.resize(end);
         clean = stem + extension;
     }
     return clean;
@@ -252,6 +199,10 @@ std::optional<std::string> productEndpoint(const ServiceConfiguration& configura
 
 UpdateCheckOutcome checkForUpdate(HttpClient& client, const ServiceConfiguration& configuration,
                                   std::string_view runningVersion) {
+    // A build without a service (as distributions build it) is updated with the rest of the system.
+    if (configuration.baseUrl.empty()) {
+        return UpdateCheckOutcome{UpdateCheckOutcome::Status::packageManaged, std::nullopt, updatedByPackageManager()};
+    }
     const auto endpoint = productEndpoint(configuration);
     if (!endpoint) return failed(invalidUpdateUrl());
 
@@ -266,8 +217,8 @@ UpdateCheckOutcome checkForUpdate(HttpClient& client, const ServiceConfiguration
 
     const auto product = decodeProduct(response.body);
     if (!product.ok()) return failed(text::updateCheckFailed(product.error()));
-    const std::string version = trimmed(product->currentVersion.value_or(""));
-    const std::string url = trimmed(product->downloadUrl.value_or(""));
+    const std::string version(trimmed(product->currentVersion.value_or("")));
+    const std::string url(trimmed(product->downloadUrl.value_or("")));
     if (version.empty() || url.empty()) return failed(text::updateCheckFailed("invalid payload"));
     if (!isWebUrl(url)) return failed(invalidUpdateUrl());
 
@@ -277,17 +228,6 @@ UpdateCheckOutcome checkForUpdate(HttpClient& client, const ServiceConfiguration
     }
     return UpdateCheckOutcome{UpdateCheckOutcome::Status::upToDate, std::nullopt,
                               localized("当前已是最新版本", "Already up to date")};
-}
-
-std::string downloadsFolder() {
-    const auto home = homeFolder();
-    if (home) {
-        if (const auto xdg = xdgDownloadFolder(*home); xdg && isFolder(*xdg)) return *xdg;
-        if (const std::string downloads = *home + "/Downloads"; isFolder(downloads)) return downloads;
-    }
-    std::error_code error;
-    const fs::path temporary = fs::temp_directory_path(error);
-    return error ? std::string("/tmp") : temporary.string();
 }
 
 std::string safeDownloadName(const std::optional<std::string>& suggested, std::string_view url) {

@@ -46,8 +46,10 @@ struct UpdatePrompt {
 };
 
 // How a check ended: a newer version to offer, or one message for an information alert.
+// packageManaged: no service is configured (VANTORIX_SERVICE_URL empty), so the system's package
+// manager brings new versions; nothing was asked.
 struct UpdateCheckOutcome {
-    enum class Status { updateAvailable, upToDate, failed };
+    enum class Status { updateAvailable, upToDate, packageManaged, failed };
     Status status = Status::failed;
     std::optional<UpdatePrompt> prompt;    // with updateAvailable
     std::optional<std::string> message;    // otherwise
@@ -63,9 +65,6 @@ public:
     virtual ~FileOpener() = default;
     virtual void open(const std::string& path) = 0;
 };
-
-// The user's Downloads folder (XDG), or else the temporary folder.
-std::string downloadsFolder();
 
 // A server's suggested file name reduced to a plain base name (no folders, no "..", no leading
 // dot, no control characters), else the URL's last path component made safe the same way, else a

@@ -5,6 +5,7 @@
 #include "log/Log.h"
 #include "smart/SmartValueText.h"
 #include "smart/SmartmontoolsBridge.h"
+#include "text/Trim.h"
 
 namespace vantorix {
 namespace {
@@ -49,7 +50,7 @@ std::vector<std::string> SMARTInfoProvider::candidateNames(std::string_view devi
             names.push_back(name);
         }
     };
-    std::string name(smart::trimmed(deviceName));
+    std::string name(text::trimmed(deviceName));
     if (name.rfind("/dev/", 0) == 0) name.erase(0, 5);
     add(name);
     if (name.empty()) return names;

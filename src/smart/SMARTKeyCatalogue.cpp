@@ -4,8 +4,8 @@
 
 #include <initializer_list>
 
-#include "smart/Utf8.h"
 #include "text/Language.h"
+#include "text/Utf8.h"
 
 namespace vantorix {
 
@@ -210,7 +210,8 @@ std::size_t indexRunLength(std::string_view path, std::size_t offset) {
     bool anyDigit = false;
     while (position < path.size()) {
         if (path[position] == ']') return anyDigit ? position + 1 - offset : 0;
-        if (u_charType(smart::nextCodePoint(path, position)) != U_DECIMAL_DIGIT_NUMBER) return 0;
+        const auto c = text::nextCodePoint(path, position);
+        if (!c || u_charType(static_cast<UChar32>(*c)) != U_DECIMAL_DIGIT_NUMBER) return 0;
         anyDigit = true;
     }
     return 0;

@@ -10,20 +10,15 @@
 #include <limits>
 #include <optional>
 
-#include "smart/Utf8.h"
 #include "text/IcuText.h"
+#include "text/Trim.h"
+#include "text/Utf8.h"
 
 namespace vantorix::smart {
 namespace {
 
 namespace number = icu::number;
 using text::toUtf8;
-
-bool isWhiteSpaceOrLineBreak(UChar32 c) {
-    if (c == 0x09 || (c >= 0x0A && c <= 0x0D) || c == 0x85) return true;
-    const auto type = u_charType(c);
-    return type == U_SPACE_SEPARATOR || type == U_LINE_SEPARATOR || type == U_PARAGRAPH_SEPARATOR;
-}
 
 bool isAsciiLower(char c) { return c >= 'a' && c <= 'z'; }
 bool isAsciiUpper(char c) { return c >= 'A' && c <= 'Z'; }
@@ -73,24 +68,6 @@ std::string formattedNumber(const nlohmann::ordered_json& value, bool english) {
 
 }  // namespace
 
-std::string_view trimmed(std::string_view text) {
-    std::size_t begin = 0;
-    while (begin < text.size()) {
-        std::size_t next = begin;
-        const UChar32 c = nextCodePoint(text, next);
-        if (c < 0 || !isWhiteSpaceOrLineBreak(c)) break;
-        begin = next;
-    }
-    std::size_t end = text.size();
-    while (end > begin) {
-        std::size_t previous = end;
-        const UChar32 c = previousCodePoint(text, begin, previous);
-        if (c < 0 || !isWhiteSpaceOrLineBreak(c)) break;
-        end = previous;
-    }
-    return text.substr(begin, end - begin);
-}
-
 std::string lowercased(std::string_view text) {
     // Most text is ASCII or caseless (CJK, "›"); only text with a cased non-ASCII character needs
     // ICU's full, context-sensitive mapping.
@@ -102,8 +79,8 @@ std::string lowercased(std::string_view text) {
             ++offset;
             continue;
         }
-        const UChar32 codePoint = nextCodePoint(text, offset);
-        if (codePoint < 0 || u_hasBinaryProperty(codePoint, UCHAR_CHANGES_WHEN_LOWERCASED)) {
+        const auto codePoint = vantorix::text::nextCodePoint(text, offset);
+        if (!codePoint || u_hasBinaryProperty(static_cast<UChar32>(*codePoint), UCHAR_CHANGES_WHEN_LOWERCASED)) {
             result.clear();
             icu::UnicodeString unicode =
                 icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<std::int32_t>(text.size())));
@@ -124,14 +101,14 @@ std::string derivedName(std::string_view memberName) {
         name += c == '_' ? ' ' : c;
         previous = c;
     }
-    const std::string_view kept = trimmed(name);
+    const std::string_view kept = text::trimmed(name);
     return kept.empty() ? std::string(memberName) : std::string(kept);
 }
 
 std::string formattedValue(const nlohmann::ordered_json& value, bool english) {
     switch (value.type()) {
         case nlohmann::ordered_json::value_t::string:
-            return std::string(trimmed(value.get_ref<const std::string&>()));
+            return std::string(text::trimmed(value.get_ref<const std::string&>()));
         case nlohmann::ordered_json::value_t::boolean:
             if (english) return value.get<bool>() ? "Yes" : "No";
             return value.get<bool>() ? "是" : "否";

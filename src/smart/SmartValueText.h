@@ -7,10 +7,6 @@
 
 namespace vantorix::smart {
 
-// The text without white space and line breaks at either end (Unicode space separators, line and
-// paragraph separators, tab, LF, VT, FF, CR and NEL). Ill-formed UTF-8 counts as text.
-std::string_view trimmed(std::string_view text);
-
 // Unicode lower case, independent of the locale.
 std::string lowercased(std::string_view text);
 

@@ -16,6 +16,7 @@
 #include "smart/SmartRowOrder.h"
 #include "smart/SmartValueText.h"
 #include "text/Language.h"
+#include "text/Trim.h"
 
 namespace vantorix::smart {
 namespace {
@@ -163,7 +164,7 @@ std::optional<std::string> overallStatus(const json& document, bool english) {
     if (const json* status = member(document, "smart_status"); status != nullptr && status->is_object()) {
         if (const json* text = member(*status, "string"); text != nullptr && text->is_string()) {
             const auto& value = text->get_ref<const std::string&>();
-            if (!trimmed(value).empty()) return value;
+            if (!text::trimmed(value).empty()) return value;
         }
         if (const auto passed = booleanMember(*status, "passed")) return *passed ? "PASSED" : "FAILED";
     }

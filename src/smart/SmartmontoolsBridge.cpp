@@ -9,7 +9,8 @@
 #include "protocol/Base64.h"
 #include "smart/SmartValueText.h"
 #include "smart/SmartctlJSONInterpreter.h"
-#include "smart/Utf8.h"
+#include "text/Trim.h"
+#include "text/Utf8.h"
 
 namespace vantorix::smart {
 namespace {
@@ -19,7 +20,7 @@ using json = nlohmann::ordered_json;
 const log::Logger& logger() { return log::logger(kBridgeLogCategory); }
 
 std::string readableBytes(std::string_view bytes) {
-    return isValidUtf8(bytes) ? std::string(bytes) : protocol::base64Encoded(bytes);
+    return text::isValidUtf8(bytes) ? std::string(bytes) : protocol::base64Encoded(bytes);
 }
 
 bool isSevere(std::string_view severity) {
@@ -34,7 +35,7 @@ void logMessages(const json& list, const std::string& command) {
         if (!message.is_object()) continue;
         const auto text = message.find("string");
         if (text == message.end() || !text->is_string()) continue;
-        const std::string_view content = trimmed(text->get_ref<const std::string&>());
+        const std::string_view content = vantorix::text::trimmed(text->get_ref<const std::string&>());
         if (content.empty()) continue;
         const auto severityMember = message.find("severity");
         const std::string severity = severityMember != message.end() && severityMember->is_string()
@@ -79,8 +80,8 @@ std::optional<json> parsedDocument(std::string_view jsonData) {
         // Broken USB bridges put bytes that are not UTF-8 into identification strings; the rest of
         // such output is still worth reading, so those bytes become U+FFFD instead of failing the parse.
         std::string repaired;
-        if (!isValidUtf8(jsonData)) {
-            repaired = repairedUtf8(jsonData);
+        if (!text::isValidUtf8(jsonData)) {
+            repaired = text::lossyUtf8(jsonData);
             jsonData = repaired;
         }
         json document = json::parse(jsonData.begin(), jsonData.end(), nullptr, /*allow_exceptions=*/false);

@@ -2,6 +2,7 @@
 #include "text/IcuText.h"
 
 #include "text/Language.h"
+#include "text/Locale.h"
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
@@ -15,7 +16,6 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstdlib>
 #include <ctime>
 #include <functional>
 #include <map>
@@ -207,18 +207,6 @@ std::tm brokenDownTime(std::chrono::system_clock::time_point time, bool utc) {
 }
 
 }  // namespace
-
-std::string currentNumberLocaleId() {
-    for (const char* name : {"LC_ALL", "LC_NUMERIC", "LANG"}) {
-        const char* value = std::getenv(name);
-        if (value == nullptr || *value == '\0') continue;
-        std::string_view id(value);
-        id = id.substr(0, id.find_first_of(".@"));
-        if (id.empty() || id == "C" || id == "POSIX") return kPosixLocale;
-        return std::string(id);
-    }
-    return kPosixLocale;
-}
 
 std::string byteCountText(std::uint64_t bytes, ByteUnits allowed) {
     if (allowed == ByteUnits::none) allowed = ByteUnits::bytes;

@@ -7,6 +7,8 @@
 
 namespace vantorix::text {
 
+// Numbers are written in the locale of currentNumberLocaleId() (text/Locale.h), read on every call.
+
 // Decimal byte units (1 KB = 1000 B). A set of them is a bit mask: `ByteUnits::kilobytes | ByteUnits::megabytes`.
 enum class ByteUnits : std::uint8_t {
     none = 0,
@@ -21,10 +23,6 @@ enum class ByteUnits : std::uint8_t {
 constexpr ByteUnits operator|(ByteUnits a, ByteUnits b) {
     return static_cast<ByteUnits>(static_cast<std::uint8_t>(a) | static_cast<std::uint8_t>(b));
 }
-
-// The ICU locale id that numbers are written in: LC_ALL, else LC_NUMERIC, else LANG, without
-// ".codeset" and "@modifier"; "C", "POSIX" or nothing set give "en_US_POSIX". Read on every call.
-std::string currentNumberLocaleId();
 
 // A byte count in the largest allowed unit that is not larger than the value (the smallest allowed
 // unit for smaller values), e.g. "2.5 GB". B and KB have no fraction digits, MB one, GB and up two;

@@ -6,16 +6,11 @@
 
 namespace vantorix::text {
 
-// The user's ordered list of preferred languages, read afresh from the environment on every call:
-// LANGUAGE (colon-separated), else LC_ALL, else LC_MESSAGES, else LANG. "C", "POSIX", empty or
-// unset values give an empty list.
-std::vector<std::string> preferredLanguages();
-
 // Chinese is chosen when the first preferred language, lower-cased, contains "zh"; English
 // otherwise and when the list is empty.
 bool isEnglishFor(const std::vector<std::string>& languages);
 
-// The language rule applied to the current environment. Never cached: a change of the
+// The language rule applied to preferredLanguages() (text/Locale.h). Never cached: a change of the
 // environment takes effect with the next text that is made.
 bool isEnglish();
 

@@ -84,6 +84,18 @@ std::string versionLine(std::string_view version, std::string_view build) {
     return compose("版本：{} · 构建：{}", "Version: {} · Build: {}", version, build);
 }
 
+std::string exportingMetrics(std::size_t volumeCount, std::string_view address) {
+    // Chinese counts without a plural; English says "1 volume" and "2 volumes".
+    if (volumeCount == 1) {
+        return compose("正在导出 {} 个卷的指标：http://{}/metrics 。按 Ctrl-C 停止。",
+                       "Exporting the metrics of {} volume at http://{}/metrics. Press Ctrl-C to stop.", volumeCount,
+                       address);
+    }
+    return compose("正在导出 {} 个卷的指标：http://{}/metrics 。按 Ctrl-C 停止。",
+                   "Exporting the metrics of {} volumes at http://{}/metrics. Press Ctrl-C to stop.", volumeCount,
+                   address);
+}
+
 std::string gigabytes(std::int64_t count) { return fmt::format("{} GB", count); }
 
 }  // namespace vantorix::text

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -26,6 +27,7 @@ std::string wholeDiskPayload(std::string_view sizeText);
 std::string adjustedPayload(std::string_view chosenText, std::string_view adjustedText);
 std::string smartSheetTitle(std::string_view volumeName);
 std::string versionLine(std::string_view version, std::string_view build);
+std::string exportingMetrics(std::size_t volumeCount, std::string_view address);
 std::string gigabytes(std::int64_t count);
 
 }  // namespace vantorix::text

@@ -10,19 +10,12 @@
 
 #include "text/Formats.h"
 #include "text/Language.h"
+#include "text/Trim.h"
 
 namespace vantorix {
 namespace {
 
 using text::localized;
-
-std::string trim(std::string_view s) {
-    constexpr std::string_view kWhitespace = " \t\n\r\v\f";
-    const auto begin = s.find_first_not_of(kWhitespace);
-    if (begin == std::string_view::npos) return {};
-    const auto end = s.find_last_not_of(kWhitespace);
-    return std::string(s.substr(begin, end - begin + 1));
-}
 
 std::string lower(std::string_view s) {
     std::string out(s);
@@ -233,7 +226,7 @@ Result<DiskVolumeDescriptor, MonitorError> DiskVolumeResolver::resolve(std::stri
     descriptor.deviceName = deviceName;
     descriptor.displayName = (values.name && !values.name->empty()) ? *values.name : lastPathComponent(resolved);
 
-    const std::string type = trim(statistics->typeName);
+    const std::string type(text::trimmed(statistics->typeName));
     if (!type.empty()) descriptor.fileSystemDescription = text::upperCasedForCurrentLocale(type);
 
     descriptor.totalCapacityBytes = atLeastOne(values.totalCapacity);

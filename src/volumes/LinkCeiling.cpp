@@ -9,6 +9,7 @@
 
 #include "text/Formats.h"
 #include "text/Language.h"
+#include "text/Trim.h"
 
 namespace vantorix {
 namespace {
@@ -130,13 +131,6 @@ std::optional<std::string> sataWarning(const SataLink& link) {
                     limit));
 }
 
-std::string_view trimmed(std::string_view text) {
-    const auto isSpace = [](char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; };
-    while (!text.empty() && isSpace(text.front())) text.remove_prefix(1);
-    while (!text.empty() && isSpace(text.back())) text.remove_suffix(1);
-    return text;
-}
-
 bool startsWithIgnoringCase(std::string_view text, std::string_view prefix) {
     if (text.size() < prefix.size()) return false;
     for (std::size_t i = 0; i < prefix.size(); ++i) {
@@ -252,16 +246,16 @@ std::optional<std::string> ceilingShareText(double bytesPerSecond, const LinkCei
 }
 
 std::optional<LinkRateText> parseLinkRateText(std::string_view raw) {
-    std::string_view text = trimmed(raw);
+    const std::string_view value = text::trimmed(raw);
     std::size_t end = 0;
-    while (end < text.size() && (isDigit(text[end]) || text[end] == '.')) ++end;
+    while (end < value.size() && (isDigit(value[end]) || value[end] == '.')) ++end;
     if (end == 0) return std::nullopt;
-    const std::string number(text.substr(0, end));
+    const std::string number(value.substr(0, end));
     char* parsedEnd = nullptr;
-    const double value = std::strtod(number.c_str(), &parsedEnd);
-    if (parsedEnd != number.c_str() + number.size() || !(value > 0) || value > 1e6) return std::nullopt;
+    const double rate = std::strtod(number.c_str(), &parsedEnd);
+    if (parsedEnd != number.c_str() + number.size() || !(rate > 0) || rate > 1e6) return std::nullopt;
 
-    std::string_view rest = trimmed(text.substr(end));
+    std::string_view rest = text::trimmed(value.substr(end));
     static constexpr std::array<std::pair<std::string_view, std::uint64_t>, 6> kUnits{{
         {"gt/s", kGiga}, {"gb/s", kGiga}, {"gbps", kGiga}, {"mt/s", kMega}, {"mb/s", kMega}, {"mbps", kMega},
     }};
@@ -270,7 +264,7 @@ std::optional<LinkRateText> parseLinkRateText(std::string_view raw) {
     if (unit == kUnits.end()) return std::nullopt;
     rest.remove_prefix(unit->first.size());
 
-    LinkRateText result{static_cast<std::uint64_t>(std::llround(value * static_cast<double>(unit->second))),
+    LinkRateText result{static_cast<std::uint64_t>(std::llround(rate * static_cast<double>(unit->second))),
                         std::nullopt};
     for (auto at = rest.find('x'); at != std::string_view::npos; at = rest.find('x', at + 1)) {
         if (at > 0 && rest[at - 1] != ' ') continue;
@@ -289,11 +283,11 @@ std::optional<LinkRateText> parseLinkRateText(std::string_view raw) {
 }
 
 std::optional<std::uint16_t> parseUsbVersion(std::string_view raw) {
-    const std::string_view text = trimmed(raw);
-    const auto dot = text.find('.');
+    const std::string_view version = text::trimmed(raw);
+    const auto dot = version.find('.');
     if (dot == std::string_view::npos) return std::nullopt;
-    const auto major = hexNumber(text.substr(0, dot));
-    const auto minor = hexNumber(text.substr(dot + 1));
+    const auto major = hexNumber(version.substr(0, dot));
+    const auto minor = hexNumber(version.substr(dot + 1));
     if (!major || !minor) return std::nullopt;
     return static_cast<std::uint16_t>((*major << 8U) | *minor);
 }

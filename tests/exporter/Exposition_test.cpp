@@ -17,7 +17,8 @@ Exposition sampleExposition() {
     Exposition e;
     e.samplingIntervalSeconds = 0.01;
     VolumeFigures v;
-    v.labels = {"loop3", "/mnt/a \"b\"\\c", "EXT4", "Virtual", "", "Linux", "Loop\ndevice"};
+    // A mount point's bytes need not be UTF-8; label values must be.
+    v.labels = {"loop3", "/mnt/a \"b\"\\c\xff", "EXT4", "Virtual", "", "Linux", "Loop\ndevice"};
     v.readBytes = 18446744073709551615ULL;  // a counter near its wrap
     v.writtenBytes = 4096;
     v.reads = 7;
@@ -40,10 +41,10 @@ TEST(Exposition, BothFormatsNameFamiliesAndSamplesAsScrapersExpect) {
     const auto e = sampleExposition();
     const std::string text = render(e, ExpositionFormat::prometheusText);
     const std::string open = render(e, ExpositionFormat::openMetrics);
-    const std::string key = R"(device="loop3",mountpoint="/mnt/a \"b\"\\c")";
+    const std::string key = R"(device="loop3",mountpoint="/mnt/a \"b\"\\c�")";
     for (const std::string& line : std::vector<std::string>{
           "vantorix_sampling_interval_seconds 0.01", "vantorix_volumes 1",
-          R"(vantorix_volume_info{device="loop3",mountpoint="/mnt/a \"b\"\\c",filesystem="EXT4",connection="Virtual",link_speed="",vendor="Linux",model="Loop\ndevice"} 1)",
+          R"(vantorix_volume_info{device="loop3",mountpoint="/mnt/a \"b\"\\c�",filesystem="EXT4",connection="Virtual",link_speed="",vendor="Linux",model="Loop\ndevice"} 1)",
           "vantorix_volume_read_bytes_total{" + key + "} 1.8446744073709552e+19",
           "vantorix_volume_written_bytes_total{" + key + "} 4096",
           "vantorix_volume_read_peak_bytes_per_second{" + key + "} 1500000000",

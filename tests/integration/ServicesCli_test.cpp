@@ -18,16 +18,20 @@ constexpr const char* kProductPath = "/api/products/vx7k2m9q4r8t1w5y3z6b0c2d4";
 // The web-service commands against a loopback server, in English, with a home of their own.
 class ServicesCli : public ::testing::Test {
 protected:
-    testing::ProcessResult run(const std::vector<std::string>& args, const std::string& language = "en_US") {
+    // `withService` false: the service the build names, which is none in a stock build.
+    testing::ProcessResult run(const std::vector<std::string>& args, const std::string& language = "en_US",
+                               bool withService = true) {
         std::vector<std::string> argv{VANTORIX_CLI_PATH};
         argv.insert(argv.end(), args.begin(), args.end());
-        return testing::runProcess(argv, Environment{{"LANGUAGE", language},
-                                                     {"LC_ALL", std::nullopt},
-                                                     {"LANG", "C.UTF-8"},
-                                                     {"HOME", home_.string()},
-                                                     {"XDG_CONFIG_HOME", std::nullopt},
-                                                     {"VANTORIX_SERVICE_URL", server_.url("")},
-                                                     {"VANTORIX_PRODUCT_ID", std::nullopt}});
+        return testing::runProcess(
+            argv, Environment{{"LANGUAGE", language},
+                              {"LC_ALL", std::nullopt},
+                              {"LANG", "C.UTF-8"},
+                              {"HOME", home_.string()},
+                              {"XDG_CONFIG_HOME", std::nullopt},
+                              {"XDG_DOWNLOAD_DIR", std::nullopt},
+                              {"VANTORIX_SERVICE_URL", withService ? std::optional(server_.url("")) : std::nullopt},
+                              {"VANTORIX_PRODUCT_ID", std::nullopt}});
     }
 
     void offer(const std::string& version) {
@@ -74,6 +78,27 @@ TEST_F(ServicesCli, CheckUpdateSaysWhatItFound) {
     EXPECT_EQ(failed.exitStatus, 1);
     EXPECT_EQ(failed.out, "");
     EXPECT_EQ(failed.err, "Update check failed: network error\n");
+    const auto failedJson = run({"check-update", "--json"});
+    EXPECT_EQ(failedJson.exitStatus, 1);
+    EXPECT_EQ(nlohmann::json::parse(failedJson.out),
+              (nlohmann::json{{"error", {{"code", "updateCheckFailed"}, {"message", "Update check failed: network error"}}}}));
+}
+
+TEST_F(ServicesCli, CheckUpdateOfAStockBuildLeavesUpdatesToThePackageManager) {
+    if (std::string_view(VANTORIX_BUILT_SERVICE_URL) != "") GTEST_SKIP() << "this build names a service";
+    const std::pair<std::string, std::string> cases[] = {
+        {"en_US", "This build is updated by your system's package manager.\n"},
+        {"zh_CN", "此版本通过系统的软件包管理器更新。\n"},
+    };
+    for (const auto& [language, text] : cases) {
+        const auto result = run({"check-update"}, language, false);
+        EXPECT_EQ(result.exitStatus, 0) << result.err;
+        EXPECT_EQ(result.out, text);
+    }
+    const auto json = run({"check-update", "--json"}, "en_US", false);
+    EXPECT_EQ(json.exitStatus, 0);
+    EXPECT_EQ(nlohmann::json::parse(json.out)["status"], "packageManaged");
+    EXPECT_TRUE(server_.requests().empty());
 }
 
 TEST_F(ServicesCli, CheckUpdateDownloadsIntoTheDownloadsFolder) {
@@ -104,9 +129,10 @@ TEST_F(ServicesCli, FeedbackIsCheckedThenSent) {
     EXPECT_EQ(document, (nlohmann::json{{"accepted", true}, {"message", "Submitted successfully. Feedback ID: abc"},
                                         {"feedbackId", "abc"}}));
 
-    const auto invalid = run({"feedback", "--title", "Bug", "--content", "The graph stops after an hour."});
+    const auto invalid = run({"feedback", "--title", "Bug", "--content", "The graph stops after an hour.", "--json"});
     EXPECT_EQ(invalid.exitStatus, 1);
     EXPECT_EQ(invalid.err, "Title length must be 5–100\n");
+    EXPECT_EQ(nlohmann::json::parse(invalid.out)["error"]["code"], "invalidFeedback");
     EXPECT_EQ(server_.requests().size(), 2u) << "an invalid form sends nothing";
     EXPECT_EQ(run({"feedback", "--type", "praise", "--title", "Hello", "--content", "x"}).exitStatus, 2);
 }

@@ -33,8 +33,6 @@ TEST(Feedback, CharactersAreWhatTheUserSees) {
         {"", 0}, {"abc", 3}, {kFamily, 1}, {kAccented + kAccented, 2}, {kFlag + kFlag, 2}, {"\r\n", 1}, {"标题", 2},
     };
     for (const auto& [text, count] : counts) EXPECT_EQ(characterCount(text), count) << text;
-    EXPECT_EQ(trimmed("\u3000 \t\n\u00A0a b\u2028 \r\n"), "a b");
-    EXPECT_EQ(trimmed(" \n "), "");
 }
 
 TEST(Feedback, InputLimitsCutWholeCharacters) {

@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 
 #include "support/Process.h"
 
@@ -25,7 +26,8 @@ std::string LoopVolume::unavailableReason() {
     return {};
 }
 
-std::unique_ptr<LoopVolume> LoopVolume::create(const std::string& label, std::uint64_t sizeBytes, std::string* error) {
+std::unique_ptr<LoopVolume> LoopVolume::create(const std::string& label, std::uint64_t sizeBytes, std::string* error,
+                                               const std::string& mountFolderName) {
     std::unique_ptr<LoopVolume> volume(new LoopVolume());
     char pattern[] = "/tmp/vantorix-loop-XXXXXX";
     if (::mkdtemp(pattern) == nullptr) {
@@ -34,12 +36,15 @@ std::unique_ptr<LoopVolume> LoopVolume::create(const std::string& label, std::ui
     }
     volume->directory_ = pattern;
     volume->image_ = volume->directory_ + "/image.ext4";
-    volume->mountPoint_ = volume->directory_ + "/mnt";
+    volume->mountPoint_ = volume->directory_ + "/" + mountFolderName;
     std::filesystem::create_directory(volume->mountPoint_);
 
-    auto step = runShell("truncate -s " + std::to_string(sizeBytes) + " '" + volume->image_ + "' && mkfs.ext4 -q -F -E lazy_itable_init=0,lazy_journal_init=0 -L '" +
-                         label + "' '" + volume->image_ + "'");
-    if (step.exitStatus != 0) {
+    std::ofstream(volume->image_, std::ios::binary).close();
+    std::error_code sized;
+    std::filesystem::resize_file(volume->image_, sizeBytes, sized);
+    auto step = runProcess({"/sbin/mkfs.ext4", "-q", "-F", "-E", "lazy_itable_init=0,lazy_journal_init=0", "-L", label,
+                            volume->image_});
+    if (sized || step.exitStatus != 0) {
         *error = "mkfs.ext4 failed: " + step.err;
         return nullptr;
     }

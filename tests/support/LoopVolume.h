@@ -12,7 +12,10 @@ namespace vantorix::testing {
 class LoopVolume {
 public:
     static std::string unavailableReason();
-    static std::unique_ptr<LoopVolume> create(const std::string& label, std::uint64_t sizeBytes, std::string* error);
+    // `label` and `mountFolderName` (the name of the mount point in its temporary folder) are bytes,
+    // handed to mkfs.ext4 and mkdir as they are: they need not be UTF-8.
+    static std::unique_ptr<LoopVolume> create(const std::string& label, std::uint64_t sizeBytes, std::string* error,
+                                              const std::string& mountFolderName = "mnt");
     ~LoopVolume();
     LoopVolume(const LoopVolume&) = delete;
     LoopVolume& operator=(const LoopVolume&) = delete;

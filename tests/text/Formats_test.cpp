@@ -1,4 +1,5 @@
 #include "text/Formats.h"
+#include "text/Locale.h"
 
 #include "support/ScopedEnvironment.h"
 
@@ -75,6 +76,9 @@ TEST(ByteCountText, NumberLocaleFromLcAllThenLcNumericThenLang) {
         const ScopedEnvironment environment{{"LC_ALL", c.lcAll}, {"LC_NUMERIC", c.lcNumeric}, {"LANG", c.lang}};
         EXPECT_EQ(currentNumberLocaleId(), c.localeId);
         EXPECT_EQ(byteCountText(1'234'567'890'123'456'789, kSpeedUnits), c.text) << c.localeId;
+        // Collation follows the same rule with its own category.
+        const ScopedEnvironment collation{{"LC_COLLATE", c.lcNumeric}, {"LC_NUMERIC", std::nullopt}};
+        EXPECT_EQ(localeId(LocaleCategory::collation), c.localeId);
     }
 }
 

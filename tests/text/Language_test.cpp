@@ -1,4 +1,5 @@
 #include "text/Language.h"
+#include "text/Locale.h"
 #include "text/Messages.h"
 
 #include "support/ScopedEnvironment.h"
@@ -39,6 +40,8 @@ TEST(LanguageRule, LanguageThenLcAllThenLcMessagesThenLang) {
         {unset, unset, unset, "C", {}, true},
         {unset, unset, unset, "POSIX", {}, true},
         {unset, "C", unset, "zh_CN.UTF-8", {}, true},
+        {"C.UTF-8:zh_CN", unset, unset, unset, {"zh_CN"}, false},
+        {"POSIX", unset, unset, "zh_CN.UTF-8", {"zh_CN.UTF-8"}, false},
     };
     for (std::size_t i = 0; i < cases.size(); ++i) {
         const auto& c = cases[i];

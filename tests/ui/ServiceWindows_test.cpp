@@ -171,6 +171,20 @@ TEST(AboutVantorixView, ChecksOnceOffersTheDownloadAndOpensTheFile) {
         EXPECT_EQ(view.openAlert()->text().toStdString(), upToDate);
         screenshot(&view, view.openAlert(), "about-up-to-date-" + suffix);
         view.openAlert()->close();
+
+        // A build without a service, as distributions make it, asks nobody.
+        auto stockConfiguration = service.configuration;
+        stockConfiguration.baseUrl.clear();
+        AboutVantorixView stock({services::UpdateChecker::create({service.client, service.main, stockConfiguration, "1.9.9"}),
+                                 kContactLink, "1.9.9", "42", nullptr, nullptr});
+        stock.show();
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(&stock));
+        QTest::mouseClick(stock.checkUpdateButton(), Qt::LeftButton);
+        ASSERT_TRUE(QTest::qWaitFor([&] { return stock.openAlert() != nullptr; }, 10000));
+        EXPECT_EQ(stock.openAlert()->text().toStdString(),
+                  english(look) ? "This build is updated by your system's package manager." : "此版本通过系统的软件包管理器更新。");
+        EXPECT_EQ(service.server.requests().size(), 3u);
+        stock.openAlert()->close();
     }
 }
 

@@ -16,6 +16,7 @@
 #include <memory>
 #include <utility>
 
+#include "services/WebUrl.h"
 #include "text/Language.h"
 
 namespace vantorix {
@@ -54,14 +55,6 @@ struct SlistCleanup {
     void operator()(curl_slist* list) const { curl_slist_free_all(list); }
 };
 using HeaderList = std::unique_ptr<curl_slist, SlistCleanup>;
-
-struct UrlCleanup {
-    void operator()(CURLU* url) const { curl_url_cleanup(url); }
-};
-
-struct CurlStringCleanup {
-    void operator()(char* text) const { curl_free(text); }
-};
 
 std::string errnoText(int code) {
     char buffer[256] = {};
@@ -139,18 +132,6 @@ HttpError errorFor(CURLcode code, const char* errorBuffer) {
     default:
         return {Kind::other, withDetail("请求失败", "The request failed", detail)};
     }
-}
-
-// Only absolute http and https URLs are taken: libcurl would otherwise guess a scheme for
-// "example.com/x" or accept schemes that the protocol restriction then turns away less clearly.
-bool isUsableUrl(const std::string& url) {
-    if (url.find('\0') != std::string::npos) return false;
-    const std::unique_ptr<CURLU, UrlCleanup> parsed(curl_url());
-    if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK) return false;
-    char* rawScheme = nullptr;
-    if (curl_url_get(parsed.get(), CURLUPART_SCHEME, &rawScheme, 0) != CURLUE_OK) return false;
-    const std::unique_ptr<char, CurlStringCleanup> scheme(rawScheme);
-    return strcasecmp(scheme.get(), "http") == 0 || strcasecmp(scheme.get(), "https") == 0;
 }
 
 bool isValidHeaderName(std::string_view name) {
@@ -406,7 +387,7 @@ std::optional<std::string> fileNameFromContentDisposition(std::string_view value
 CurlHttpClient::CurlHttpClient() { initializeCurl(); }
 
 Result<HttpResponse, HttpError> CurlHttpClient::send(const HttpRequest& request) {
-    if (!isUsableUrl(request.url)) return Failure{invalidUrlError()};
+    if (!services::isWebUrl(request.url)) return Failure{invalidUrlError()};
     const EasyHandle handle(curl_easy_init());
     if (!handle) return Failure{preparationError()};
 
@@ -445,7 +426,7 @@ Result<HttpResponse, HttpError> CurlHttpClient::send(const HttpRequest& request)
 }
 
 Result<HttpDownload, HttpError> CurlHttpClient::download(const std::string& url, const std::string& directory) {
-    if (!isUsableUrl(url)) return Failure{invalidUrlError()};
+    if (!services::isWebUrl(url)) return Failure{invalidUrlError()};
     const EasyHandle handle(curl_easy_init());
     if (!handle) return Failure{preparationError()};
 

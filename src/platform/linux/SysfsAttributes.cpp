@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <charconv>
 
+#include "text/Utf8.h"
+
 namespace vantorix::sysfs {
 namespace {
 
@@ -28,42 +30,6 @@ private:
 bool isPlainName(std::string_view name) {
     return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos &&
            name.find('\0') == std::string_view::npos;
-}
-
-bool isValidUtf8(std::string_view text) {
-    std::size_t i = 0;
-    while (i < text.size()) {
-        const auto lead = static_cast<unsigned char>(text[i]);
-        std::size_t length = 0;
-        std::uint32_t codePoint = 0;
-        if (lead < 0x80) {
-            ++i;
-            continue;
-        }
-        if ((lead & 0xE0u) == 0xC0u) {
-            length = 2;
-            codePoint = lead & 0x1Fu;
-        } else if ((lead & 0xF0u) == 0xE0u) {
-            length = 3;
-            codePoint = lead & 0x0Fu;
-        } else if ((lead & 0xF8u) == 0xF0u) {
-            length = 4;
-            codePoint = lead & 0x07u;
-        } else {
-            return false;
-        }
-        if (i + length > text.size()) return false;
-        for (std::size_t k = 1; k < length; ++k) {
-            const auto next = static_cast<unsigned char>(text[i + k]);
-            if ((next & 0xC0u) != 0x80u) return false;
-            codePoint = (codePoint << 6) | (next & 0x3Fu);
-        }
-        const std::uint32_t smallest = length == 2 ? 0x80u : length == 3 ? 0x800u : 0x10000u;
-        if (codePoint < smallest || codePoint > 0x10FFFFu || (codePoint >= 0xD800u && codePoint <= 0xDFFFu))
-            return false;
-        i += length;
-    }
-    return true;
 }
 
 }  // namespace
@@ -94,7 +60,7 @@ std::optional<std::string> readAttribute(const std::filesystem::path& dir, std::
 
     std::string_view text(buffer.data(), total);
     while (!text.empty() && text.back() == '\n') text.remove_suffix(1);
-    if (text.find('\0') != std::string_view::npos || !isValidUtf8(text)) return std::nullopt;
+    if (text.find('\0') != std::string_view::npos || !text::isValidUtf8(text)) return std::nullopt;
     return std::string(text);
 }
 

@@ -10,6 +10,7 @@
 #include <system_error>
 
 #include "platform/linux/SysfsAttributes.h"
+#include "text/Trim.h"
 
 namespace vantorix {
 namespace {
@@ -23,18 +24,11 @@ constexpr int kMaxLevels = 64;
 // A `stat` file is one line of at most 17 numbers; a longer file is not one we understand.
 constexpr std::size_t kStatBufferSize = 1024;
 
-std::string_view trimmed(std::string_view text) {
-    const auto isSpace = [](char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; };
-    while (!text.empty() && isSpace(text.front())) text.remove_prefix(1);
-    while (!text.empty() && isSpace(text.back())) text.remove_suffix(1);
-    return text;
-}
-
 // The attribute's text without surrounding white space; nothing when it is missing or blank.
 std::optional<std::string> textAttribute(const fs::path& dir, std::string_view name) {
     const auto text = readAttribute(dir, name);
     if (!text) return std::nullopt;
-    const auto value = trimmed(*text);
+    const auto value = text::trimmed(*text);
     if (value.empty()) return std::nullopt;
     return std::string(value);
 }

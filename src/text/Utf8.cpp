@@ -1,27 +1,34 @@
-#include "smart/Utf8.h"
+#include "text/Utf8.h"
 
 #include <unicode/utf8.h>
 
 #include <algorithm>
 #include <cstdint>
 
-namespace vantorix::smart {
+namespace vantorix::text {
+namespace {
 
 // ICU's macros take 32-bit offsets; a window of at most four bytes around the position keeps any
 // text length usable.
 constexpr std::size_t kLongestSequence = 4;
+constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
 
-int nextCodePoint(std::string_view text, std::size_t& offset) {
+bool isAscii(char c) { return static_cast<unsigned char>(c) < 0x80; }
+
+}  // namespace
+
+std::optional<char32_t> nextCodePoint(std::string_view text, std::size_t& offset) {
     const auto* window = reinterpret_cast<const std::uint8_t*>(text.data() + offset);
     const auto length = static_cast<std::int32_t>(std::min(text.size() - offset, kLongestSequence));
     std::int32_t position = 0;
     UChar32 c = 0;
     U8_NEXT(window, position, length, c);
     offset += static_cast<std::size_t>(position);
-    return c;
+    if (c < 0) return std::nullopt;
+    return static_cast<char32_t>(c);
 }
 
-int previousCodePoint(std::string_view text, std::size_t begin, std::size_t& end) {
+std::optional<char32_t> previousCodePoint(std::string_view text, std::size_t begin, std::size_t& end) {
     const std::size_t windowStart = std::max(begin, end >= kLongestSequence ? end - kLongestSequence : 0);
     const auto* window = reinterpret_cast<const std::uint8_t*>(text.data() + windowStart);
     auto position = static_cast<std::int32_t>(end - windowStart);
@@ -32,37 +39,35 @@ int previousCodePoint(std::string_view text, std::size_t begin, std::size_t& end
     U8_PREV(window, 0, position, c);
 #pragma GCC diagnostic pop
     end = windowStart + static_cast<std::size_t>(position);
-    return c;
+    if (c < 0) return std::nullopt;
+    return static_cast<char32_t>(c);
 }
 
-bool isValidUtf8(std::string_view text) {
-    std::size_t offset = 0;
-    while (offset < text.size()) {
-        if (static_cast<unsigned char>(text[offset]) < 0x80) {
+bool isValidUtf8(std::string_view bytes) {
+    for (std::size_t offset = 0; offset < bytes.size();) {
+        if (isAscii(bytes[offset])) {
             ++offset;
-            continue;
+        } else if (!nextCodePoint(bytes, offset)) {
+            return false;
         }
-        if (nextCodePoint(text, offset) < 0) return false;
     }
     return true;
 }
 
-std::string repairedUtf8(std::string_view text) {
-    static constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
-    std::string repaired;
-    repaired.reserve(text.size());
-    std::size_t offset = 0;
-    while (offset < text.size()) {
+std::string lossyUtf8(std::string_view bytes) {
+    std::string text;
+    text.reserve(bytes.size());
+    for (std::size_t offset = 0; offset < bytes.size();) {
         const std::size_t start = offset;
-        if (static_cast<unsigned char>(text[offset]) < 0x80) {
+        if (isAscii(bytes[offset])) {
             ++offset;
-        } else if (nextCodePoint(text, offset) < 0) {
-            repaired += kReplacement;
+        } else if (!nextCodePoint(bytes, offset)) {
+            text += kReplacement;
             continue;
         }
-        repaired.append(text.substr(start, offset - start));
+        text.append(bytes.substr(start, offset - start));
     }
-    return repaired;
+    return text;
 }
 
-}  // namespace vantorix::smart
+}  // namespace vantorix::text

@@ -1,0 +1,67 @@
+#include "text/Trim.h"
+#include "text/Utf8.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace vantorix::text {
+namespace {
+
+const std::string kReplacement = "\uFFFD";
+
+TEST(Utf8, IllFormedSequencesBecomeOneReplacementEach) {
+    struct Case {
+        std::string bytes;
+        bool valid;
+        std::string lossy;
+    };
+    const std::vector<Case> cases = {
+        {"", true, ""},
+        {"plain ASCII", true, "plain ASCII"},
+        {"标题 € \U0001F468", true, "标题 € \U0001F468"},
+        {std::string("a\0b", 3), true, std::string("a\0b", 3)},
+        {"Bad\xff\xfeName", false, "Bad" + kReplacement + kReplacement + "Name"},
+        {"\xc0\xaf", false, kReplacement + kReplacement},                // an overlong "/"
+        {"\xed\xa0\x80", false, kReplacement + kReplacement + kReplacement},  // a surrogate
+        {"\xf4\x90\x80\x80", false, kReplacement + kReplacement + kReplacement + kReplacement},  // past U+10FFFF
+        {"\xe2\x82", false, kReplacement},                               // cut off: one maximal subpart
+        {"x\xe2\x82y\xf0\x9f\x98", false, "x" + kReplacement + "y" + kReplacement},
+        {"\x80\xbf", false, kReplacement + kReplacement},                // stray continuation bytes
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(isValidUtf8(c.bytes), c.valid) << c.bytes;
+        EXPECT_EQ(lossyUtf8(c.bytes), c.lossy) << c.bytes;
+        EXPECT_TRUE(isValidUtf8(lossyUtf8(c.bytes))) << c.bytes;
+    }
+}
+
+TEST(Utf8, CodePointsForwardAndBackward) {
+    const std::string text = "a\xc3\xa9\xff\xe2\x82\xac";  // a é <ill-formed> €
+    std::size_t offset = 0;
+    std::vector<std::optional<char32_t>> forward;
+    while (offset < text.size()) forward.push_back(nextCodePoint(text, offset));
+    EXPECT_EQ(forward, (std::vector<std::optional<char32_t>>{U'a', U'é', std::nullopt, U'€'}));
+    std::size_t end = text.size();
+    std::vector<std::optional<char32_t>> backward;
+    while (end > 0) backward.push_back(previousCodePoint(text, 0, end));
+    EXPECT_EQ(backward, (std::vector<std::optional<char32_t>>{U'€', std::nullopt, U'é', U'a'}));
+    end = 3;
+    EXPECT_EQ(previousCodePoint(text, 2, end), std::nullopt) << "never reads before its beginning";
+}
+
+TEST(Trim, WhiteSpaceAndLineBreaksOfAnyScriptButNeverIllFormedBytes) {
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"\u3000 \t\n\u00A0a b\u2028 \r\n", "a b"},
+        {" \n ", ""},
+        {"\u0085x\u2029\v\f", "x"},
+        {"\u200Bzero width\u200B", "\u200Bzero width\u200B"},  // not a space separator
+        {std::string("\xff \xe2\x80", 4), std::string("\xff \xe2\x80", 4)},
+        {" \xc3", "\xc3"},
+    };
+    for (const auto& [text, expected] : cases) EXPECT_EQ(trimmed(text), expected) << text;
+}
+
+}  // namespace
+}  // namespace vantorix::text
