@@ -40,7 +40,7 @@
 #include <vector>
 
 #include "benchmark/DiskPerformanceTester.h"
-#include "concurrency/ManualMainExecutor.h"
+#include "support/ManualMainExecutor.h"
 #include "monitor/DiskIOMonitor.h"
 #include "platform/FakeRegistry.h"
 #include "platform/PropertyValue.h"
