@@ -10,61 +10,66 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <sstream>
 #include <thread>
-#include <vector>
 
 namespace vantorix::testing {
 namespace {
 
 // The child: serves connections until the parent closes its end of the report pipe, writing
-// "connections bytes" lines to it whenever the counts change.
-[[noreturn]] void serve(HelperSocketStandIn::Behaviour behaviour, uid_t uid, const std::string& path, int report, int ready) {
+// "connections bytes closed" lines to it whenever the counts change. The parent may have other
+// threads, so the child allocates nothing: fixed arrays and system calls only.
+[[noreturn]] void serve(HelperSocketStandIn::Behaviour behaviour, uid_t uid, const char* path, int report, int ready) {
     if (uid != 0 && (::setgid(uid) != 0 || ::setuid(uid) != 0)) ::_exit(3);
     const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    std::snprintf(address.sun_path, sizeof(address.sun_path), "%s", path.c_str());
+    std::snprintf(address.sun_path, sizeof(address.sun_path), "%s", path);
     if (::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 || ::listen(listener, 16) != 0) {
         ::_exit(4);
     }
-    ::chmod(path.c_str(), 0666);
+    ::chmod(path, 0666);
     (void)!::write(ready, "r", 1);
     ::close(ready);
-    std::uint64_t connections = 0, bytes = 0, closed = 0;
-    std::vector<int> clients;
-    std::string reported;
+    unsigned long long connections = 0, bytes = 0, closed = 0;
+    constexpr int kMaximumClients = 64;
+    int clients[kMaximumClients];
+    int clientCount = 0;
+    char reported[96] = "";
     for (;;) {
         pollfd polled[2] = {{listener, POLLIN, 0}, {report, POLLERR, 0}};
         if (::poll(polled, 2, 20) < 0 || (polled[1].revents & (POLLERR | POLLHUP)) != 0) break;
-        if ((polled[0].revents & POLLIN) != 0) {
-            const int client = ::accept(listener, nullptr, nullptr);
+        const int client = (polled[0].revents & POLLIN) != 0 ? ::accept(listener, nullptr, nullptr) : -1;
+        if (client >= 0) {
             ++connections;
-            if (behaviour == HelperSocketStandIn::Behaviour::closeAtOnce) {
+            if (behaviour == HelperSocketStandIn::Behaviour::closeAtOnce || clientCount == kMaximumClients) {
                 ::close(client);
                 ++closed;
             } else {
-                clients.push_back(client);
+                clients[clientCount++] = client;
             }
         }
-        for (int& client : clients) {
+        for (int i = 0; i < clientCount;) {
             char buffer[4096];
-            for (ssize_t n; client >= 0 && (n = ::recv(client, buffer, sizeof(buffer), MSG_DONTWAIT)) >= 0;) {
-                if (n == 0) {  // the client hung up
-                    ::close(client);
-                    client = -1;
-                    ++closed;
-                } else {
-                    bytes += static_cast<std::uint64_t>(n);
-                }
+            const ssize_t n = ::recv(clients[i], buffer, sizeof(buffer), MSG_DONTWAIT);
+            if (n > 0) {
+                bytes += static_cast<unsigned long long>(n);
+            } else if (n == 0) {  // the client hung up
+                ::close(clients[i]);
+                clients[i] = clients[--clientCount];
+                ++closed;
+            } else {
+                ++i;
             }
         }
-        std::erase(clients, -1);
-        const std::string counts =
-            std::to_string(connections) + " " + std::to_string(bytes) + " " + std::to_string(closed) + "\n";
-        if (counts != reported && ::write(report, counts.data(), counts.size()) < 0) break;
-        reported = counts;
+        char counts[96];
+        const int length = std::snprintf(counts, sizeof(counts), "%llu %llu %llu\n", connections, bytes, closed);
+        if (std::strcmp(counts, reported) != 0) {
+            if (::write(report, counts, static_cast<std::size_t>(length)) < 0) break;
+            std::memcpy(reported, counts, sizeof(counts));
+        }
     }
     ::_exit(0);
 }
@@ -83,7 +88,7 @@ HelperSocketStandIn::HelperSocketStandIn(Behaviour behaviour, uid_t uid) {
     if (pid_ == 0) {
         ::close(report[0]);
         ::close(ready[0]);
-        serve(behaviour, uid, path_, report[1], ready[1]);
+        serve(behaviour, uid, path_.c_str(), report[1], ready[1]);
     }
     ::close(report[1]);
     ::close(ready[1]);
