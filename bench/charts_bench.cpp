@@ -12,7 +12,7 @@
 #include "ChartSamples.h"
 #include "charts/ChartExportSupport.h"
 #include "charts/DiskIOGraphRendererCache.h"
-#include "concurrency/ManualMainExecutor.h"
+#include "support/ManualMainExecutor.h"
 
 namespace vantorix {
 namespace {

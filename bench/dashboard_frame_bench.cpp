@@ -40,7 +40,7 @@
 #include <vector>
 
 #include "benchmark/DiskPerformanceTester.h"
-#include "concurrency/ManualMainExecutor.h"
+#include "support/ManualMainExecutor.h"
 #include "monitor/DiskIOMonitor.h"
 #include "support/ScriptedBlockDevices.h"
 #include "platform/linux/PosixFileSystem.h"

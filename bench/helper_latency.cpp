@@ -24,9 +24,9 @@
 #include <vector>
 
 #include "composition/SmartPipeline.h"
-#include "concurrency/ManualMainExecutor.h"
 #include "platform/linux/Subprocess.h"
 #include "platform/linux/UnixSocketHelperConnection.h"
+#include "support/ManualMainExecutor.h"
 
 using namespace vantorix;
 using Clock = std::chrono::steady_clock;
@@ -83,19 +83,19 @@ int main(int argc, char** argv) {
     while (!helperListensAt(socket)) std::this_thread::sleep_for(std::chrono::milliseconds(10));
 
     auto main = std::make_shared<ManualMainExecutor>();
-    const auto pipeline = SmartPipeline::over(std::make_shared<ExternalHelperServiceManager>(socket), main);
+    const auto pipeline = SmartPipeline::over(std::make_shared<ExternalHelperService>(socket), main);
     const std::vector<std::string> direct{standIn, "--json", "-a", "-n", "standby", "/dev/" + device};
     std::vector<double> throughHelper, alone;
     std::size_t bytes = 0;
     for (int i = -10; i < iterations; ++i) {  // ten rounds to warm up
         auto start = Clock::now();
-        const auto run = pipeline.client->fetchSMARTData(device);
+        const auto run = pipeline.client->fetchSmartData(device);
         const double helperTime = millisecondsSince(start);
         start = Clock::now();
         const auto own = runCommand(direct, std::chrono::milliseconds(5000));
         const double directTime = millisecondsSince(start);
         // (runCommand keeps at most 64 KiB of output: use a fixture smaller than that.)
-        if (!run || !own.ok() || run->jsonData != own.value().out) {
+        if (!run.ok() || !own.ok() || run->jsonData != own.value().out) {
             std::fprintf(stderr, "round %d: the helper's answer differs from the direct run's\n", i);
             return 1;
         }

@@ -39,7 +39,7 @@
 #include <thread>
 #include <vector>
 
-#include "concurrency/ManualMainExecutor.h"
+#include "support/ManualMainExecutor.h"
 #include "concurrency/ThreadAttributes.h"
 #include "monitor/AggregationCoordinator.h"
 #include "monitor/StatisticsSession.h"

@@ -44,7 +44,7 @@ VantorixApp::VantorixApp() : VantorixApp(Options{}) {}
 
 VantorixApp::VantorixApp(Options options)
     : options_(std::move(options)), mainExecutor_(std::make_shared<ui::QtMainExecutor>()),
-      smart_(options_.serviceManager ? SmartPipeline::over(options_.serviceManager, mainExecutor_)
+      smart_(options_.helperService ? SmartPipeline::over(options_.helperService, mainExecutor_)
                                      : SmartPipeline::system(mainExecutor_, RegistrationPolicy{true})) {
     ui::completeFontFallbacks();
     // The monitor first, then the tester; both live as long as the application.
@@ -69,7 +69,7 @@ VantorixApp::VantorixApp(Options options)
     dependencies.tester = tester_;
     dependencies.mainExecutor = mainExecutor_;
     dependencies.smartRefresh = smartRefresh_;
-    dependencies.serviceManager = smart_.serviceManager;
+    dependencies.helperService = smart_.helperService;
     mainWindow_->setCentralWidget(new ui::DashboardRootView(std::move(dependencies)));
     // The smallest size is the layout's: nothing is squeezed below what it needs to show its text.
     mainWindow_->resize(1240, 800);

@@ -36,8 +36,8 @@ class VantorixApp final : public QObject {
     Q_OBJECT
 public:
     struct Options {
-        // The service manager for the SMART helper; the system's when none is given.
-        std::shared_ptr<ServiceManager> serviceManager;
+        // How the SMART helper is run; the system's way when none is given.
+        std::shared_ptr<HelperService> helperService;
         // Where the launch line goes (standard output by default).
         std::ostream* launchLog = nullptr;
         // How long the performance test's random phases run, and so on.

@@ -18,47 +18,57 @@ namespace {
 using ordered_json = nlohmann::ordered_json;
 using text::localized;
 
-// The registration as the service manager reports it, without changing anything.
+// The helper's state as the system reports it, without changing anything.
 struct HelperState {
-    std::string backend;
-    std::optional<std::string> definitionPath;
-    int status = static_cast<int>(ServiceStatus::notFound);
+    HelperServiceBackend backend = HelperServiceBackend::systemd;
+    std::optional<std::string> unitFile;  // systemd only
+    HelperServiceState state = HelperServiceState::unitNotInstalled;
     RuntimeEnvironment environment;
     std::string socketPath;
-    ServiceManager::HelperExecutable executable;
+    HelperService::HelperExecutable executable;
     std::optional<std::string> version;
 };
 
 HelperState inspect(const SmartPipeline& pipeline) {
-    auto& services = *pipeline.serviceManager;
+    auto& service = *pipeline.helperService;
     HelperState state;
-    state.backend = services.backendName();
+    state.backend = service.backend();
     state.environment = pipeline.manager->runtimeEnvironment();
-    state.definitionPath = services.definitionPath(PrivilegedHelperManager::kHelperDefinitionName);
-    if (state.definitionPath) {
-        state.status = services.daemonService(PrivilegedHelperManager::kHelperDefinitionName)->status();
-    }
-    state.socketPath = services.socketPath();
-    state.executable = services.helperExecutable();
-    if (state.status == static_cast<int>(ServiceStatus::enabled)) state.version = pipeline.client->helperVersion();
+    if (state.backend == HelperServiceBackend::systemd) state.unitFile = service.definitionPath();
+    state.state = service.state();
+    state.socketPath = service.socketPath();
+    state.executable = service.helperExecutable();
+    if (state.state == HelperServiceState::enabled) state.version = pipeline.client->helperVersion();
     return state;
 }
+
+std::string backendText(HelperServiceBackend backend) {
+    switch (backend) {
+        case HelperServiceBackend::systemd: return "systemd";
+        case HelperServiceBackend::standalone:
+            return localized("无（没有 systemd：由本程序以子进程运行）", "none (no systemd: run by this program as its child)");
+        case HelperServiceBackend::external:
+            return localized("无（由他人运行，VANTORIX_HELPER_SOCKET）", "none (run by someone else, VANTORIX_HELPER_SOCKET)");
+    }
+    return {};
+}
+
+std::string dumped(const ordered_json& document) { return document.dump(2, ' ', false, ordered_json::error_handler_t::replace); }
 
 int printStatus(const HelperState& state, const HelperOptions& options, Environment& environment) {
     if (options.json) {
         const auto optional = [](const std::optional<std::string>& value) {
             return value ? ordered_json(*value) : ordered_json(nullptr);
         };
-        *environment.out << ordered_json{{"serviceManager", state.backend},
-                                         {"status", serviceStatusName(state.status)},
-                                         {"definitionPath", optional(state.definitionPath)},
-                                         {"allowsPrivilegedOperations", state.environment.allowsPrivilegedOperations},
-                                         {"restrictionReasons", state.environment.restrictionReasons},
-                                         {"socketPath", state.socketPath},
-                                         {"helperPath", state.executable.path},
-                                         {"helperPresent", state.executable.exists},
-                                         {"helperVersion", optional(state.version)}}
-                                .dump(2, ' ', false, ordered_json::error_handler_t::replace)
+        *environment.out << dumped(ordered_json{{"serviceManager", backendName(state.backend)},
+                                                {"status", stateName(state.state)},
+                                                {"unitFile", optional(state.unitFile)},
+                                                {"allowsPrivilegedOperations", state.environment.allowsPrivilegedOperations},
+                                                {"restrictionReasons", state.environment.restrictionReasons},
+                                                {"socketPath", state.socketPath},
+                                                {"helperPath", state.executable.path},
+                                                {"helperPresent", state.executable.exists},
+                                                {"helperVersion", optional(state.version)}})
                          << '\n';
         return kSuccess;
     }
@@ -71,9 +81,9 @@ int printStatus(const HelperState& state, const HelperOptions& options, Environm
         program += state.executable.exists ? "" : localized("（不存在）", " (missing)");
     }
     printTable(*environment.out, {
-                                     {localized("服务管理器", "Service manager"), state.backend},
-                                     {localized("状态", "Status"), serviceStatusName(state.status)},
-                                     {localized("服务定义", "Definition"), state.definitionPath.value_or(none)},
+                                     {localized("服务管理器", "Service manager"), backendText(state.backend)},
+                                     {localized("状态", "Status"), smart::stateText(state.state)},
+                                     {localized("单元文件", "Unit file"), state.unitFile.value_or(none)},
                                      {localized("特权操作", "Privileged operations"), policy},
                                      {localized("套接字", "Socket"), state.socketPath.empty() ? none : state.socketPath},
                                      {localized("辅助程序", "Helper program"), program},
@@ -82,18 +92,21 @@ int printStatus(const HelperState& state, const HelperOptions& options, Environm
     return kSuccess;
 }
 
+// The outcome of `enable` or `disable`: as text (standard output on success, standard error on
+// failure), or with --json as the one document on standard output and the failure's text on
+// standard error.
 int report(const HelperOptions& options, Environment& environment, bool success, const std::string& message) {
-    (success ? *environment.out : *environment.err) << message << '\n';
     if (options.json) {
-        *environment.out << ordered_json{{"success", success}, {"message", message}}.dump(2, ' ', false,
-                                                                                          ordered_json::error_handler_t::replace)
-                         << '\n';
+        if (!success) *environment.err << message << '\n';
+        *environment.out << dumped(ordered_json{{"success", success}, {"message", message}}) << '\n';
+    } else {
+        (success ? *environment.out : *environment.err) << message << '\n';
     }
     return success ? kSuccess : kFailure;
 }
 
 std::string approvalText(const SmartPipeline& pipeline) {
-    return smart::helperApprovalLine(pipeline.serviceManager->backendName(), pipeline.serviceManager->socketPath());
+    return smart::helperApprovalLine(pipeline.helperService->backend(), pipeline.helperService->socketPath());
 }
 
 int enable(const SmartPipeline& pipeline, const HelperOptions& options, Environment& environment) {
@@ -101,9 +114,8 @@ int enable(const SmartPipeline& pipeline, const HelperOptions& options, Environm
     if (!policy.allowsPrivilegedOperations) {
         return report(options, environment, false, smart::privilegedOperationsDisabledMessage(policy.reasonsText()));
     }
-    const std::string backend = pipeline.serviceManager->backendName();
-    if (backend == "standalone") {
-        // Without systemd nothing stays registered: the program starts the helper when it needs it.
+    if (pipeline.helperService->backend() == HelperServiceBackend::standalone) {
+        // Without systemd nothing stays enabled: the program starts the helper when it needs it.
         const bool root = ::geteuid() == 0;
         return report(options, environment, root,
                       root ? localized("此系统没有 systemd：以 root 身份运行时，Vantorix 会在需要时自行启动 SMART 辅助程序，无需启用。",
@@ -111,24 +123,52 @@ int enable(const SmartPipeline& pipeline, const HelperOptions& options, Environm
                                        "itself whenever it needs it; there is nothing to enable.")
                            : approvalText(pipeline));
     }
-    if (!pipeline.manager->ensureHelperInstalledIfNeeded()) return report(options, environment, false, approvalText(pipeline));
-    return report(options, environment, true, localized("SMART 辅助服务已启用。", "The SMART helper is enabled."));
+    if (!pipeline.manager->ensureHelperInstalledIfNeeded()) {
+        if (!pipeline.helperService->definitionPath()) {
+            return report(options, environment, false,
+                          smart::helperNotInstalledMessage(pipeline.helperService->backend(),
+                                                           pipeline.helperService->helperExecutable().path));
+        }
+        return report(options, environment, false, approvalText(pipeline));
+    }
+    return report(options, environment, true,
+                  pipeline.helperService->backend() == HelperServiceBackend::systemd
+                      ? localized("SMART 辅助服务的套接字单元 vantorix-smartctl-helper.socket 已启用。",
+                                  "The SMART helper's socket unit vantorix-smartctl-helper.socket is enabled.")
+                      : localized("SMART 辅助程序已在运行。", "The SMART helper is running."));
 }
 
 int disable(const SmartPipeline& pipeline, const HelperOptions& options, Environment& environment) {
-    auto& services = *pipeline.serviceManager;
-    if (services.backendName() != "systemd") {
-        return report(options, environment, true,
-                      localized("没有已注册的 SMART 辅助服务需要移除。", "There is no registered SMART helper to remove."));
+    auto& service = *pipeline.helperService;
+    switch (service.backend()) {
+        case HelperServiceBackend::standalone:
+            return report(options, environment, true,
+                          localized("此系统没有 systemd：没有启用的 SMART 辅助服务需要停用。",
+                                    "This system has no systemd: no SMART helper is enabled, there is nothing to disable."));
+        case HelperServiceBackend::external:
+            return report(options, environment, true,
+                          fmt::format("{} {}", service.socketPath(),
+                                      localized("处的 SMART 辅助程序由他人运行；Vantorix 不会停用它。",
+                                                "is a SMART helper someone else runs; Vantorix does not disable it.")));
+        case HelperServiceBackend::systemd: break;
     }
-    if (!services.definitionPath(PrivilegedHelperManager::kHelperDefinitionName)) {
+    if (!service.definitionPath()) {
         return report(options, environment, false,
-                      fmt::format("{} {}", PrivilegedHelperManager::kHelperDefinitionName,
-                                  localized("未安装。", "is not installed.")));
+                      fmt::format("{} {}", kHelperSocketUnit, localized("未安装。", "is not installed.")));
     }
-    auto removal = services.daemonService(PrivilegedHelperManager::kHelperDefinitionName)->unregisterService();
-    if (!removal.ok()) return report(options, environment, false, removal.error().description);
-    return report(options, environment, true, localized("SMART 辅助服务已停用。", "The SMART helper is disabled."));
+    auto removal = service.disable();
+    if (!removal.ok()) {
+        if (removal.error().failure == HelperServiceFailure::needsAdministrator) {
+            return report(options, environment, false,
+                          localized("停用 SMART 辅助服务需要管理员权限：sudo systemctl disable --now vantorix-smartctl-helper.socket",
+                                    "Disabling the SMART helper needs an administrator: sudo systemctl disable --now "
+                                    "vantorix-smartctl-helper.socket"));
+        }
+        return report(options, environment, false, removal.error().description);
+    }
+    return report(options, environment, true,
+                  localized("SMART 辅助服务的套接字单元 vantorix-smartctl-helper.socket 已停用并停止。",
+                            "The SMART helper's socket unit vantorix-smartctl-helper.socket is disabled and stopped."));
 }
 
 }  // namespace
@@ -148,14 +188,18 @@ int runHelper(const HelperOptions& options, Environment& environment) {
 Command addHelperCommand(CLI::App& parent) {
     auto options = std::make_shared<HelperOptions>();
     auto* command = parent.add_subcommand(
-        "helper", localized("查看、启用或停用读取 SMART 数据的特权辅助服务",
-                            "Show, enable or disable the privileged helper that reads SMART data"));
+        "helper", localized("查看、启用或停用读取 SMART 数据的特权辅助服务（systemd 套接字单元 vantorix-smartctl-helper.socket）",
+                            "Show, enable or disable the privileged helper that reads SMART data (the systemd socket "
+                            "unit vantorix-smartctl-helper.socket)"));
     command->require_subcommand(1);
     const std::vector<std::tuple<std::string, HelperOptions::Action, std::string>> actions{
-        {"status", HelperOptions::Action::status, localized("显示辅助服务的注册状态", "Show the helper's registration")},
-        {"enable", HelperOptions::Action::enable, localized("通过服务管理器注册并启动辅助服务（需要管理员权限）",
-                                                            "Register and start the helper through the service manager (needs administrator rights)")},
-        {"disable", HelperOptions::Action::disable, localized("停止并移除辅助服务的注册", "Stop the helper and remove its registration")},
+        {"status", HelperOptions::Action::status,
+         localized("显示辅助服务是否已安装、已启用", "Show whether the helper is installed and enabled")},
+        {"enable", HelperOptions::Action::enable,
+         localized("启用并启动辅助服务的套接字单元（需要管理员权限；非 root 时通过 pkexec 请求）",
+                   "Enable and start the helper's socket unit (needs administrator rights; asks through pkexec when not root)")},
+        {"disable", HelperOptions::Action::disable,
+         localized("停用并停止辅助服务的套接字单元", "Disable and stop the helper's socket unit")},
     };
     for (const auto& [name, action, description] : actions) {
         auto* sub = command->add_subcommand(name, description);

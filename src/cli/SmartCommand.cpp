@@ -20,6 +20,7 @@
 #include "json/JsonText.h"
 #include "concurrency/LoopMainExecutor.h"
 #include "volumes/DiskVolumeResolver.h"
+#include "smart/HelperApprovalTexts.h"
 #include "smart/SmartSheetTexts.h"
 #include "protocol/SmartctlExecutionResult.h"
 #include "smart/SmartmontoolsBridge.h"
@@ -90,6 +91,9 @@ Replay replayOf(const std::string& path, std::string contents) {
     return replay;
 }
 
+std::string dumped(const ordered_json& document, int indent) { return jsonText(document, indent); }
+
+// The message goes to standard error; with --json, standard output carries it as the one document.
 int fail(const SmartOptions& options, Environment& environment, std::string_view code, const std::string& message) {
     *environment.err << message << '\n';
     if (options.json) *environment.out << jsonText(jsonError(code, message)) << '\n';
@@ -110,10 +114,6 @@ ordered_json infoJson(const DiskSMARTInfo& info) {
                         {"isCapable", optionalJson(info.isCapable)},
                         {"sourceCommand", optionalJson(info.sourceCommand)},
                         {"details", std::move(details)}};
-}
-
-std::string dumped(const ordered_json& document, int indent) {
-    return jsonText(document, indent);
 }
 
 void printRows(std::ostream& out, const std::vector<DiskSMARTInfo::Detail>& details) {
@@ -195,6 +195,10 @@ int fetchOnce(const SmartOptions& options, Environment& environment) {
         if (const auto reason = helperUnavailableReason(pipeline, approval)) {
             return fail(options, environment, "helperUnavailable", *reason);
         }
+        if (outcome.helperFailure) {
+            return fail(options, environment, "helperFailed",
+                        smart::helperRequestFailedMessage(volume->deviceName, *outcome.helperFailure));
+        }
         return fail(options, environment, outcome.driveAsleep ? "driveAsleep" : "noUsableData",
                     noDataMessage(volume->deviceName, outcome.driveAsleep));
     }
@@ -217,7 +221,8 @@ public:
     int run() {
         monitor_ = DiskIOMonitor::create({environment_.devices, environment_.files, main_});
         refresh_ = pipeline_.attachRefresh(monitor_, main_);
-        refresh_->setRoundObserver([this](const std::string& deviceName, SmartRefresh::Round round) { observeRound(deviceName, round); });
+        refresh_->setRoundObserver([this](const std::string& deviceName, SmartRefresh::Round round,
+                                          const SMARTInfoProvider::Outcome& fetched) { observeRound(deviceName, round, fetched); });
         subscription_ = monitor_->subscribe([this](const DiskIOMonitor::State& state) { observe(state); });
         monitor_->selectVolume(*options_.path);
         main_->run();
@@ -298,11 +303,16 @@ private:
     }
 
     // After the first round without data, says why when it is the helper's fault and ends.
-    void observeRound(const std::string& deviceName, SmartRefresh::Round round) {
+    void observeRound(const std::string& deviceName, SmartRefresh::Round round, const SMARTInfoProvider::Outcome& fetched) {
         if (done_ || ++rounds_ > 1 || publications_ > 0) return;
         if (round != SmartRefresh::Round::identical && round != SmartRefresh::Round::published) return;
         if (const auto reason = helperUnavailableReason(pipeline_, approval_)) {
             fail(options_, environment_, "helperUnavailable", *reason);
+            finish(kFailure);
+            return;
+        }
+        if (fetched.helperFailure && !fetched.info) {
+            fail(options_, environment_, "helperFailed", smart::helperRequestFailedMessage(deviceName, *fetched.helperFailure));
             finish(kFailure);
             return;
         }

@@ -32,11 +32,9 @@ std::optional<std::string> helperUnavailableReason(const SmartPipeline& pipeline
         return smart::privilegedOperationsDisabledMessage(environment.reasonsText());
     }
     if (pipeline.manager->cachedInstallationState().value_or(true)) return std::nullopt;
-    auto& services = *pipeline.serviceManager;
-    if (approval.requested()) return smart::helperApprovalLine(services.backendName(), services.socketPath());
-    if (!services.definitionPath(PrivilegedHelperManager::kHelperDefinitionName)) {
-        return smart::helperNotInstalledMessage(services.backendName(), services.helperExecutable().path);
-    }
+    auto& service = *pipeline.helperService;
+    if (approval.requested()) return smart::helperApprovalLine(service.backend(), service.socketPath());
+    if (!service.definitionPath()) return smart::helperNotInstalledMessage(service.backend(), service.helperExecutable().path);
     return smart::helperFailedMessage();
 }
 

@@ -29,7 +29,8 @@ private:
 
 // Why the helper could not be asked, in the user's language: privileged operations are disabled,
 // an administrator has to enable the helper (the text says how), it is not installed, or it could
-// not be started. Nothing when the helper was available, so the lack of data is the drive's.
+// not be started. Nothing when the helper was available (it may still have failed the requests:
+// SMARTInfoProvider::Outcome::helperFailure tells).
 std::optional<std::string> helperUnavailableReason(const SmartPipeline& pipeline, const ApprovalListener& approval);
 
 }  // namespace vantorix::cli

@@ -1,24 +1,38 @@
 #include "composition/SmartPipeline.h"
 
+#include <sys/stat.h>
+
+#include <cstdlib>
+
 #include "platform/linux/SysfsBlockDeviceTopology.h"
 #include "platform/linux/UnixSocketHelperConnection.h"
 
 namespace vantorix {
 
 SmartPipeline SmartPipeline::system(std::shared_ptr<MainExecutor> mainExecutor, RegistrationPolicy policy) {
-    return over(makeSystemServiceManager(policy), std::move(mainExecutor));
+    std::shared_ptr<HelperService> service;
+    const char* external = std::getenv(std::string(protocol::kSocketEnvironmentVariable).c_str());
+    struct stat info {};
+    if (external != nullptr && *external != '\0') {
+        service = std::make_shared<ExternalHelperService>(external);
+    } else if (::stat("/run/systemd/system", &info) == 0 && S_ISDIR(info.st_mode)) {
+        service = std::make_shared<SystemdHelperService>(policy);
+    } else {
+        service = std::make_shared<StandaloneHelperService>(helperProgramBesideExecutable());
+    }
+    return over(std::move(service), std::move(mainExecutor));
 }
 
-SmartPipeline SmartPipeline::over(std::shared_ptr<ServiceManager> serviceManager, std::shared_ptr<MainExecutor> mainExecutor) {
+SmartPipeline SmartPipeline::over(std::shared_ptr<HelperService> helperService, std::shared_ptr<MainExecutor> mainExecutor) {
     SmartPipeline pipeline;
-    pipeline.serviceManager = serviceManager;
+    pipeline.helperService = helperService;
     PrivilegedHelperManager::Dependencies dependencies;
-    dependencies.serviceManager = serviceManager;
+    dependencies.helperService = helperService;
     dependencies.mainExecutor = std::move(mainExecutor);
     pipeline.manager = PrivilegedHelperManager::create(std::move(dependencies));
     // The socket is asked for at each connection: a helper that the program starts itself gets its
     // socket only when it starts.
-    auto connector = std::make_shared<UnixSocketHelperConnector>([serviceManager] { return serviceManager->socketPath(); });
+    auto connector = std::make_shared<UnixSocketHelperConnector>([helperService] { return helperService->socketPath(); });
     pipeline.client = SmartctlHelperClient::create({connector, pipeline.manager, SmartctlHelperClient::kDefaultReplyTimeout});
     pipeline.provider = std::make_shared<SMARTInfoProvider>(pipeline.client, std::make_shared<SysfsBlockDeviceTopology>());
     return pipeline;

@@ -6,7 +6,7 @@ namespace vantorix {
 
 // The main thread, where all published state lives. Work posted from any thread runs there
 // later, one item at a time, in the order posted. The desktop app posts through its event loop,
-// the command-line tool runs a LoopMainExecutor, tests drain a ManualMainExecutor.
+// the command-line tool runs a LoopMainExecutor, tests drain a manual executor of their own.
 class MainExecutor {
 public:
     virtual ~MainExecutor() = default;

@@ -77,12 +77,12 @@ void SmartRefresh::refreshOnce(const std::shared_ptr<Context>& context, const Ca
     SMARTInfoProvider::Outcome fetched;
     const bool paused = context->paused->load();
     if (paused) {
-        logger().debug("SMART refresh paused for BSD name {} while a performance test runs on it", deviceName);
+        logger().debug("SMART refresh paused for device {} while a performance test runs on it", deviceName);
     } else {
-        logger().debug("Initiating SMART refresh for BSD name {}", deviceName);
+        logger().debug("Initiating SMART refresh for device {}", deviceName);
         fetched = context->fetch(deviceName, token);
         if (token.isCancelled()) {
-            logger().debug("SMART refresh cancelled before publishing for BSD name {}", deviceName);
+            logger().debug("SMART refresh cancelled before publishing for device {}", deviceName);
             return;
         }
     }
@@ -100,27 +100,30 @@ void SmartRefresh::refreshOnce(const std::shared_ptr<Context>& context, const Ca
                 outcome = monitor->replaceSmartInfo(fetched.info) ? Round::published : Round::identical;
             }
         }
-        if (const auto refresh = context->refresh.lock(); refresh && refresh->observer_) refresh->observer_(deviceName, outcome);
+        if (const auto refresh = context->refresh.lock(); refresh && refresh->observer_) {
+            refresh->observer_(deviceName, outcome, fetched);
+        }
         return outcome;
     });
     if (!round) return;  // the main thread is gone: the program ends
     if (token.isCancelled()) {
-        logger().debug("SMART refresh cancelled after publishing decision for BSD name {}", deviceName);
+        logger().debug("SMART refresh cancelled after publishing decision for device {}", deviceName);
         return;
     }
     switch (*round) {
         case Round::published:
-            if (fetched.info) logger().notice("SMART refresh applied new data for BSD name {}", deviceName);
-            else logger().notice("SMART refresh cleared data for BSD name {}", deviceName);
+            // Every interpretation carries fresh row ids, so data are applied with every round: debug.
+            if (fetched.info) logger().debug("SMART refresh applied new data for device {}", deviceName);
+            else logger().notice("SMART refresh cleared data for device {}", deviceName);
             break;
         case Round::identical:
-            logger().debug("SMART refresh produced identical payload for BSD name {}; skipping publish.", deviceName);
+            logger().debug("SMART refresh produced identical payload for device {}; skipping publish.", deviceName);
             break;
         case Round::discarded:
-            logger().debug("SMART refresh result discarded because selection changed for BSD name {}", deviceName);
+            logger().debug("SMART refresh result discarded because selection changed for device {}", deviceName);
             break;
         case Round::kept:
-            logger().debug("SMART refresh kept the current data for BSD name {}; the drive is in standby", deviceName);
+            logger().debug("SMART refresh kept the current data for device {}; the drive is in standby", deviceName);
             break;
         case Round::paused:
             break;

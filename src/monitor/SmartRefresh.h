@@ -33,7 +33,8 @@ public:
         kept,        // the drive sleeps: the selection keeps the data it has
         paused,      // a performance test runs on the volume: no fetch was made
     };
-    using RoundObserver = std::function<void(const std::string& deviceName, Round round)>;
+    using RoundObserver =
+        std::function<void(const std::string& deviceName, Round round, const SMARTInfoProvider::Outcome& fetched)>;
 
     static std::shared_ptr<SmartRefresh> create(std::weak_ptr<DiskIOMonitor> monitor,
                                                 std::shared_ptr<MainExecutor> mainExecutor, Fetch fetch,
@@ -51,7 +52,8 @@ public:
     // the volume should measure the disk, not the SMART polling). Any thread.
     void setPaused(bool paused) { paused_->store(paused); }
 
-    // Told on the main thread after every round. Main thread.
+    // Told on the main thread after every round, with what the round fetched (nothing when paused).
+    // Main thread.
     void setRoundObserver(RoundObserver observer) { observer_ = std::move(observer); }
 
     // True when no task of this refresh runs any more (cancelled tasks included).

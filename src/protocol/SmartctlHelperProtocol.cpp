@@ -12,10 +12,14 @@ namespace vantorix::protocol {
 namespace {
 
 using json = nlohmann::json;
+// What is sent keeps its members in the order written: {"method":…,"device":…}.
+using ordered_json = nlohmann::ordered_json;
 
 // Text that crosses the connection may hold bytes that are not UTF-8 (a device name from a
 // hostile client, a description quoting one); they are replaced rather than refused.
-std::string dumped(const json& document) { return document.dump(-1, ' ', false, json::error_handler_t::replace); }
+std::string dumped(const ordered_json& document) {
+    return document.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
+}
 
 std::optional<json> parsedObject(std::string_view payload) {
     try {
@@ -37,8 +41,8 @@ const std::string* stringMember(const json& object, std::string_view name) {
     return value != nullptr && value->is_string() ? &value->get_ref<const std::string&>() : nullptr;
 }
 
-json archived(const SmartctlExecutionResult& result) {
-    return json{{"jsonData", base64Encoded(result.jsonData)},
+ordered_json archived(const SmartctlExecutionResult& result) {
+    return ordered_json{{"jsonData", base64Encoded(result.jsonData)},
                 {"commandDescription", result.commandDescription},
                 {"standardError", base64Encoded(result.standardError)},
                 {"terminationStatus", result.terminationStatus}};
@@ -100,9 +104,9 @@ HelperError helperError(HelperFailure failure, std::string description) {
 
 std::string encodedRequest(const Request& request) {
     if (const auto* fetch = std::get_if<FetchRequest>(&request)) {
-        return dumped(json{{"method", kFetchMethod}, {"device", fetch->deviceName}});
+        return dumped(ordered_json{{"method", kFetchMethod}, {"device", fetch->deviceName}});
     }
-    return dumped(json{{"method", kVersionMethod}});
+    return dumped(ordered_json{{"method", kVersionMethod}});
 }
 
 std::optional<ParsedRequest> parsedRequest(std::string_view payload) {
@@ -117,7 +121,7 @@ std::optional<ParsedRequest> parsedRequest(std::string_view payload) {
         const std::string* name = stringMember(*document, "device");
         if (name == nullptr) {
             return ParsedRequest(helperError(HelperFailure::malformedRequest,
-                                             "The request gives no device name (\"deviceName\" must be a string)."));
+                                             "The request gives no device name (\"device\" must be a string)."));
         }
         return ParsedRequest(Request(FetchRequest{*name}));
     }
@@ -127,10 +131,13 @@ std::optional<ParsedRequest> parsedRequest(std::string_view payload) {
 }
 
 std::string encodedReply(const Reply& reply) {
-    if (const auto* result = std::get_if<SmartctlExecutionResult>(&reply)) return dumped(json{{"result", archived(*result)}});
-    if (const auto* version = std::get_if<VersionReply>(&reply)) return dumped(json{{"version", version->version}});
+    if (const auto* result = std::get_if<SmartctlExecutionResult>(&reply)) {
+        return dumped(ordered_json{{"result", archived(*result)}});
+    }
+    if (const auto* version = std::get_if<VersionReply>(&reply)) return dumped(ordered_json{{"version", version->version}});
     const auto& error = std::get<HelperError>(reply);
-    return dumped(json{{"error", {{"domain", error.domain}, {"code", error.code}, {"description", error.description}}}});
+    return dumped(
+        ordered_json{{"error", {{"domain", error.domain}, {"code", error.code}, {"description", error.description}}}});
 }
 
 std::optional<Reply> parsedReply(std::string_view payload) {

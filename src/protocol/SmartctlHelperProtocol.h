@@ -15,14 +15,13 @@
 // object. A frame longer than kMaximumFrameBytes, or one that is not a JSON object, ends the
 // connection. One connection carries any number of requests; replies come back in request order.
 //
-//   requests:  {"method":"fetchSMARTDataForBSDName","device":"sda"}   {"method":"helperVersion"}
+//   requests:  {"method":"fetchSmartData","device":"sda"}   {"method":"helperVersion"}
 //   replies:   {"result":{archived SmartctlExecutionResult}}   {"version":"0.1.0"}
 //              {"error":{"domain":"com.vantorix.PrivilegedSmartctlHelper.error","code":N,"description":"…"}}
 namespace vantorix::protocol {
 
-inline constexpr std::string_view kHelperServiceName = "com.vantorix.PrivilegedSmartctlHelper.mach";
 inline constexpr std::string_view kHelperErrorDomain = "com.vantorix.PrivilegedSmartctlHelper.error";
-inline constexpr std::string_view kFetchMethod = "fetchSMARTDataForBSDName";
+inline constexpr std::string_view kFetchMethod = "fetchSmartData";
 inline constexpr std::string_view kVersionMethod = "helperVersion";
 
 // Where the helper listens unless VANTORIX_HELPER_SOCKET names another socket.

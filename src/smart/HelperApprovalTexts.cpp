@@ -10,9 +10,9 @@ std::string helperApprovalTitle() { return text::localized("需要启用后台�
 
 std::string helperApprovalButton() { return text::localized("我已了解", "Understood"); }
 
-std::string helperApprovalMessage(std::string_view backend, std::string_view socketPath) {
+std::string helperApprovalMessage(HelperServiceBackend backend, std::string_view socketPath) {
     const bool english = text::isEnglish();
-    if (backend == "external") {
+    if (backend == HelperServiceBackend::external) {
         return english ? fmt::format("No Vantorix SMART helper running as root answers at {} (VANTORIX_HELPER_SOCKET). "
                                      "Start it there as root, then please restart Vantorix.",
                                      socketPath)
@@ -20,7 +20,7 @@ std::string helperApprovalMessage(std::string_view backend, std::string_view soc
                                      "请以 root 身份在该处启动它，然后重新启动 Vantorix。",
                                      socketPath);
     }
-    if (backend == "standalone") {
+    if (backend == HelperServiceBackend::standalone) {
         return english ? std::string("Reading SMART data needs the Vantorix SMART helper, which runs with administrator "
                                      "rights. This system has no systemd: run Vantorix as root, or have an administrator "
                                      "start “vantorix-smartctl-helper --socket PATH” and set VANTORIX_HELPER_SOCKET=PATH. "
@@ -37,8 +37,8 @@ std::string helperApprovalMessage(std::string_view backend, std::string_view soc
                                  "sudo systemctl enable --now vantorix-smartctl-helper.socket\n\n启用后，请重新启动 Vantorix。");
 }
 
-std::string helperNotInstalledMessage(std::string_view backend, std::string_view helperPath) {
-    if (backend == "systemd") {
+std::string helperNotInstalledMessage(HelperServiceBackend backend, std::string_view helperPath) {
+    if (backend == HelperServiceBackend::systemd) {
         return text::localized("未安装 SMART 辅助服务（vantorix-smartctl-helper.socket）。请重新安装 Vantorix。",
                                "The SMART helper service (vantorix-smartctl-helper.socket) is not installed. Please "
                                "reinstall Vantorix.");
@@ -47,18 +47,54 @@ std::string helperNotInstalledMessage(std::string_view backend, std::string_view
                              : fmt::format("缺少 SMART 辅助程序（{}）。请重新安装 Vantorix。", helperPath);
 }
 
-std::string helperApprovalLine(std::string_view backend, std::string_view socketPath) {
+std::string helperApprovalLine(HelperServiceBackend backend, std::string_view socketPath) {
     return helperApprovalTitle() + text::localized("：", ": ") + helperApprovalMessage(backend, socketPath);
 }
 
 std::string helperFailedMessage() {
-    return text::localized("SMART 辅助程序无法注册或启动（设置 VANTORIX_LOG=debug 可查看原因）。",
-                           "The SMART helper could not be registered or started (VANTORIX_LOG=debug shows why).");
+    return text::localized("SMART 辅助程序无法启用或启动（设置 VANTORIX_LOG=debug 可查看原因）。",
+                           "The SMART helper could not be enabled or started (VANTORIX_LOG=debug shows why).");
+}
+
+std::string helperRequestFailedMessage(std::string_view deviceName, HelperRequestFailure failure) {
+    const bool english = text::isEnglish();
+    std::string reason;
+    switch (failure) {
+        case HelperRequestFailure::timedOut:
+            reason = english ? "it did not answer within 5 seconds" : "它没有在 5 秒内应答";
+            break;
+        case HelperRequestFailure::helperError:
+            reason = english ? "it reported an error" : "它报告了错误";
+            break;
+        case HelperRequestFailure::connectionFailed:
+        case HelperRequestFailure::noConnection:
+            reason = english ? "the connection to it failed" : "与它的连接失败";
+            break;
+        case HelperRequestFailure::privilegedOperationsDisabled:
+        case HelperRequestFailure::helperNotInstalled:
+        case HelperRequestFailure::cancelled:
+            reason = english ? "it could not be asked" : "无法向它请求";
+            break;
+    }
+    return english ? fmt::format("The SMART helper failed to read the SMART data of {}: {} (VANTORIX_LOG=debug shows why).",
+                                 deviceName, reason)
+                   : fmt::format("SMART 辅助程序未能读取 {} 的 SMART 数据：{}（设置 VANTORIX_LOG=debug 可查看原因）。",
+                                 deviceName, reason);
 }
 
 std::string privilegedOperationsDisabledMessage(std::string_view reasons) {
     return text::isEnglish() ? fmt::format("Privileged operations are disabled here ({}), so SMART data cannot be read.", reasons)
                              : fmt::format("此环境已禁用特权操作（{}），因此无法读取 SMART 数据。", reasons);
+}
+
+std::string stateText(HelperServiceState state) {
+    switch (state) {
+        case HelperServiceState::unitNotInstalled: return text::localized("单元未安装", "unit not installed");
+        case HelperServiceState::notEnabled: return text::localized("未启用", "not enabled");
+        case HelperServiceState::enabled: return text::localized("已启用", "enabled");
+        case HelperServiceState::needsAdministrator: return text::localized("需要管理员", "needs an administrator");
+    }
+    return {};
 }
 
 }  // namespace vantorix::smart

@@ -13,12 +13,13 @@ const log::Logger& logger() {
     return instance;
 }
 
-bool isUninstalled(int status) {
-    return status == static_cast<int>(ServiceStatus::notRegistered) || status == static_cast<int>(ServiceStatus::notFound);
+// A state that, after a failed disable, shows the stale registration gone.
+bool isUninstalled(HelperServiceState state) {
+    return state == HelperServiceState::notEnabled || state == HelperServiceState::unitNotInstalled;
 }
 
-bool isKnownStatus(int status) {
-    return status >= static_cast<int>(ServiceStatus::notRegistered) && status <= static_cast<int>(ServiceStatus::notFound);
+std::string programText(const HelperService::HelperExecutable& executable) {
+    return executable.path.empty() ? std::string("(run by someone else)") : executable.path;
 }
 
 }  // namespace
@@ -30,7 +31,7 @@ std::shared_ptr<PrivilegedHelperManager> PrivilegedHelperManager::create(Depende
 PrivilegedHelperManager::PrivilegedHelperManager(Dependencies dependencies)
     : dependencies_(std::move(dependencies)),
       stateQueue_("com.vantorix.PrivilegedHelperManager.state", QualityOfService::userInitiated) {
-    if (!dependencies_.effectiveUserId) dependencies_.effectiveUserId = [] { return static_cast<unsigned>(::geteuid()); };
+    if (!dependencies_.effectiveUserId) dependencies_.effectiveUserId = [] { return unsigned{::geteuid()}; };
     if (!runtimeEnvironment().allowsPrivilegedOperations) {
         logger().notice("Privileged operations disabled for environment: {}", runtimeEnvironment().reasonsText());
     }
@@ -66,28 +67,27 @@ bool PrivilegedHelperManager::runInstallationWorkflow() {
         return *cached;
     }
     if (inspectRegistration()) {
-        logger().notice("Privileged helper already registered with launchd; caching installation flag.");
+        logger().notice("Privileged helper already enabled ({}); caching installation flag.", helperService().mechanism());
         stateQueue_.sync([this] { cachedInstallationState_ = true; });
         return true;
     }
     const auto inFlight = stateQueue_.sync([this] { return std::make_pair(isInstalling_, cachedInstallationState_); });
     if (inFlight.first) {
-        logger().notice("Another installation attempt is active; deferring to cached result once available.");
-        logger().notice("Installation already in progress; waiting for completion result.");
+        logger().notice("Another helper installation is in progress; answering with its cached result when known.");
         return inFlight.second.value_or(false);
     }
     const bool onMain = dependencies_.mainExecutor->isMainThread();
     stateQueue_.sync([this] { isInstalling_ = true; });
     logger().debug("Marking helper installation as in-flight on main thread: {}", onMain);
-    logger().notice("Starting privileged helper installation workflow via SMAppService.");
+    logger().notice("Starting privileged helper installation via {}.", helperService().mechanism());
     auto registration = registerHelper();
     if (!registration.ok()) {
-        logger().error("Failed to install privileged helper1: {}", registration.error().description());
+        logger().error("Failed to install privileged helper: {}", registration.error().description());
         stateQueue_.sync([this] { cachedInstallationState_ = false; });
         clearInstallingFlag();
         return false;
     }
-    logger().notice("Successfully installed privileged helper via SMAppService.");
+    logger().notice("Successfully installed privileged helper via {}.", helperService().mechanism());
     stateQueue_.sync([this] { cachedInstallationState_ = true; });
     clearInstallingFlag();
     return true;
@@ -102,136 +102,113 @@ void PrivilegedHelperManager::clearInstallingFlag() {
 }
 
 bool PrivilegedHelperManager::inspectRegistration() {
-    auto service = serviceObject();
-    if (!service.ok()) {
-        logger().error("Failed to inspect helper registration via SMAppService: {}", service.error().description());
+    auto& service = helperService();
+    if (auto located = locateDefinition(); !located.ok()) {
+        logger().error("Failed to inspect the helper's registration: {}", located.error().description());
         return false;
     }
-    const int status = service.value()->status();
-    const auto executable = serviceManager().helperExecutable();
-    logger().debug("Resolved helper binary path (bundle) {}; exists? {}", executable.path, executable.exists);
-    logger().notice("SMAppService status for helper: {}", serviceStatusName(status));
-    logger().notice("Helper binary present on disk? {}", executable.exists);
-    switch (status) {
-        case static_cast<int>(ServiceStatus::notRegistered):
-            logger().notice("Helper service not registered with launchd yet.");
+    const HelperServiceState state = service.state();
+    const auto executable = service.helperExecutable();
+    logger().notice("Helper state ({}): {}", service.mechanism(), stateDescription(state));
+    logger().notice("Helper program {} present on disk? {}", programText(executable), executable.exists);
+    switch (state) {
+        case HelperServiceState::notEnabled:
+            logger().notice("Helper not enabled yet.");
             return false;
-        case static_cast<int>(ServiceStatus::enabled):
-            logger().notice("Helper registration state is enabled; launchd should manage the helper normally.");
+        case HelperServiceState::enabled:
+            logger().notice("Helper is enabled; it is started on demand and should answer normally.");
             if (executable.exists) return true;
-            logger().error("Helper marked enabled but binary missing under /Library/PrivilegedHelperTools; will trigger reinstall.");
+            logger().error("Helper enabled but its program {} is missing; will trigger reinstall.", programText(executable));
             return false;
-        case static_cast<int>(ServiceStatus::requiresApproval):
-            logger().notice("Helper registration pending user approval; awaiting confirmation inside System Settings.");
-            logger().notice("Privileged helper awaiting user approval inside System Settings → General → Login Items.");
+        case HelperServiceState::needsAdministrator:
+            logger().notice("Helper needs an administrator to enable it; awaiting approval.");
             promptForApproval();
             return false;
-        case static_cast<int>(ServiceStatus::notFound):
-            logger().error("Helper service definition not found; check bundle resources and plist name.");
-            return false;
-        default:
-            logger().error("Encountered uncommon helper status ({}).", serviceStatusName(status));
-            logger().error("Unhandled SMAppService status encountered ({}); assuming helper not installed.",
-                           serviceStatusName(status));
+        case HelperServiceState::unitNotInstalled:
+            logger().error("Helper unit not installed ({}): {} is missing; check the installation.", service.mechanism(),
+                           service.definitionName());
             return false;
     }
+    return false;
 }
 
 Result<Unit, PrivilegedHelperError> PrivilegedHelperManager::registerHelper() {
-    auto service = serviceObject();
-    if (!service.ok()) return Failure{service.error()};
-    std::shared_ptr<DaemonService> daemon = service.value();
-    const int status = daemon->status();
-    const bool executablePresent = serviceManager().helperExecutable().exists;
-    logger().notice("Attempting helper registration with current status: {}", serviceStatusName(status));
+    auto& service = helperService();
+    if (auto located = locateDefinition(); !located.ok()) return Failure{located.error()};
+    HelperServiceState state = service.state();
+    const auto executable = service.helperExecutable();
+    logger().notice("Attempting helper registration with current state: {}", stateDescription(state));
     logger().notice("Effective user ID before helper registration: {}", dependencies_.effectiveUserId());
 
-    if (status == static_cast<int>(ServiceStatus::enabled)) {
-        if (executablePresent) {
-            logger().notice("Helper already registered and binary present; skipping re-installation.");
+    if (state == HelperServiceState::enabled) {
+        if (executable.exists) {
+            logger().notice("Helper already enabled and its program present; skipping re-installation.");
             return Unit{};
         }
-        logger().notice("Helper reported enabled but binary missing; attempting SMAppService.register() to restore installation.");
-        logger().notice("Detected stale helper registration without binary; unregistering existing SMAppService to force reinstall.");
-        auto removal = daemon->unregisterService();
+        logger().notice("Stale helper registration: enabled, but its program {} is missing; disabling it to force a reinstall.",
+                        programText(executable));
+        auto removal = service.disable();
         if (removal.ok()) {
-            logger().notice("Successfully removed stale launchd registration; proceeding with fresh helper registration.");
+            logger().notice("Successfully disabled the stale helper registration; proceeding with a fresh one.");
         } else {
-            const bool stillPresent = serviceManager().helperExecutable().exists;
-            std::optional<int> freshStatus;
-            auto fresh = serviceObject();
-            if (fresh.ok()) {
-                freshStatus = fresh.value()->status();
-                logger().notice("Helper status observed after unregister failure: {}", serviceStatusName(*freshStatus));
+            const bool stillPresent = service.helperExecutable().exists;
+            std::optional<HelperServiceState> freshState;
+            if (auto located = locateDefinition(); located.ok()) {
+                freshState = service.state();
+                logger().notice("Helper state observed after the failed disable: {}", stateDescription(*freshState));
             } else {
-                logger().error("Unable to refresh helper status after unregister failure: {}", fresh.error().description());
+                logger().error("Unable to refresh the helper state after the failed disable: {}", located.error().description());
             }
-            bool uninstalled = false;
-            if (freshStatus) {
-                if (!isKnownStatus(*freshStatus)) {
-                    logger().notice("Encountered unknown SMAppService.Status when checking uninstall state; defaulting to not installed.");
-                    uninstalled = true;
-                } else {
-                    uninstalled = isUninstalled(*freshStatus);
-                }
+            if (!freshState || !isUninstalled(*freshState) || stillPresent) {
+                logger().error("Failed to disable the stale helper registration before reinstalling: {}", removal.error().description);
+                return Failure{PrivilegedHelperError::registrationFailed(removal.error())};
             }
-            if (!uninstalled || stillPresent) {
-                logger().error("Failed to unregister stale helper before reinstall: {}", removal.error().description);
-                return Failure{PrivilegedHelperError::smAppServiceRegistrationFailed(removal.error())};
-            }
-            logger().notice("SMAppService.unregister() reported a failure but helper is already absent; continuing with reinstall.");
+            logger().notice("Disabling reported a failure but the helper is already gone; continuing with reinstall.");
         }
-        auto refreshed = serviceObject();
-        if (!refreshed.ok()) return Failure{refreshed.error()};
-        daemon = refreshed.value();
-        logger().notice("Refreshed SMAppService after unregister; new status: {}", serviceStatusName(daemon->status()));
+        if (auto located = locateDefinition(); !located.ok()) return Failure{located.error()};
+        state = service.state();
+        logger().notice("Refreshed helper state after disabling: {}", stateDescription(state));
     }
 
-    logger().debug("will register");
-    auto registration = daemon->registerService();
+    logger().debug("Enabling the helper via {}", service.mechanism());
+    auto registration = service.enable();
     if (registration.ok()) {
-        logger().debug("did register");
-        if (daemon->status() == static_cast<int>(ServiceStatus::requiresApproval)) {
-            logger().notice("Privileged helper requires additional approval inside System Settings → General → Login Items.");
+        logger().debug("Enabled the helper via {}", service.mechanism());
+        if (service.state() == HelperServiceState::needsAdministrator) {
+            logger().notice("Privileged helper still needs an administrator to enable it.");
             promptForApproval();
         }
         return Unit{};
     }
-    const ServiceError& error = registration.error();
-    if (error.domain == kServiceManagerErrorDomain && error.code == kApprovalRequiredCode) {
-        logger().notice(
-            "Helper registration blocked by Login Items approval (SMAppServiceErrorDomain code=1). Prompting user to approve in System Settings.");
+    const HelperServiceError& error = registration.error();
+    if (error.failure == HelperServiceFailure::needsAdministrator) {
+        logger().notice("Enabling the helper needs an administrator; posting the approval notification.");
         promptForApproval();
-    } else {
-        logger().error("Failed to install privileged helper2: {}", error.description);
     }
-    logger().error("SMAppService.register() threw NSError with domain: {}, code: {}, userInfo: {}", error.domain,
-                   error.code, error.userInfo);
-    return Failure{PrivilegedHelperError::smAppServiceRegistrationFailed(error)};
+    logger().error("Enabling the helper failed ({}): {}{}", failureName(error.failure), error.description,
+                   error.output.empty() ? std::string() : "; output: " + error.output);
+    return Failure{PrivilegedHelperError::registrationFailed(error)};
 }
 
-Result<std::shared_ptr<DaemonService>, PrivilegedHelperError> PrivilegedHelperManager::serviceObject() {
-    const auto path = serviceManager().definitionPath(kHelperDefinitionName);
+Result<Unit, PrivilegedHelperError> PrivilegedHelperManager::locateDefinition() {
+    auto& service = helperService();
+    const auto path = service.definitionPath();
     if (!path) {
-        logger().error("Unable to locate helper launchd plist under Contents/Library/LaunchDaemons.");
-        return Failure{PrivilegedHelperError::missingHelperLaunchdPlist()};
+        logger().error("Unable to locate {} ({}).", service.definitionName(), service.mechanism());
+        return Failure{PrivilegedHelperError::helperNotInstalled(service.definitionName())};
     }
-    logger().debug("Resolved helper launchd plist at path: {}", *path);
-    logger().debug("Creating daemon service object from definition {}", kHelperDefinitionName);
-    return serviceManager().daemonService(kHelperDefinitionName);
+    logger().notice("Resolved {} at path: {}", service.definitionName(), *path);
+    return Unit{};
 }
 
 void PrivilegedHelperManager::promptForApproval() {
     const bool alreadyPrompted = stateQueue_.sync([this] { return std::exchange(hasPromptedForApproval_, true); });
     if (alreadyPrompted) {
-        logger().debug("Skipping duplicate System Settings approval prompt for helper.");
+        logger().debug("Skipping duplicate approval notification for the helper.");
         return;
     }
     dependencies_.mainExecutor->post([weak = weak_from_this()] {
-        const auto self = weak.lock();
-        if (!self) return;
-        self->serviceManager().openApprovalPage();
-        self->dependencies_.notificationCenter->post(kApprovalNotification);
+        if (const auto self = weak.lock()) self->dependencies_.notificationCenter->post(kApprovalNotification);
     });
 }
 

@@ -8,30 +8,29 @@
 #include "concurrency/MainExecutor.h"
 #include "concurrency/NotificationCenter.h"
 #include "concurrency/SerialQueue.h"
-#include "platform/ServiceManager.h"
+#include "platform/HelperService.h"
 #include "smart/PrivilegedHelperError.h"
 #include "smart/RuntimeEnvironment.h"
 #include "util/Result.h"
 
 namespace vantorix {
 
-// Makes sure the privileged SMART helper is registered with the service manager when the runtime
-// policy allows it: inspects the registration, repairs a stale one, registers when needed, asks
-// the user for approval at most once per process, and remembers the outcome for the rest of the
-// process, so later calls answer at once.
+// Makes sure the privileged SMART helper is enabled (under systemd: its socket unit) when the
+// runtime policy allows it: inspects its state, repairs a stale registration (enabled, but the
+// helper program is gone), enables it when needed, posts the approval notification (an
+// administrator has to enable it) at most once per process, and remembers the outcome for the rest
+// of the process, so later calls answer at once.
 //
 // Threads: inspection and registration run on the main thread; a call from another thread waits
 // for the main thread meanwhile, so nothing may block the main thread while it waits for a thread
 // that can call ensureHelperInstalledIfNeeded (a SMART fetch, for instance).
 class PrivilegedHelperManager : public std::enable_shared_from_this<PrivilegedHelperManager> {
 public:
-    // The service definition the helper is registered from, and the notification posted on the
-    // main thread when an administrator has to approve the helper.
-    static constexpr std::string_view kHelperDefinitionName = "vantorix-smartctl-helper.socket";
+    // Posted on the main thread when an administrator has to enable the helper.
     static constexpr std::string_view kApprovalNotification = "com.vantorix.notifications.privilegedHelperRequiresApproval";
 
     struct Dependencies {
-        std::shared_ptr<ServiceManager> serviceManager;
+        std::shared_ptr<HelperService> helperService;
         std::shared_ptr<MainExecutor> mainExecutor;
         RuntimeEnvironment runtimeEnvironment = RuntimeEnvironment::current();
         NotificationCenter* notificationCenter = &NotificationCenter::defaultCenter();
@@ -44,9 +43,9 @@ public:
     PrivilegedHelperManager& operator=(const PrivilegedHelperManager&) = delete;
 
     const RuntimeEnvironment& runtimeEnvironment() const { return dependencies_.runtimeEnvironment; }
-    ServiceManager& serviceManager() const { return *dependencies_.serviceManager; }
+    HelperService& helperService() const { return *dependencies_.helperService; }
 
-    // True when the helper is registered (perhaps just now); false when it is not and could not be.
+    // True when the helper is enabled (perhaps just now); false when it is not and could not be.
     // Callable from any thread.
     bool ensureHelperInstalledIfNeeded();
 
@@ -59,7 +58,8 @@ private:
     bool runInstallationWorkflow();
     bool inspectRegistration();
     Result<Unit, PrivilegedHelperError> registerHelper();
-    Result<std::shared_ptr<DaemonService>, PrivilegedHelperError> serviceObject();
+    // Looks for the file the helper is enabled from.
+    Result<Unit, PrivilegedHelperError> locateDefinition();
     void promptForApproval();
     void clearInstallingFlag();
 

@@ -13,35 +13,24 @@ std::optional<std::string> processVariable(std::string_view name) {
     return std::string(value);
 }
 
-// Flatpak marks its sandboxes with FLATPAK_ID and /.flatpak-info, Snap with SNAP; neither lets a
-// confined program reach a system daemon's socket or register one.
-bool runsInSandbox(const RuntimeEnvironment::EnvironmentReader& environment) {
-    struct stat info {};
-    return environment("FLATPAK_ID").has_value() || environment("SNAP").has_value() ||
-           ::stat("/.flatpak-info", &info) == 0;
-}
-
 }  // namespace
 
-RuntimeEnvironment RuntimeEnvironment::evaluate(const EnvironmentReader& environment, bool sandboxed) {
+RuntimeEnvironment RuntimeEnvironment::evaluate(const EnvironmentReader& environment, bool flatpakInfoPresent) {
     RuntimeEnvironment result;
-    const auto equalsOne = [&environment](std::string_view name) { return environment(name) == "1"; };
-    const auto present = [&environment](std::string_view name) { return environment(name).has_value(); };
     auto& reasons = result.restrictionReasons;
-    if (equalsOne("VANTORIX_DISABLE_PRIVILEGED_OPERATIONS")) {
+    // Exactly "1": " 1", "true" or "yes" do not count.
+    if (environment("VANTORIX_DISABLE_PRIVILEGED_OPERATIONS") == "1") {
         reasons.emplace_back("Manual override: VANTORIX_DISABLE_PRIVILEGED_OPERATIONS");
     }
-    if (equalsOne("XCODE_RUNNING_FOR_PREVIEWS")) reasons.emplace_back("SwiftUI Preview runtime");
-    if (present("XCTestConfigurationFilePath")) reasons.emplace_back("XCTest session detected");
-    if (equalsOne("XCODE_RUNNING_FOR_TESTS")) reasons.emplace_back("Xcode test harness");
-    if (present("SIMULATOR_DEVICE_NAME")) reasons.emplace_back("Simulator environment");
-    if (present("APP_SANDBOX_CONTAINER_ID") || sandboxed) reasons.emplace_back("App Sandbox entitlement active");
+    if (environment("FLATPAK_ID").has_value() || flatpakInfoPresent) reasons.emplace_back("running in a Flatpak sandbox");
+    if (environment("SNAP").has_value()) reasons.emplace_back("running in a Snap sandbox");
     result.allowsPrivilegedOperations = reasons.empty();
     return result;
 }
 
 RuntimeEnvironment RuntimeEnvironment::current() {
-    return evaluate(processVariable, runsInSandbox(processVariable));
+    struct stat info {};
+    return evaluate(processVariable, ::stat("/.flatpak-info", &info) == 0);
 }
 
 std::string RuntimeEnvironment::reasonsText() const {

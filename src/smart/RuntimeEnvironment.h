@@ -15,9 +15,10 @@ struct RuntimeEnvironment {
 
     using EnvironmentReader = std::function<std::optional<std::string>(std::string_view name)>;
 
-    // The rules applied to an environment. `sandboxed` tells whether the process runs in a
-    // sandbox that forbids privileged helpers (Flatpak, Snap).
-    static RuntimeEnvironment evaluate(const EnvironmentReader& environment, bool sandboxed);
+    // The rules applied to an environment: VANTORIX_DISABLE_PRIVILEGED_OPERATIONS=1, a Flatpak
+    // sandbox (FLATPAK_ID set, or `flatpakInfoPresent`: /.flatpak-info exists), a Snap sandbox
+    // (SNAP set). Neither sandbox lets a confined program reach a system daemon's socket.
+    static RuntimeEnvironment evaluate(const EnvironmentReader& environment, bool flatpakInfoPresent);
     // The rules applied to this process.
     static RuntimeEnvironment current();
 

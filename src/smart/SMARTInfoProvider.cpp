@@ -89,47 +89,54 @@ bool SMARTInfoProvider::reportsSleepingDrive(const SmartctlExecutionResult& resu
 
 SMARTInfoProvider::Outcome SMARTInfoProvider::fetch(std::string_view deviceName, const CancellationToken& cancellation) {
     const std::string original(deviceName);
-    logger().debug("Starting smartctl-only SMART fetch for BSD name {}", original);
+    logger().debug("Starting smartctl-only SMART fetch for device {}", original);
     const auto candidates = candidateNames(original, *topology_);
-    logger().debug("Evaluating candidate BSD names {} for original BSD name {}", listText(candidates), original);
+    logger().debug("Evaluating candidate devices {} for original device {}", listText(candidates), original);
+    // Stays set while every request so far failed in the helper or on the way to it.
+    std::optional<HelperRequestFailure> helperFailure;
+    bool helperAnswered = false;
     for (const auto& candidate : candidates) {
         if (cancellation.isCancelled()) return {};
         auto result = attempt(candidate, cancellation);
         if (result.info) {
-            logger().notice("SMART data sourced from smartctl for BSD name {}", candidate);
-            return {std::move(result.info), false, std::move(result.smartctlJson)};
+            // Debug: with a volume selected, this comes with every refresh.
+            logger().debug("SMART data sourced from smartctl for device {}", candidate);
+            return {std::move(result.info), false, std::move(result.smartctlJson), std::nullopt};
         }
         if (result.driveAsleep) {
             // The other names lead to the same drive; asking again would only be refused again.
-            logger().debug("smartctl left BSD name {} alone because the drive is in standby; keeping the SMART data "
+            logger().debug("smartctl left device {} alone because the drive is in standby; keeping the SMART data "
                            "already known",
                            candidate);
-            return {std::nullopt, true, {}};
+            return {std::nullopt, true, {}, std::nullopt};
         }
-        logger().debug("smartctl attempt did not return usable data for candidate BSD name {}", candidate);
+        if (result.helperFailure) helperFailure = result.helperFailure;
+        else helperAnswered = true;
+        logger().debug("smartctl attempt did not return usable data for candidate device {}", candidate);
     }
     if (cancellation.isCancelled()) return {};
-    logger().error("All smartctl attempts exhausted for BSD name {}; SMART data unavailable", original);
-    return {};
+    logger().error("All smartctl attempts exhausted for device {}; SMART data unavailable", original);
+    return {std::nullopt, false, {}, helperAnswered ? std::nullopt : helperFailure};
 }
 
 SMARTInfoProvider::Attempt SMARTInfoProvider::attempt(const std::string& name, const CancellationToken& cancellation) {
     if (!client_->manager().runtimeEnvironment().allowsPrivilegedOperations) {
-        bridgeLogger().notice("Privileged operations disabled; skipping smartctl request for BSD name {}", name);
-        return {};
+        // Debug: with a volume selected, this comes with every refresh; the manager said once why.
+        bridgeLogger().debug("Privileged operations disabled; skipping smartctl request for device {}", name);
+        return {std::nullopt, false, {}, HelperRequestFailure::privilegedOperationsDisabled};
     }
-    bridgeLogger().debug("Requesting SMART info from privileged helper for BSD name {}", name);
-    const auto result = client_->fetchSMARTData(name, cancellation);
-    if (!result) {
+    bridgeLogger().debug("Requesting SMART info from privileged helper for device {}", name);
+    const auto result = client_->fetchSmartData(name, cancellation);
+    if (!result.ok()) {
         if (!cancellation.isCancelled()) {
-            bridgeLogger().error("Privileged helper failed to provide SMART data for BSD name {}", name);
+            bridgeLogger().error("Privileged helper failed to provide SMART data for device {}", name);
         }
-        return {};
+        return {std::nullopt, false, {}, result.error()};
     }
     auto info = smart::interpretResult(*result, name);
-    if (!info && reportsSleepingDrive(*result)) return {std::nullopt, true, {}};
+    if (!info && reportsSleepingDrive(*result)) return {std::nullopt, true, {}, std::nullopt};
     const bool usable = info.has_value();
-    return {std::move(info), false, usable ? result->jsonData : std::string()};
+    return {std::move(info), false, usable ? result->jsonData : std::string(), std::nullopt};
 }
 
 }  // namespace vantorix

@@ -22,10 +22,13 @@ public:
 
     // The outcome of one fetch. `driveAsleep` is set when smartctl left the drive alone because it
     // was in standby: then there is no new data, and what was known before is still the best there is.
+    // `helperFailure` is set when no name tried got a result from the helper (the last request's
+    // failure): then the lack of data is the helper's, not the drive's.
     struct Outcome {
         std::optional<DiskSMARTInfo> info;
         bool driveAsleep = false;
         std::string smartctlJson;  // smartctl's answer that `info` was read from
+        std::optional<HelperRequestFailure> helperFailure;
     };
 
     SMARTInfoProvider(std::shared_ptr<SmartctlHelperClient> client, std::shared_ptr<BlockDeviceTopology> topology);
@@ -48,6 +51,7 @@ private:
         std::optional<DiskSMARTInfo> info;
         bool driveAsleep = false;
         std::string smartctlJson;
+        std::optional<HelperRequestFailure> helperFailure;  // the helper gave no result
     };
     Attempt attempt(const std::string& name, const CancellationToken& cancellation);
 

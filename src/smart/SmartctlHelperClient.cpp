@@ -15,54 +15,37 @@ const log::Logger& logger() {
     return instance;
 }
 
-// What the reply of one request left: written by the connection's thread, then signalled.
-template <class Value>
-class ReplySlot {
+// The answer to one request: written once by the connection's thread, then signalled.
+template <class Answer>
+class AnswerSlot {
 public:
-    void fill(std::optional<Value> value, std::optional<HelperError> error) {
+    void fill(Answer answer) {
         {
             std::lock_guard lock(mutex_);
-            value_ = std::move(value);
-            error_ = std::move(error);
-            done_ = true;
+            answer_ = std::move(answer);
         }
         signal_.notify_all();
     }
 
-    // Waits until the reply came (true), the deadline passed or cancellation was requested (false).
-    // A cancellation is noticed within a few milliseconds.
-    bool wait(std::chrono::steady_clock::time_point deadline, const CancellationToken& cancellation) {
+    // The answer, once it came; nothing when the deadline passed or cancellation was requested
+    // first. A cancellation is noticed within a few milliseconds.
+    std::optional<Answer> wait(std::chrono::steady_clock::time_point deadline, const CancellationToken& cancellation) {
         std::unique_lock lock(mutex_);
         constexpr auto kCancellationCheck = std::chrono::milliseconds(20);
-        while (!done_) {
-            if (cancellation.isCancelled()) return false;
+        while (!answer_) {
+            if (cancellation.isCancelled()) return std::nullopt;
             const auto now = std::chrono::steady_clock::now();
-            if (now >= deadline) return false;
+            if (now >= deadline) return std::nullopt;
             signal_.wait_until(lock, std::min(deadline, now + kCancellationCheck));
         }
-        return true;
-    }
-
-    std::optional<Value> value() {
-        std::lock_guard lock(mutex_);
-        return value_;
-    }
-    std::optional<HelperError> error() {
-        std::lock_guard lock(mutex_);
-        return error_;
+        return std::move(answer_);
     }
 
 private:
     std::mutex mutex_;
     std::condition_variable signal_;
-    bool done_ = false;
-    std::optional<Value> value_;
-    std::optional<HelperError> error_;
+    std::optional<Answer> answer_;
 };
-
-bool dropsConnection(const HelperError& error) {
-    return error.domain == kGeneralErrorDomain || error.domain == kConnectionErrorDomain;
-}
 
 }  // namespace
 
@@ -82,7 +65,7 @@ SmartctlHelperClient::~SmartctlHelperClient() {
 std::shared_ptr<HelperConnection> SmartctlHelperClient::remoteProxy() {
     return connectionQueue_.sync([this]() -> std::shared_ptr<HelperConnection> {
         if (connection_) return connection_;
-        auto connection = dependencies_.connector->connect(protocol::kHelperServiceName);
+        auto connection = dependencies_.connector->connect();
         if (!connection) return nullptr;
         std::weak_ptr<SmartctlHelperClient> weak = weak_from_this();
         std::weak_ptr<HelperConnection> weakConnection = connection;
@@ -102,7 +85,6 @@ std::shared_ptr<HelperConnection> SmartctlHelperClient::remoteProxy() {
             logger().error("Helper connection interrupted; will retry on next request.");
             if (const auto interrupted = weakConnection.lock()) self->dropConnection(interrupted);
         });
-        connection->resume();
         connection_ = connection;
         return connection;
     });
@@ -118,91 +100,81 @@ void SmartctlHelperClient::dropConnection(const std::shared_ptr<HelperConnection
     if (wasCurrent) failed->invalidate();
 }
 
-std::optional<SmartctlExecutionResult> SmartctlHelperClient::fetchSMARTData(std::string_view deviceName,
-                                                                            const CancellationToken& cancellation) {
+Result<SmartctlExecutionResult, HelperRequestFailure> SmartctlHelperClient::fetchSmartData(
+    std::string_view deviceName, const CancellationToken& cancellation) {
     const std::string name(deviceName);
     auto& manager = *dependencies_.manager;
     if (!manager.runtimeEnvironment().allowsPrivilegedOperations) {
         logger().notice(
-            "Skipped privileged helper request for BSD name {} because the runtime policy has disabled privileged operations.",
+            "Skipped privileged helper request for device {} because the runtime policy has disabled privileged operations.",
             name);
-        return std::nullopt;
+        return Failure{HelperRequestFailure::privilegedOperationsDisabled};
     }
     if (!manager.ensureHelperInstalledIfNeeded()) {
-        logger().error("Refusing to call helper because installation failed for BSD name {}", name);
-        return std::nullopt;
+        logger().error("Refusing to call helper because installation failed for device {}", name);
+        return Failure{HelperRequestFailure::helperNotInstalled};
     }
     const auto connection = remoteProxy();
     if (!connection) {
-        logger().error("Unable to create remote proxy for privileged helper when fetching SMART info for {}", name);
-        return std::nullopt;
+        logger().error("Unable to create a connection to the privileged helper when fetching SMART info for device {}", name);
+        return Failure{HelperRequestFailure::noConnection};
     }
 
-    const auto slot = std::make_shared<ReplySlot<SmartctlExecutionResult>>();
-    std::weak_ptr<SmartctlHelperClient> weak = weak_from_this();
-    std::weak_ptr<HelperConnection> weakConnection = connection;
-    connection->fetchSMARTData(
-        name,
-        [slot](std::optional<SmartctlExecutionResult> result, std::optional<HelperError> error) {
-            slot->fill(std::move(result), std::move(error));
-        },
-        // Connection failures do not answer the waiting request: it ends at its time-out.
-        [weak, weakConnection](const HelperError& error) {
-            logger().error("Remote proxy error: {}", error.description);
-            const auto self = weak.lock();
-            const auto failed = weakConnection.lock();
-            if (self && failed) self->dropConnection(failed);
-        });
-
-    const auto deadline = std::chrono::steady_clock::now() + dependencies_.replyTimeout;
-    if (!slot->wait(deadline, cancellation)) {
+    const auto slot = std::make_shared<AnswerSlot<HelperConnection::FetchAnswer>>();
+    connection->fetchSmartData(name, [slot](HelperConnection::FetchAnswer answer) { slot->fill(std::move(answer)); });
+    auto answer = slot->wait(std::chrono::steady_clock::now() + dependencies_.replyTimeout, cancellation);
+    if (!answer) {
         if (cancellation.isCancelled()) {
-            logger().debug("Stopped waiting for the helper's answer for BSD name {}: the request was cancelled", name);
-            return std::nullopt;
+            logger().debug("Stopped waiting for the helper's answer for device {}: the request was cancelled", name);
+            return Failure{HelperRequestFailure::cancelled};
         }
-        logger().error("Timed out waiting for helper response when fetching SMART info for BSD name {}", name);
+        logger().error("Timed out waiting for helper response when fetching SMART info for device {}", name);
         dropConnection(connection);
-        return std::nullopt;
+        return Failure{HelperRequestFailure::timedOut};
     }
-    if (const auto error = slot->error()) {
+    if (const auto* failure = std::get_if<ConnectionError>(&*answer)) {
+        logger().error("Helper connection failed ({}) for device {}: {}", failureName(failure->failure), name,
+                       failure->description);
+        dropConnection(connection);
+        return Failure{HelperRequestFailure::connectionFailed};
+    }
+    if (const auto* error = std::get_if<HelperError>(&*answer)) {
         if (error->domain == protocol::kHelperErrorDomain) {
-            logger().error("Privileged helper domain error (code: {}) for BSD name {}: {}", error->code, name,
-                           error->description);
+            logger().error("Privileged helper domain error (code: {}) for device {}: {}", error->code, name, error->description);
         } else {
-            logger().error("Helper reported error for BSD name {}: {}", name, error->description);
+            logger().error("Helper reported error for device {}: {}", name, error->description);
         }
-        if (dropsConnection(*error)) dropConnection(connection);
-        return std::nullopt;
+        return Failure{HelperRequestFailure::helperError};
     }
-    auto result = slot->value();
-    if (!result) {
-        logger().error("Helper returned neither result nor error for BSD name {}", name);
-        return std::nullopt;
-    }
-    logger().debug("Received helper response containing {} bytes of JSON for BSD name {}; exit status: {}",
-                   result->jsonData.size(), name, result->terminationStatus);
-    return result;
+    auto& result = std::get<SmartctlExecutionResult>(*answer);
+    logger().debug("Received helper response containing {} bytes of JSON for device {}; exit status: {}",
+                   result.jsonData.size(), name, result.terminationStatus);
+    return std::move(result);
 }
 
 std::optional<std::string> SmartctlHelperClient::helperVersion() {
     if (!dependencies_.manager->runtimeEnvironment().allowsPrivilegedOperations) return std::nullopt;
     const auto connection = remoteProxy();
     if (!connection) return std::nullopt;
-    const auto slot = std::make_shared<ReplySlot<std::string>>();
-    std::weak_ptr<SmartctlHelperClient> weak = weak_from_this();
-    std::weak_ptr<HelperConnection> weakConnection = connection;
-    connection->helperVersion([slot](std::string version) { slot->fill(std::move(version), std::nullopt); },
-                              [weak, weakConnection](const HelperError& error) {
-                                  logger().error("Remote proxy error: {}", error.description);
-                                  const auto self = weak.lock();
-                                  const auto failed = weakConnection.lock();
-                                  if (self && failed) self->dropConnection(failed);
-                              });
-    if (!slot->wait(std::chrono::steady_clock::now() + dependencies_.replyTimeout, {})) {
+    const auto slot = std::make_shared<AnswerSlot<HelperConnection::VersionAnswer>>();
+    connection->helperVersion([slot](HelperConnection::VersionAnswer answer) { slot->fill(std::move(answer)); });
+    const auto answer = slot->wait(std::chrono::steady_clock::now() + dependencies_.replyTimeout, {});
+    if (!answer) {
+        logger().error("Timed out waiting for the helper's version");
         dropConnection(connection);
         return std::nullopt;
     }
-    return slot->value();
+    if (const auto* failure = std::get_if<ConnectionError>(&*answer)) {
+        logger().error("Helper connection failed ({}) when asking for its version: {}", failureName(failure->failure),
+                       failure->description);
+        dropConnection(connection);
+        return std::nullopt;
+    }
+    if (const auto* error = std::get_if<HelperError>(&*answer)) {
+        logger().error("Helper reported error when asked for its version: {}", error->description);
+        return std::nullopt;
+    }
+    return std::get<std::string>(*answer);
 }
 
 }  // namespace vantorix

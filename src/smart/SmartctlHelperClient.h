@@ -10,13 +10,27 @@
 #include "concurrency/SerialQueue.h"
 #include "platform/HelperConnection.h"
 #include "smart/PrivilegedHelperManager.h"
+#include "util/Result.h"
 
 namespace vantorix {
 
+// Why a request to the helper gave no result.
+enum class HelperRequestFailure {
+    privilegedOperationsDisabled,  // the runtime policy forbids asking
+    helperNotInstalled,            // the helper is not enabled and could not be
+    noConnection,                  // no connection could be made
+    connectionFailed,              // the connection failed the request (ConnectionFailure)
+    helperError,                   // the helper answered with an error
+    timedOut,                      // no answer within the reply time-out
+    cancelled,                     // the caller stopped waiting
+};
+
 // The program's side of the privileged helper: owns one connection to it, made by the first
-// request and kept for the next ones, and turns the helper's asynchronous reply into a blocking
-// call with a time limit. A time-out and any failure of the connection itself drop the
-// connection; the next request makes a fresh one.
+// request and kept for the next ones, and turns the helper's asynchronous answer into a blocking
+// call with a time limit. A failure the connection knows of at once (it cannot connect, the peer is
+// not root, the helper closed the connection) ends the wait at once. A time-out and every failure
+// of the connection drop the connection; the next request makes a fresh one. An error of the
+// helper's own keeps it.
 class SmartctlHelperClient : public std::enable_shared_from_this<SmartctlHelperClient> {
 public:
     static constexpr std::chrono::nanoseconds kDefaultReplyTimeout = std::chrono::seconds(5);
@@ -32,13 +46,13 @@ public:
     SmartctlHelperClient(const SmartctlHelperClient&) = delete;
     SmartctlHelperClient& operator=(const SmartctlHelperClient&) = delete;
 
-    // smartctl's run for a device name, or nothing (every failure is logged). Blocks the calling
-    // thread for up to the reply time-out, less when `cancellation` is cancelled meanwhile; never
-    // call it on the main thread of a program whose main thread must stay responsive.
-    std::optional<SmartctlExecutionResult> fetchSMARTData(std::string_view deviceName,
-                                                          const CancellationToken& cancellation = {});
+    // smartctl's run for a device name, or why there is none (every failure is logged). Blocks the
+    // calling thread for up to the reply time-out, less when `cancellation` is cancelled meanwhile;
+    // never call it on the main thread of a program whose main thread must stay responsive.
+    Result<SmartctlExecutionResult, HelperRequestFailure> fetchSmartData(std::string_view deviceName,
+                                                                         const CancellationToken& cancellation = {});
 
-    // The helper's version, when a connection can be had and the helper answers in time. Registers
+    // The helper's version, when a connection can be had and the helper answers in time. Enables
     // nothing.
     std::optional<std::string> helperVersion();
 

@@ -43,23 +43,25 @@ void logMessages(const json& list, const std::string& command) {
                                          : std::string("notice");
         const auto line = fmt::format("smartctl reported message (severity: {}) for command {}: {}", severity,
                                       command, content);
-        logger().write(isSevere(severity) ? log::Level::error : log::Level::notice, line);
+        // The other messages come again with every refresh of a selected volume: debug.
+        logger().write(isSevere(severity) ? log::Level::error : log::Level::debug, line);
     }
 }
 
 void logDiagnostics(const SmartctlExecutionResult& result, std::string_view deviceName, const json* document) {
     const auto& log = logger();
+    // Debug: a drive whose smartctl sets status bits sets them with every refresh.
     if (result.terminationStatus != 0) {
-        log.notice("smartctl exited with status {} for BSD name {}; continuing to parse command: {}",
+        log.debug("smartctl exited with status {} for device {}; continuing to parse command: {}",
                    result.terminationStatus, deviceName, result.commandDescription);
     } else {
-        log.debug("smartctl exited with status 0 for BSD name {}; command: {}", deviceName, result.commandDescription);
+        log.debug("smartctl exited with status 0 for device {}; command: {}", deviceName, result.commandDescription);
     }
     if (log.enabled(log::Level::debug)) {
-        if (result.jsonData.empty()) log.debug("smartctl stdout for BSD name {} was empty", deviceName);
-        else log.debug("smartctl stdout for BSD name {}: {}", deviceName, readableBytes(result.jsonData));
-        if (result.standardError.empty()) log.debug("smartctl stderr for BSD name {} was empty", deviceName);
-        else log.debug("smartctl stderr for BSD name {}: {}", deviceName, readableBytes(result.standardError));
+        if (result.jsonData.empty()) log.debug("smartctl stdout for device {} was empty", deviceName);
+        else log.debug("smartctl stdout for device {}: {}", deviceName, readableBytes(result.jsonData));
+        if (result.standardError.empty()) log.debug("smartctl stderr for device {} was empty", deviceName);
+        else log.debug("smartctl stderr for device {}: {}", deviceName, readableBytes(result.standardError));
     }
     if (document == nullptr) return;
     if (const auto messages = document->find("messages"); messages != document->end()) {
@@ -102,15 +104,15 @@ std::optional<DiskSMARTInfo> interpretResult(const SmartctlExecutionResult& resu
     const auto document = parsedDocument(result.jsonData);
     logDiagnostics(result, deviceName, document ? &*document : nullptr);
     if (!document) {
-        logger().error("Failed to decode smartctl JSON for BSD name {}", deviceName);
+        logger().error("Failed to decode smartctl JSON for device {}", deviceName);
         return std::nullopt;
     }
     auto info = interpret(*document, result.commandDescription);
     if (!info) {
-        logger().error("smartctl JSON for BSD name {} did not contain usable SMART information", deviceName);
+        logger().error("smartctl JSON for device {} did not contain usable SMART information", deviceName);
         return std::nullopt;
     }
-    logger().notice("Successfully parsed SMART details for BSD name {} via privileged helper", deviceName);
+    logger().debug("Successfully parsed SMART details for device {} via privileged helper", deviceName);
     return info;
 }
 

@@ -20,7 +20,8 @@ std::optional<nlohmann::ordered_json> parsedDocument(std::string_view jsonData);
 // Logs what the helper returned for a device name: the exit status with the command, the standard
 // output and standard error (as UTF-8, or as base64 when they are not valid UTF-8), and each message
 // that smartctl reported in the JSON ("error", "fatal", "critical", "warning" and "warn" at error
-// level, every other severity at the default level). Accepts any bytes.
+// level, every other severity at debug level, as the rest: all of it comes again with every refresh
+// of a selected volume). Accepts any bytes.
 void logResultDiagnostics(const SmartctlExecutionResult& result, std::string_view deviceName);
 
 // One attempt's interpretation of a helper result: the diagnostics, then the JSON interpreted in

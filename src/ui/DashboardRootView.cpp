@@ -200,8 +200,8 @@ void DashboardRootView::stopPerformanceTest() { dependencies_.tester->stopTest()
 
 void DashboardRootView::showHelperApprovalAlert() {
     if (approvalAlert_) return;
-    const std::string backend = dependencies_.serviceManager ? dependencies_.serviceManager->backendName() : "systemd";
-    const std::string socket = dependencies_.serviceManager ? dependencies_.serviceManager->socketPath() : "";
+    const auto backend = dependencies_.helperService ? dependencies_.helperService->backend() : HelperServiceBackend::systemd;
+    const std::string socket = dependencies_.helperService ? dependencies_.helperService->socketPath() : "";
     auto* alert = new QMessageBox(QMessageBox::Information, qText(smart::helperApprovalTitle()),
                                   qText(smart::helperApprovalMessage(backend, socket)), QMessageBox::NoButton, this);
     alert->setObjectName(QStringLiteral("helperApprovalAlert"));

@@ -15,7 +15,7 @@
 #include "dashboard/SmartSheetContent.h"
 #include "monitor/DiskIOMonitor.h"
 #include "monitor/SmartRefresh.h"
-#include "platform/ServiceManager.h"
+#include "platform/HelperService.h"
 #include "ui/SmartInfoSheet.h"
 
 namespace vantorix::ui {
@@ -39,7 +39,7 @@ public:
         // Paused while a performance test runs, so that the test measures the disk and not the polling.
         std::shared_ptr<SmartRefresh> smartRefresh;
         // Says how the SMART helper is enabled on this system, for the approval alert.
-        std::shared_ptr<ServiceManager> serviceManager;
+        std::shared_ptr<HelperService> helperService;
         NotificationCenter* notifications = &NotificationCenter::defaultCenter();
     };
 

@@ -17,8 +17,8 @@
 #include "app/VantorixApp.h"
 #include "concurrency/NotificationCenter.h"
 #include "dashboard/ShellTexts.h"
-#include "platform/SubstituteServiceManager.h"
 #include "smart/PrivilegedHelperManager.h"
+#include "support/SubstituteHelperService.h"
 #include "support/ScopedEnvironment.h"
 #include "ui/DashboardRootView.h"
 #include "ui/ErrorBubbleStack.h"
@@ -53,21 +53,21 @@ QPalette darkPalette() {
     return dark;
 }
 
-// The application with a substitute service manager: an administrator has yet to approve the
-// SMART helper, so nothing is registered or started.
+// The application with a substitute helper service: an administrator has yet to enable the SMART
+// helper, so nothing is enabled or started.
 struct Application {
     explicit Application(const std::string& lang) : language(lang) {
-        SubstituteServiceManager::Script script;
-        script.status = static_cast<int>(ServiceStatus::requiresApproval);
-        script.registerError = ServiceError{std::string(kServiceManagerErrorDomain), kApprovalRequiredCode, "approve", ""};
-        services = std::make_shared<SubstituteServiceManager>(script);
+        testing::SubstituteHelperService::Script script;
+        script.state = HelperServiceState::needsAdministrator;
+        script.enableError = HelperServiceError{HelperServiceFailure::needsAdministrator, "approve", ""};
+        services = std::make_shared<testing::SubstituteHelperService>(script);
         VantorixApp::Options options;
-        options.serviceManager = services;
+        options.helperService = services;
         options.launchLog = &launches;
         app = std::make_unique<VantorixApp>(std::move(options));
     }
     testing::ScopedLanguage language;
-    std::shared_ptr<SubstituteServiceManager> services;
+    std::shared_ptr<testing::SubstituteHelperService> services;
     std::ostringstream launches;
     std::unique_ptr<VantorixApp> app;
 };

@@ -6,7 +6,7 @@
 
 #include "MemoryFileSystem.h"
 #include "benchmark/ProgressTracker.h"
-#include "concurrency/ManualMainExecutor.h"
+#include "support/ManualMainExecutor.h"
 #include "support/ScopedEnvironment.h"
 
 namespace vantorix {

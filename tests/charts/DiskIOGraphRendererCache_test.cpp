@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "charts/SampleFixtures.h"
-#include "concurrency/ManualMainExecutor.h"
+#include "support/ManualMainExecutor.h"
 #include "concurrency/WaitFor.h"
 
 namespace vantorix {

@@ -1,5 +1,5 @@
 #include "concurrency/LoopMainExecutor.h"
-#include "concurrency/ManualMainExecutor.h"
+#include "support/ManualMainExecutor.h"
 
 #include "WaitFor.h"
 

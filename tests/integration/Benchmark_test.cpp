@@ -11,7 +11,7 @@
 
 #include "benchmark/DiskPerformanceTester.h"
 #include "benchmark/PerformanceReport.h"
-#include "concurrency/ManualMainExecutor.h"
+#include "support/ManualMainExecutor.h"
 #include "log/Log.h"
 #include "platform/linux/LinuxVolumeInfoSource.h"
 #include "platform/linux/PosixFileSystem.h"

@@ -79,7 +79,7 @@ TEST(HelperRequests, AbusiveClientsAreDroppedWhileOthersAreServed) {
     ASSERT_TRUE(oversized.send(std::string("\x00\x80\x00\x01", 4)));  // announces 8 MiB + 1
     EXPECT_TRUE(peerClosed(oversized.fd, 3s));
     HelperClient notAnObject(daemon->socketPath());
-    ASSERT_TRUE(notAnObject.send(protocol::framed("[\"fetchSMARTDataForBSDName\",\"sda\"]")));
+    ASSERT_TRUE(notAnObject.send(protocol::framed("[\"fetchSmartData\",\"sda\"]")));
     EXPECT_TRUE(peerClosed(notAnObject.fd, 3s));
     HelperClient unknownMethod(daemon->socketPath());
     EXPECT_EQ(failure(unknownMethod.ask(protocol::framed(R"({"method":"runCommand","argv":["rm","-rf","/"]})"))),

@@ -10,7 +10,7 @@
 #include <sstream>
 #include <thread>
 
-#include "concurrency/ManualMainExecutor.h"
+#include "support/ManualMainExecutor.h"
 #include "monitor/DiskIOMonitor.h"
 #include "platform/linux/LinuxVolumeInfoSource.h"
 #include "platform/linux/SysfsBlockDevices.h"

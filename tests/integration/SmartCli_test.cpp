@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "integration/HelperTestClient.h"
+#include "support/HelperSocketStandIn.h"
 #include "support/LoopVolume.h"
 #include "support/Process.h"
 
@@ -91,6 +92,7 @@ TEST(SmartCli, FailsWithAMessageForUnusableFiles) {
 
 using namespace std::chrono_literals;
 using ::testing::HasSubstr;
+using ::testing::Not;
 
 Environment with(Environment environment, const Environment& more) {
     for (const auto& [name, value] : more) environment[name] = value;
@@ -209,26 +211,77 @@ TEST(SmartCliHelper, SaysWhyTheHelperCannotBeAskedAndHowToEnableIt) {
     }
 }
 
-TEST(SmartCliHelper, StatusReportsTheHelperItFinds) {
-    const auto status = [](const Environment& environment) {
-        const auto run = testing::runProcess({VANTORIX_CLI_PATH, "helper", "status", "--json"}, environment);
-        EXPECT_EQ(run.exitStatus, 0) << run.err;
-        return nlohmann::json::parse(run.out);
+// With --json, standard output carries the one JSON document and nothing else.
+TEST(SmartCliHelper, HelperCommandsReportTheHelperTheyFind) {
+    const auto helper = [](const std::vector<std::string>& args, const Environment& environment, int status) {
+        std::vector<std::string> argv{VANTORIX_CLI_PATH, "helper"};
+        argv.insert(argv.end(), args.begin(), args.end());
+        const auto run = testing::runProcess(argv, environment);
+        EXPECT_EQ(run.exitStatus, status) << run.err;
+        return std::make_pair(nlohmann::json::parse(run.out), run.err);
     };
-    const auto absent = status(with(kEnglish, {{"VANTORIX_HELPER_SOCKET", "/nonexistent/helper.sock"}}));
+    const Environment elsewhere{{"VANTORIX_HELPER_SOCKET", "/nonexistent/helper.sock"}};
+    const auto nobody = with(kEnglish, elsewhere);
+    const auto [absent, quiet] = helper({"status", "--json"}, nobody, 0);
     EXPECT_EQ(absent["serviceManager"], "external");
-    EXPECT_EQ(absent["status"], "requiresApproval");
+    EXPECT_EQ(absent["status"], "needsAdministrator");
+    EXPECT_TRUE(absent["unitFile"].is_null());
     EXPECT_TRUE(absent["helperVersion"].is_null());
+    const auto human = testing::runProcess({VANTORIX_CLI_PATH, "helper", "status"}, with(kChinese, elsewhere));
+    EXPECT_THAT(human.out, HasSubstr("状态"));
+    EXPECT_THAT(human.out, HasSubstr("需要管理员"));
+    const auto [refused, why] = helper({"enable", "--json"}, nobody, 1);
+    EXPECT_EQ(refused["success"], false);
+    EXPECT_THAT(refused["message"].get<std::string>(), HasSubstr("No Vantorix SMART helper running as root answers at"));
+    EXPECT_THAT(why, HasSubstr("No Vantorix SMART helper running as root answers at"));
+    const auto [kept, none] = helper({"disable", "--json"}, nobody, 0);
+    EXPECT_THAT(kept["message"].get<std::string>(), HasSubstr("someone else runs"));
+
     if (::geteuid() != 0) GTEST_SKIP() << "the helper runs as root";
     auto standIn = testing::SmartctlStandIn::create(testing::printing(kNvme));
     std::string error;
     auto daemon = testing::HelperDaemon::start({standIn->path(), {}}, &error);
     ASSERT_NE(daemon, nullptr) << error;
-    const auto present = status(with(kEnglish, {{"VANTORIX_HELPER_SOCKET", daemon->socketPath()}}));
+    const auto running = with(kEnglish, {{"VANTORIX_HELPER_SOCKET", daemon->socketPath()}});
+    const auto [present, ignored] = helper({"status", "--json"}, running, 0);
     EXPECT_EQ(present["status"], "enabled");
     EXPECT_EQ(present["socketPath"], daemon->socketPath());
     EXPECT_EQ(present["helperVersion"], "0.1.0");
     EXPECT_EQ(present["allowsPrivilegedOperations"], true);
+    const auto [enabled, silent] = helper({"enable", "--json"}, running, 0);
+    EXPECT_EQ(enabled["success"], true);
+    EXPECT_EQ(silent, "");
+}
+
+// A root process that accepts the connection and closes it at once: the command says the helper
+// failed as soon as it does, in the user's language, instead of waiting for the reply time-out.
+TEST(SmartCliHelper, AHelperThatClosesTheConnectionFailsTheCommandAtOnce) {
+    if (::geteuid() != 0) GTEST_SKIP() << "the client talks only to a helper running as root";
+    testing::HelperSocketStandIn closer(testing::HelperSocketStandIn::Behaviour::closeAtOnce, 0);
+    const Environment socket{{"VANTORIX_HELPER_SOCKET", closer.path()}};
+    struct Case {
+        Environment environment;
+        std::vector<std::string> args;
+        std::string message;
+    };
+    const std::vector<Case> cases = {
+        {with(kEnglish, socket), {"/"}, "The SMART helper failed to read the SMART data of "},
+        {with(kEnglish, socket), {"/"}, ": the connection to it failed (VANTORIX_LOG=debug shows why).\n"},
+        {with(kChinese, socket), {"/"}, "SMART 辅助程序未能读取 "},
+        {with(kChinese, socket), {"/"}, "的 SMART 数据：与它的连接失败"},
+        {with(kEnglish, socket), {"/", "--watch"}, ": the connection to it failed"},
+    };
+    for (const auto& c : cases) {
+        const auto result = smart(c.args, c.environment);
+        EXPECT_EQ(result.exitStatus, 1) << result.err;
+        EXPECT_THAT(result.err, HasSubstr(c.message));
+        // Neither the drive's fault nor a time-out.
+        for (const std::string other : {"gave no usable", "没有提供可用", "5 seconds", "5 秒"}) {
+            EXPECT_THAT(result.err, Not(HasSubstr(other)));
+        }
+    }
+    const auto json = smart({"/", "--json"}, with(kEnglish, socket));
+    EXPECT_EQ(nlohmann::json::parse(json.out)["error"]["code"], "helperFailed");
 }
 
 // The helpers the CLI started (its children), as process ids.

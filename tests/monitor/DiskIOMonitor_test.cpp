@@ -4,7 +4,7 @@
 #include <atomic>
 #include <set>
 
-#include "concurrency/ManualMainExecutor.h"
+#include "support/ManualMainExecutor.h"
 #include "monitor/DiskIOMonitor.h"
 #include "monitor/MonitorMetrics.h"
 #include "FakeVolumes.h"

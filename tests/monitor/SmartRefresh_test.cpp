@@ -4,9 +4,9 @@
 #include <mutex>
 
 #include "FakeVolumes.h"
-#include "concurrency/ManualMainExecutor.h"
 #include "log/Log.h"
 #include "monitor/SmartRefresh.h"
+#include "support/ManualMainExecutor.h"
 #include "support/ScriptedBlockDevices.h"
 #include "support/ScopedEnvironment.h"
 
@@ -78,7 +78,8 @@ protected:
         refresh_ = SmartRefresh::create(
             monitor_, main_, [this](const std::string& name, const CancellationToken& token) { return (*fetch_)(name, token); },
             20ms);
-        refresh_->setRoundObserver([this](const std::string& name, Round round) { rounds_.emplace_back(name, round); });
+        refresh_->setRoundObserver(
+            [this](const std::string& name, Round round, const SMARTInfoProvider::Outcome&) { rounds_.emplace_back(name, round); });
         monitor_->setSelectionFollower(refresh_);
     }
     void TearDown() override {
@@ -119,7 +120,7 @@ TEST_F(SmartRefreshTest, FirstRoundAtOnceThenOneIntervalAfterThePreviousEnded) {
     ASSERT_TRUE(runUntilRounds(3));
     const auto calls = fetch_->calls();
     for (std::size_t i = 1; i < calls.size(); ++i) EXPECT_GE(calls[i].start - calls[i - 1].end, 20ms) << i;
-    EXPECT_THAT(lines(), Contains("Initiating SMART refresh for BSD name fake0"));
+    EXPECT_THAT(lines(), Contains("Initiating SMART refresh for device fake0"));
 }
 
 TEST_F(SmartRefreshTest, PublishesOnlyWhatDiffersFieldByField) {
@@ -127,7 +128,7 @@ TEST_F(SmartRefreshTest, PublishesOnlyWhatDiffersFieldByField) {
     DiskSMARTInfo reinterpreted = passed;  // the same output read again: fresh row ids
     reinterpreted.details[0].id = Uuid::make();
     const auto outcome = [](std::optional<DiskSMARTInfo> info, bool asleep = false) {
-        return SMARTInfoProvider::Outcome{std::move(info), asleep, {}};
+        return SMARTInfoProvider::Outcome{std::move(info), asleep, {}, {}};
     };
     fetch_->set({outcome(passed), outcome(passed), outcome(reinterpreted), outcome({}), outcome({}), outcome(passed),
                  outcome(std::nullopt, true)});
@@ -139,10 +140,10 @@ TEST_F(SmartRefreshTest, PublishesOnlyWhatDiffersFieldByField) {
     for (std::size_t i = 0; i < expected.size(); ++i) seen.push_back(rounds_[i].second);
     EXPECT_THAT(seen, ElementsAreArray(expected));
     EXPECT_EQ(monitor_->state().selectedVolume->smartInfo, passed);  // kept while the drive sleeps
-    for (const std::string line : {"SMART refresh applied new data for BSD name fake0",
-                                   "SMART refresh cleared data for BSD name fake0",
-                                   "SMART refresh produced identical payload for BSD name fake0; skipping publish.",
-                                   "SMART refresh kept the current data for BSD name fake0; the drive is in standby"}) {
+    for (const std::string line : {"SMART refresh applied new data for device fake0",
+                                   "SMART refresh cleared data for device fake0",
+                                   "SMART refresh produced identical payload for device fake0; skipping publish.",
+                                   "SMART refresh kept the current data for device fake0; the drive is in standby"}) {
         EXPECT_TRUE(waitForLine(line)) << line;
     }
 }
@@ -151,10 +152,10 @@ TEST_F(SmartRefreshTest, ReselectionCancelsTheOldTaskAndStaleResultsAreDiscarded
     fetch_->set({SMARTInfoProvider::Outcome{}}, 0ms, true);
     select("fake0");
     ASSERT_TRUE(main_->runUntil([&] { return !lines().empty(); }, 10s));
-    fetch_->set({SMARTInfoProvider::Outcome{info("PASSED"), false, {}}});
+    fetch_->set({SMARTInfoProvider::Outcome{info("PASSED"), false, {}, {}}});
     select("fake1");
     ASSERT_TRUE(runUntilRounds(2));
-    EXPECT_TRUE(waitForLine("SMART refresh cancelled before publishing for BSD name fake0"));
+    EXPECT_TRUE(waitForLine("SMART refresh cancelled before publishing for device fake0"));
     for (const auto& [name, round] : rounds_) EXPECT_EQ(name, "fake1");
 
     // A task for a device that is no longer selected: its result is dropped.
@@ -163,12 +164,12 @@ TEST_F(SmartRefreshTest, ReselectionCancelsTheOldTaskAndStaleResultsAreDiscarded
     refresh_->start(old);
     ASSERT_TRUE(main_->runUntil([&] { return rounds_.back().first == "fake0"; }, 10s));
     EXPECT_EQ(rounds_.back().second, Round::discarded);
-    EXPECT_TRUE(waitForLine("SMART refresh result discarded because selection changed for BSD name fake0"));
+    EXPECT_TRUE(waitForLine("SMART refresh result discarded because selection changed for device fake0"));
     EXPECT_EQ(selected(), "fake1");
 }
 
 TEST_F(SmartRefreshTest, PausedRoundsFetchNothingAndKeepTheData) {
-    fetch_->set({SMARTInfoProvider::Outcome{info("PASSED"), false, {}}});
+    fetch_->set({SMARTInfoProvider::Outcome{info("PASSED"), false, {}, {}}});
     select("fake0");
     ASSERT_TRUE(runUntilRounds(1));
     refresh_->setPaused(true);

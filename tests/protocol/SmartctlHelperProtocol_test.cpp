@@ -41,6 +41,8 @@ TEST(HelperFrames, AnnounceTheirLengthBigEndianAndRefuseMoreThan8MiB) {
 }
 
 TEST(HelperRequests, ParseIntoRequestsErrorsOrNothing) {
+    EXPECT_EQ(encodedRequest(FetchRequest{"sda"}), R"({"method":"fetchSmartData","device":"sda"})");
+    EXPECT_EQ(encodedRequest(VersionRequest{}), R"({"method":"helperVersion"})");
     EXPECT_EQ(parsedRequest(encodedRequest(FetchRequest{"sda"})), ParsedRequest(Request(FetchRequest{"sda"})));
     EXPECT_EQ(parsedRequest(encodedRequest(VersionRequest{})), ParsedRequest(Request(VersionRequest{})));
     struct Case {
@@ -54,8 +56,8 @@ TEST(HelperRequests, ParseIntoRequestsErrorsOrNothing) {
         {"", std::nullopt},
         {"{}", HelperFailure::malformedRequest},
         {R"({"method":7})", HelperFailure::malformedRequest},
-        {R"({"method":"fetchSMARTDataForBSDName"})", HelperFailure::malformedRequest},
-        {R"({"method":"fetchSMARTDataForBSDName","device":["sda"]})", HelperFailure::malformedRequest},
+        {R"({"method":"fetchSmartData"})", HelperFailure::malformedRequest},
+        {R"({"method":"fetchSmartData","device":["sda"]})", HelperFailure::malformedRequest},
         {R"({"method":"runCommand","argv":["rm"]})", HelperFailure::unknownMethod},
     };
     for (const auto& c : cases) {

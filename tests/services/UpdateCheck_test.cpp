@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "concurrency/ManualMainExecutor.h"
+#include "support/ManualMainExecutor.h"
 #include "concurrency/WaitFor.h"
 #include "platform/linux/CurlHttpClient.h"
 #include "services/HttpTestServer.h"

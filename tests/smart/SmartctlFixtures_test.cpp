@@ -22,6 +22,8 @@ namespace fs = std::filesystem;
 const fs::path kCorpus = fs::path(VANTORIX_TEST_DATA_DIR) / "smartctl";
 // Expected interpretations, one file per fixture and language. VANTORIX_UPDATE_GOLDEN=1 rewrites
 // them from the current output, for review.
+// Beside this file; found from the data folder's absolute path, since __FILE__ may be relative to the
+// build folder (a compiler cache rewrites it) while the tests run in another.
 const fs::path kGolden = fs::path(VANTORIX_TEST_DATA_DIR).parent_path() / "smart" / "golden";
 
 std::string contentsOf(const fs::path& path) {

@@ -34,13 +34,13 @@ TEST(SmartmontoolsBridge, LogsExitStatusOutputsAndTheToolsMessages) {
     const std::string command = "smartctl -a /dev/sda";
     EXPECT_THAT(bridgeLines(capture),
                 ElementsAreArray({
-                    "default: smartctl exited with status 4 for BSD name sda; continuing to parse command: " + command,
-                    "debug: smartctl stdout for BSD name sda: " + json,
-                    std::string("debug: smartctl stderr for BSD name sda: //4="),
+                    "debug: smartctl exited with status 4 for device sda; continuing to parse command: " + command,
+                    "debug: smartctl stdout for device sda: " + json,
+                    std::string("debug: smartctl stderr for device sda: //4="),
                     "error: smartctl reported message (severity: Warning) for command " + command + ": top",
-                    "default: smartctl reported message (severity: notice) for command " + command + ": open failed",
+                    "debug: smartctl reported message (severity: notice) for command " + command + ": open failed",
                     "error: smartctl reported message (severity: FATAL) for command " + command + ": deep",
-                    "default: smartctl reported message (severity: information) for command " + command + ": info",
+                    "debug: smartctl reported message (severity: information) for command " + command + ": info",
                     "error: smartctl reported message (severity: warn) for command " + command + ": w",
                 }));
 }
@@ -50,13 +50,13 @@ TEST(SmartmontoolsBridge, LogsEmptyAndUndecodableOutputWithoutMessages) {
     logResultDiagnostics(SmartctlExecutionResult{"", "c", "", 0}, "sda");
     logResultDiagnostics(SmartctlExecutionResult{"[{\"messages\": 1}", "c", "careful", -1}, "sdb");
     EXPECT_THAT(bridgeLines(capture), ElementsAreArray({
-                                          "debug: smartctl exited with status 0 for BSD name sda; command: c",
-                                          "debug: smartctl stdout for BSD name sda was empty",
-                                          "debug: smartctl stderr for BSD name sda was empty",
-                                          "default: smartctl exited with status -1 for BSD name sdb; continuing to "
+                                          "debug: smartctl exited with status 0 for device sda; command: c",
+                                          "debug: smartctl stdout for device sda was empty",
+                                          "debug: smartctl stderr for device sda was empty",
+                                          "debug: smartctl exited with status -1 for device sdb; continuing to "
                                           "parse command: c",
-                                          "debug: smartctl stdout for BSD name sdb: [{\"messages\": 1}",
-                                          "debug: smartctl stderr for BSD name sdb: careful",
+                                          "debug: smartctl stdout for device sdb: [{\"messages\": 1}",
+                                          "debug: smartctl stderr for device sdb: careful",
                                       }));
 }
 
@@ -68,16 +68,16 @@ TEST(SmartmontoolsBridge, InterpretsAResultOrSaysWhyItCannot) {
         std::string lastLine;
     };
     const std::vector<Case> cases = {
-        {"", false, "error: Failed to decode smartctl JSON for BSD name sdc"},
-        {"not json", false, "error: Failed to decode smartctl JSON for BSD name sdc"},
-        {R"([{"smart_status": {"passed": true}}])", false, "error: Failed to decode smartctl JSON for BSD name sdc"},
+        {"", false, "error: Failed to decode smartctl JSON for device sdc"},
+        {"not json", false, "error: Failed to decode smartctl JSON for device sdc"},
+        {R"([{"smart_status": {"passed": true}}])", false, "error: Failed to decode smartctl JSON for device sdc"},
         // Bytes that are not UTF-8 (broken USB bridges) become U+FFFD; the rest is still read.
         {"{\"model_name\": \"WD\xff\xc3\"}", true,
-         "default: Successfully parsed SMART details for BSD name sdc via privileged helper"},
+         "debug: Successfully parsed SMART details for device sdc via privileged helper"},
         {R"({"device": {"name": "/dev/sdc"}})", false,
-         "error: smartctl JSON for BSD name sdc did not contain usable SMART information"},
+         "error: smartctl JSON for device sdc did not contain usable SMART information"},
         {R"({"smart_status": {"passed": true}})", true,
-         "default: Successfully parsed SMART details for BSD name sdc via privileged helper"},
+         "debug: Successfully parsed SMART details for device sdc via privileged helper"},
     };
     for (const auto& c : cases) {
         const log::Capture capture;

@@ -4,10 +4,10 @@
 #include <map>
 #include <thread>
 
-#include "concurrency/ManualMainExecutor.h"
 #include "log/Log.h"
-#include "platform/SubstituteServiceManager.h"
 #include "smart/PrivilegedHelperManager.h"
+#include "support/ManualMainExecutor.h"
+#include "support/SubstituteHelperService.h"
 
 namespace vantorix {
 namespace {
@@ -15,29 +15,25 @@ namespace {
 using namespace std::chrono_literals;
 using ::testing::Contains;
 using ::testing::Not;
-using Script = SubstituteServiceManager::Script;
-
-constexpr int kNotRegistered = static_cast<int>(ServiceStatus::notRegistered);
-constexpr int kEnabled = static_cast<int>(ServiceStatus::enabled);
-constexpr int kRequiresApproval = static_cast<int>(ServiceStatus::requiresApproval);
+using testing::SubstituteHelperService;
+using Script = SubstituteHelperService::Script;
+using State = HelperServiceState;
 
 TEST(RuntimeEnvironment, AppendsAReasonPerRuleInOrder) {
     struct Case {
         std::map<std::string, std::string> environment;
-        bool sandboxed;
+        bool flatpakInfo;
         std::vector<std::string> reasons;
     };
     const std::vector<Case> cases = {
         {{}, false, {}},
-        {{{"VANTORIX_DISABLE_PRIVILEGED_OPERATIONS", "1"}, {"SIMULATOR_DEVICE_NAME", "x"}}, false,
-         {"Manual override: VANTORIX_DISABLE_PRIVILEGED_OPERATIONS", "Simulator environment"}},
-        {{{"VANTORIX_DISABLE_PRIVILEGED_OPERATIONS", "true"}, {"XCODE_RUNNING_FOR_PREVIEWS", "0"},
-          {"XCODE_RUNNING_FOR_TESTS", " 1"}}, false, {}},
-        {{{"XCTestConfigurationFilePath", ""}}, false, {"XCTest session detected"}},
-        {{{"XCODE_RUNNING_FOR_PREVIEWS", "1"}, {"XCODE_RUNNING_FOR_TESTS", "1"}}, false,
-         {"SwiftUI Preview runtime", "Xcode test harness"}},
-        {{{"APP_SANDBOX_CONTAINER_ID", "c"}}, true, {"App Sandbox entitlement active"}},
-        {{}, true, {"App Sandbox entitlement active"}},
+        {{{"VANTORIX_DISABLE_PRIVILEGED_OPERATIONS", "1"}, {"SNAP", "/snap/vantorix/1"}}, false,
+         {"Manual override: VANTORIX_DISABLE_PRIVILEGED_OPERATIONS", "running in a Snap sandbox"}},
+        // Only an exact "1" counts.
+        {{{"VANTORIX_DISABLE_PRIVILEGED_OPERATIONS", "true"}}, false, {}},
+        {{{"VANTORIX_DISABLE_PRIVILEGED_OPERATIONS", " 1"}, {"FLATPAK_ID", "com.vantorix.Vantorix"}}, false,
+         {"running in a Flatpak sandbox"}},
+        {{}, true, {"running in a Flatpak sandbox"}},
     };
     for (const auto& c : cases) {
         const auto environment = RuntimeEnvironment::evaluate(
@@ -46,7 +42,7 @@ TEST(RuntimeEnvironment, AppendsAReasonPerRuleInOrder) {
                 if (found == c.environment.end()) return std::nullopt;
                 return found->second;
             },
-            c.sandboxed);
+            c.flatpakInfo);
         EXPECT_EQ(environment.restrictionReasons, c.reasons);
         EXPECT_EQ(environment.allowsPrivilegedOperations, c.reasons.empty());
     }
@@ -55,16 +51,16 @@ TEST(RuntimeEnvironment, AppendsAReasonPerRuleInOrder) {
 class PrivilegedHelperManagerTest : public ::testing::Test {
 protected:
     std::shared_ptr<PrivilegedHelperManager> manager(Script script, RuntimeEnvironment environment = {}) {
-        services_ = std::make_shared<SubstituteServiceManager>(std::move(script));
+        service_ = std::make_shared<SubstituteHelperService>(std::move(script));
         PrivilegedHelperManager::Dependencies dependencies;
-        dependencies.serviceManager = services_;
+        dependencies.helperService = service_;
         dependencies.mainExecutor = main_;
         dependencies.runtimeEnvironment = std::move(environment);
         dependencies.notificationCenter = &notifications_;
         dependencies.effectiveUserId = [] { return 1000U; };
         return PrivilegedHelperManager::create(std::move(dependencies));
     }
-    // Runs the posted approval prompts.
+    // Runs the posted approval notifications.
     void settle() { main_->drain(); }
     std::vector<std::string> lines() const { return capture_.messages("PrivilegedHelperManager"); }
 
@@ -73,100 +69,96 @@ protected:
     int approvals_ = 0;
     Subscription approvalObserver_ = notifications_.addObserver(
         std::string(PrivilegedHelperManager::kApprovalNotification), [this] { ++approvals_; });
-    std::shared_ptr<SubstituteServiceManager> services_;
+    std::shared_ptr<SubstituteHelperService> service_;
     log::Capture capture_;
 };
 
-TEST_F(PrivilegedHelperManagerTest, PolicyRefusalNeverTouchesTheServiceManager) {
-    RuntimeEnvironment disabled{false, {"Manual override: VANTORIX_DISABLE_PRIVILEGED_OPERATIONS", "Simulator environment"}};
+TEST_F(PrivilegedHelperManagerTest, PolicyRefusalNeverTouchesTheHelperService) {
+    RuntimeEnvironment disabled{false, {"Manual override: VANTORIX_DISABLE_PRIVILEGED_OPERATIONS", "running in a Snap sandbox"}};
     auto helper = manager(Script{}, disabled);
     EXPECT_FALSE(helper->ensureHelperInstalledIfNeeded());
     EXPECT_EQ(helper->cachedInstallationState(), false);
-    const auto calls = services_->calls();
-    EXPECT_EQ(calls.definitionLookups + calls.serviceObjects + calls.statusReads + calls.registrations, 0);
+    const auto calls = service_->calls();
+    EXPECT_EQ(calls.definitionLookups + calls.stateReads + calls.enables, 0);
     EXPECT_THAT(lines(), Contains("Skipped helper installation because privileged operations are disabled (Manual "
-                                  "override: VANTORIX_DISABLE_PRIVILEGED_OPERATIONS, Simulator environment)."));
+                                  "override: VANTORIX_DISABLE_PRIVILEGED_OPERATIONS, running in a Snap sandbox)."));
 }
 
-// Each case: the service manager's state, the outcome of two calls, and what the calls cost.
-TEST_F(PrivilegedHelperManagerTest, RegistersRepairsAndRemembersTheOutcome) {
-    const ServiceError approval{"SMAppServiceErrorDomain", 1, "needs approval", "pkexec: dismissed"};
-    const ServiceError broken{"com.vantorix.ServiceManager.systemd", 5, "systemctl failed", ""};
+// Each case: the helper service's state, the outcome of two calls, and what the calls cost.
+TEST_F(PrivilegedHelperManagerTest, EnablesRepairsAndRemembersTheOutcome) {
+    const HelperServiceError approval{HelperServiceFailure::needsAdministrator, "the administrator password was not given",
+                                      "Error executing command as another user: Request dismissed"};
+    const HelperServiceError broken{HelperServiceFailure::commandFailed, "systemctl failed", ""};
     struct Case {
         std::string name;
         Script script;
         bool installed;
-        int registrations;
-        int unregistrations;
+        int enables;
+        int disables;
         int approvals;
         std::vector<std::string> expectedLines;
     };
     Script enabled;
-    enabled.status = kEnabled;
+    enabled.state = State::enabled;
     Script stale = enabled;
     stale.helperExecutable.exists = false;
-    Script staleUnremovable = stale;
-    staleUnremovable.unregisterError = broken;
-    // Unregistering reports a failure, yet a fresh look finds the helper gone (or in a state the
-    // manager does not know, which counts as gone).
-    Script staleGone = staleUnremovable;
-    staleGone.statusAfterFailedUnregister = kNotRegistered;
-    Script staleOdd = staleUnremovable;
-    staleOdd.statusAfterFailedUnregister = 9;
-    Script unregistered;
+    Script staleStuck = stale;
+    staleStuck.disableError = broken;
+    // Disabling reports a failure, yet a fresh look finds the helper gone.
+    Script staleGone = staleStuck;
+    staleGone.stateAfterFailedDisable = State::notEnabled;
+    Script notEnabled;
     Script blocked;
-    blocked.registerError = approval;
+    blocked.enableError = approval;
     Script failing;
-    failing.registerError = broken;
+    failing.enableError = broken;
     Script pending;
-    pending.status = kRequiresApproval;
-    pending.registerError = approval;
+    pending.state = State::needsAdministrator;
+    pending.enableError = approval;
     Script approvedLater;
-    approvedLater.statusAfterRegistering = kRequiresApproval;
+    approvedLater.stateAfterEnabling = State::needsAdministrator;
     Script missing;
     missing.definitionPath.reset();
-    Script odd;
-    odd.status = 7;
+    Script unitGone;
+    unitGone.state = State::unitNotInstalled;
     const std::vector<Case> cases = {
         {"enabled", enabled, true, 0, 0, 0,
-         {"Privileged helper already registered with launchd; caching installation flag.",
+         {"Helper state (substitute helper service): enabled",
+          "Privileged helper already enabled (substitute helper service); caching installation flag.",
           "Using cached helper installation state: true"}},
         {"stale", stale, true, 1, 1, 0,
-         {"Helper marked enabled but binary missing under /Library/PrivilegedHelperTools; will trigger reinstall.",
-          "Successfully removed stale launchd registration; proceeding with fresh helper registration.",
-          "Successfully installed privileged helper via SMAppService."}},
-        {"stale, unregister fails while registered", staleUnremovable, false, 0, 1, 0,
-         {"Helper status observed after unregister failure: enabled",
-          "Failed to unregister stale helper before reinstall: systemctl failed",
-          "Failed to install privileged helper1: SMAppService registration failed: systemctl failed"}},
-        {"stale, unregister fails but the helper is gone", staleGone, true, 1, 1, 0,
-         {"Helper status observed after unregister failure: notRegistered",
-          "SMAppService.unregister() reported a failure but helper is already absent; continuing with reinstall.",
-          "Refreshed SMAppService after unregister; new status: notRegistered"}},
-        {"stale, unregister fails, unknown state", staleOdd, true, 1, 1, 0,
-         {"Encountered unknown SMAppService.Status when checking uninstall state; defaulting to not installed."}},
-        {"not registered", unregistered, true, 1, 0, 0,
-         {"Helper service not registered with launchd yet.", "will register", "did register",
+         {"Helper enabled but its program /usr/libexec/vantorix/vantorix-smartctl-helper is missing; will trigger reinstall.",
+          "Successfully disabled the stale helper registration; proceeding with a fresh one.",
+          "Successfully installed privileged helper via substitute helper service."}},
+        {"stale, disabling fails while enabled", staleStuck, false, 0, 1, 0,
+         {"Helper state observed after the failed disable: enabled",
+          "Failed to disable the stale helper registration before reinstalling: systemctl failed",
+          "Failed to install privileged helper: Registration failed: systemctl failed"}},
+        {"stale, disabling fails but the helper is gone", staleGone, true, 1, 1, 0,
+         {"Disabling reported a failure but the helper is already gone; continuing with reinstall.",
+          "Refreshed helper state after disabling: not enabled"}},
+        {"not enabled", notEnabled, true, 1, 0, 0,
+         {"Helper not enabled yet.", "Starting privileged helper installation via substitute helper service.",
           "Clearing in-flight installation flag. Cached helper state = true"}},
-        {"blocked", blocked, false, 1, 0, 1,
-         {"Helper registration blocked by Login Items approval (SMAppServiceErrorDomain code=1). Prompting user to "
-          "approve in System Settings.",
-          "SMAppService.register() threw NSError with domain: SMAppServiceErrorDomain, code: 1, userInfo: pkexec: dismissed",
+        {"the administrator refused", blocked, false, 1, 0, 1,
+         {"Enabling the helper needs an administrator; posting the approval notification.",
+          "Enabling the helper failed (needs an administrator): the administrator password was not given; output: Error "
+          "executing command as another user: Request dismissed",
           "Using cached helper installation state: false"}},
         {"failing", failing, false, 1, 0, 0,
-         {"Failed to install privileged helper2: systemctl failed",
+         {"Enabling the helper failed (command failed): systemctl failed",
           "Clearing in-flight installation flag. Cached helper state = false"}},
-        {"awaiting approval", pending, false, 1, 0, 1,
-         {"Privileged helper awaiting user approval inside System Settings → General → Login Items.",
-          "Skipping duplicate System Settings approval prompt for helper."}},
-        {"approval after registering", approvedLater, true, 1, 0, 1,
-         {"Privileged helper requires additional approval inside System Settings → General → Login Items."}},
-        {"definition missing", missing, false, 0, 0, 0,
-         {"Unable to locate helper launchd plist under Contents/Library/LaunchDaemons.",
-          "Failed to install privileged helper1: Missing helper LaunchDaemon plist inside application resources"}},
-        {"unknown status", odd, true, 1, 0, 0,
-         {"Encountered uncommon helper status (7).",
-          "Unhandled SMAppService status encountered (7); assuming helper not installed."}},
+        {"needs an administrator", pending, false, 1, 0, 1,
+         {"Helper needs an administrator to enable it; awaiting approval.",
+          "Skipping duplicate approval notification for the helper."}},
+        {"needs an administrator after enabling", approvedLater, true, 1, 0, 1,
+         {"Privileged helper still needs an administrator to enable it."}},
+        {"unit file missing", missing, false, 0, 0, 0,
+         {"Unable to locate the substitute unit file (substitute helper service).",
+          "Failed to install privileged helper: Helper not installed: the substitute unit file is missing"}},
+        {"unit not installed", unitGone, true, 1, 0, 0,
+         {"Helper unit not installed (substitute helper service): the substitute unit file is missing; check the "
+          "installation."}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -174,26 +166,27 @@ TEST_F(PrivilegedHelperManagerTest, RegistersRepairsAndRemembersTheOutcome) {
         approvals_ = 0;
         auto helper = manager(c.script);
         EXPECT_EQ(helper->ensureHelperInstalledIfNeeded(), c.installed);
-        const int statusReads = services_->calls().statusReads;
+        const int stateReads = service_->calls().stateReads;
         EXPECT_EQ(helper->ensureHelperInstalledIfNeeded(), c.installed);  // answered from memory
         settle();
-        const auto calls = services_->calls();
-        EXPECT_EQ(calls.statusReads, statusReads);
-        EXPECT_EQ(calls.registrations, c.registrations);
-        EXPECT_EQ(calls.unregistrations, c.unregistrations);
-        EXPECT_EQ(calls.approvalPages, c.approvals);
+        const auto calls = service_->calls();
+        EXPECT_EQ(calls.stateReads, stateReads);
+        EXPECT_EQ(calls.enables, c.enables);
+        EXPECT_EQ(calls.disables, c.disables);
         EXPECT_EQ(approvals_, c.approvals);
-        for (const auto& line : c.expectedLines) EXPECT_THAT(lines(), Contains(line));
+        const auto all = lines();
+        for (const auto& line : c.expectedLines) EXPECT_THAT(all, Contains(line));
+        for (std::size_t i = 1; i < all.size(); ++i) EXPECT_NE(all[i], all[i - 1]) << "logged twice in a row";
     }
 }
 
 TEST_F(PrivilegedHelperManagerTest, CallsFromOtherThreadsRunTheWorkflowOnTheMainThread) {
     Script script;
-    script.status = kEnabled;
+    script.state = State::enabled;
     auto helper = manager(script);
     std::optional<bool> answer;
     std::thread caller([&] { answer = helper->ensureHelperInstalledIfNeeded(); });
-    ASSERT_TRUE(main_->runUntil([&] { return services_->calls().statusReads > 0; }, 10s));
+    ASSERT_TRUE(main_->runUntil([&] { return service_->calls().stateReads > 0; }, 10s));
     caller.join();
     EXPECT_EQ(answer, true);
     EXPECT_THAT(lines(), Contains("Dispatching helper installation onto the main thread synchronously."));

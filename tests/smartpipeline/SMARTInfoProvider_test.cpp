@@ -5,12 +5,12 @@
 #include <fstream>
 #include <sstream>
 
-#include "concurrency/ManualMainExecutor.h"
 #include "log/Log.h"
-#include "platform/SubstituteServiceManager.h"
 #include "platform/linux/SysfsBlockDeviceTopology.h"
 #include "smart/SMARTInfoProvider.h"
+#include "support/ManualMainExecutor.h"
 #include "support/ScopedEnvironment.h"
+#include "support/SubstituteHelperService.h"
 
 namespace vantorix {
 namespace {
@@ -73,7 +73,7 @@ public:
     std::atomic<int> connections{0};
     std::atomic<int> invalidations{0};
 
-    std::shared_ptr<HelperConnection> connect(std::string_view) override {
+    std::shared_ptr<HelperConnection> connect() override {
         ++connections;
         return std::make_shared<Connection>(*this);
     }
@@ -84,22 +84,19 @@ private:
         explicit Connection(ScriptedHelper& helper) : helper_(helper) {}
         void setInvalidationHandler(std::function<void()>) override {}
         void setInterruptionHandler(std::function<void()>) override {}
-        void resume() override {}
         void invalidate() override { ++helper_.invalidations; }
-        void fetchSMARTData(const std::string& deviceName, FetchReply reply, ErrorHandler errorHandler) override {
+        void fetchSmartData(const std::string& deviceName, std::function<void(FetchAnswer)> reply) override {
             const Answer answer = helper_.answer(deviceName);
             switch (answer.kind) {
-                case Answer::Kind::result: reply(answer.result, std::nullopt); break;
+                case Answer::Kind::result: reply(answer.result); break;
                 case Answer::Kind::helperError:
-                    reply(std::nullopt, protocol::helperError(protocol::HelperFailure::deviceNotFound, "no " + deviceName));
+                    reply(protocol::helperError(protocol::HelperFailure::deviceNotFound, "no " + deviceName));
                     break;
-                case Answer::Kind::connectionError:
-                    errorHandler(HelperError{std::string(kConnectionErrorDomain), kConnectionInvalid, "refused"});
-                    break;
+                case Answer::Kind::connectionError: reply(ConnectionError{ConnectionFailure::brokenStream, "closed"}); break;
                 case Answer::Kind::silence: break;
             }
         }
-        void helperVersion(VersionReply reply, ErrorHandler) override { reply("test"); }
+        void helperVersion(std::function<void(VersionAnswer)> reply) override { reply(std::string("test")); }
 
     private:
         ScriptedHelper& helper_;
@@ -110,10 +107,10 @@ class SMARTInfoProviderTest : public ::testing::Test {
 protected:
     SMARTInfoProvider provider(RuntimeEnvironment environment = {}) {
         Script script;
-        script.status = static_cast<int>(ServiceStatus::enabled);
-        services_ = std::make_shared<SubstituteServiceManager>(script);
+        script.state = HelperServiceState::enabled;
+        service_ = std::make_shared<testing::SubstituteHelperService>(script);
         PrivilegedHelperManager::Dependencies dependencies;
-        dependencies.serviceManager = services_;
+        dependencies.helperService = service_;
         dependencies.mainExecutor = main_;  // the manager runs inline: the test thread is its main thread
         dependencies.runtimeEnvironment = std::move(environment);
         dependencies.notificationCenter = &notifications_;
@@ -123,11 +120,11 @@ protected:
     }
     std::vector<std::string> lines(std::string_view category) const { return capture_.messages(category); }
 
-    using Script = SubstituteServiceManager::Script;
+    using Script = testing::SubstituteHelperService::Script;
     testing::ScopedLanguage english_{"en_US.UTF-8"};
     std::shared_ptr<ManualMainExecutor> main_ = std::make_shared<ManualMainExecutor>();
     NotificationCenter notifications_;
-    std::shared_ptr<SubstituteServiceManager> services_;
+    std::shared_ptr<testing::SubstituteHelperService> service_;
     std::shared_ptr<ScriptedHelper> helper_ = std::make_shared<ScriptedHelper>();
     std::shared_ptr<SmartctlHelperClient> client_;
     log::Capture capture_;
@@ -136,12 +133,14 @@ protected:
 TEST_F(SMARTInfoProviderTest, DisallowedPolicyTouchesNeitherHelperNorManager) {
     auto fetcher = provider(RuntimeEnvironment{false, {"Manual override: VANTORIX_DISABLE_PRIVILEGED_OPERATIONS"}});
     helper_->answer = [](const std::string&) { return Answer{}; };
-    EXPECT_FALSE(fetcher.fetch("sdz1").info);
+    const auto outcome = fetcher.fetch("sdz1");
+    EXPECT_FALSE(outcome.info);
+    EXPECT_EQ(outcome.helperFailure, HelperRequestFailure::privilegedOperationsDisabled);
     EXPECT_EQ(helper_->connections, 0);
-    EXPECT_EQ(services_->calls().statusReads, 0);
+    EXPECT_EQ(service_->calls().stateReads, 0);
     EXPECT_THAT(lines("SmartmontoolsBridge"),
-                ElementsAre("Privileged operations disabled; skipping smartctl request for BSD name sdz1",
-                            "Privileged operations disabled; skipping smartctl request for BSD name sdz"));
+                ElementsAre("Privileged operations disabled; skipping smartctl request for device sdz1",
+                            "Privileged operations disabled; skipping smartctl request for device sdz"));
 }
 
 // Each case: how the helper answers the two candidates, and what the fetch makes of it.
@@ -155,6 +154,7 @@ TEST_F(SMARTInfoProviderTest, TriesTheCandidatesUntilOneAnswerIsUsable) {
     const Answer helperError{Answer::Kind::helperError, {}};
     const Answer connectionError{Answer::Kind::connectionError, {}};
     const Answer silence{};
+    using F = HelperRequestFailure;
     struct Case {
         std::string name;
         Answer partition, disk;
@@ -162,15 +162,20 @@ TEST_F(SMARTInfoProviderTest, TriesTheCandidatesUntilOneAnswerIsUsable) {
         bool asleep;
         int connections;  // made over the whole fetch: a dropped connection is made afresh
         std::string sourcedFrom;
+        std::optional<F> helperFailure;
     };
     const std::vector<Case> cases = {
-        {"first usable, despite exit status 4", usable, silence, true, false, 1, "sdz1"},
-        {"helper error, then usable: connection kept", helperError, usable, true, false, 1, "sdz"},
-        {"empty output, then usable", empty, usable, true, false, 1, "sdz"},
-        {"a silent helper: dropped after each time-out", silence, silence, false, false, 2, ""},
-        {"connection error: dropped, next made afresh", connectionError, silence, false, false, 2, ""},
-        {"a sleeping drive ends the fetch", asleep, usable, false, true, 1, ""},
-        {"open failure without the standby message is no sleep", failedOpen, usable, true, false, 1, "sdz"},
+        {"first usable, despite exit status 4", usable, silence, true, false, 1, "sdz1", {}},
+        {"helper error, then usable: connection kept", helperError, usable, true, false, 1, "sdz", {}},
+        {"empty output, then usable", empty, usable, true, false, 1, "sdz", {}},
+        {"a silent helper: dropped after each time-out", silence, silence, false, false, 2, "", F::timedOut},
+        // The failure answers the request: it is not taken for a time-out.
+        {"connection errors: each connection dropped", connectionError, connectionError, false, false, 2, "",
+         F::connectionFailed},
+        {"helper errors only", helperError, helperError, false, false, 1, "", F::helperError},
+        {"the helper answered one name: the drive gave nothing", empty, connectionError, false, false, 1, "", {}},
+        {"a sleeping drive ends the fetch", asleep, usable, false, true, 1, "", {}},
+        {"open failure without the standby message is no sleep", failedOpen, usable, true, false, 1, "sdz", {}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -181,38 +186,51 @@ TEST_F(SMARTInfoProviderTest, TriesTheCandidatesUntilOneAnswerIsUsable) {
         const auto outcome = fetcher.fetch("sdz1");
         EXPECT_EQ(outcome.info.has_value(), c.data);
         EXPECT_EQ(outcome.driveAsleep, c.asleep);
+        EXPECT_EQ(outcome.helperFailure, c.helperFailure);
         EXPECT_EQ(helper_->connections, c.connections);
         if (c.data) {
             EXPECT_EQ(outcome.info->overallStatus, "PASSED");
             EXPECT_EQ(outcome.info->sourceCommand, c.partition.kind == Answer::Kind::result && c.sourcedFrom == "sdz1"
                                                        ? c.partition.result.commandDescription
                                                        : c.disk.result.commandDescription);
-            EXPECT_THAT(lines("SMARTInfoProvider"), Contains("SMART data sourced from smartctl for BSD name " + c.sourcedFrom));
+            EXPECT_THAT(lines("SMARTInfoProvider"), Contains("SMART data sourced from smartctl for device " + c.sourcedFrom));
         } else if (!c.asleep) {
             EXPECT_THAT(lines("SMARTInfoProvider"),
-                        Contains("All smartctl attempts exhausted for BSD name sdz1; SMART data unavailable"));
+                        Contains("All smartctl attempts exhausted for device sdz1; SMART data unavailable"));
         }
     }
 }
 
+// Each way a request ends: its log line, the failure, and whether the connection is dropped.
 TEST_F(SMARTInfoProviderTest, LogsEveryWayARequestEnds) {
     struct Case {
         Answer answer;
         std::string line;
+        std::optional<HelperRequestFailure> failure;
+        int invalidations;
     };
     const std::vector<Case> cases = {
-        {Answer{}, "Timed out waiting for helper response when fetching SMART info for BSD name sdz"},
-        {Answer{Answer::Kind::helperError, {}}, "Privileged helper domain error (code: 4) for BSD name sdz: no sdz"},
-        {Answer{Answer::Kind::connectionError, {}}, "Remote proxy error: refused"},
+        {Answer{}, "Timed out waiting for helper response when fetching SMART info for device sdz",
+         HelperRequestFailure::timedOut, 1},
+        {Answer{Answer::Kind::helperError, {}}, "Privileged helper domain error (code: 4) for device sdz: no sdz",
+         HelperRequestFailure::helperError, 0},
+        {Answer{Answer::Kind::connectionError, {}}, "Helper connection failed (broken stream) for device sdz: closed",
+         HelperRequestFailure::connectionFailed, 1},
         {Answer{Answer::Kind::result, {"{}", "c", "", 0}},
-         "Received helper response containing 2 bytes of JSON for BSD name sdz; exit status: 0"},
+         "Received helper response containing 2 bytes of JSON for device sdz; exit status: 0", std::nullopt, 0},
     };
     for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
         capture_.clear();
         helper_ = std::make_shared<ScriptedHelper>();
         helper_->answer = [&c](const std::string&) { return c.answer; };
         provider();  // makes client_
-        (void)client_->fetchSMARTData("sdz");
+        const auto result = client_->fetchSmartData("sdz");
+        EXPECT_EQ(result.ok(), !c.failure.has_value());
+        if (!result.ok()) {
+            EXPECT_EQ(result.error(), c.failure);
+        }
+        EXPECT_EQ(helper_->invalidations, c.invalidations);
         EXPECT_THAT(lines("SmartctlHelperClient"), Contains(c.line));
     }
 }

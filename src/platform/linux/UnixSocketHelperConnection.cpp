@@ -22,35 +22,39 @@ namespace {
 using protocol::HelperError;
 using Socket = asio::local::stream_protocol::socket;
 
-HelperError connectionError(std::int64_t code, std::string description) {
-    return HelperError{std::string(kConnectionErrorDomain), code, std::move(description)};
+ConnectionError connectionError(ConnectionFailure failure, std::string description) {
+    return ConnectionError{failure, std::move(description)};
 }
 
-// A connected, close-on-exec socket to `path` whose peer runs as `uid`; or the reason there is none.
-Result<int, std::string> connectToPeer(const std::string& path, uid_t uid) {
+// A connected, close-on-exec socket to `path` whose peer runs as `uid`; or why there is none.
+Result<int, ConnectionError> connectToPeer(const std::string& path, uid_t uid) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    if (path.empty() || path.size() >= sizeof(address.sun_path)) return Failure{"the socket path " + path + " is not usable"};
+    if (path.empty() || path.size() >= sizeof(address.sun_path)) {
+        return Failure{connectionError(ConnectionFailure::connectFailed, "the socket path " + path + " is not usable")};
+    }
     std::memcpy(address.sun_path, path.data(), path.size());
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0) return Failure{std::string("socket: ") + std::strerror(errno)};
+    if (fd < 0) return Failure{connectionError(ConnectionFailure::connectFailed, std::string("socket: ") + std::strerror(errno))};
     // A Unix socket connects at once or not at all (EAGAIN: the listener's backlog is full).
     if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
         const int error = errno;
         ::close(fd);
-        return Failure{"cannot connect to " + path + ": " + std::strerror(error)};
+        return Failure{connectionError(ConnectionFailure::connectFailed, "cannot connect to " + path + ": " + std::strerror(error))};
     }
     ucred peer{};
     socklen_t length = sizeof(peer);
     if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) {
         const int error = errno;
         ::close(fd);
-        return Failure{std::string("cannot read the peer's credentials: ") + std::strerror(error)};
+        return Failure{connectionError(ConnectionFailure::connectFailed,
+                                       std::string("cannot read the peer's credentials: ") + std::strerror(error))};
     }
     if (peer.uid != uid) {
         ::close(fd);
-        return Failure{"the process listening at " + path + " runs as user " + std::to_string(peer.uid) +
-                       ", not as user " + std::to_string(uid) + "; nothing was sent to it"};
+        return Failure{connectionError(ConnectionFailure::peerNotRoot,
+                                       "the process listening at " + path + " runs as user " + std::to_string(peer.uid) +
+                                           ", not as user " + std::to_string(uid) + "; nothing was sent to it")};
     }
     return fd;
 }
@@ -62,10 +66,12 @@ constexpr std::size_t kKeptBufferBytes = 1024 * 1024;
 }  // namespace
 
 struct UnixSocketHelperConnection::State : std::enable_shared_from_this<State> {
+    // One request waiting for its reply. `answer` takes the helper's reply when it is of the kind
+    // the request expects (and returns true), and refuses any other (false); `fail` answers with a
+    // failure of the connection. Exactly one of the two is called, once.
     struct Pending {
-        FetchReply fetchReply;      // set for a SMART request
-        VersionReply versionReply;  // set for a version request
-        ErrorHandler errorHandler;
+        std::function<bool(protocol::Reply&)> answer;
+        std::function<void(ConnectionError)> fail;
     };
 
     State(std::string path, uid_t uid)
@@ -90,14 +96,14 @@ struct UnixSocketHelperConnection::State : std::enable_shared_from_this<State> {
 
     void send(std::string request, Pending pending) {
         if (invalidated) {
-            pending.errorHandler(connectionError(kConnectionInvalid, "The connection to the privileged helper was invalidated."));
+            pending.fail(connectionError(ConnectionFailure::invalidated, "the connection to the privileged helper was invalidated"));
             return;
         }
         if (!socket) {
             auto fd = connectToPeer(socketPath, peerUid);
             if (!fd.ok()) {
-                pending.errorHandler(connectionError(kConnectionInvalid, "Cannot reach the privileged helper: " + fd.error()));
                 invalidateNow();
+                pending.fail(fd.error());
                 return;
             }
             socket.emplace(queue->context());
@@ -106,8 +112,8 @@ struct UnixSocketHelperConnection::State : std::enable_shared_from_this<State> {
             if (error) {
                 ::close(fd.value());
                 socket.reset();
-                pending.errorHandler(connectionError(kConnectionInvalid, "Cannot use the helper's socket: " + error.message()));
                 invalidateNow();
+                pending.fail(connectionError(ConnectionFailure::connectFailed, "cannot use the helper's socket: " + error.message()));
                 return;
             }
             readHeader();
@@ -126,7 +132,7 @@ struct UnixSocketHelperConnection::State : std::enable_shared_from_this<State> {
                               if (!self) return;
                               self->writing = false;
                               if (error) {
-                                  if (error != asio::error::operation_aborted) self->lost(error.message());
+                                  if (error != asio::error::operation_aborted) self->lost("writing failed: " + error.message());
                                   return;
                               }
                               self->writes.pop_front();
@@ -174,31 +180,16 @@ struct UnixSocketHelperConnection::State : std::enable_shared_from_this<State> {
         if (payload.capacity() > kKeptBufferBytes) payload.shrink_to_fit();
         Pending pending = std::move(outstanding.front());
         outstanding.pop_front();
-        if (reply) {
-            if (pending.fetchReply) {
-                if (auto* result = std::get_if<SmartctlExecutionResult>(&*reply)) {
-                    pending.fetchReply(std::move(*result), std::nullopt);
-                    return true;
-                }
-                if (auto* error = std::get_if<HelperError>(&*reply)) {
-                    pending.fetchReply(std::nullopt, std::move(*error));
-                    return true;
-                }
-            } else if (auto* version = std::get_if<protocol::VersionReply>(&*reply)) {
-                pending.versionReply(std::move(version->version));
-                return true;
-            } else if (auto* error = std::get_if<HelperError>(&*reply)) {
-                pending.errorHandler(*error);
-                return true;
-            }
-        }
-        pending.errorHandler(connectionError(kConnectionInvalid, "The privileged helper sent a malformed reply."));
-        broken("the helper sent a malformed reply");
+        if (reply && pending.answer(*reply)) return true;
+        const std::string reason = reply ? "the helper answered with a reply of another kind" : "the helper sent a malformed reply";
+        pending.fail(connectionError(ConnectionFailure::malformedReply, reason));
+        broken(reason);
         return false;
     }
 
     // The stream ended or failed. With requests outstanding the helper went away in the middle of
-    // the conversation: that is an interruption. Without, it closed an idle connection.
+    // the conversation: an interruption, and those requests fail now. Without, it closed an idle
+    // connection.
     void lost(const std::string& reason) {
         closeSocket();
         if (outstanding.empty()) {
@@ -209,18 +200,21 @@ struct UnixSocketHelperConnection::State : std::enable_shared_from_this<State> {
         outstanding.clear();
         if (interruptionHandler) interruptionHandler();
         for (auto& pending : failed) {
-            pending.errorHandler(connectionError(kConnectionInterrupted, "The privileged helper closed the connection: " + reason));
+            pending.fail(connectionError(ConnectionFailure::brokenStream,
+                                         "the privileged helper closed the connection before answering: " + reason));
         }
     }
 
     // The helper broke the protocol: every outstanding request fails and the connection is done.
     void broken(const std::string& reason) {
+        failOutstanding(ConnectionFailure::malformedReply, "the privileged helper broke the protocol: " + reason);
+        invalidateNow();
+    }
+
+    void failOutstanding(ConnectionFailure failure, const std::string& description) {
         auto failed = std::move(outstanding);
         outstanding.clear();
-        for (auto& pending : failed) {
-            pending.errorHandler(connectionError(kConnectionInvalid, "The privileged helper broke the protocol: " + reason));
-        }
-        invalidateNow();
+        for (auto& pending : failed) pending.fail(connectionError(failure, description));
     }
 
     void closeSocket() {
@@ -238,9 +232,15 @@ struct UnixSocketHelperConnection::State : std::enable_shared_from_this<State> {
         if (invalidated) return;
         invalidated = true;
         closeSocket();
-        outstanding.clear();
+        failOutstanding(ConnectionFailure::invalidated, "the connection to the privileged helper was invalidated");
         if (auto handler = std::exchange(invalidationHandler, nullptr)) handler();
         interruptionHandler = nullptr;
+    }
+
+    void enqueue(std::string request, Pending pending) {
+        queue->async([weak = weak_from_this(), request = std::move(request), pending = std::move(pending)]() mutable {
+            if (const auto self = weak.lock()) self->send(std::move(request), std::move(pending));
+        });
     }
 };
 
@@ -255,7 +255,7 @@ UnixSocketHelperConnection::~UnixSocketHelperConnection() {
     auto& queue = *state_->queue;
     const auto close = [state = state_] {
         state->closeSocket();
-        state->outstanding.clear();
+        state->failOutstanding(ConnectionFailure::invalidated, "the connection to the privileged helper was closed");
     };
     if (queue.isCurrent()) close();
     else queue.sync(close);
@@ -269,31 +269,49 @@ void UnixSocketHelperConnection::setInterruptionHandler(std::function<void()> ha
     state_->queue->sync([&] { state_->interruptionHandler = std::move(handler); });
 }
 
-void UnixSocketHelperConnection::resume() {}
-
 void UnixSocketHelperConnection::invalidate() {
     state_->queue->async([weak = std::weak_ptr<State>(state_)] {
         if (const auto state = weak.lock()) state->invalidateNow();
     });
 }
 
-void UnixSocketHelperConnection::fetchSMARTData(const std::string& deviceName, FetchReply reply, ErrorHandler errorHandler) {
-    State::Pending pending{std::move(reply), nullptr, std::move(errorHandler)};
-    state_->queue->async([weak = std::weak_ptr<State>(state_), request = protocol::encodedRequest(protocol::FetchRequest{deviceName}),
-                          pending = std::move(pending)]() mutable {
-        if (const auto state = weak.lock()) state->send(std::move(request), std::move(pending));
-    });
+void UnixSocketHelperConnection::fetchSmartData(const std::string& deviceName, std::function<void(FetchAnswer)> answer) {
+    auto shared = std::make_shared<std::function<void(FetchAnswer)>>(std::move(answer));
+    State::Pending pending{
+        [shared](protocol::Reply& reply) {
+            if (auto* result = std::get_if<SmartctlExecutionResult>(&reply)) {
+                (*shared)(std::move(*result));
+                return true;
+            }
+            if (auto* error = std::get_if<HelperError>(&reply)) {
+                (*shared)(std::move(*error));
+                return true;
+            }
+            return false;
+        },
+        [shared](ConnectionError error) { (*shared)(std::move(error)); }};
+    state_->enqueue(protocol::encodedRequest(protocol::FetchRequest{deviceName}), std::move(pending));
 }
 
-void UnixSocketHelperConnection::helperVersion(VersionReply reply, ErrorHandler errorHandler) {
-    State::Pending pending{nullptr, std::move(reply), std::move(errorHandler)};
-    state_->queue->async([weak = std::weak_ptr<State>(state_), request = protocol::encodedRequest(protocol::VersionRequest{}),
-                          pending = std::move(pending)]() mutable {
-        if (const auto state = weak.lock()) state->send(std::move(request), std::move(pending));
-    });
+void UnixSocketHelperConnection::helperVersion(std::function<void(VersionAnswer)> answer) {
+    auto shared = std::make_shared<std::function<void(VersionAnswer)>>(std::move(answer));
+    State::Pending pending{
+        [shared](protocol::Reply& reply) {
+            if (auto* version = std::get_if<protocol::VersionReply>(&reply)) {
+                (*shared)(std::move(version->version));
+                return true;
+            }
+            if (auto* error = std::get_if<HelperError>(&reply)) {
+                (*shared)(std::move(*error));
+                return true;
+            }
+            return false;
+        },
+        [shared](ConnectionError error) { (*shared)(std::move(error)); }};
+    state_->enqueue(protocol::encodedRequest(protocol::VersionRequest{}), std::move(pending));
 }
 
-std::shared_ptr<HelperConnection> UnixSocketHelperConnector::connect(std::string_view) {
+std::shared_ptr<HelperConnection> UnixSocketHelperConnector::connect() {
     return UnixSocketHelperConnection::create(socketPath_(), requiredPeerUid_);
 }
 

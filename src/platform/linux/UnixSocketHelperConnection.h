@@ -12,12 +12,12 @@ namespace vantorix {
 
 // A connection to the privileged helper over its Unix stream socket. The socket is connected by
 // the first request; before anything is sent the peer's credentials (SO_PEERCRED) must show the
-// expected user (root), otherwise nothing is sent and the connection becomes invalid. Requests are
-// framed JSON, written in order; replies are matched to requests in order. When the helper closes
-// the socket while requests are outstanding, the interruption handler runs and the outstanding
-// requests fail; an idle close is quiet. Either way the next request connects afresh.
-class UnixSocketHelperConnection final : public HelperConnection,
-                                         public std::enable_shared_from_this<UnixSocketHelperConnection> {
+// expected user (root), otherwise nothing is sent, the request fails (peer not root) and the
+// connection becomes invalid. Requests are framed JSON, written in order; replies are matched to
+// requests in order. When the helper closes the socket or the stream breaks while requests are
+// outstanding, the interruption handler runs and the outstanding requests fail at once (broken
+// stream); an idle close is quiet. Either way the next request connects afresh.
+class UnixSocketHelperConnection final : public HelperConnection {
 public:
     static std::shared_ptr<UnixSocketHelperConnection> create(std::string socketPath, uid_t requiredPeerUid = 0);
     ~UnixSocketHelperConnection() override;
@@ -26,10 +26,9 @@ public:
 
     void setInvalidationHandler(std::function<void()> handler) override;
     void setInterruptionHandler(std::function<void()> handler) override;
-    void resume() override;
     void invalidate() override;
-    void fetchSMARTData(const std::string& deviceName, FetchReply reply, ErrorHandler errorHandler) override;
-    void helperVersion(VersionReply reply, ErrorHandler errorHandler) override;
+    void fetchSmartData(const std::string& deviceName, std::function<void(FetchAnswer)> answer) override;
+    void helperVersion(std::function<void(VersionAnswer)> answer) override;
 
 private:
     struct State;
@@ -44,7 +43,7 @@ public:
     explicit UnixSocketHelperConnector(std::function<std::string()> socketPath, uid_t requiredPeerUid = 0)
         : socketPath_(std::move(socketPath)), requiredPeerUid_(requiredPeerUid) {}
 
-    std::shared_ptr<HelperConnection> connect(std::string_view serviceName) override;
+    std::shared_ptr<HelperConnection> connect() override;
 
 private:
     std::function<std::string()> socketPath_;

@@ -1,4 +1,4 @@
-#include "concurrency/ManualMainExecutor.h"
+#include "support/ManualMainExecutor.h"
 
 #include <algorithm>
 #include <cassert>

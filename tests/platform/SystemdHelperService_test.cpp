@@ -5,7 +5,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "platform/linux/SystemServiceManagers.h"
+#include "platform/linux/HelperServices.h"
 #include "support/ScopedEnvironment.h"
 
 namespace vantorix {
@@ -54,48 +54,50 @@ private:
     std::string dir_;
 };
 
-TEST(SystemdServiceManager, MapsUnitStatesAndRegistersThroughSystemctlOrPkexec) {
+TEST(SystemdHelperService, MapsUnitStatesAndEnablesThroughSystemctlOrPkexec) {
     const testing::ScopedEnvironment desktop{{"DISPLAY", ":0"}};  // someone pkexec can ask
     StandInPrograms stand;
     const std::string loaded = "LoadState=loaded\nFragmentPath=/usr/lib/systemd/system/vantorix-smartctl-helper.socket\n";
+    using State = HelperServiceState;
+    using F = HelperServiceFailure;
     struct Case {
         std::string name;
         std::string properties;
         uid_t uid;
         bool mayRegister;
         int pkexecStatus;
-        ServiceStatus status;
-        std::optional<std::int64_t> registerErrorCode;  // nothing: registered
+        State state;
+        std::optional<F> enableFailure;  // nothing: enabled
         std::vector<std::string> commands;
     };
     const std::string unit = "vantorix-smartctl-helper.socket";
+    const std::string pkexecEnable = "pkexec " + stand.programs().systemctl + " enable --now " + unit;
     const std::vector<Case> cases = {
-        {"missing unit", "LoadState=not-found\n", 0, true, 0, ServiceStatus::notFound, std::nullopt,
+        {"missing unit", "LoadState=not-found\n", 0, true, 0, State::unitNotInstalled, std::nullopt,
          {"systemctl enable --now " + unit}},
-        {"enabled and listening", loaded + "UnitFileState=enabled\nActiveState=active\n", 1000, false, 0,
-         ServiceStatus::enabled, 1, {}},
-        {"root registers directly", loaded + "UnitFileState=disabled\nActiveState=inactive\n", 0, true, 0,
-         ServiceStatus::notRegistered, std::nullopt, {"systemctl enable --now " + unit}},
+        {"enabled and listening", loaded + "UnitFileState=enabled\nActiveState=active\n", 1000, false, 0, State::enabled,
+         F::needsAdministrator, {}},
+        {"root enables directly", loaded + "UnitFileState=disabled\nActiveState=inactive\n", 0, true, 0, State::notEnabled,
+         std::nullopt, {"systemctl enable --now " + unit}},
         {"a read-only command changes nothing, even as root", loaded + "UnitFileState=disabled\n", 0, false, 0,
-         ServiceStatus::requiresApproval, 1, {}},
-        {"a user registers through pkexec", loaded + "UnitFileState=disabled\n", 1000, true, 0,
-         ServiceStatus::notRegistered, std::nullopt, {"pkexec " + stand.programs().systemctl + " enable --now " + unit}},
-        {"the password dialogue dismissed", loaded + "UnitFileState=disabled\n", 1000, true, 126,
-         ServiceStatus::notRegistered, 1, {"pkexec " + stand.programs().systemctl + " enable --now " + unit}},
-        {"a read-only command only reports", loaded + "UnitFileState=disabled\n", 1000, false, 0,
-         ServiceStatus::requiresApproval, 1, {}},
+         State::needsAdministrator, F::needsAdministrator, {}},
+        {"a user enables through pkexec", loaded + "UnitFileState=disabled\n", 1000, true, 0, State::notEnabled,
+         std::nullopt, {pkexecEnable}},
+        {"the password dialogue dismissed", loaded + "UnitFileState=disabled\n", 1000, true, 126, State::notEnabled,
+         F::needsAdministrator, {pkexecEnable}},
+        {"pkexec runs systemctl, which fails", loaded + "UnitFileState=masked\n", 1000, true, 1, State::notEnabled,
+         F::commandFailed, {pkexecEnable}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         stand.setState(c.properties, 0, c.pkexecStatus);
-        SystemdServiceManager manager(RegistrationPolicy{c.mayRegister}, stand.programs(), c.uid);
-        EXPECT_EQ(manager.definitionPath(unit).has_value(), c.status != ServiceStatus::notFound);
-        auto service = manager.daemonService(unit);
-        EXPECT_EQ(service->status(), static_cast<int>(c.status));
-        auto registration = service->registerService();
-        EXPECT_EQ(registration.ok(), !c.registerErrorCode.has_value());
-        if (!registration.ok()) {
-            EXPECT_EQ(registration.error().code, *c.registerErrorCode);
+        SystemdHelperService service(RegistrationPolicy{c.mayRegister}, stand.programs(), c.uid);
+        EXPECT_EQ(service.definitionPath().has_value(), c.state != State::unitNotInstalled);
+        EXPECT_EQ(service.state(), c.state);
+        auto enabling = service.enable();
+        EXPECT_EQ(enabling.ok(), !c.enableFailure.has_value());
+        if (!enabling.ok()) {
+            EXPECT_EQ(enabling.error().failure, *c.enableFailure);
         }
         EXPECT_EQ(stand.changes(), c.commands);
     }

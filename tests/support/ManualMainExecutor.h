@@ -9,7 +9,7 @@
 
 namespace vantorix {
 
-// The main thread of a test: posted work waits until the test runs it with drain() or
+// The main thread of a test (a test double of MainExecutor): posted work waits until the test runs it with drain() or
 // runUntil() on the thread that constructed the executor. Work still pending when the executor
 // is destroyed is discarded without running.
 class ManualMainExecutor final : public MainExecutor {
