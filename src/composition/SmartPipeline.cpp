@@ -4,7 +4,7 @@
 
 #include <cstdlib>
 
-#include "platform/linux/SysfsBlockDeviceTopology.h"
+#include "platform/linux/SysfsBlockDevices.h"
 #include "platform/linux/UnixSocketHelperConnection.h"
 
 namespace vantorix {
@@ -34,7 +34,7 @@ SmartPipeline SmartPipeline::over(std::shared_ptr<HelperService> helperService, 
     // socket only when it starts.
     auto connector = std::make_shared<UnixSocketHelperConnector>([helperService] { return helperService->socketPath(); });
     pipeline.client = SmartctlHelperClient::create({connector, pipeline.manager, SmartctlHelperClient::kDefaultReplyTimeout});
-    pipeline.provider = std::make_shared<SMARTInfoProvider>(pipeline.client, std::make_shared<SysfsBlockDeviceTopology>());
+    pipeline.provider = std::make_shared<SMARTInfoProvider>(pipeline.client, std::make_shared<SysfsBlockDevices>());
     return pipeline;
 }
 

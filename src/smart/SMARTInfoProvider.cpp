@@ -39,10 +39,14 @@ bool containsCaseInsensitive(std::string_view text, std::string_view needle) {
 }  // namespace
 
 SMARTInfoProvider::SMARTInfoProvider(std::shared_ptr<SmartctlHelperClient> client,
-                                     std::shared_ptr<BlockDeviceTopology> topology)
-    : client_(std::move(client)), topology_(std::move(topology)) {}
+                                     std::shared_ptr<BlockDevices> devices)
+    : client_(std::move(client)), devices_(std::move(devices)) {}
 
-std::vector<std::string> SMARTInfoProvider::candidateNames(std::string_view deviceName, BlockDeviceTopology& topology) {
+std::vector<std::string> SMARTInfoProvider::candidateNames(std::string_view deviceName, BlockDevices& devices) {
+    const auto deviceOf = [&devices](const std::string& name) {
+        auto device = devices.device(name);
+        return device.ok() ? std::move(device).value() : BlockDevice{};
+    };
     std::vector<std::string> names;
     const auto add = [&names](const std::string& name) {
         if (names.size() < kMaximumCandidates && !name.empty() &&
@@ -55,26 +59,27 @@ std::vector<std::string> SMARTInfoProvider::candidateNames(std::string_view devi
     add(name);
     if (name.empty()) return names;
 
-    if (const auto disk = topology.wholeDiskOf(name)) add(*disk);
+    const BlockDevice named = deviceOf(name);
+    if (named.wholeDisk) add(*named.wholeDisk);
     // The disks under a stacked device: partitions become their disks, stacked devices are opened
     // up in turn. The visited set keeps a malformed tree from looping.
-    std::vector<std::string> pending = topology.slavesOf(name);
+    std::vector<std::string> pending = named.members;
     std::vector<std::string> visited{name};
     while (!pending.empty() && names.size() < kMaximumCandidates) {
-        const std::string slave = pending.front();
+        const std::string memberName = pending.front();
         pending.erase(pending.begin());
-        if (std::find(visited.begin(), visited.end(), slave) != visited.end()) continue;
-        visited.push_back(slave);
-        auto below = topology.slavesOf(slave);
-        if (!below.empty()) {
-            pending.insert(pending.begin(), below.begin(), below.end());
+        if (std::find(visited.begin(), visited.end(), memberName) != visited.end()) continue;
+        visited.push_back(memberName);
+        const BlockDevice member = deviceOf(memberName);
+        if (!member.members.empty()) {
+            pending.insert(pending.begin(), member.members.begin(), member.members.end());
             continue;
         }
-        add(topology.wholeDiskOf(slave).value_or(slave));
+        add(member.wholeDisk.value_or(memberName));
     }
-    const std::vector<std::string> devices = names;
-    for (const auto& device : devices) {
-        if (const auto controller = topology.nvmeControllerOf(device)) add(*controller);
+    const std::vector<std::string> found = names;
+    for (const auto& candidate : found) {
+        if (const auto controller = deviceOf(candidate).nvmeController) add(*controller);
     }
     return names;
 }
@@ -90,7 +95,7 @@ bool SMARTInfoProvider::reportsSleepingDrive(const SmartctlExecutionResult& resu
 SMARTInfoProvider::Outcome SMARTInfoProvider::fetch(std::string_view deviceName, const CancellationToken& cancellation) {
     const std::string original(deviceName);
     logger().debug("Starting smartctl-only SMART fetch for device {}", original);
-    const auto candidates = candidateNames(original, *topology_);
+    const auto candidates = candidateNames(original, *devices_);
     logger().debug("Evaluating candidate devices {} for original device {}", listText(candidates), original);
     // Stays set while every request so far failed in the helper or on the way to it.
     std::optional<HelperRequestFailure> helperFailure;

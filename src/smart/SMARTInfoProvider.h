@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "concurrency/Cancellation.h"
-#include "platform/BlockDeviceTopology.h"
+#include "platform/BlockDevice.h"
 #include "smart/DiskSMARTInfo.h"
 #include "smart/SmartctlHelperClient.h"
 
@@ -31,12 +31,12 @@ public:
         std::optional<HelperRequestFailure> helperFailure;
     };
 
-    SMARTInfoProvider(std::shared_ptr<SmartctlHelperClient> client, std::shared_ptr<BlockDeviceTopology> topology);
+    SMARTInfoProvider(std::shared_ptr<SmartctlHelperClient> client, std::shared_ptr<BlockDevices> devices);
 
     // The device names tried for a volume's device name, in order, without duplicates, at most four:
     // the name itself (trimmed, without "/dev/"), the whole disk of a partition, the whole disks under
     // a stacked device (recursively), and the controller of each NVMe namespace among them.
-    static std::vector<std::string> candidateNames(std::string_view deviceName, BlockDeviceTopology& topology);
+    static std::vector<std::string> candidateNames(std::string_view deviceName, BlockDevices& devices);
 
     // Blocks the calling thread for up to the client's time-out per name tried. Stops early when
     // `cancellation` is cancelled (the outcome is then empty). Every failure is logged.
@@ -56,7 +56,7 @@ private:
     Attempt attempt(const std::string& name, const CancellationToken& cancellation);
 
     std::shared_ptr<SmartctlHelperClient> client_;
-    std::shared_ptr<BlockDeviceTopology> topology_;
+    std::shared_ptr<BlockDevices> devices_;
 };
 
 }  // namespace vantorix

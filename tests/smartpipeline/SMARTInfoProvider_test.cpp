@@ -6,7 +6,8 @@
 #include <sstream>
 
 #include "log/Log.h"
-#include "platform/linux/SysfsBlockDeviceTopology.h"
+#include "platform/linux/SysfsBlockDevices.h"
+#include "support/ScriptedBlockDevices.h"
 #include "smart/SMARTInfoProvider.h"
 #include "support/ManualMainExecutor.h"
 #include "support/ScopedEnvironment.h"
@@ -46,20 +47,20 @@ TEST(SMARTInfoProviderCandidates, FollowPartitionsStacksAndNvmeControllers) {
         {"nvme-laptop", "unknown9", {"unknown9"}},
     };
     for (const auto& c : cases) {
-        SysfsBlockDeviceTopology topology(std::string(VANTORIX_TEST_DATA_DIR) + "/sysfs/" + c.machine);
-        EXPECT_EQ(SMARTInfoProvider::candidateNames(c.deviceName, topology), c.candidates) << c.machine << " " << c.deviceName;
+        SysfsBlockDevices devices(std::string(VANTORIX_TEST_DATA_DIR) + "/sysfs/" + c.machine);
+        EXPECT_EQ(SMARTInfoProvider::candidateNames(c.deviceName, devices), c.candidates) << c.machine << " " << c.deviceName;
     }
 }
 
-// A topology that gives every name a fixed list of relatives.
-class ListedTopology final : public BlockDeviceTopology {
-public:
-    std::optional<std::string> wholeDiskOf(std::string_view name) override {
-        return name == "sdz1" ? std::optional<std::string>("sdz") : std::nullopt;
-    }
-    std::vector<std::string> slavesOf(std::string_view) override { return {}; }
-    std::optional<std::string> nvmeControllerOf(std::string_view) override { return std::nullopt; }
-};
+// sdz1, a partition of sdz: the two names the provider tries.
+std::shared_ptr<BlockDevices> partitionOfSdz() {
+    auto devices = std::make_shared<testing::ScriptedBlockDevices>();
+    BlockDevice partition;
+    partition.name = "sdz1";
+    partition.wholeDisk = "sdz";
+    devices->add(partition);
+    return devices;
+}
 
 // An in-process helper: answers each request as the test script says, on the calling thread.
 struct Answer {
@@ -116,7 +117,7 @@ protected:
         dependencies.notificationCenter = &notifications_;
         auto manager = PrivilegedHelperManager::create(std::move(dependencies));
         client_ = SmartctlHelperClient::create({helper_, manager, 100ms});
-        return SMARTInfoProvider(client_, std::make_shared<ListedTopology>());
+        return SMARTInfoProvider(client_, partitionOfSdz());
     }
     std::vector<std::string> lines(std::string_view category) const { return capture_.messages(category); }
 

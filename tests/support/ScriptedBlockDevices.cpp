@@ -27,8 +27,17 @@ private:
 }  // namespace
 
 void ScriptedBlockDevices::add(const std::string& name, Reader read, BlockAttachment attachment) {
+    BlockDevice device;
+    device.name = name;
+    device.attachment = std::move(attachment);
     std::lock_guard lock(mutex_);
-    devices_[name] = Entry{std::move(read), std::move(attachment), std::make_shared<std::atomic<bool>>(true), 0};
+    devices_[name] = Entry{std::move(read), std::move(device), std::make_shared<std::atomic<bool>>(true), 0};
+}
+
+void ScriptedBlockDevices::add(BlockDevice device) {
+    std::lock_guard lock(mutex_);
+    const std::string name = device.name;
+    devices_[name] = Entry{[] { return BlockStatistics{}; }, std::move(device), std::make_shared<std::atomic<bool>>(true), 0};
 }
 
 void ScriptedBlockDevices::remove(const std::string& name) {
@@ -49,10 +58,7 @@ Result<BlockDevice, BlockDeviceError> ScriptedBlockDevices::device(std::string_v
     std::lock_guard lock(mutex_);
     const auto found = devices_.find(name);
     if (found == devices_.end()) return Failure{gone(name)};
-    BlockDevice device;
-    device.name = std::string(name);
-    device.attachment = found->second.attachment;
-    return device;
+    return found->second.device;
 }
 
 Result<std::unique_ptr<BlockStatisticsFile>, BlockDeviceError> ScriptedBlockDevices::openStatistics(std::string_view name) {

@@ -18,6 +18,8 @@ public:
     using Reader = std::function<BlockStatistics()>;
 
     void add(const std::string& name, Reader read, BlockAttachment attachment = {});
+    // A device described in full (its whole disk, members, controller); its counters stay 0.
+    void add(BlockDevice device);
     // The device goes: files already open fail their next reading as a removed device's do, and it
     // can no longer be opened.
     void remove(const std::string& name);
@@ -30,7 +32,7 @@ public:
 private:
     struct Entry {
         Reader read;
-        BlockAttachment attachment;
+        BlockDevice device;
         std::shared_ptr<std::atomic<bool>> present;
         int opens = 0;
     };
