@@ -2,18 +2,15 @@
 # libraries it links.
 #
 # vantorix_module(<target> <folder> [DEPENDS <folder>...] [LIBRARIES <target>...])
-#   makes a static library of the folder's .cpp files (an interface library when there are none).
+#   makes a static library of the folder's .cpp files but main.cpp (an interface library when there
+#   are none); a front end's main.cpp becomes its program elsewhere.
 #   DEPENDS names the folders whose headers it includes; their libraries are linked. LIBRARIES are
 #   other targets (system libraries, Qt). The library's include directory holds links to its own
 #   folder's headers and nothing else, so an include of a folder that is not linked does not compile.
 #
-# vantorix_front_end(<target> <folder> [DEPENDS ...] [LIBRARIES ...])
-#   records the dependencies of a folder that is built into an executable elsewhere (cli, app),
-#   so that the check below covers it too.
-#
 # vantorix_check_layering() fails the configuration when a file of a folder includes a folder that
-# is not among its DEPENDS (linked only through another library does not count), or when the
-# dependencies form a cycle.
+# is not among its DEPENDS (linked only through another library does not count), when a folder
+# depends on one whose headers it never includes, or when the dependencies form a cycle.
 
 set(VANTORIX_SOURCE_ROOT ${CMAKE_CURRENT_SOURCE_DIR}/src)
 set(VANTORIX_HEADER_ROOT ${CMAKE_CURRENT_BINARY_DIR}/include)
@@ -63,11 +60,6 @@ function(vantorix_module target folder)
   endif()
 endfunction()
 
-function(vantorix_front_end folder)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "DEPENDS")
-  _vantorix_record(${folder} "${arg_DEPENDS}")
-endfunction()
-
 function(_vantorix_visit folder path)
   get_property(state GLOBAL PROPERTY VANTORIX_VISIT_${folder})
   if(state STREQUAL "done")
@@ -96,17 +88,24 @@ function(vantorix_check_layering)
       endif()
     endforeach()
     file(GLOB files ${VANTORIX_SOURCE_ROOT}/${folder}/*.h ${VANTORIX_SOURCE_ROOT}/${folder}/*.cpp)
+    set(used "")
     foreach(file IN LISTS files)
       file(STRINGS ${file} includes REGEX "^#include \"[a-z_]+/")
       foreach(line IN LISTS includes)
         string(REGEX MATCH "^#include \"([a-z_]+(/linux)?)/" ignored "${line}")
         set(included ${CMAKE_MATCH_1})
+        list(APPEND used ${included})
         if(included STREQUAL folder OR NOT included IN_LIST folders OR included IN_LIST depends)
           continue()
         endif()
         file(RELATIVE_PATH shown ${CMAKE_CURRENT_SOURCE_DIR} ${file})
         list(APPEND problems "${shown} includes ${included}/, which src/${folder} does not link")
       endforeach()
+    endforeach()
+    foreach(dependency IN LISTS depends)
+      if(NOT dependency IN_LIST used)
+        list(APPEND problems "src/${folder} links ${dependency} but includes none of its headers")
+      endif()
     endforeach()
   endforeach()
   if(problems)

@@ -8,10 +8,6 @@
 
 #include "app/ShellWindows.h"
 #include "dashboard/ShellTexts.h"
-#include "platform/linux/CurlHttpClient.h"
-#include "platform/linux/LinuxVolumeInfoSource.h"
-#include "platform/linux/PosixFileSystem.h"
-#include "platform/linux/SysfsBlockDevices.h"
 #include "ui/Appearance.h"
 #include "ui/AboutVantorixView.h"
 #include "ui/DashboardRootView.h"
@@ -48,14 +44,17 @@ VantorixApp::VantorixApp(Options options)
                                      : SmartPipeline::system(mainExecutor_, RegistrationPolicy{true})) {
     ui::completeFontFallbacks();
     // The monitor first, then the tester; both live as long as the application.
-    monitor_ = DiskIOMonitor::create({std::make_shared<SysfsBlockDevices>(), std::make_shared<LinuxVolumeInfoSource>(), mainExecutor_});
-    tester_ = DiskPerformanceTester::create({mainExecutor_, std::make_shared<PosixFileSystem>()}, options_.testParameters);
+    System system = System::thisMachine();
+    if (options_.httpClient) system.http = options_.httpClient;
+    if (options_.downloadsFolder) system.downloadsFolder = options_.downloadsFolder;
+    monitor_ = system.makeMonitor(mainExecutor_);
+    tester_ = system.makeTester(mainExecutor_, options_.testParameters);
     smartRefresh_ = smart_.attachRefresh(monitor_, mainExecutor_);
     const services::ServiceConfiguration services =
         options_.serviceConfiguration ? *options_.serviceConfiguration : services::ServiceConfiguration::current();
-    const auto http = options_.httpClient ? options_.httpClient : std::make_shared<CurlHttpClient>();
-    updateChecker_ = services::UpdateChecker::create({http, mainExecutor_, services, VANTORIX_VERSION});
-    feedbackSubmitter_ = services::FeedbackSubmitter::create({http, mainExecutor_, services});
+    updateChecker_ = services::UpdateChecker::create({system.http, mainExecutor_, services, VANTORIX_VERSION});
+    feedbackSubmitter_ = services::FeedbackSubmitter::create({system.http, mainExecutor_, services});
+    options_.downloadsFolder = system.downloadsFolder;
     if (!options_.fileOpener) options_.fileOpener = std::make_shared<ui::DesktopFileOpener>();
     if (!options_.serviceConfiguration) options_.serviceConfiguration = services;
 

@@ -12,9 +12,10 @@
 
 #include "benchmark/DiskPerformanceTester.h"
 #include "composition/SmartPipeline.h"
+#include "composition/System.h"
 #include "monitor/DiskIOMonitor.h"
 #include "services/Feedback.h"
-#include "services/HttpClient.h"
+#include "platform/HttpClient.h"
 #include "services/ServiceConfiguration.h"
 #include "services/UpdateCheck.h"
 #include "ui/QtMainExecutor.h"
@@ -45,7 +46,7 @@ public:
         // The vendor's web service: where it is (the build's values and the environment's when not
         // given), how it is reached (libcurl when not given), where downloads go and what opens them.
         std::optional<services::ServiceConfiguration> serviceConfiguration;
-        std::shared_ptr<services::HttpClient> httpClient;
+        std::shared_ptr<HttpClient> httpClient;
         std::function<std::string()> downloadsFolder;
         std::shared_ptr<services::FileOpener> fileOpener;
     };

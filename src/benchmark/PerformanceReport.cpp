@@ -10,6 +10,7 @@
 #include "text/Formats.h"
 #include "text/Language.h"
 #include "text/Messages.h"
+#include "text/Utf8.h"
 
 namespace vantorix::report {
 namespace {
@@ -145,10 +146,12 @@ std::string interfaceText(const DiskVolumeDescriptor& volume) {
 
 }  // namespace
 
-std::string htmlEscaped(std::string_view text) {
+std::string htmlEscaped(std::string_view raw) {
+    // Labels and paths are bytes: what is not UTF-8 shows as U+FFFD, so the page stays valid.
+    const std::string valid = text::lossyUtf8(raw);
     std::string escaped;
-    escaped.reserve(text.size());
-    for (const char c : text) {
+    escaped.reserve(valid.size());
+    for (const char c : valid) {
         switch (c) {
             case '&': escaped += "&amp;"; break;
             case '"': escaped += "&quot;"; break;

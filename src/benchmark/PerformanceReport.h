@@ -14,7 +14,8 @@ namespace vantorix::report {
 
 // The self-contained HTML report of one run, with its inline SVG chart, in the current language.
 
-// "&", '"', "'", "<" and ">" replaced by their entities, in that order.
+// The text as valid UTF-8 (U+FFFD for what is not) with "&", '"', "'", "<" and ">" replaced by
+// their entities.
 std::string htmlEscaped(std::string_view text);
 
 // The shortest decimal that reads back as the same double, with ".0" on whole numbers ("2400.0").

@@ -16,11 +16,11 @@
 #include "cli/LinkCeilingJson.h"
 #include "cli/SignalWatcher.h"
 #include "cli/SmartFetch.h"
+#include "smart/HelperApprovalTexts.h"
 #include "composition/SmartPipeline.h"
 #include "cli/TextTable.h"
 #include "concurrency/LoopMainExecutor.h"
 #include "monitor/StatisticsSession.h"
-#include "platform/linux/PosixFileSystem.h"
 #include "text/Formats.h"
 #include "text/Language.h"
 #include "text/Messages.h"
@@ -246,14 +246,14 @@ public:
           main_(std::move(main)), interactive_(environment.err == &std::cerr && ::isatty(STDERR_FILENO) == 1) {}
 
     int run() {
-        auto resolved = DiskVolumeResolver::resolve(options_.path, *environment_.files, *environment_.devices);
+        auto resolved = DiskVolumeResolver::resolve(options_.path, *environment_.system.volumes, *environment_.system.devices);
         if (!resolved) return fail(resolved.error().name(), resolved.error().description());
         volume_ = std::move(resolved).value();
 
         DiskPerformanceTester::Parameters parameters;
         if (options_.randomSeconds) parameters.randomPhaseDuration = *options_.randomSeconds;
         parameters.payloadBytes = options_.payloadBytes;
-        tester_ = DiskPerformanceTester::create({main_, std::make_shared<PosixFileSystem>()}, parameters);
+        tester_ = environment_.system.makeTester(main_, parameters);
         tester_->setDataSize(options_.size == "full" ? DataSize::availableSpace()
                                                      : DataSize::gigabytes(std::stoll(options_.size)));
         TestMode mode;
@@ -262,7 +262,7 @@ public:
         mode.secondsPerProfile = options_.seconds;
         tester_->setTestMode(mode);
 
-        auto session = StatisticsSession::create(environment_.devices, volume_->deviceName);
+        auto session = StatisticsSession::create(environment_.system.devices, volume_->deviceName);
         traffic_ = std::make_unique<DeviceTraffic>(session ? std::move(session).value() : nullptr);
         tester_->setPhaseObserver(traffic_->observer());
 
@@ -320,7 +320,10 @@ private:
         if (interrupted_) return;
         volume_->smartInfo = outcome.info;
         if (outcome.info) return;
-        const auto reason = helperUnavailableReason(pipeline, approval);
+        auto reason = helperUnavailableReason(pipeline, approval);
+        if (!reason && outcome.helperFailure) {
+            reason = smart::helperRequestFailedMessage(volume_->deviceName, *outcome.helperFailure);
+        }
         smartNote_ = localized("报告中将没有 SMART 数据：", "The report will have no SMART data: ") +
                      (reason ? *reason
                              : localized("硬盘没有提供可用的 SMART 信息。", "the drive gave no usable SMART information."));

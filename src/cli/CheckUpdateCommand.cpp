@@ -10,8 +10,6 @@
 #include "cli/Commands.h"
 #include "cli/JsonOutput.h"
 #include "cli/SignalWatcher.h"
-#include "platform/linux/CurlHttpClient.h"
-#include "platform/linux/XdgFolders.h"
 #include "services/ServiceTexts.h"
 #include "services/UpdateCheck.h"
 #include "text/Language.h"
@@ -78,7 +76,7 @@ int runCheckUpdate(const CheckUpdateOptions& options, Environment& environment) 
         std::_Exit(kInterrupted);
     });
 
-    CurlHttpClient client;
+    HttpClient& client = *environment.system.http;
     const auto configuration = services::ServiceConfiguration::current();
     const auto outcome = services::checkForUpdate(client, configuration, VANTORIX_VERSION);
     ordered_json document{{"status", nullptr}, {"runningVersion", VANTORIX_VERSION}};
@@ -111,7 +109,7 @@ int runCheckUpdate(const CheckUpdateOptions& options, Environment& environment) 
         return kSuccess;
     }
 
-    const std::string folder = xdg::downloadsFolder();
+    const std::string folder = environment.system.downloadsFolder();
     *environment.err << services::downloadingUpdate() << '\n' << std::flush;
     staging.create(folder);
     const auto saved = services::downloadUpdate(client, prompt.url, folder, staging.path());

@@ -15,8 +15,7 @@
 namespace CLI {
 class App;
 }
-#include "platform/BlockDevice.h"
-#include "platform/VolumeInfoSource.h"
+#include "composition/System.h"
 
 namespace vantorix::cli {
 
@@ -25,14 +24,14 @@ namespace vantorix::cli {
 // standard error.
 enum ExitStatus : int { kSuccess = 0, kFailure = 1, kUsage = 2, kInterrupted = 130 };
 
-// The platform services a command runs against; tests may hand in others.
+// What a command runs against: the machine's parts and the two output streams.
 struct Environment {
-    std::shared_ptr<BlockDevices> devices;
-    std::shared_ptr<VolumeInfoSource> files;
+    System system;
     std::ostream* out;
     std::ostream* err;
 
-    static Environment system();
+    // This machine, standard output and standard error.
+    static Environment standard();
 };
 
 // One subcommand: its options are declared by its add function, next to its code; `run` runs it

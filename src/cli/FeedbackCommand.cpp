@@ -4,7 +4,6 @@
 
 #include "cli/Commands.h"
 #include "cli/JsonOutput.h"
-#include "platform/linux/CurlHttpClient.h"
 #include "services/Feedback.h"
 #include "text/Language.h"
 
@@ -30,8 +29,7 @@ int runFeedback(const FeedbackOptions& options, Environment& environment) {
     // A form that fails the checks is not sent.
     if (auto invalid = services::validationMessage(form)) return refuse("invalidFeedback", *invalid);
 
-    CurlHttpClient client;
-    const auto outcome = services::submitFeedback(client, services::ServiceConfiguration::current(), form);
+    const auto outcome = services::submitFeedback(*environment.system.http, services::ServiceConfiguration::current(), form);
     if (!outcome.accepted) return refuse("feedbackNotAccepted", outcome.message);
     if (options.json) {
         printJson(*environment.out, ordered_json{{"accepted", true},

@@ -10,8 +10,6 @@
 #include "cli/LinkCeilingJson.h"
 #include "cli/TextTable.h"
 #include "monitor/StatisticsSession.h"
-#include "platform/linux/LinuxVolumeInfoSource.h"
-#include "platform/linux/SysfsBlockDevices.h"
 #include "text/Formats.h"
 #include "text/Language.h"
 #include "volumes/DiskVolumeResolver.h"
@@ -44,15 +42,15 @@ std::string counterLine(std::uint64_t bytes) {
 
 }  // namespace
 
-Environment Environment::system() {
-    return Environment{std::make_shared<SysfsBlockDevices>(), std::make_shared<LinuxVolumeInfoSource>(), &std::cout,
+Environment Environment::standard() {
+    return Environment{System::thisMachine(), &std::cout,
                        &std::cerr};
 }
 
 int runInfo(const InfoOptions& options, Environment& environment) {
     auto& out = *environment.out;
     auto& err = *environment.err;
-    auto descriptor = DiskVolumeResolver::resolve(options.path, *environment.files, *environment.devices);
+    auto descriptor = DiskVolumeResolver::resolve(options.path, *environment.system.volumes, *environment.system.devices);
     if (!descriptor.ok()) {
         err << descriptor.error().description() << '\n';
         if (options.json) printJsonError(out, descriptor.error().name(), descriptor.error().description());
@@ -62,7 +60,7 @@ int runInfo(const InfoOptions& options, Environment& environment) {
 
     std::optional<MonitorError> statisticsError;
     std::optional<BlockStatistics> snapshot;
-    auto session = StatisticsSession::create(environment.devices, volume.deviceName);
+    auto session = StatisticsSession::create(environment.system.devices, volume.deviceName);
     if (session.ok()) {
         auto read = session.value()->snapshot();
         if (read.ok()) snapshot = read.value();

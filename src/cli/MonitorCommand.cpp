@@ -120,7 +120,7 @@ public:
     MonitorSession(const MonitorOptions& options, Environment& environment,
                    std::shared_ptr<LoopMainExecutor> main)
         : options_(options), out_(*environment.out), err_(*environment.err), main_(std::move(main)),
-          monitor_(DiskIOMonitor::create({environment.devices, environment.files, main_, kDeliveryInterval})),
+          monitor_(environment.system.makeMonitor(main_, kDeliveryInterval)),
           reportQueue_("com.vantorix.cli.report", QualityOfService::utility) {}
 
     ~MonitorSession() {

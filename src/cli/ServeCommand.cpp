@@ -1,8 +1,6 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
-#include <fstream>
-#include <sstream>
 
 #include "cli/Commands.h"
 #include "cli/SignalWatcher.h"
@@ -15,7 +13,6 @@
 #include "exporter/MetricsCollector.h"
 #include "exporter/MetricsServer.h"
 #include "exporter/SmartHealth.h"
-#include "platform/linux/MountInfo.h"
 #include "text/Language.h"
 #include "text/Messages.h"
 
@@ -27,13 +24,6 @@ using text::localized;
 // Mounted file systems are looked for again this often, so a volume that comes is watched and
 // one that goes is dropped.
 constexpr std::chrono::seconds kVolumeRefreshInterval{15};
-
-std::vector<std::string> systemMountPoints() {
-    std::ifstream file("/proc/self/mountinfo");
-    std::stringstream text;
-    text << file.rdbuf();
-    return blockDeviceMountPoints(parseMountInfo(text.str()));
-}
 
 const char* const kLandingPage =
     "<!DOCTYPE html>\n<html><head><meta charset=\"utf-8\"><title>Vantorix exporter</title></head>\n"
@@ -84,10 +74,10 @@ int runServe(const ServeOptions& options, Environment& environment) {
     CancellationSource smartCancellation;
 
     exporter::MetricsCollector::Dependencies dependencies;
-    dependencies.devices = environment.devices;
-    dependencies.files = environment.files;
+    dependencies.devices = environment.system.devices;
+    dependencies.files = environment.system.volumes;
     dependencies.paths = options.volumes;
-    dependencies.mountPoints = systemMountPoints;
+    dependencies.mountPoints = environment.system.blockDeviceMountPoints;
     dependencies.samplingInterval = DiskIOMonitor::timerInterval(options.precision);
     dependencies.smart = [&pipeline, &smartCancellation](const std::string& device) {
         const auto outcome = pipeline.provider->fetch(device, smartCancellation.token());

@@ -185,7 +185,7 @@ int fetchOnce(const SmartOptions& options, Environment& environment) {
             cancellation.cancel();
         });
     });
-    auto volume = DiskVolumeResolver::resolve(*options.path, *environment.files, *environment.devices);
+    auto volume = DiskVolumeResolver::resolve(*options.path, *environment.system.volumes, *environment.system.devices);
     if (!volume.ok()) return fail(options, environment, volume.error().name(), volume.error().description());
     const auto pipeline = SmartPipeline::system(main, RegistrationPolicy{false});
     const ApprovalListener approval;
@@ -219,7 +219,7 @@ public:
           pipeline_(SmartPipeline::system(main_, RegistrationPolicy{false})) {}
 
     int run() {
-        monitor_ = DiskIOMonitor::create({environment_.devices, environment_.files, main_});
+        monitor_ = environment_.system.makeMonitor(main_);
         refresh_ = pipeline_.attachRefresh(monitor_, main_);
         refresh_->setRoundObserver([this](const std::string& deviceName, SmartRefresh::Round round,
                                           const SMARTInfoProvider::Outcome& fetched) { observeRound(deviceName, round, fetched); });
@@ -384,7 +384,8 @@ Command addSmartCommand(CLI::App& parent) {
         ->needs(path);
     command->callback([path, file] {
         if (path->count() == 0 && file->count() == 0) {
-            throw CLI::RequiredError(text::localized("需要文件夹或 --json-file", "A folder or --json-file is required"));
+            throw CLI::RequiredError(text::localized("需要文件夹或 --json-file", "A folder or --json-file is required"),
+                                     static_cast<int>(CLI::ExitCodes::RequiredError));
         }
     });
     return {command, [options](Environment& environment) { return runSmart(*options, environment); }};

@@ -35,7 +35,7 @@ int main(int argc, char** argv) {
     }
     if (chosen == nullptr) return cli::kUsage;
     try {
-        auto environment = cli::Environment::system();
+        auto environment = cli::Environment::standard();
         return chosen->run(environment);
     } catch (const std::exception& error) {
         std::cerr << error.what() << '\n';

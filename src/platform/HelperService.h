@@ -18,6 +18,13 @@ enum class HelperServiceBackend {
 // "systemd", "standalone", "external": the names in status output and JSON.
 std::string_view backendName(HelperServiceBackend backend);
 
+// Whether this program may change what the system runs: the desktop app and `vantorix-cli helper
+// enable|disable` may (through pkexec when not root); a read-only command only reports that an
+// administrator has to.
+struct RegistrationPolicy {
+    bool mayRegister = true;
+};
+
 // Whether the helper can be asked.
 enum class HelperServiceState {
     unitNotInstalled,    // its files are missing: the socket unit (systemd) or the helper program

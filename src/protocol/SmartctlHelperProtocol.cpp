@@ -6,6 +6,7 @@
 #include <exception>
 #include <limits>
 
+#include "json/JsonText.h"
 #include "protocol/Base64.h"
 
 namespace vantorix::protocol {
@@ -17,9 +18,7 @@ using ordered_json = nlohmann::ordered_json;
 
 // Text that crosses the connection may hold bytes that are not UTF-8 (a device name from a
 // hostile client, a description quoting one); they are replaced rather than refused.
-std::string dumped(const ordered_json& document) {
-    return document.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
-}
+std::string dumped(const ordered_json& document) { return jsonText(document, -1); }
 
 std::optional<json> parsedObject(std::string_view payload) {
     try {

@@ -1,6 +1,6 @@
 #include "services/ServiceUrls.h"
 
-#include "services/WebUrl.h"
+#include "platform/WebUrl.h"
 
 namespace vantorix::services {
 

@@ -13,7 +13,7 @@
 
 #include "concurrency/SerialQueue.h"
 #include "services/ServiceUrls.h"
-#include "services/WebUrl.h"
+#include "platform/WebUrl.h"
 #include "text/Language.h"
 #include "text/Messages.h"
 #include "text/Trim.h"

@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "concurrency/MainExecutor.h"
-#include "services/HttpClient.h"
+#include "platform/HttpClient.h"
 #include "services/ServiceConfiguration.h"
 #include "util/Result.h"
 #include "util/Uuid.h"

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -16,6 +15,7 @@
 #include "smart/SmartRowOrder.h"
 #include "smart/SmartValueText.h"
 #include "text/Language.h"
+#include "text/Locale.h"
 #include "text/Trim.h"
 
 namespace vantorix::smart {
@@ -39,25 +39,12 @@ std::optional<bool> booleanMember(const json& object, std::string_view name) {
     return value->get<bool>();
 }
 
-// The user's collation locale: LC_ALL, else LC_COLLATE, else LANG, without codeset and modifier.
-std::string collationLocaleId() {
-    for (const char* name : {"LC_ALL", "LC_COLLATE", "LANG"}) {
-        const char* value = std::getenv(name);
-        if (value == nullptr || *value == '\0') continue;
-        std::string_view id(value);
-        id = id.substr(0, id.find_first_of(".@"));
-        if (id.empty() || id == "C" || id == "POSIX") return "en_US_POSIX";
-        return std::string(id);
-    }
-    return "en_US_POSIX";
-}
-
 // A case-insensitive collator for the user's locale, or null when ICU cannot make one. Collators are
 // made once per locale and kept; each interpretation uses its own clone.
 std::unique_ptr<icu::Collator> memberNameCollator() {
     static std::mutex mutex;
     static auto* collators = new std::map<std::string, std::unique_ptr<icu::Collator>>;
-    const std::string localeId = collationLocaleId();
+    const std::string localeId = text::localeId(text::LocaleCategory::collation);
     const std::lock_guard lock(mutex);
     auto found = collators->find(localeId);
     if (found == collators->end()) {

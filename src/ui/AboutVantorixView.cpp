@@ -9,7 +9,6 @@
 #include <cmath>
 
 #include "dashboard/ShellTexts.h"
-#include "platform/linux/XdgFolders.h"
 #include "services/QrCode.h"
 #include "services/ServiceTexts.h"
 #include "ui/Appearance.h"
@@ -215,7 +214,7 @@ void AboutVantorixView::showMessage(const std::string& message) {
 
 void AboutVantorixView::startDownload(const services::UpdatePrompt& prompt) {
     setBusy(services::downloadingUpdate());
-    const std::string folder = dependencies_.downloadsFolder ? dependencies_.downloadsFolder() : xdg::downloadsFolder();
+    const std::string folder = dependencies_.downloadsFolder();
     // The download goes on, and its file opens, even when the window is closed meanwhile.
     dependencies_.checker->download(
         prompt, folder,

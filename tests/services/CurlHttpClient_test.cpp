@@ -19,9 +19,6 @@
 namespace vantorix {
 namespace {
 
-using services::HttpClient;
-using services::HttpError;
-using services::HttpRequest;
 using testing::HttpTestServer;
 using testing::RefusingPort;
 using testing::TemporaryFolder;

@@ -16,15 +16,11 @@
 #include <memory>
 #include <utility>
 
-#include "services/WebUrl.h"
+#include "platform/WebUrl.h"
 #include "text/Language.h"
 
 namespace vantorix {
 
-using services::HttpDownload;
-using services::HttpError;
-using services::HttpRequest;
-using services::HttpResponse;
 
 namespace {
 
@@ -35,7 +31,7 @@ constexpr std::chrono::milliseconds kConnectTimeout{15'000};
 // A download that brings less than kStalledBytesPerSecond for kStalledSeconds is given up.
 constexpr long kStalledBytesPerSecond = 1;
 constexpr long kStalledSeconds = 60;
-constexpr std::size_t kMaximumBodyBytes = static_cast<std::size_t>(services::HttpClient::kMaximumBodyBytes);
+constexpr std::size_t kMaximumBodyBytes = static_cast<std::size_t>(HttpClient::kMaximumBodyBytes);
 constexpr const char* kAllowedProtocols = "http,https";
 constexpr const char* kUserAgent = "Vantorix";
 
@@ -387,7 +383,7 @@ std::optional<std::string> fileNameFromContentDisposition(std::string_view value
 CurlHttpClient::CurlHttpClient() { initializeCurl(); }
 
 Result<HttpResponse, HttpError> CurlHttpClient::send(const HttpRequest& request) {
-    if (!services::isWebUrl(request.url)) return Failure{invalidUrlError()};
+    if (!isWebUrl(request.url)) return Failure{invalidUrlError()};
     const EasyHandle handle(curl_easy_init());
     if (!handle) return Failure{preparationError()};
 
@@ -426,7 +422,7 @@ Result<HttpResponse, HttpError> CurlHttpClient::send(const HttpRequest& request)
 }
 
 Result<HttpDownload, HttpError> CurlHttpClient::download(const std::string& url, const std::string& directory) {
-    if (!services::isWebUrl(url)) return Failure{invalidUrlError()};
+    if (!isWebUrl(url)) return Failure{invalidUrlError()};
     const EasyHandle handle(curl_easy_init());
     if (!handle) return Failure{preparationError()};
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "services/HttpClient.h"
+#include "platform/HttpClient.h"
 
 namespace vantorix {
 
@@ -21,12 +21,12 @@ namespace vantorix {
 // - send() holds at most kMaximumBodyBytes of a body: a larger Content-Length is refused before the
 //   body is read, and a body without one is dropped as soon as it grows past the cap.
 // - A connection that breaks off during the answer counts as Kind::connectionFailed.
-class CurlHttpClient final : public services::HttpClient {
+class CurlHttpClient final : public HttpClient {
 public:
     CurlHttpClient();
 
-    Result<services::HttpResponse, services::HttpError> send(const services::HttpRequest& request) override;
-    Result<services::HttpDownload, services::HttpError> download(const std::string& url,
+    Result<HttpResponse, HttpError> send(const HttpRequest& request) override;
+    Result<HttpDownload, HttpError> download(const std::string& url,
                                                                  const std::string& directory) override;
 };
 

@@ -21,13 +21,6 @@ inline constexpr std::string_view kHelperServiceUnit = "vantorix-smartctl-helper
 // ../libexec/vantorix/ relative to it (an installation); the latter when neither exists.
 std::string helperProgramBesideExecutable();
 
-// Whether this program may change what the system runs: the desktop app and `vantorix-cli helper
-// enable|disable` may (through pkexec when not root); a read-only command only reports that an
-// administrator has to.
-struct RegistrationPolicy {
-    bool mayRegister = true;
-};
-
 // The programs the systemd backend runs.
 struct SystemdPrograms {
     std::string systemctl = "systemctl";

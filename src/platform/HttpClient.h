@@ -9,7 +9,7 @@
 
 #include "util/Result.h"
 
-namespace vantorix::services {
+namespace vantorix {
 
 // One HTTP request whose whole answer is held in memory.
 struct HttpRequest {
@@ -74,4 +74,4 @@ protected:
     HttpClient& operator=(const HttpClient&) = default;
 };
 
-}  // namespace vantorix::services
+}  // namespace vantorix

@@ -1,11 +1,11 @@
-#include "services/WebUrl.h"
+#include "platform/WebUrl.h"
 
 #include <curl/curl.h>
 
 #include <memory>
 #include <string>
 
-namespace vantorix::services {
+namespace vantorix {
 namespace {
 
 struct UrlDeleter {
@@ -36,4 +36,4 @@ bool isWebUrl(std::string_view url) {
     return !part(parsed.get(), CURLUPART_HOST).empty();
 }
 
-}  // namespace vantorix::services
+}  // namespace vantorix
