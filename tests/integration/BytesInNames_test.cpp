@@ -39,19 +39,6 @@ std::string contentsOf(const fs::path& path) {
     return text.str();
 }
 
-// A port no one listens on now (the kernel's choice for a socket bound to port 0).
-int freePort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(address);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    ::close(fd);
-    return ntohs(address.sin_port);
-}
-
 // A volume whose label, mount point and folders are bytes that are not UTF-8: every command's
 // output stays valid JSON or valid metrics, with U+FFFD where those bytes were.
 class BytesInNames : public ::testing::Test {
@@ -121,7 +108,7 @@ TEST_F(BytesInNames, EveryCommandWritesValidTextWithReplacementCharacters) {
     }
 
     // The exporter labels the volume's series with its mount point, whatever folder it was given.
-    const int port = freePort();
+    const int port = testing::freeLoopbackPort();
     auto serve = testing::RunningProcess::start({VANTORIX_CLI_PATH, "serve", "--listen", "127.0.0.1:" + std::to_string(port),
                                                  "--precision", "100", "--volume", folder_},
                                                 kEnvironment);

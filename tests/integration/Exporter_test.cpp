@@ -27,19 +27,6 @@ using namespace std::chrono_literals;
 using testing::LoopVolume;
 using testing::RunningProcess;
 
-// A port no one listens on now (the kernel's choice for a socket bound to port 0).
-int freePort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(address);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    ::close(fd);
-    return ntohs(address.sin_port);
-}
-
 bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit) {
     const auto end = std::chrono::steady_clock::now() + limit;
     while (std::chrono::steady_clock::now() < end) {
@@ -72,7 +59,7 @@ protected:
                                                                       "/smartctl/scrutiny-smart-nvme.json"));
         helper_ = testing::HelperDaemon::start({standIn_->path(), {}}, &error);
         ASSERT_TRUE(helper_) << error;
-        port_ = freePort();
+        port_ = testing::freeLoopbackPort();
         started_ = std::chrono::steady_clock::now();
         exporter_ = RunningProcess::start({VANTORIX_CLI_PATH, "serve", "--listen", "127.0.0.1:" + std::to_string(port_),
                                            "--precision", "100", "--volume", volume_->mountPoint()},
@@ -105,7 +92,7 @@ TEST_F(Exporter, PrometheusSeesTheBytesWrittenAndBurstsAboveItsOneSecondRate) {
     if (!fs::exists("/usr/bin/prometheus") || !fs::exists("/usr/bin/promtool")) GTEST_SKIP() << "Prometheus is not installed";
     const fs::path dir = fs::path(volume_->mountPoint()).parent_path() / "prometheus";
     fs::create_directories(dir);
-    const int prometheusPort = freePort();
+    const int prometheusPort = testing::freeLoopbackPort();
     std::ofstream(dir / "prometheus.yml") << "global:\n  scrape_interval: 1s\n  scrape_timeout: 1s\n"
                                              "scrape_configs:\n  - job_name: vantorix\n    static_configs:\n"
                                              "      - targets: ['127.0.0.1:" << port_ << "']\n";

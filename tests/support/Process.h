@@ -53,4 +53,7 @@ private:
     std::optional<int> status_;
 };
 
+// A loopback TCP port no one listens on now (the kernel's choice for a socket bound to port 0).
+int freeLoopbackPort();
+
 }  // namespace vantorix::testing
