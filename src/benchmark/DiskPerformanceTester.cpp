@@ -62,9 +62,17 @@ BenchmarkPhase phaseOfStep(std::size_t profile, bool write) {
     return write ? BenchmarkPhase::randomWrite : BenchmarkPhase::randomRead;
 }
 
-// Removes one test file if it is there (a failure is ignored) and forgets it.
+// The folder a path lies in.
+std::string folderOf(const std::string& path) {
+    const auto slash = path.rfind('/');
+    if (slash == std::string::npos) return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// Removes one test file if it is there (a failure is ignored) and forgets it. The removal is
+// committed, so that its space is free for the next file laid out, in this run or the next.
 void removeTestFile(FileSystem& files, TemporaryFileRegistry& registry, const std::string& path) {
-    if (files.exists(path)) (void)files.remove(path);
+    if (files.exists(path) && files.remove(path)) (void)files.commitRemovals(folderOf(path));
     registry.remove(path);
 }
 
@@ -132,6 +140,9 @@ private:
     Result perform() {
         runStart_ = Clock::now();
         checkCancellation();
+        // Files removed just before (an earlier run's, the user's) give their space back only once
+        // the removal is committed; the payload was sized with that space.
+        (void)c_.files->commitRemovals(c_.volume.url);
 
         const std::string randomPath = createTestFile("Vantorix_IO_RandomTest_");
         RandomFigures random;
@@ -141,14 +152,11 @@ private:
             handToCleanup(randomPath);
             throw;
         }
-        // With the cache bypassed the sequential write is timed at the device, so the random file
-        // is gone, and the file system has committed its removal (with online discard, trimming
-        // its blocks), before the clock starts; otherwise the write pays for the previous phase.
-        if (cacheMode() == CacheMode::direct) {
-            removeTestFile(*c_.files, *c_.registry, randomPath);
-        } else {
-            handToCleanup(randomPath);
-        }
+        // The random file is gone, and the file system has committed its removal (with online
+        // discard, trimming its blocks), before the sequential phases start: its space is the
+        // sequential file's, and the write should not pay for the previous phase.
+        handToCleanup(randomPath);
+        c_.cleanupQueue->sync([] {});
 
         const std::string sequentialPath = createTestFile("Vantorix_IO_Test_");
         SequentialFigures write;
@@ -407,6 +415,7 @@ private:
     Result performQueueDepth() {
         runStart_ = Clock::now();
         checkCancellation();
+        (void)c_.files->commitRemovals(c_.volume.url);
         const std::string path = createTestFile("Vantorix_IO_QueueTest_");
         std::vector<QueueDepthFigure> figures;
         try {
@@ -657,7 +666,9 @@ void DiskPerformanceTester::stopTest() {
     // for the next stop.
     cleanupQueue_->async([files = dependencies_.files, registry = temporaryFiles_] {
         for (const auto& path : registry->takeAll()) {
-            if (files->exists(path) && !files->remove(path)) registry->add(path);
+            if (!files->exists(path)) continue;
+            if (files->remove(path)) (void)files->commitRemovals(folderOf(path));
+            else registry->add(path);
         }
     });
 }

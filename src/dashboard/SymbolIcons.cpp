@@ -6,7 +6,7 @@
 namespace vantorix::dashboard {
 
 SymbolIcon symbolIcon(std::string_view symbol) {
-    // The one table from the design's symbol names to theme icons and bundled pictures.
+    // The one table from the symbol names the views use to theme icons and bundled pictures.
     static constexpr std::array<std::pair<std::string_view, SymbolIcon>, 35> kTable{{
         {"internaldrive", {"drive-harddisk-symbolic", "drive"}},
         {"internaldrive.fill", {"drive-harddisk-symbolic", "drive"}},

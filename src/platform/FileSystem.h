@@ -57,6 +57,10 @@ public:
     virtual Result<Unit, FileError> createEmptyFile(const std::string& path) = 0;
     virtual bool exists(const std::string& path) = 0;
     virtual Result<Unit, FileError> remove(const std::string& path) = 0;
+    // Makes the space of files removed from the file system that holds the folder `directory`
+    // usable at once: a journaling file system gives out the blocks a removal freed only once the
+    // removal is committed.
+    virtual Result<Unit, FileError> commitRemovals(const std::string& directory) = 0;
 
     // Opens an existing file. A direct open fails with EINVAL where the file system cannot
     // bypass the page cache: it refuses O_DIRECT, or it keeps its files in memory anyway.

@@ -46,6 +46,8 @@ public:
         if (files_.erase(path) == 0) return Failure{FileError{ENOENT, "No such file"}};
         return Unit{};
     }
+    // Memory has nothing to commit.
+    Result<Unit, FileError> commitRemovals(const std::string&) override { return Unit{}; }
     Result<std::unique_ptr<FileHandle>, FileError> open(const std::string& path, FileAccess, CacheMode cache) override {
         if (cache == CacheMode::direct && refuseDirect) return Failure{FileError{EINVAL, "Invalid argument"}};
         std::lock_guard lock(mutex_);

@@ -184,6 +184,7 @@ TEST(AboutVantorixView, ChecksOnceOffersTheDownloadAndOpensTheFile) {
         EXPECT_EQ(stock.openAlert()->text().toStdString(),
                   english(look) ? "This build is updated by your system's package manager." : "此版本通过系统的软件包管理器更新。");
         EXPECT_EQ(service.server.requests().size(), 3u);
+        screenshot(&stock, stock.openAlert(), "about-package-manager-" + suffix);
         stock.openAlert()->close();
     }
 }

@@ -111,8 +111,7 @@ public:
 
     Result<Unit, FileError> close() override {
         if (fd_ < 0) return Failure{errorFor(EBADF)};
-        if (ringReady_) io_uring_queue_exit(&ring_);
-        ringReady_ = false;
+        exitRing();
         releaseBuffers();
         const int fd = fd_;
         fd_ = -1;
@@ -121,6 +120,17 @@ public:
     }
 
 private:
+    // A ring lets go of its files in the background after it is closed, so a removed test file
+    // would keep its blocks for a while after this object is gone. Unregistering the file first
+    // lets go of it here and now.
+    void exitRing() {
+        if (!ringReady_) return;
+        if (fileRegistered_) (void)io_uring_unregister_files(&ring_);
+        fileRegistered_ = false;
+        io_uring_queue_exit(&ring_);
+        ringReady_ = false;
+    }
+
     struct Slot {
         std::byte* data = nullptr;
         std::uint64_t offset = 0;
@@ -367,8 +377,7 @@ Result<QueuedFigures, FileError> IoUringQueuedFile::run(const QueuedJob& job, co
         for (const std::uint32_t index : finished) startRequest(index);
     }
     if (abandoned_) {
-        if (ringReady_) io_uring_queue_exit(&ring_);
-        ringReady_ = false;
+        exitRing();
         releaseBuffers();
     }
 

@@ -131,6 +131,16 @@ Result<Unit, FileError> PosixFileSystem::remove(const std::string& path) {
     return Unit{};
 }
 
+Result<Unit, FileError> PosixFileSystem::commitRemovals(const std::string& directory) {
+    const int fd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return Failure{lastError()};
+    const bool committed = ::syncfs(fd) == 0;
+    const FileError error = committed ? FileError{} : lastError();
+    ::close(fd);
+    if (!committed) return Failure{error};
+    return Unit{};
+}
+
 Result<std::unique_ptr<FileHandle>, FileError> PosixFileSystem::open(const std::string& path, FileAccess access,
                                                                      CacheMode cache) {
     int flags = access == FileAccess::updating ? O_RDWR : access == FileAccess::writing ? O_WRONLY : O_RDONLY;

@@ -11,6 +11,8 @@ public:
     Result<Unit, FileError> createEmptyFile(const std::string& path) override;
     bool exists(const std::string& path) override;
     Result<Unit, FileError> remove(const std::string& path) override;
+    // syncfs(2) of the file system.
+    Result<Unit, FileError> commitRemovals(const std::string& directory) override;
 
     Result<std::unique_ptr<FileHandle>, FileError> open(const std::string& path, FileAccess access,
                                                         CacheMode cache) override;
