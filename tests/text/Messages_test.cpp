@@ -1,9 +1,11 @@
 #include "text/Messages.h"
+#include "text/SystemError.h"
 
 #include "support/ScopedEnvironment.h"
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <functional>
 #include <limits>
@@ -59,6 +61,10 @@ TEST(Messages, EachMessageInBothLanguages) {
          "正在导出 2 个卷的指标：http://[::1]:80/metrics 。按 Ctrl-C 停止。",
          "Exporting the metrics of 2 volumes at http://[::1]:80/metrics. Press Ctrl-C to stop."},
         {"gigabytes", [] { return gigabytes(1000); }, "1000 GB", "1000 GB"},
+        {"cause after a fixed sentence", [] { return withSystemError("Write phase failed.", ENOSPC); },
+         "Write phase failed.设备上没有剩余空间。", "Write phase failed. No space left on device."},
+        {"cause without a text of its own", [] { return systemErrorText(ENOTSUP); },
+         "系统错误 95（Operation not supported）", "Operation not supported (error 95)"},
         {"values with braces", [] { return chartExportFailed("{0} {}"); }, "导出失败：{0} {}",
          "Export failed: {0} {}"},
     };
