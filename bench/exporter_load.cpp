@@ -1,9 +1,11 @@
 // Load on a running exporter: SCRAPERS clients that scrape /metrics back to back, each on a new
-// connection, and SLOW clients that trickle a request head a byte a second and never finish it, for
-// SECONDS. Prints how many scrapes were made and answered, their latency percentiles, and the
+// connection, SLOW clients that trickle a request head a byte a second and never finish it, and
+// HOLDERS clients that keep a connection alive with a request every 7 to 8 s (connecting from FROM,
+// and connecting again when the exporter closes theirs), for SECONDS. Prints how many scrapes were
+// made and answered, their latency percentiles, what became of the holders' requests, and the
 // exporter's CPU share and resident memory over the run (read from /proc for PID).
 //
-//   vantorix_exporter_load PORT PID [SECONDS=30] [SCRAPERS=200] [SLOW=100]
+//   vantorix_exporter_load PORT PID [SECONDS=30] [SCRAPERS=200] [SLOW=100] [HOLDERS=0] [FROM=127.0.0.1]
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -16,6 +18,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <mutex>
+#include <random>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -25,10 +28,17 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-int connectTo(int port) {
+int connectTo(int port, const char* from = "127.0.0.1") {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
+    ::inet_pton(AF_INET, from, &address.sin_addr);
+    const int late = 1;  // the port is chosen on connecting, as without a bind
+    ::setsockopt(fd, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &late, sizeof(late));
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+        ::close(fd);
+        return -1;
+    }
     address.sin_port = htons(static_cast<std::uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
@@ -40,17 +50,29 @@ int connectTo(int port) {
     return fd;
 }
 
-// One scrape on a fresh connection: true when the whole 200 answer arrived.
+// Sends a scrape and reads its answer: true when the whole 200 answer arrived.
+bool exchange(int fd, bool keepAlive) {
+    static const std::string request = "GET /metrics HTTP/1.1\r\nHost: load\r\nUser-Agent: load\r\n";
+    const std::string sent = request + (keepAlive ? "\r\n" : "Connection: close\r\n\r\n");
+    if (::send(fd, sent.data(), sent.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(sent.size())) return false;
+    std::string answer;
+    char buffer[16384];
+    for (ssize_t n; (n = ::recv(fd, buffer, sizeof buffer, 0)) > 0;) {
+        answer.append(buffer, static_cast<std::size_t>(n));
+        const auto head = answer.find("\r\n\r\n");
+        const auto length = answer.find("Content-Length: ");
+        if (head != std::string::npos && length < head && answer.size() >= head + 4 + std::stoul(answer.substr(length + 16))) break;
+    }
+    return answer.rfind("HTTP/1.1 200 OK", 0) == 0 && answer.find("vantorix_volumes ") != std::string::npos;
+}
+
+// One scrape on a fresh connection.
 bool scrape(int port) {
     const int fd = connectTo(port);
     if (fd < 0) return false;
-    static const std::string request = "GET /metrics HTTP/1.1\r\nHost: load\r\nUser-Agent: load\r\nConnection: close\r\n\r\n";
-    bool ok = ::send(fd, request.data(), request.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(request.size());
-    std::string answer;
-    char buffer[16384];
-    for (ssize_t n; ok && (n = ::recv(fd, buffer, sizeof buffer, 0)) > 0;) answer.append(buffer, static_cast<std::size_t>(n));
+    const bool ok = exchange(fd, false);
     ::close(fd);
-    return ok && answer.rfind("HTTP/1.1 200 OK", 0) == 0 && answer.find("vantorix_volumes ") != std::string::npos;
+    return ok;
 }
 
 struct ProcessSample {
@@ -84,7 +106,7 @@ ProcessSample sampleProcess(int pid) {
 
 int main(int argc, char** argv) {
     if (argc < 3) {
-        std::fprintf(stderr, "usage: %s PORT PID [SECONDS] [SCRAPERS] [SLOW]\n", argv[0]);
+        std::fprintf(stderr, "usage: %s PORT PID [SECONDS] [SCRAPERS] [SLOW] [HOLDERS] [FROM]\n", argv[0]);
         return 2;
     }
     const int port = std::atoi(argv[1]);
@@ -92,10 +114,13 @@ int main(int argc, char** argv) {
     const int seconds = argc > 3 ? std::atoi(argv[3]) : 30;
     const int scrapers = argc > 4 ? std::atoi(argv[4]) : 200;
     const int slowClients = argc > 5 ? std::atoi(argv[5]) : 100;
+    const int holders = argc > 6 ? std::atoi(argv[6]) : 0;
+    const char* from = argc > 7 ? argv[7] : "127.0.0.1";
 
     const auto start = Clock::now();
     const auto end = start + std::chrono::seconds(seconds);
     std::atomic<long> made{0}, answered{0}, slowRefused{0};
+    std::atomic<long> held{0}, heldAnswered{0}, heldClosed{0}, heldRefused{0};
     std::mutex latencyLock;
     std::vector<double> latencies;
     std::vector<std::thread> threads;
@@ -110,6 +135,31 @@ int main(int argc, char** argv) {
                 }
                 // A byte a second until the server gives up on the connection.
                 while (Clock::now() < end && ::send(fd, "G", 1, MSG_NOSIGNAL) == 1) std::this_thread::sleep_for(std::chrono::seconds(1));
+                ::close(fd);
+            }
+        });
+    }
+    for (int i = 0; i < holders; ++i) {
+        threads.emplace_back([&, i] {
+            std::mt19937 random(static_cast<unsigned>(i));
+            std::uniform_int_distribution<int> pause(7000, 8000);
+            while (Clock::now() < end) {
+                const int fd = connectTo(port, from);
+                if (fd < 0) {
+                    ++heldRefused;
+                    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+                    continue;
+                }
+                // A request now and every 7 to 8 s, until the exporter closes the connection.
+                while (Clock::now() < end) {
+                    ++held;
+                    if (!exchange(fd, true)) {
+                        ++heldClosed;
+                        break;
+                    }
+                    ++heldAnswered;
+                    std::this_thread::sleep_until(std::min(end, Clock::now() + std::chrono::milliseconds(pause(random))));
+                }
                 ::close(fd);
             }
         });
@@ -144,6 +194,10 @@ int main(int argc, char** argv) {
     std::printf("%d s, %d scrapers, %d slow clients: %ld scrapes, %ld answered (%ld not), latency ms p50 %.2f p99 %.2f max %.2f\n",
                 seconds, scrapers, slowClients, made.load(), answered.load(), made.load() - answered.load(), percentile(0.5),
                 percentile(0.99), latencies.empty() ? 0.0 : latencies.back());
+    if (holders > 0) {
+        std::printf("%d keep-alive holders from %s: %ld requests, %ld answered, %ld found their connection closed, %ld connections refused\n",
+                    holders, from, held.load(), heldAnswered.load(), heldClosed.load(), heldRefused.load());
+    }
     std::printf("slow clients refused: %ld; exporter CPU %.1f%% of one core; RSS %ld KiB before, %ld KiB peak, %ld KiB after\n",
                 slowRefused.load(), 100 * (after.cpuSeconds - before.cpuSeconds) / wall, before.rssKiB, peakRss,
                 after.rssKiB);

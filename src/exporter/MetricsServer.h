@@ -12,15 +12,28 @@ namespace vantorix::exporter {
 
 // A small HTTP/1.1 server for scrapers, on one thread of its own. It answers GET and HEAD; each
 // request's head must arrive whole, within a size limit and a time limit, or the connection is
-// closed (with 431 for an oversized head, 400 for a malformed one). Connections are kept alive
-// between requests, and beyond a limit new ones are closed at once, so slow or idle clients cannot
-// hold more than a bounded share of memory.
+// closed (with 431 for an oversized head, 400 for a malformed one). Lines may end with CRLF or LF
+// alone. HTTP/1.1 connections are kept alive unless the request says `Connection: close`; HTTP/1.0
+// ones only when the request asks for `keep-alive`, which the answer then confirms.
+//
+// Connections are bounded in total and per remote address, so slow or idle clients cannot hold more
+// than a bounded share of memory. A connection that is not reading or answering a request gives way
+// to a new one when a limit is reached, so nobody can keep others out by merely holding connections.
 class MetricsServer {
 public:
     struct Options {
         std::string address = "127.0.0.1";
         std::uint16_t port = 9842;
+        // A connection costs about 10 KiB here (head buffer, answer, socket state) and one file
+        // descriptor, so 512 stay within a few MiB and well within the usual limit of 1024
+        // descriptors, while being far more than the scrapers of a fleet keep open.
         std::size_t maximumConnections = 512;
+        // What one remote address may hold; IPv6 peers are counted by their /64, which one host
+        // commonly owns whole. A Prometheus server keeps one connection per scrape job, and a few
+        // dozen clients behind one NAT address still fit, while eight addresses are needed to fill
+        // the server. Clients on this machine all connect from the address they connect to, so for
+        // them only the total applies: there, connections giving way is what keeps everyone in.
+        std::size_t maximumConnectionsPerAddress = 64;
         std::size_t maximumHeadBytes = 8192;
         std::chrono::milliseconds requestTimeout{10000};  // a request's head, or an idle connection's next one
     };
