@@ -22,6 +22,7 @@ import socket
 import struct
 import subprocess
 import sys
+import tempfile
 import threading
 import time
 from concurrent.futures import ThreadPoolExecutor
@@ -217,8 +218,10 @@ def main():
     with socket.socket() as probe:
         probe.bind(("127.0.0.1", 0))
         port = probe.getsockname()[1]
+    log = tempfile.TemporaryFile()
     server = subprocess.Popen([options.cli, "serve", "--listen", f"127.0.0.1:{port}", "--precision", "100",
-                               *options.serve_args], stderr=subprocess.DEVNULL)
+                               *options.serve_args], stderr=log)
+    stopped = False
     try:
         deadline = time.monotonic() + 20
         while True:
@@ -278,10 +281,19 @@ def main():
         print(f"exporter alive: {alive}; valid scrape afterwards answered: {answered}")
         print(f"RSS KiB: {start_rss} before, {peak[0]} peak sampled (VmHWM {hwm}), {settled} settled 12 s after; "
               f"sockets open then: {open_sockets}")
-        return 0 if alive and answered and not malformed and not wrong and not failures else 1
-    finally:
+        # A sanitizer build reports leaks and errors on the way out.
         server.terminate()
-        server.wait(10)
+        status = server.wait(30)
+        stopped = True
+        print(f"exit status after SIGTERM: {status}")
+        if status != 0:
+            log.seek(0)
+            print(log.read().decode(errors="replace")[-3000:])
+        return 0 if alive and answered and status == 0 and not malformed and not wrong and not failures else 1
+    finally:
+        if not stopped:
+            server.kill()
+            server.wait()
 
 
 if __name__ == "__main__":

@@ -3,7 +3,9 @@
 #  1. its CPU share over SECONDS with a scrape a second (user + system time of the process over
 #     wall time, from /proc), as a Prometheus server would scrape it;
 #  2. the load run: 200 scrapers back to back and 100 slow clients for 30 s (bench/exporter_load.cpp),
-#     with every scrape's answer checked, latency percentiles, CPU and peak resident memory.
+#     with every scrape's answer checked, latency percentiles, CPU and peak resident memory;
+#  3. 512 keep-alive connections that send a request every 7 to 8 s for 30 s, from this machine and
+#     then from another loopback address, while curl scrapes once a second: how many curl answered.
 # Needs root (loop devices) and a build with VANTORIX_BUILD_BENCHMARKS=ON. Everything it makes is
 # removed when it ends, however it ends.
 #
@@ -18,7 +20,9 @@ load="$build/bench/vantorix_exporter_load"
 work=$(mktemp -d /var/tmp/vantorix-exporter-bench.XXXXXX)
 devices=()
 server=
+holders=
 cleanup() {
+  [[ -z $holders ]] || kill "$holders" 2>/dev/null || true
   [[ -z $server ]] || kill "$server" 2>/dev/null || true
   [[ -z $server ]] || wait "$server" 2>/dev/null || true
   for i in "${!devices[@]}"; do umount "$work/m$i" 2>/dev/null || true; losetup -d "${devices[$i]}" 2>/dev/null || true; done
@@ -54,3 +58,17 @@ awk -v a="$t0" -v b="$t1" -v hz="$hz" -v w0="$w0" -v w1="$w1" \
   'BEGIN {printf "CPU at 10 ms on 8 volumes, a scrape a second: %.2f%% of one core over %.0f s\n", 100 * (b - a) / hz / (w1 - w0), w1 - w0}'
 
 "$load" "$port" "$server" 30 200 100
+
+for from in 127.0.0.1 127.0.0.2; do
+  "$load" "$port" "$server" 33 0 0 512 "$from" &
+  holders=$!
+  sleep 2  # the holders connect and make their first requests
+  answered=0
+  for _ in $(seq 30); do
+    curl -sf -m 5 -o /dev/null "http://127.0.0.1:$port/metrics" && answered=$((answered + 1))
+    sleep 1
+  done
+  wait "$holders" || true
+  holders=
+  echo "curl once a second for 30 s beside 512 keep-alive connections from $from: $answered of 30 answered"
+done

@@ -302,6 +302,7 @@ private:
         if (!headOnly) out_ += response.body;
         asio::async_write(socket_, asio::buffer(out_),
                           [self = shared_from_this(), keepAlive](const std::error_code& error, std::size_t) {
+                              std::string().swap(self->out_);  // a waiting connection holds no answer
                               if (error || !self->open_) {
                                   self->finish();
                               } else if (keepAlive) {
