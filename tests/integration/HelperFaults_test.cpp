@@ -16,10 +16,6 @@ namespace {
 using namespace std::chrono_literals;
 using protocol::HelperFailure;
 
-// The daemon's peak resident memory stays below this (about 23 MB in a release build, 70 MB under
-// AddressSanitizer); a 100 MB flood kept, or fifty private copies of a 4 MiB reply, go far past it.
-constexpr std::uint64_t kPeakKilobytes = 96U * 1024U;
-
 std::vector<std::unique_ptr<HelperClient>> clientsAsking(const HelperDaemon& daemon, const std::vector<std::string>& names) {
     std::vector<std::unique_ptr<HelperClient>> clients;
     for (const auto& name : names) {
