@@ -14,10 +14,13 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -95,11 +98,11 @@ bool running(const HelperDaemon& daemon) { return !waitForExit(daemon.pid(), 0ms
 
 // Prints the peak and, once the daemon answers again and a second has passed, the settled memory.
 void report(const char* attack, const HelperDaemon& daemon, const std::string& outcome) {
-    const auto peak = statusKilobytes(daemon.pid(), "VmHWM");
     for (const auto until = Clock::now() + 10s; Clock::now() < until && !served(daemon.socketPath(), versionFrame(), false);) {
         std::this_thread::sleep_for(50ms);
     }
     std::this_thread::sleep_for(1s);
+    const auto peak = statusKilobytes(daemon.pid(), "VmHWM");
     std::printf("%s: peak VmHWM %llu kB, settled VmRSS %llu kB; %s\n", attack, static_cast<unsigned long long>(peak),
                 static_cast<unsigned long long>(statusKilobytes(daemon.pid(), "VmRSS")),
                 running(daemon) ? outcome.c_str() : "THE DAEMON DIED");
@@ -124,6 +127,20 @@ void bracketFrames(const Settings& settings, int connections) {
     report(title.c_str(), *daemon.process,
            std::to_string(dropped.load()) + " dropped by the daemon, " + std::to_string(cutShort.load()) +
                " of them before the whole frame was sent");
+}
+
+// Removes the complete frames at the start of what a connection received; how many there were.
+int takeFrames(std::string& received) {
+    int frames = 0;
+    while (received.size() >= 4) {
+        const auto* bytes = reinterpret_cast<const unsigned char*>(received.data());
+        const std::size_t length =
+            std::size_t{bytes[0]} << 24U | std::size_t{bytes[1]} << 16U | std::size_t{bytes[2]} << 8U | bytes[3];
+        if (received.size() < 4 + length) break;
+        received.erase(0, 4 + length);
+        ++frames;
+    }
+    return frames;
 }
 
 // A connection that pipelines `burst` frames, reads the replies and does it again until told to stop;
@@ -173,16 +190,10 @@ void pump(std::vector<Pipeline>& pipelines, const std::string& socket, const std
                 continue;
             }
             p.received.append(buffer, static_cast<std::size_t>(count));
-            while (p.received.size() >= 4) {
-                const auto* bytes = reinterpret_cast<const unsigned char*>(p.received.data());
-                const std::size_t length = std::size_t{bytes[0]} << 24U | std::size_t{bytes[1]} << 16U |
-                                           std::size_t{bytes[2]} << 8U | bytes[3];
-                if (p.received.size() < 4 + length) break;
-                p.received.erase(0, 4 + length);
-                ++counts.replies;
-                p.answeredOnce = true;
-                --p.outstanding;
-            }
+            const int replies = takeFrames(p.received);
+            counts.replies += replies;
+            p.outstanding -= replies;
+            p.answeredOnce = p.answeredOnce || replies > 0;
         }
     }
     for (auto& p : pipelines) ::close(std::exchange(p.fd, -1));
@@ -253,7 +264,7 @@ std::string fuzzedFrame(std::mt19937_64& random, const std::vector<std::string>&
         for (auto& c : text) c = static_cast<char>(random());
         return text;
     };
-    const std::vector<std::string> methods{"fetchSmartData", "helperVersion", "", "fetchSMARTData", bytes(6)};
+    const std::vector<std::string> methods{"fetchSmartData", "fetchSmartData", "helperVersion", "", "fetchSMARTData", bytes(6)};
     std::string device;
     switch (below(5)) {
         case 0: device = devices[below(devices.size())]; break;
@@ -264,7 +275,7 @@ std::string fuzzedFrame(std::mt19937_64& random, const std::vector<std::string>&
     }
     std::string json = protocol::encodedRequest(protocol::FetchRequest{device});
     json.replace(json.find("fetchSmartData"), 14, methods[below(methods.size())]);
-    switch (below(12)) {
+    switch (below(16)) {  // half of them unchanged
         case 0: json = versionFrame().substr(4); break;
         case 1: json = json.substr(0, below(json.size() + 1)); break;
         case 2:
@@ -289,7 +300,7 @@ std::string fuzzedFrame(std::mt19937_64& random, const std::vector<std::string>&
     }
     // The length announced: usually the truth, sometimes more, less, zero or far over any cap.
     std::uint32_t length = static_cast<std::uint32_t>(json.size());
-    switch (below(20)) {
+    switch (below(32)) {
         case 0: length += static_cast<std::uint32_t>(1 + below(64)); break;
         case 1: length = static_cast<std::uint32_t>(below(length + 1)); break;
         case 2: length = 0; break;
@@ -307,7 +318,7 @@ void fuzz(const Settings& settings) {
     for (const auto& entry : std::filesystem::directory_iterator("/sys/class/block")) devices.push_back(entry.path().filename());
     struct Connection {
         int fd = -1;
-        std::string unsent;
+        std::string unsent, received;
     };
     std::vector<Connection> connections(8);
     long replies = 0, reconnects = 0, droppedByDaemon = 0, closedByUs = 0;
@@ -315,6 +326,7 @@ void fuzz(const Settings& settings) {
         if (c.fd >= 0) ::close(c.fd);
         c.fd = connectAs(random() % 2 == 0 ? 0 : kNobody, socket);
         c.unsent.clear();
+        c.received.clear();
         ++reconnects;
     };
     for (int frame = 0; frame < settings.fuzzFrames; ++frame) {
@@ -328,16 +340,24 @@ void fuzz(const Settings& settings) {
         const std::size_t now = random() % 4 == 0 ? random() % (c.unsent.size() + 1) : c.unsent.size();
         const ssize_t sent = ::send(c.fd, c.unsent.data(), now, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (sent > 0) c.unsent.erase(0, static_cast<std::size_t>(sent));
-        for (auto& other : connections) {
-            char buffer[65536];
-            for (ssize_t count; other.fd >= 0 && (count = ::recv(other.fd, buffer, sizeof buffer, MSG_DONTWAIT)) != -1;) {
-                if (count == 0) {
+        // Replies are read as they come; the next frame waits until the daemon has read this one's
+        // bytes (nothing left queued on the socket), or dropped the connection.
+        for (const auto until = Clock::now() + 2s; Clock::now() < until;) {
+            for (auto& other : connections) {
+                char buffer[65536];
+                ssize_t count = 0;
+                while (other.fd >= 0 && (count = ::recv(other.fd, buffer, sizeof buffer, MSG_DONTWAIT)) > 0) {
+                    other.received.append(buffer, static_cast<std::size_t>(count));
+                    replies += takeFrames(other.received);
+                }
+                if (other.fd >= 0 && (count == 0 || errno != EAGAIN)) {
                     ++droppedByDaemon;
                     ::close(std::exchange(other.fd, -1));
-                    break;
                 }
-                replies += count > 0;
             }
+            int queued = 0;
+            if (c.fd < 0 || ::ioctl(c.fd, SIOCOUTQ, &queued) != 0 || queued == 0) break;
+            std::this_thread::sleep_for(1ms);
         }
         if (frame % 100 == 0 && !running(*daemon.process)) break;
     }
@@ -346,7 +366,7 @@ void fuzz(const Settings& settings) {
     const bool answers = alive && served(socket, fetchFrame(rootDiskName()), true);
     char outcome[240];
     std::snprintf(outcome, sizeof outcome,
-                  "%d frames (seed %llu): daemon %s, a fetch afterwards %s; %ld reads with data, %ld connections "
+                  "%d frames (seed %llu): daemon %s, a fetch afterwards %s; %ld replies, %ld connections "
                   "dropped by the daemon, %ld by the fuzzer, %ld connects",
                   settings.fuzzFrames, static_cast<unsigned long long>(settings.seed), alive ? "running" : "DEAD",
                   answers ? "answered" : "NOT ANSWERED", replies, droppedByDaemon, closedByUs, reconnects);
