@@ -53,6 +53,8 @@ TEST(HostileClients, FramesOutsideTheProtocolCloseOnlyTheirConnection) {
         {"half a frame", versionFrame().substr(0, 10), {}, End::closed},
         {"nothing", "", {}, End::closed},
         {"three 1 MiB replies never read", fetchFrame(disk) + fetchFrame(disk) + fetchFrame(disk), {}, End::closedUnread},
+        {"refused names", fetchFrame("../sda") + fetchFrame("-a") + fetchFrame("sda;reboot") + fetchFrame("null"),
+         {"error 3", "error 3", "error 3", "error 4"}, End::open},
         {"an unknown method", protocol::framed(R"({"method":"runCommand","argv":["rm","-rf","/"]})"), {"error 2"}, End::open},
         {"40 frames at once", forty, std::vector<std::string>(40, "version"), End::open},
         {"a fetch, then gone", fetchFrame(disk), {}, End::clientLeaves},
@@ -74,6 +76,7 @@ TEST(HostileClients, FramesOutsideTheProtocolCloseOnlyTheirConnection) {
     ASSERT_NE(result(reply), nullptr);
     EXPECT_EQ(result(reply)->jsonData.size(), 1U << 20U);
     EXPECT_LT(statusKilobytes(daemon->pid(), "VmHWM"), kPeakKilobytes);
+    for (const auto& start : standIn->starts()) EXPECT_EQ(start.back(), "/dev/" + disk);  // nothing else ran
 }
 
 TEST(HostileClients, OneUserCannotKeepAnotherOut) {

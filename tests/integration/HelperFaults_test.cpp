@@ -62,23 +62,6 @@ TEST(HelperFaults, FloodsAndMissingProgramsFailWithTheirErrors) {
     }
 }
 
-TEST(HelperFaults, RequestsWithinASecondShareOneRun) {
-    const std::string disk = rootDiskName();
-    auto standIn = SmartctlStandIn::create(printing(kHelperFixture));
-    auto daemon = startHelper(standIn->path());
-    ASSERT_NE(daemon, nullptr);
-    HelperClient first(daemon->socketPath());
-    HelperClient second(daemon->socketPath());
-    const auto a = first.ask(fetchFrame(disk));
-    const auto b = second.ask(fetchFrame(disk));
-    ASSERT_TRUE(result(a) && result(b));
-    EXPECT_EQ(*result(a), *result(b));
-    EXPECT_EQ(standIn->starts().size(), 1U);
-    std::this_thread::sleep_for(1200ms);
-    ASSERT_NE(result(first.ask(fetchFrame(disk))), nullptr);
-    EXPECT_EQ(standIn->starts().size(), 2U);
-}
-
 TEST(HelperFaults, FiftyClientsOfOneLoopDeviceShareRunsInBoundedMemory) {
     if (const auto reason = LoopVolume::unavailableReason(); !reason.empty()) GTEST_SKIP() << reason;
     std::string error;
