@@ -26,6 +26,7 @@
 #include "composition/SmartPipeline.h"
 #include "platform/linux/Subprocess.h"
 #include "platform/linux/UnixSocketHelperConnection.h"
+#include "support/HelperDaemon.h"
 #include "support/ManualMainExecutor.h"
 
 using namespace vantorix;
@@ -43,20 +44,6 @@ double percentile(std::vector<double> values, double fraction) {
     return values[std::min(index, values.size() - 1)];
 }
 
-std::string rootDisk() {
-    std::ifstream mountinfo("/proc/self/mountinfo");
-    for (std::string line; std::getline(mountinfo, line);) {
-        std::istringstream fields(line);
-        std::string id, parent, numbers, root, mountPoint;
-        fields >> id >> parent >> numbers >> root >> mountPoint;
-        if (mountPoint != "/") continue;
-        std::error_code error;
-        const auto device = std::filesystem::canonical("/sys/dev/block/" + numbers, error);
-        if (!error) return device.filename();
-    }
-    return "vda";
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -67,7 +54,7 @@ int main(int argc, char** argv) {
     const std::string helper = argv[1];
     const std::string fixture = argv[2];
     const int iterations = argc > 3 ? std::stoi(argv[3]) : 300;
-    const std::string device = argc > 4 ? argv[4] : rootDisk();
+    const std::string device = argc > 4 ? argv[4] : testing::rootDiskName();
 
     char pattern[] = "/tmp/vantorix-latency-XXXXXX";
     const std::string dir = ::mkdtemp(pattern);

@@ -16,10 +16,6 @@ namespace {
 
 const log::Logger& logger() { return log::logger("PrivilegedSmartctlHelper"); }
 
-// Payloads are read in pieces, so that a client announcing a large frame and sending little of
-// it costs little.
-constexpr std::size_t kReadChunkBytes = 64U * 1024U;
-
 }  // namespace
 
 ClientConnection::ClientConnection(asio::local::stream_protocol::socket socket, ConnectionContext& context,
@@ -47,7 +43,7 @@ void ClientConnection::close() {
     socket_.shutdown(asio::socket_base::shutdown_both, ignored);
     socket_.close(ignored);
     pending_.clear();
-    payload_ = std::string();
+    payload_.clear();
     if (auto closed = std::exchange(closed_, nullptr)) closed(id_);
 }
 
@@ -58,46 +54,47 @@ void ClientConnection::readHeader() {
         return;
     }
     reading_ = true;
-    asio::async_read(socket_, asio::buffer(header_),
-                     [self = shared_from_this()](const asio::error_code& error, std::size_t) {
-                         if (self->isClosed_) return;
-                         if (error) {
-                             self->peerStopped(error);
-                             return;
-                         }
-                         const auto length = protocol::payloadLength(self->header_);
-                         if (!length) {
-                             logger().debug("Connection {}: a frame over {} bytes; closing it", self->id_,
-                                            protocol::kMaximumFrameBytes);
-                             self->close();
-                             return;
-                         }
-                         self->readPayload(*length);
-                     });
+    // What has come of the header is kept, so that a frame begun counts as a request being read.
+    socket_.async_read_some(
+        asio::buffer(header_ + headerBytes_, sizeof header_ - headerBytes_),
+        [self = shared_from_this()](const asio::error_code& error, std::size_t count) {
+            if (self->isClosed_) return;
+            if (error) {
+                self->peerStopped(error);
+                return;
+            }
+            self->headerBytes_ += count;
+            if (self->headerBytes_ < sizeof self->header_) {
+                self->readHeader();
+                return;
+            }
+            const auto length = protocol::payloadLength(self->header_, protocol::kMaximumRequestBytes);
+            if (!length) {
+                logger().debug("Connection {}: a request over {} bytes; closing it", self->id_,
+                               protocol::kMaximumRequestBytes);
+                self->close();
+                return;
+            }
+            self->payload_.resize(*length);
+            self->readPayload();
+        });
 }
 
-void ClientConnection::readPayload(std::size_t length) {
-    const std::size_t have = payload_.size();
-    if (have == length) {
-        frameArrived();
-        return;
-    }
-    const std::size_t chunk = std::min(kReadChunkBytes, length - have);
-    payload_.resize(have + chunk);
-    asio::async_read(socket_, asio::buffer(payload_.data() + have, chunk),
-                     [self = shared_from_this(), length](const asio::error_code& error, std::size_t) {
-                         if (self->isClosed_) return;
-                         if (error) {
-                             self->peerStopped(error);
-                             return;
-                         }
-                         self->readPayload(length);
-                     });
+void ClientConnection::readPayload() {
+    asio::async_read(socket_, asio::buffer(payload_), [self = shared_from_this()](const asio::error_code& error, std::size_t) {
+        if (self->isClosed_) return;
+        if (error) {
+            self->peerStopped(error);
+            return;
+        }
+        self->frameArrived();
+    });
 }
 
 void ClientConnection::peerStopped(const asio::error_code& error) {
     reading_ = false;
-    payload_ = std::string();  // half a frame is dropped
+    headerBytes_ = 0;  // half a frame is dropped
+    payload_.clear();
     if (error != asio::error::eof) {
         logger().debug("Connection {}: {}; closing it", id_, error.message());
         close();
@@ -111,6 +108,7 @@ void ClientConnection::peerStopped(const asio::error_code& error) {
 void ClientConnection::frameArrived() {
     ++idleGeneration_;  // a complete frame: the idle timer no longer applies
     idleTimer_.cancel();
+    headerBytes_ = 0;
     const std::string payload = std::exchange(payload_, std::string());
     auto parsed = protocol::parsedRequest(payload);
     if (!parsed) {
@@ -188,6 +186,7 @@ void ClientConnection::writeNext() {
 }
 
 void ClientConnection::becameIdle() {
+    idleSince_ = std::chrono::steady_clock::now();
     const std::uint64_t generation = ++idleGeneration_;
     idleTimer_.expires_after(context_.idleTimeout);
     idleTimer_.async_wait([self = shared_from_this(), generation](const asio::error_code& error) {

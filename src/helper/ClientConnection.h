@@ -30,10 +30,11 @@ struct ConnectionContext {
 
 // One client: frames in, replies out in request order. Requests may be pipelined; at most
 // kMaximumRequestsInFlight are answered or being answered at once, and no further frame is read
-// until their replies drain, so a connection holds one frame being read and a bounded number of
-// replies. A frame over the cap or a payload that is not a JSON object closes the connection. A
-// complete frame must arrive within the idle timeout of the connection becoming idle (opened, or
-// its last reply written), and a reply must be written within it, else the client is dropped.
+// until their replies drain, so a connection holds one request frame being read (a few KiB at most)
+// and a bounded number of replies. A frame over the request cap or a payload that is not a JSON
+// object of bounded depth closes the connection. A complete frame must arrive within the idle
+// timeout of the connection becoming idle (opened, or its last reply written), and a reply must be
+// written within it, else the client is dropped.
 class ClientConnection : public std::enable_shared_from_this<ClientConnection> {
 public:
     static constexpr std::size_t kMaximumRequestsInFlight = 16;
@@ -47,6 +48,11 @@ public:
     // Closes the socket; replies still due are dropped. Idempotent.
     void close();
 
+    // Nothing of a request has arrived that is not answered yet: no frame half read, no reply due.
+    bool idle() const { return !isClosed_ && headerBytes_ == 0 && pending_.empty(); }
+    // When it last became idle: opened, or its last reply written.
+    std::chrono::steady_clock::time_point idleSince() const { return idleSince_; }
+
 private:
     struct Pending {
         std::uint64_t sequence;
@@ -54,7 +60,7 @@ private:
     };
 
     void readHeader();
-    void readPayload(std::size_t length);
+    void readPayload();
     void peerStopped(const asio::error_code& error);
     void frameArrived();
     void answer(std::uint64_t sequence, const FramedReply& reply);
@@ -68,7 +74,9 @@ private:
     asio::steady_timer idleTimer_;
     asio::steady_timer writeTimer_;
     unsigned char header_[protocol::kFrameHeaderBytes] = {};
+    std::size_t headerBytes_ = 0;  // of the frame being read; zero until it starts
     std::string payload_;
+    std::chrono::steady_clock::time_point idleSince_;
     std::deque<Pending> pending_;
     std::uint64_t nextSequence_ = 0;
     // Bumped whenever a timer's reason lapses, so that an expiry already queued is ignored.

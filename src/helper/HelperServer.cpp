@@ -1,8 +1,11 @@
 #include "helper/HelperServer.h"
 
 #include <fcntl.h>
+#include <sys/socket.h>
 
 #include <algorithm>
+#include <optional>
+#include <tuple>
 #include <utility>
 
 #include "log/Log.h"
@@ -15,6 +18,17 @@ const log::Logger& logger() { return log::logger("PrivilegedSmartctlHelper"); }
 // After an accept fails (out of descriptors, say), the next try waits this long.
 constexpr std::chrono::milliseconds kAcceptRetryDelay{100};
 constexpr std::chrono::milliseconds kBusyRecheck{1000};
+
+// The uid of the process that connected; nothing when the kernel does not say.
+std::optional<uid_t> peerUid(int fd) {
+    ucred credentials{};
+    socklen_t size = sizeof credentials;
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0 || size != sizeof credentials) {
+        logger().debug("Refused a connection: its peer's credentials are unknown");
+        return std::nullopt;
+    }
+    return credentials.uid;
+}
 
 }  // namespace
 
@@ -45,7 +59,7 @@ void HelperServer::stop() {
     acceptor_.close(ignored);
     retryTimer_.cancel();
     idleTimer_.cancel();
-    for (auto& [id, connection] : std::exchange(connections_, {})) connection->close();
+    for (auto& [id, client] : std::exchange(connections_, {})) client.connection->close();
     runs_.stop();
 }
 
@@ -61,23 +75,63 @@ void HelperServer::accept() {
             return;
         }
         lastActivity_ = std::chrono::steady_clock::now();
-        if (connections_.size() >= kMaximumConnections) {
-            logger().error("Refused a connection: {} clients are connected already", connections_.size());
+        const auto uid = peerUid(socket.native_handle());
+        if (!uid || !admit(*uid)) {
             asio::error_code ignored;
             socket.close(ignored);
         } else {
             const std::uint64_t id = nextId_++;
             auto connection = std::make_shared<ClientConnection>(std::move(socket), context_, id,
                                                                  [this](std::uint64_t closedId) { connectionClosed(closedId); });
-            connections_.emplace(id, connection);
+            connections_.emplace(id, Client{connection, *uid});
             connection->start();
+            if (connections_.size() == kMaximumConnections && !std::exchange(reportedFull_, true)) {
+                logger().notice("{} clients are connected, the most at once; newcomers now take the place of "
+                                "connections of the users holding the most",
+                                kMaximumConnections);
+            }
         }
         accept();
     });
 }
 
+bool HelperServer::admit(uid_t uid) {
+    std::map<uid_t, std::size_t> held;
+    for (const auto& [id, client] : connections_) ++held[client.uid];
+    const std::size_t own = held[uid];
+    // Root could stop the daemon outright; its clients count towards the total only.
+    if (uid != 0 && own >= kMaximumConnectionsPerUser) {
+        logger().debug("Refused a connection of uid {}: it has {} already", uid, own);
+        return false;
+    }
+    if (connections_.size() < kMaximumConnections) return true;
+    // Full. The one to give way belongs to a user who keeps at least as many as the newcomer will
+    // have, so that two users cannot take a place from each other in turn. Of those: an idle one
+    // before one with a request under way, then the one whose user holds the most, then the one
+    // idle (or busy) the longest. Busy ones give way too, or users who keep every connection busy
+    // could keep the others out.
+    const auto rank = [&held](const Client& client) {
+        return std::tuple(client.connection->idle(), held[client.uid], -client.connection->idleSince().time_since_epoch().count());
+    };
+    const Client* chosen = nullptr;
+    for (const auto& [id, client] : connections_) {
+        if (held[client.uid] >= own + 2 && (chosen == nullptr || rank(client) > rank(*chosen))) chosen = &client;
+    }
+    if (chosen == nullptr) {
+        logger().debug("Refused a connection of uid {}: {} clients are connected and none can give way", uid,
+                       connections_.size());
+        return false;
+    }
+    logger().debug("Closing {} connection of uid {} ({} connections) for one of uid {}",
+                   chosen->connection->idle() ? "an idle" : "a busy", chosen->uid, held[chosen->uid], uid);
+    const auto giving = chosen->connection;  // closing it removes the entry
+    giving->close();
+    return true;
+}
+
 void HelperServer::connectionClosed(std::uint64_t id) {
     connections_.erase(id);
+    if (connections_.size() <= kMaximumConnections / 2) reportedFull_ = false;
     lastActivity_ = std::chrono::steady_clock::now();
 }
 

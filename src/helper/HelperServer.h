@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <asio/io_context.hpp>
 #include <asio/local/stream_protocol.hpp>
 #include <asio/steady_timer.hpp>
@@ -31,11 +33,20 @@ struct HelperSettings {
     std::string version;
 };
 
-// Accepts clients on a listening socket, at most kMaximumConnections at once: a connection beyond
-// that is accepted and closed at once. Everything runs on the one io_context it is given.
+// Accepts clients on a listening socket, at most kMaximumConnections at once and at most
+// kMaximumConnectionsPerUser of one uid other than root (the peer's credentials at connect time): a connection
+// beyond that is accepted and closed at once. When the server is full, a newcomer takes the place of
+// a connection of the user holding the most, the longest-idle one first, provided that user keeps
+// at least as many as the newcomer then has: no user can keep another out. Everything runs on the
+// one io_context it is given.
 class HelperServer {
 public:
+    // Each connection costs a descriptor, a few KiB of buffers and up to 16 queued replies: 64 of
+    // them stay far below the descriptor limit and the memory a root daemon should take.
     static constexpr std::size_t kMaximumConnections = 64;
+    // A desktop session, the exporter and a few command-line runs each keep one connection; eight
+    // leaves room for all of them, and it takes eight users to fill the server.
+    static constexpr std::size_t kMaximumConnectionsPerUser = 8;
 
     HelperServer(asio::io_context& io, asio::local::stream_protocol::acceptor acceptor, const HelperSettings& settings,
                  std::function<void()> idleExit);
@@ -50,7 +61,14 @@ public:
     bool childrenEnded() const { return runs_.stoppedChildrenEnded(); }
 
 private:
+    struct Client {
+        std::shared_ptr<ClientConnection> connection;
+        uid_t uid;
+    };
+
     void accept();
+    // Whether a connection of uid may be added now, closing an idle one to make room if need be.
+    bool admit(uid_t uid);
     void connectionClosed(std::uint64_t id);
     void watchIdleness();
 
@@ -62,8 +80,9 @@ private:
     std::chrono::milliseconds exitWhenIdle_;
     asio::steady_timer retryTimer_;
     asio::steady_timer idleTimer_;
-    std::map<std::uint64_t, std::shared_ptr<ClientConnection>> connections_;
+    std::map<std::uint64_t, Client> connections_;
     std::uint64_t nextId_ = 1;
+    bool reportedFull_ = false;  // said once until the server is half empty again
     std::chrono::steady_clock::time_point lastActivity_;
     bool stopped_ = false;
 };

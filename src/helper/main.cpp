@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <malloc.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -46,6 +47,16 @@ void openStandardDescriptors() {
     }
 }
 
+// Blocks of 128 KiB and more (smartctl's captured output, the replies) are mapped on their own and
+// go back to the system when freed, and free memory at the top of the heap is returned beyond
+// 128 KiB. Left to itself, malloc raises both thresholds after the first large block is freed and
+// keeps what a burst of large replies took.
+void returnFreedMemory() {
+    constexpr int kThresholdBytes = 128 * 1024;
+    ::mallopt(M_MMAP_THRESHOLD, kThresholdBytes);
+    ::mallopt(M_TRIM_THRESHOLD, kThresholdBytes);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -79,6 +90,7 @@ int main(int argc, char** argv) {
     settings.clientIdleTimeout = std::chrono::milliseconds(idleTimeoutMs);
     settings.shareWindow = std::chrono::milliseconds(shareWindowMs);
 
+    returnFreedMemory();
     openStandardDescriptors();
     ::signal(SIGPIPE, SIG_IGN);   // smartctl gets default dispositions back when it starts
     ::signal(SIGCHLD, SIG_DFL);   // an inherited SIG_IGN would reap children behind the pidfds' back

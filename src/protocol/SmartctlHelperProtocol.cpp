@@ -20,8 +20,36 @@ using ordered_json = nlohmann::ordered_json;
 // hostile client, a description quoting one); they are replaced rather than refused.
 std::string dumped(const ordered_json& document) { return jsonText(document, -1); }
 
-std::optional<json> parsedObject(std::string_view payload) {
+// Reads a document without building it and fails at its first value nested deeper than the
+// limit: the parser itself would follow any depth, with a node allocated for every level.
+class DepthCheck {
+public:
+    explicit DepthCheck(std::size_t maximum) : maximum_(maximum) {}
+    bool null() { return true; }
+    bool boolean(bool) { return true; }
+    bool number_integer(json::number_integer_t) { return true; }
+    bool number_unsigned(json::number_unsigned_t) { return true; }
+    bool number_float(json::number_float_t, const json::string_t&) { return true; }
+    bool string(json::string_t&) { return true; }
+    bool binary(json::binary_t&) { return true; }
+    bool key(json::string_t&) { return true; }
+    bool start_object(std::size_t) { return ++depth_ <= maximum_; }
+    bool end_object() { return --depth_, true; }
+    bool start_array(std::size_t) { return ++depth_ <= maximum_; }
+    bool end_array() { return --depth_, true; }
+    bool parse_error(std::size_t, const std::string&, const json::exception&) { return false; }
+
+private:
+    std::size_t maximum_;
+    std::size_t depth_ = 0;
+};
+
+std::optional<json> parsedObject(std::string_view payload, std::optional<std::size_t> maximumDepth = std::nullopt) {
     try {
+        if (maximumDepth) {
+            DepthCheck check(*maximumDepth);
+            if (!json::sax_parse(payload.begin(), payload.end(), &check)) return std::nullopt;
+        }
         json document = json::parse(payload.begin(), payload.end(), nullptr, /*allow_exceptions=*/false);
         if (document.is_object()) return document;
     } catch (const std::exception&) {
@@ -90,10 +118,10 @@ std::string framed(std::string_view payload) {
     return frame;
 }
 
-std::optional<std::size_t> payloadLength(const unsigned char (&header)[kFrameHeaderBytes]) {
+std::optional<std::size_t> payloadLength(const unsigned char (&header)[kFrameHeaderBytes], std::size_t maximum) {
     std::size_t length = 0;
     for (const unsigned char byte : header) length = length << 8U | byte;
-    if (length > kMaximumFrameBytes) return std::nullopt;
+    if (length > maximum) return std::nullopt;
     return length;
 }
 
@@ -109,7 +137,8 @@ std::string encodedRequest(const Request& request) {
 }
 
 std::optional<ParsedRequest> parsedRequest(std::string_view payload) {
-    const auto document = parsedObject(payload);
+    if (payload.size() > kMaximumRequestBytes) return std::nullopt;
+    const auto document = parsedObject(payload, kMaximumRequestDepth);
     if (!document) return std::nullopt;
     const std::string* method = stringMember(*document, "method");
     if (method == nullptr) {

@@ -12,8 +12,10 @@
 // The conversation between Vantorix and its privileged SMART helper over a Unix stream socket.
 //
 // Both directions carry frames: a 4-byte big-endian length, then that many bytes of one UTF-8 JSON
-// object. A frame longer than kMaximumFrameBytes, or one that is not a JSON object, ends the
-// connection. One connection carries any number of requests; replies come back in request order.
+// object. A reply may take up to kMaximumFrameBytes (smartctl's output); a request, a method and a
+// device name, up to kMaximumRequestBytes, nested at most kMaximumRequestDepth deep. A frame over its
+// cap, or one that is not a JSON object, ends the connection. One connection carries any number of
+// requests; replies come back in request order.
 //
 //   requests:  {"method":"fetchSmartData","device":"sda"}   {"method":"helperVersion"}
 //   replies:   {"result":{archived SmartctlExecutionResult}}   {"version":"0.1.0"}
@@ -32,11 +34,17 @@ std::string socketPathFromEnvironment();
 
 inline constexpr std::size_t kFrameHeaderBytes = 4;
 inline constexpr std::size_t kMaximumFrameBytes = 8U * 1024U * 1024U;
+// A request is about 50 bytes; a device name has at most 64 characters. What a client sends is
+// parsed into a tree that takes some 40 times the text, so the cap keeps that tree small.
+inline constexpr std::size_t kMaximumRequestBytes = 4U * 1024U;
+// A request is one object of strings (depth 1); a few levels more leave room to grow.
+inline constexpr std::size_t kMaximumRequestDepth = 8;
 
 // The header and payload of one frame. The payload must not exceed kMaximumFrameBytes.
 std::string framed(std::string_view payload);
-// The payload length a header announces; nothing when it exceeds kMaximumFrameBytes.
-std::optional<std::size_t> payloadLength(const unsigned char (&header)[kFrameHeaderBytes]);
+// The payload length a header announces; nothing when it exceeds `maximum`.
+std::optional<std::size_t> payloadLength(const unsigned char (&header)[kFrameHeaderBytes],
+                                         std::size_t maximum = kMaximumFrameBytes);
 
 // An error as it crosses the connection: a domain, a code within it and a readable description.
 struct HelperError {
@@ -75,7 +83,8 @@ using Request = std::variant<FetchRequest, VersionRequest>;
 std::string encodedRequest(const Request& request);
 
 // A request read from a frame's payload: the request, or the error to answer with. Nothing when
-// the payload is not a JSON object at all (the connection is then closed).
+// the payload is not a JSON object at all, is longer than kMaximumRequestBytes or is nested deeper
+// than kMaximumRequestDepth (the connection is then closed).
 using ParsedRequest = std::variant<Request, HelperError>;
 std::optional<ParsedRequest> parsedRequest(std::string_view payload);
 

@@ -4,9 +4,9 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <sstream>
 #include <nlohmann/json.hpp>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "integration/HelperTestClient.h"
@@ -15,8 +15,6 @@
 namespace vantorix::testing {
 namespace {
 
-using namespace std::chrono_literals;
-using protocol::HelperFailure;
 
 TEST(HelperRequests, RealSmartctlReportsOnTheRootDisk) {
     const std::string smartctl = "/usr/sbin/smartctl";
@@ -38,76 +36,6 @@ TEST(HelperRequests, RealSmartctlReportsOnTheRootDisk) {
     EXPECT_EQ(document["smartctl"]["exit_status"], run->terminationStatus);
 }
 
-TEST(HelperRequests, HostileNamesAreRefusedWithoutRunningAnything) {
-    auto standIn = SmartctlStandIn::create(printing(kHelperFixture));
-    auto daemon = startHelper(standIn->path());
-    ASSERT_NE(daemon, nullptr);
-    const auto invalid = HelperFailure::invalidDeviceName;
-    const std::vector<std::pair<std::string, HelperFailure>> cases = {
-        {"../sda", invalid}, {"sda/../../etc", invalid}, {"-a", invalid}, {"--scan", invalid},
-        {"sda;reboot", invalid}, {"sda\n", invalid}, {"", invalid}, {std::string(65, 'a'), invalid},
-        {"sd\xC3\xA4", invalid}, {".hidden", invalid}, {"/dev/sda", invalid},
-        {"null", HelperFailure::deviceNotFound}, {"tty", HelperFailure::deviceNotFound},
-        {"sdzz9", HelperFailure::deviceNotFound},
-    };
-    // Pipelined on one connection: every frame first, then the replies in order.
-    HelperClient client(daemon->socketPath());
-    std::string frames;
-    for (const auto& [name, expected] : cases) frames += fetchFrame(name);
-    ASSERT_TRUE(client.send(frames));
-    for (const auto& [name, expected] : cases) EXPECT_EQ(failure(client.reply()), expected) << name;
-    EXPECT_TRUE(standIn->starts().empty());
-}
-
-TEST(HelperRequests, AbusiveClientsAreDroppedWhileOthersAreServed) {
-    const std::string disk = rootDiskName();
-    // Replies of about 4 MiB (base64 of 3 MiB), more than a socket buffer holds.
-    auto standIn = SmartctlStandIn::create(printing(""));
-    const std::string output = std::filesystem::path(standIn->path()).parent_path() / "big.json";
-    std::ofstream(output) << std::string(3U << 20U, 'x');
-    standIn->setBehaviour(printing(output));
-    auto daemon = startHelper(standIn->path(), {"--idle-timeout-ms", "1000"});
-    ASSERT_NE(daemon, nullptr);
-    HelperClient good(daemon->socketPath());
-    const auto served = [&good] {
-        const auto reply = good.ask(versionFrame());
-        return reply && std::holds_alternative<protocol::VersionReply>(*reply);
-    };
-    ASSERT_TRUE(served());
-
-    HelperClient oversized(daemon->socketPath());
-    ASSERT_TRUE(oversized.send(std::string("\x00\x80\x00\x01", 4)));  // announces 8 MiB + 1
-    EXPECT_TRUE(peerClosed(oversized.fd, 3s));
-    HelperClient notAnObject(daemon->socketPath());
-    ASSERT_TRUE(notAnObject.send(protocol::framed("[\"fetchSmartData\",\"sda\"]")));
-    EXPECT_TRUE(peerClosed(notAnObject.fd, 3s));
-    HelperClient unknownMethod(daemon->socketPath());
-    EXPECT_EQ(failure(unknownMethod.ask(protocol::framed(R"({"method":"runCommand","argv":["rm","-rf","/"]})"))),
-              HelperFailure::unknownMethod);
-    EXPECT_TRUE(std::holds_alternative<protocol::VersionReply>(unknownMethod.ask(versionFrame()).value()));
-    {
-        HelperClient leaves(daemon->socketPath());  // asks, then goes away before the reply
-        ASSERT_TRUE(leaves.send(fetchFrame(disk)));
-    }
-    HelperClient halfFrame(daemon->socketPath());
-    ASSERT_TRUE(halfFrame.send(versionFrame().substr(0, 10)));
-    HelperClient silent(daemon->socketPath());
-    HelperClient notReading(daemon->socketPath());
-    ASSERT_TRUE(notReading.send(fetchFrame(disk) + fetchFrame(disk) + fetchFrame(disk)));
-    // Past the idle time; notReading reads nothing meanwhile, while good keeps being served.
-    for (const auto until = std::chrono::steady_clock::now() + 2500ms; std::chrono::steady_clock::now() < until;) {
-        ASSERT_TRUE(served());
-        std::this_thread::sleep_for(200ms);
-    }
-    EXPECT_TRUE(peerClosed(halfFrame.fd, 5s));
-    EXPECT_TRUE(peerClosed(silent.fd, 5s));
-    // Its replies stopped at what the socket held when it was dropped: it does not get all 12 MiB.
-    EXPECT_TRUE(peerClosed(notReading.fd, 5s));
-    const auto reply = good.ask(fetchFrame(disk));
-    ASSERT_NE(result(reply), nullptr);
-    EXPECT_EQ(result(reply)->jsonData.size(), 3U << 20U);
-}
-
 TEST(HelperRequests, ChildRunsWithAFixedEnvironmentAndNothingInherited) {
     auto standIn = SmartctlStandIn::create(printing(""));  // only for its temporary folder
     const std::string script = std::filesystem::path(standIn->path()).parent_path() / "inspect";
@@ -115,7 +43,7 @@ TEST(HelperRequests, ChildRunsWithAFixedEnvironmentAndNothingInherited) {
                              "echo \"pid $$\"\n"
                              "echo \"group $(cut -d' ' -f5 /proc/$$/stat)\"\n"
                              "echo \"environment $(tr '\\0' ' ' < /proc/$$/environ)\"\n"
-                             "ls -l /proc/$$/fd | sed -n 's/.* \\([0-9]*\\) -> \\(.*\\)/fd \\1 \\2/p'\n";
+                             "ls -l /proc/$$/fd\n";  // no pipeline: its pipe would show among the shell's
     std::filesystem::permissions(script, std::filesystem::perms::owner_all | std::filesystem::perms::others_exec |
                                              std::filesystem::perms::others_read);
     auto daemon = startHelper(script);
@@ -125,13 +53,13 @@ TEST(HelperRequests, ChildRunsWithAFixedEnvironmentAndNothingInherited) {
     ASSERT_NE(result(reply), nullptr);
     std::map<std::string, std::string> facts;
     std::istringstream lines(result(reply)->jsonData);
-    for (std::string key, value; lines >> key && std::getline(lines, value);) {
-        if (key == "fd") {
-            const auto space = value.find(' ', 1);
-            key += value.substr(0, space);
-            value.erase(0, space);
+    for (std::string line; std::getline(lines, line);) {
+        if (const auto arrow = line.find(" -> "); arrow != std::string::npos) {  // "lr-x------ … 0 -> /dev/null"
+            const auto number = line.rfind(' ', arrow - 1) + 1;
+            facts["fd " + line.substr(number, arrow - number)] = line.substr(arrow + 4);
+        } else if (const auto space = line.find(' '); space != std::string::npos) {
+            facts[line.substr(0, space)] = line.substr(space + 1);
         }
-        facts[key] = value.substr(1);
     }
     EXPECT_EQ(facts["environment"], "PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C ");
     EXPECT_EQ(facts["group"], facts["pid"]);  // a process group of its own

@@ -23,20 +23,27 @@ TEST(Base64, RoundTripsAndRefusesWhatIsNotBase64) {
     }
 }
 
-TEST(HelperFrames, AnnounceTheirLengthBigEndianAndRefuseMoreThan8MiB) {
+TEST(HelperFrames, AnnounceTheirLengthBigEndianAndRefuseMoreThanTheirCap) {
     const std::string frame = framed("{}");
     EXPECT_EQ(frame, std::string("\0\0\0\x02{}", 6));
-    const std::vector<std::pair<std::vector<unsigned char>, std::optional<std::size_t>>> headers = {
-        {{0, 0, 0, 0}, 0},
-        {{0, 0x80, 0, 0}, kMaximumFrameBytes},
-        {{0, 0x80, 0, 1}, std::nullopt},
-        {{0xFF, 0xFF, 0xFF, 0xFF}, std::nullopt},
-        {{0, 1, 2, 3}, 0x010203},
+    struct Case {
+        std::vector<unsigned char> header;
+        std::size_t cap;
+        std::optional<std::size_t> length;
     };
-    for (const auto& [bytes, expected] : headers) {
+    const std::vector<Case> cases = {
+        {{0, 0, 0, 0}, kMaximumFrameBytes, 0},
+        {{0, 0x80, 0, 0}, kMaximumFrameBytes, kMaximumFrameBytes},
+        {{0, 0x80, 0, 1}, kMaximumFrameBytes, std::nullopt},
+        {{0xFF, 0xFF, 0xFF, 0xFF}, kMaximumFrameBytes, std::nullopt},
+        {{0, 1, 2, 3}, kMaximumFrameBytes, 0x010203},
+        {{0, 0, 0x10, 0}, kMaximumRequestBytes, kMaximumRequestBytes},
+        {{0, 0, 0x10, 1}, kMaximumRequestBytes, std::nullopt},
+    };
+    for (const auto& c : cases) {
         unsigned char header[kFrameHeaderBytes];
-        std::copy(bytes.begin(), bytes.end(), header);
-        EXPECT_EQ(payloadLength(header), expected);
+        std::copy(c.header.begin(), c.header.end(), header);
+        EXPECT_EQ(payloadLength(header, c.cap), c.length);
     }
 }
 
@@ -45,11 +52,19 @@ TEST(HelperRequests, ParseIntoRequestsErrorsOrNothing) {
     EXPECT_EQ(encodedRequest(VersionRequest{}), R"({"method":"helperVersion"})");
     EXPECT_EQ(parsedRequest(encodedRequest(FetchRequest{"sda"})), ParsedRequest(Request(FetchRequest{"sda"})));
     EXPECT_EQ(parsedRequest(encodedRequest(VersionRequest{})), ParsedRequest(Request(VersionRequest{})));
+    // Nested as deep as allowed (an object and seven arrays), at most as long as allowed.
+    const std::string deepest = R"({"method":"helperVersion","x":[[[[[[[1]]]]]]]})";
+    EXPECT_EQ(parsedRequest(deepest), ParsedRequest(Request(VersionRequest{})));
+    const std::string longest = R"({"method":"helperVersion","x":")" + std::string(kMaximumRequestBytes - 33, 'x') + "\"}";
+    EXPECT_EQ(parsedRequest(longest), ParsedRequest(Request(VersionRequest{})));
     struct Case {
         std::string payload;
         std::optional<HelperFailure> failure;  // nothing: not a request at all
     };
     const std::vector<Case> cases = {
+        {R"({"method":"helperVersion","x":[[[[[[[[1]]]]]]]]})", std::nullopt},
+        {R"({"method":"helperVersion","x":{"a":{"a":{"a":{"a":{"a":{"a":{"a":{}}}}}}}}})", std::nullopt},
+        {R"({"method":"helperVersion","x":")" + std::string(kMaximumRequestBytes - 32, 'x') + "\"}", std::nullopt},
         {"[1,2]", std::nullopt},
         {"\"sda\"", std::nullopt},
         {"{\"method\":", std::nullopt},

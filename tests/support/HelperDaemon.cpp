@@ -1,9 +1,11 @@
 #include "support/HelperDaemon.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,6 +15,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <thread>
 
 namespace vantorix::testing {
@@ -41,6 +45,14 @@ bool readExactly(int fd, char* data, std::size_t size, Clock::time_point deadlin
     return true;
 }
 
+std::optional<sockaddr_un> addressOf(const std::string& socketPath) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (socketPath.size() >= sizeof(address.sun_path)) return std::nullopt;
+    std::memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);
+    return address;
+}
+
 }  // namespace
 
 std::unique_ptr<HelperDaemon> HelperDaemon::start(const Options& options, std::string* error) {
@@ -50,10 +62,11 @@ std::unique_ptr<HelperDaemon> HelperDaemon::start(const Options& options, std::s
         *error = std::string("mkdtemp: ") + std::strerror(errno);
         return nullptr;
     }
+    ::chmod(pattern, 0755);
     daemon->directory_ = pattern;
     daemon->socketPath_ = daemon->directory_ + "/helper.sock";
 
-    std::vector<std::string> arguments{VANTORIX_HELPER_PATH, "--socket", daemon->socketPath_, "--smartctl", options.smartctl};
+    std::vector<std::string> arguments{options.program.empty() ? VANTORIX_HELPER_PATH : options.program, "--socket", daemon->socketPath_, "--smartctl", options.smartctl};
     arguments.insert(arguments.end(), options.extraArguments.begin(), options.extraArguments.end());
     std::vector<char*> argv;
     for (auto& argument : arguments) argv.push_back(argument.data());
@@ -110,13 +123,34 @@ HelperDaemon::~HelperDaemon() {
 }
 
 int connectTo(const std::string& socketPath) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (socketPath.size() >= sizeof(address.sun_path)) return -1;
-    std::memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);
+    const auto address = addressOf(socketPath);
+    if (!address) return -1;
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) return -1;
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&*address), sizeof(*address)) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+int connectAs(uid_t uid, const std::string& socketPath) {
+    const auto address = addressOf(socketPath);
+    if (!address) return -1;
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return -1;
+    // The peer's credentials are taken at connect(): a child connects the descriptor it shares.
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        const bool connected = ::setgroups(0, nullptr) == 0 && ::setresgid(uid, uid, uid) == 0 &&
+                               ::setresuid(uid, uid, uid) == 0 &&
+                               ::connect(fd, reinterpret_cast<const sockaddr*>(&*address), sizeof(*address)) == 0;
+        ::_exit(connected ? 0 : 1);
+    }
+    int status = -1;
+    while (pid > 0 && ::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (pid < 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
         ::close(fd);
         return -1;
     }
@@ -155,6 +189,37 @@ bool peerClosed(int fd, std::chrono::milliseconds limit) {
         const ssize_t count = ::recv(fd, buffer, sizeof buffer, 0);
         if (count == 0 || (count < 0 && errno != EINTR && errno != EAGAIN)) return true;
     }
+}
+
+bool peerHungUp(int fd, std::chrono::milliseconds limit) {
+    pollfd entry{fd, POLLRDHUP, 0};
+    int ready = 0;
+    while ((ready = ::poll(&entry, 1, static_cast<int>(limit.count()))) < 0 && errno == EINTR) {
+    }
+    return ready > 0 && (entry.revents & (POLLRDHUP | POLLHUP)) != 0;
+}
+
+std::uint64_t statusKilobytes(pid_t pid, const std::string& field) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(in, line);) {
+        if (line.rfind(field + ":", 0) == 0) return std::stoull(line.substr(field.size() + 1));
+    }
+    return 0;
+}
+
+std::string rootDiskName() {
+    std::ifstream mountinfo("/proc/self/mountinfo");
+    for (std::string line; std::getline(mountinfo, line);) {
+        std::istringstream fields(line);
+        std::string id, parent, numbers, root, mountPoint;
+        fields >> id >> parent >> numbers >> root >> mountPoint;
+        if (mountPoint != "/") continue;
+        std::error_code error;
+        const auto device = std::filesystem::canonical("/sys/dev/block/" + numbers, error);
+        if (error) return {};
+        return std::filesystem::exists(device / "partition") ? device.parent_path().filename() : device.filename();
+    }
+    return {};
 }
 
 std::optional<int> waitForExit(pid_t pid, std::chrono::milliseconds limit) {

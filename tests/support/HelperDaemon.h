@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -17,10 +18,12 @@ public:
     struct Options {
         std::string smartctl;
         std::vector<std::string> extraArguments;
+        std::string program = {};  // empty: the daemon of this build
     };
 
     // Starts the daemon with --socket <tmp>/helper.sock --smartctl <smartctl> plus extraArguments,
-    // and waits (at most 5 s) until its socket accepts connections. nullptr (with *error) on failure.
+    // and waits (at most 5 s) until its socket accepts connections. The folder is open to every user,
+    // like the daemon's own. nullptr (with *error) on failure.
     static std::unique_ptr<HelperDaemon> start(const Options& options, std::string* error);
     // Stops the daemon (see stop()) and removes its temporary folder.
     ~HelperDaemon();
@@ -45,6 +48,9 @@ private:
 
 // A connected Unix stream socket (close-on-exec), or -1.
 int connectTo(const std::string& socketPath);
+// The same, connected by a child running as uid (and gid uid, no other group): the peer the daemon
+// sees is that user. -1 when the connection fails.
+int connectAs(uid_t uid, const std::string& socketPath);
 // False when the peer is gone (no SIGPIPE).
 bool sendAll(int fd, std::string_view bytes);
 // The payload of the next frame, or nothing when none arrives complete within the limit or the
@@ -52,6 +58,13 @@ bool sendAll(int fd, std::string_view bytes);
 std::optional<std::string> readFrame(int fd, std::chrono::milliseconds limit);
 // Whether the peer closes the connection within the limit (what it sends until then is dropped).
 bool peerClosed(int fd, std::chrono::milliseconds limit);
+// The same, reading nothing: for a client that leaves what it is sent unread.
+bool peerHungUp(int fd, std::chrono::milliseconds limit);
+
+// A field of /proc/PID/status in kB (VmHWM, VmRSS); 0 when missing.
+std::uint64_t statusKilobytes(pid_t pid, const std::string& field);
+// The whole disk behind "/" (for "/dev/nvme0n1p2", "nvme0n1"), from mountinfo and sysfs.
+std::string rootDiskName();
 
 // The exit status of a child process, waiting at most the limit; nothing when it is still running.
 std::optional<int> waitForExit(pid_t pid, std::chrono::milliseconds limit);

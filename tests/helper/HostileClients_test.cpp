@@ -1,0 +1,109 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "helper/HelperServer.h"
+#include "integration/HelperTestClient.h"
+
+namespace vantorix::testing {
+namespace {
+
+using namespace std::chrono_literals;
+
+std::string kindOf(const std::optional<protocol::Reply>& reply) {
+    if (!reply) return "nothing";
+    if (std::holds_alternative<protocol::VersionReply>(*reply)) return "version";
+    if (const auto* error = std::get_if<protocol::HelperError>(&*reply)) return "error " + std::to_string(error->code);
+    return "result";
+}
+
+TEST(HostileClients, FramesOutsideTheProtocolCloseOnlyTheirConnection) {
+    // Replies of about 1.3 MiB (base64 of 1 MiB), more than a socket buffer holds.
+    auto standIn = SmartctlStandIn::create(printing(""));
+    const std::string output = std::filesystem::path(standIn->path()).parent_path() / "big.json";
+    std::ofstream(output) << std::string(1U << 20U, 'x');
+    standIn->setBehaviour(printing(output));
+    auto daemon = startHelper(standIn->path(), {"--idle-timeout-ms", "1000"});
+    ASSERT_NE(daemon, nullptr);
+    const std::string disk = rootDiskName();
+
+    // How a connection ends: closed with nothing sent back, closed with what it was sent left unread,
+    // still answering, or left by the client.
+    enum class End { closed, closedUnread, open, clientLeaves };
+    struct Case {
+        std::string what;
+        std::string bytes;
+        std::vector<std::string> replies;
+        End end;
+    };
+    const std::string padded = R"({"method":"helperVersion","x":")";
+    std::string forty;
+    for (int i = 0; i < 40; ++i) forty += versionFrame();
+    const std::vector<Case> cases = {
+        {"a request of 4 KiB and a byte", protocol::framed(padded + std::string(4064, 'x') + "\"}"), {}, End::closed},
+        {"8 MiB of '['", protocol::framed(std::string(8U << 20U, '[')), {}, End::closed},
+        {"nested nine deep", protocol::framed(R"({"method":"helperVersion","x":[[[[[[[[1]]]]]]]]})"), {}, End::closed},
+        {"not an object", protocol::framed(R"(["fetchSmartData","sda"])"), {}, End::closed},
+        {"garbage", protocol::framed(std::string("\xff\xfe\0{garbage", 11)), {}, End::closed},
+        {"an empty frame", protocol::framed(""), {}, End::closed},
+        {"half a frame", versionFrame().substr(0, 10), {}, End::closed},
+        {"nothing", "", {}, End::closed},
+        {"three 1 MiB replies never read", fetchFrame(disk) + fetchFrame(disk) + fetchFrame(disk), {}, End::closedUnread},
+        {"refused names", fetchFrame("../sda") + fetchFrame("-a") + fetchFrame("sda;reboot") + fetchFrame("null"),
+         {"error 3", "error 3", "error 3", "error 4"}, End::open},
+        {"an unknown method", protocol::framed(R"({"method":"runCommand","argv":["rm","-rf","/"]})"), {"error 2"}, End::open},
+        {"40 frames at once", forty, std::vector<std::string>(40, "version"), End::open},
+        {"a fetch, then gone", fetchFrame(disk), {}, End::clientLeaves},
+    };
+    for (const auto& c : cases) {
+        HelperClient client(daemon->socketPath());
+        client.send(c.bytes);  // fails where the daemon closes before it has all
+        for (const auto& expected : c.replies) EXPECT_EQ(kindOf(client.reply(5s)), expected) << c.what;
+        if (c.end == End::closed || c.end == End::closedUnread) {
+            if (c.end == End::closed) {
+                EXPECT_EQ(kindOf(client.reply(5s)), "nothing") << c.what;
+            }
+            EXPECT_TRUE(peerHungUp(client.fd, 5s)) << c.what;
+        } else if (c.end == End::open) {
+            EXPECT_EQ(kindOf(client.ask(versionFrame())), "version") << c.what;
+        }
+    }
+    const auto reply = HelperClient(daemon->socketPath()).ask(fetchFrame(disk));
+    ASSERT_NE(result(reply), nullptr);
+    EXPECT_EQ(result(reply)->jsonData.size(), 1U << 20U);
+    EXPECT_LT(statusKilobytes(daemon->pid(), "VmHWM"), kPeakKilobytes);
+    for (const auto& start : standIn->starts()) EXPECT_EQ(start.back(), "/dev/" + disk);  // nothing else ran
+}
+
+TEST(HostileClients, OneUserCannotKeepAnotherOut) {
+    if (::geteuid() != 0) GTEST_SKIP() << "connecting as other users needs root";
+    auto standIn = SmartctlStandIn::create(printing(kHelperFixture));
+    auto daemon = startHelper(standIn->path());
+    ASSERT_NE(daemon, nullptr);
+    const auto connectedAs = [&daemon](uid_t uid) {
+        return std::make_unique<HelperClient>(connectAs(uid, daemon->socketPath()));
+    };
+    // Users 65534, 65533, … take as many connections as each may, each used once and then idle,
+    // until the server is full. One more of the first user's is refused at once.
+    std::vector<std::unique_ptr<HelperClient>> held;
+    for (uid_t uid = 65534; held.size() < helper::HelperServer::kMaximumConnections; --uid) {
+        for (std::size_t i = 0; i < helper::HelperServer::kMaximumConnectionsPerUser; ++i) {
+            held.push_back(connectedAs(uid));
+            ASSERT_EQ(kindOf(held.back()->ask(versionFrame())), "version") << uid;
+        }
+        if (uid == 65534) {
+            EXPECT_EQ(kindOf(connectedAs(uid)->ask(versionFrame())), "nothing");
+        }
+    }
+    // Another user is served: the first connection of those holding the most gives way.
+    EXPECT_NE(result(connectedAs(1000)->ask(fetchFrame(rootDiskName()))), nullptr);
+    EXPECT_TRUE(peerHungUp(held.front()->fd, 5s));
+    EXPECT_EQ(kindOf(held.back()->ask(versionFrame())), "version");
+}
+
+}  // namespace
+}  // namespace vantorix::testing
