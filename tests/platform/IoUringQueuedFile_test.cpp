@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -85,16 +84,14 @@ TEST_F(QueuedFileTest, TimedJobsCountWholeBlocksAndStayInTheirSpan) {
     std::uint64_t progressCalls = 0;
     for (const Pattern pattern : {Pattern::sequential, Pattern::random}) {
         for (const Direction direction : {Direction::read, Direction::write}) {
-            for (const std::uint32_t depth : {1u, 8u, 32u}) {
+            for (const std::uint32_t depth : {1u, 32u}) {
+                SCOPED_TRACE(::testing::Message() << static_cast<int>(pattern) << static_cast<int>(direction) << depth);
                 // Reads cover the whole file, so one past its end would fail the job; writes
                 // leave the tail alone unless one lands outside the span.
                 const QueuedJob job{pattern, direction, pattern == Pattern::sequential ? 65536u : 4096u, depth,
                                     direction == Direction::read ? kSpan + kTail : kSpan, 200ms, std::nullopt};
                 std::vector<std::uint64_t> reported;
                 auto figures = file->run(job, {}, [&](std::uint64_t bytes) { reported.push_back(bytes); });
-                SCOPED_TRACE(::testing::Message() << (pattern == Pattern::random ? "random " : "sequential ")
-                                                  << (direction == Direction::read ? "read" : "write")
-                                                  << " depth " << depth);
                 ASSERT_TRUE(figures.ok()) << figures.error().message;
                 EXPECT_GT(figures->bytes, 0u);
                 EXPECT_EQ(figures->operations * job.blockSize, figures->bytes);
@@ -143,20 +140,17 @@ TEST_F(QueuedFileTest, ByteLimitMovesExactlyThatMuchAndWrapsAtTheSpan) {
     }
 }
 
-TEST_F(QueuedFileTest, ShouldStopEndsTheJobWithTheFiguresSoFar) {
+TEST_F(QueuedFileTest, ShouldStopOrTheEndOfTheFileEndsAJob) {
     OPEN_OR_SKIP(file);
     QueuedJob job{Pattern::random, Direction::read, 4096, 8, kSpan, 1h, std::nullopt};
     int asked = 0;
-    auto figures = file->run(job, [&] { return ++asked == 5; }, {});
-    ASSERT_TRUE(figures.ok()) << figures.error().message;
+    auto stopped = file->run(job, [&] { return ++asked == 5; }, {});
+    ASSERT_TRUE(stopped.ok()) << stopped.error().message;
     EXPECT_EQ(asked, 5);
-    EXPECT_GT(figures->operations, 0u);
-    EXPECT_EQ(figures->operations * 4096, figures->bytes);
-}
+    EXPECT_GT(stopped->operations, 0u);
+    EXPECT_EQ(stopped->operations * 4096, stopped->bytes);
 
-TEST_F(QueuedFileTest, ReadsMustStayInsideTheFile) {
-    OPEN_OR_SKIP(file);
-    QueuedJob job{Pattern::sequential, Direction::read, 65536, 8, kSpan + kTail + 65536, 1h, std::nullopt};
+    job = {Pattern::sequential, Direction::read, 65536, 8, kSpan + kTail + 65536, 1h, std::nullopt};
     auto beyond = file->run(job, {}, {});
     ASSERT_FALSE(beyond.ok());
     EXPECT_EQ(beyond.error().code, EINVAL);
@@ -203,27 +197,6 @@ TEST_F(QueuedFileTest, RejectsMalformedJobsAndClosedFiles) {
     auto missing = openIoUringQueuedFile(folder_ + "/missing");
     ASSERT_FALSE(missing.ok());
     EXPECT_EQ(missing.error().code, ENOENT);
-}
-
-// tmpfs used to refuse O_DIRECT opens with EINVAL; newer kernels (6.18 here) take them. Either
-// way the answer must be usable: EINVAL as it came, or a file that does direct jobs.
-TEST(IoUringQueuedFileTmpfs, RefusesWithEinvalOrWorks) {
-    char pattern[] = "/dev/shm/vantorix-queued-XXXXXX";
-    const int fd = ::mkstemp(pattern);
-    if (fd < 0) GTEST_SKIP() << "no /dev/shm";
-    const std::string path = pattern;
-    const bool sized = ::ftruncate(fd, 1 << 20) == 0;
-    ::close(fd);
-    ASSERT_TRUE(sized);
-    auto file = openIoUringQueuedFile(path);
-    if (!file) {
-        EXPECT_EQ(file.error().code, EINVAL) << file.error().message;
-    } else {
-        QueuedJob job{Pattern::random, Direction::write, 4096, 8, 1 << 20, 0ns, 1 << 20};
-        auto figures = (*file)->run(job, {}, {});
-        EXPECT_TRUE(figures.ok() && figures->bytes == 1 << 20);
-    }
-    ::unlink(path.c_str());
 }
 
 }  // namespace

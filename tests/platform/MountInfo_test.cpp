@@ -17,20 +17,10 @@ constexpr const char* kMountInfo =
     "33 27 notanumber / /bad rw - ext4 /dev/sdz rw\n"
     "34 27 8:1 / /nofields rw\n";
 
-TEST(MountInfo, ParsesFieldsEscapesAndOptionalTags) {
-    const auto entries = parseMountInfo(kMountInfo);
-    ASSERT_EQ(entries.size(), 7u);
-    EXPECT_EQ(entries[1].major, 254u);
-    EXPECT_EQ(entries[1].minor, 0u);
-    EXPECT_EQ(entries[1].fileSystemType, "ext4");
-    EXPECT_EQ(entries[1].source, "/dev/vda");
-    EXPECT_EQ(entries[2].mountPoint, "/mnt/my disk");
-    EXPECT_EQ(entries[2].fileSystemType, "ext4");  // after two optional fields
-    EXPECT_EQ(entries[2].source, "/dev/loop3");
-}
-
 TEST(MountInfo, FindsTheMountHoldingAPath) {
     const auto entries = parseMountInfo(kMountInfo);
+    EXPECT_EQ(entries.size(), 7u) << "lines without all their fields are passed over";
+    EXPECT_EQ(entries[2].fileSystemType, "ext4");  // after two optional fields
     struct Case {
         std::uint32_t major, minor;
         const char* path;
@@ -39,7 +29,7 @@ TEST(MountInfo, FindsTheMountHoldingAPath) {
     };
     const std::vector<Case> cases{
         {254, 0, "/home/user/file", "/", "/dev/vda"},
-        {7, 3, "/mnt/my disk/sub/dir", "/mnt/my disk", "/dev/loop3"},
+        {7, 3, "/mnt/my disk/sub/dir", "/mnt/my disk", "/dev/loop3"},  // after two optional fields
         {7, 3, "/mnt/my disk", "/mnt/my disk", "/dev/loop3"},
         {7, 4, "/mnt/my disk/inner/x", "/mnt/my disk/inner", "/dev/loop4"},
         {254, 0, "/mnt/my diskette", "/", "/dev/vda"},       // a name prefix is not a parent
@@ -67,11 +57,10 @@ TEST(MountInfo, ListsEachBlockDeviceOnceByItsRootMount) {
 }
 
 TEST(MountInfo, DecodesUdevLabelEscapes) {
-    EXPECT_EQ(decodeUdevLabel("My\\x20Disk"), "My Disk");
-    EXPECT_EQ(decodeUdevLabel("a\\x2fb"), "a/b");
-    EXPECT_EQ(decodeUdevLabel("\\xzz"), "\\xzz");
-    EXPECT_EQ(decodeUdevLabel("end\\x2"), "end\\x2");
-    EXPECT_EQ(decodeUdevLabel("数据"), "数据");
+    const std::pair<std::string, std::string> cases[] = {
+        {"My\\x20Disk", "My Disk"}, {"a\\x2fb", "a/b"}, {"\\xzz", "\\xzz"}, {"end\\x2", "end\\x2"}, {"数据", "数据"},
+    };
+    for (const auto& [label, decoded] : cases) EXPECT_EQ(decodeUdevLabel(label), decoded) << label;
 }
 
 }  // namespace

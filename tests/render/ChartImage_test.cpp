@@ -6,7 +6,6 @@
 
 #include <QColor>
 #include <QImage>
-#include <QPainter>
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -19,15 +18,7 @@ namespace fs = std::filesystem;
 using testing::samplesBy;
 using testing::ScopedLanguage;
 
-// The pictures are kept next to the test program for people to look at.
-fs::path artifactPath(const std::string& name) {
-    const fs::path dir = fs::read_symlink("/proc/self/exe").parent_path() / "render-artifacts";
-    fs::create_directories(dir);
-    return dir / name;
-}
-
-// Renders, keeps the PNG as an artifact and decodes it again. The picture is transparent; a copy
-// laid on the window colour of its appearance is kept beside it.
+// Renders, keeps the PNG next to the test program for people to look at, and decodes it again.
 QImage render(const SampleWindow& samples, std::int64_t intervalMs, const std::string& name,
               render::Appearance appearance = render::Appearance::light) {
     auto png = render::chartPNGData(samples, intervalMs, 3840, 2160, appearance);
@@ -35,15 +26,11 @@ QImage render(const SampleWindow& samples, std::int64_t intervalMs, const std::s
         ADD_FAILURE() << png.error().description();
         return {};
     }
-    std::ofstream(artifactPath(name + ".png"), std::ios::binary)
+    const fs::path artifacts = fs::read_symlink("/proc/self/exe").parent_path() / "render-artifacts";
+    fs::create_directories(artifacts);
+    std::ofstream(artifacts / (name + ".png"), std::ios::binary)
         .write(reinterpret_cast<const char*>(png->data()), static_cast<std::streamsize>(png->size()));
-    QImage image =
-        QImage::fromData(png->data(), static_cast<int>(png->size()), "PNG").convertToFormat(QImage::Format_ARGB32);
-    QImage onWindow(image.size(), QImage::Format_RGB32);
-    onWindow.fill(appearance == render::Appearance::dark ? QColor(30, 30, 30) : QColor(246, 246, 246));
-    QPainter(&onWindow).drawImage(0, 0, image);
-    onWindow.save(QString::fromStdString(artifactPath(name + "-on-window.png").string()));
-    return image;
+    return QImage::fromData(png->data(), static_cast<int>(png->size()), "PNG").convertToFormat(QImage::Format_ARGB32);
 }
 
 bool isRead(QColor c) { return c.alpha() > 240 && c.green() > 170 && c.red() < 90 && c.blue() < 120; }
@@ -82,30 +69,19 @@ TEST(ChartImage, DrawsLinesAxesLegendAndSummaryWhereTheyBelong) {
         ASSERT_EQ(image.size(), QSize(3840, 2160));
         EXPECT_EQ(image.pixelColor(5, 2155).alpha(), 0);  // the background stays transparent
 
-        // Lines at the middle of the plot, and nothing of them a little above or below.
+        // Lines at their heights in the middle of the plot.
         const int middle = 220 + 3460 / 2;
         EXPECT_TRUE(isRead(image.pixelColor(middle, row(240 + 0.4 * 1760))));
         EXPECT_TRUE(isWrite(image.pixelColor(middle, row(240 + 0.2 * 1760))));
-        EXPECT_FALSE(anyIn(image, middle, row(240 + 0.4 * 1760) - 12, 1, 6, isRead));
-        EXPECT_FALSE(anyIn(image, middle, row(240 + 0.2 * 1760) + 6, 1, 6, isWrite));
         // The first sample's 100 MB/s reaches the top of the plot at its left edge.
         EXPECT_TRUE(anyIn(image, 220, row(2000) - 2, 4, 6, isRead));
 
         // Axes: the left and bottom edges in the label colour.
         EXPECT_TRUE(isText(image.pixelColor(220, 1000)));
         EXPECT_TRUE(isText(image.pixelColor(1000, row(240))));
-        // Tick marks left of the plot and below it (time ticks every 20 s, so 0.4 of the way at
-        // 40 s), with labels further out.
-        EXPECT_TRUE(isText(image.pixelColor(208, row(240 + 0.6 * 1760))));
+        // Labels left of the plot and below it (time ticks every 20 s, so 0.4 of the way at 40 s).
         EXPECT_TRUE(anyIn(image, 100, row(240 + 0.6 * 1760) - 15, 90, 30, isText));
-        EXPECT_TRUE(isText(image.pixelColor(220 + 1384, row(240) + 12)));
         EXPECT_TRUE(anyIn(image, 220 + 1384 - 60, row(240) + 28, 120, 40, isText));
-
-        // A dashed grid line at 0.6 of the height: 6 pixels on, 4 off.
-        int lit = 0;
-        const int gridRow = row(240 + 0.6 * 1760);
-        for (int x = 300; x < 3600; ++x) lit += image.pixelColor(x, gridRow).alpha() > 30 ? 1 : 0;
-        EXPECT_NEAR(lit / 3300.0, 0.6, 0.1);
 
         // Legend above the plot: the green disc at the plot's left, the orange one after the text.
         EXPECT_TRUE(isRead(image.pixelColor(244, row(2048 + 24))));

@@ -33,13 +33,10 @@ TEST(SMARTKeyCatalogue, NormalizesIndicesBeforeAnExactLookup) {
         {"ata_smart_attributes.table[0].flags.auto_keep", "ata_smart_attributes.table[].flags.auto_keep", "Auto Keep",
          true},
         {"nvme_power_states[12]", "nvme_power_states[]", "Power State", false},
-        {"nvme_power_states", "nvme_power_states", std::nullopt},
         {"nvme_power_states[2].max_power.value", "nvme_power_states[].max_power.value", "Power Value", false},
         {"ata_smart_attributes.table[10]", "ata_smart_attributes.table[]", "Attribute Entry", false},
-        {"Model_Name", "Model_Name", std::nullopt},
         {"model_name", "model_name", "Model Name", true},
         {"smartctl.version", "smartctl.version", "smartctl Version", false},
-        {"user_capacity.bytes", "user_capacity.bytes", std::nullopt},
         {"nvme_firmware_update_capabilities.activiation_without_reset",
          "nvme_firmware_update_capabilities.activiation_without_reset", "Activate Without Reset", false},
         {"nvme_firmware_update_capabilities.activation_without_reset",
@@ -49,7 +46,6 @@ TEST(SMARTKeyCatalogue, NormalizesIndicesBeforeAnExactLookup) {
         {"nvme_power_states[\u0663]", "nvme_power_states[]", "Power State", false},
         {"x[1a].y[-1].z[ 1][1", "x[1a].y[-1].z[ 1][1", std::nullopt},
         {"nvme_power_states[1]]", "nvme_power_states[]]", std::nullopt},
-        {"smartctl.messages[0x1]", "smartctl.messages[0x1]", std::nullopt},
         {"", "", std::nullopt},
     };
     for (const auto& c : cases) {

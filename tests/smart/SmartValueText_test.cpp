@@ -17,10 +17,7 @@ TEST(SmartValueText, FormatsEachJsonTypeInBothLanguages) {
     };
     const std::vector<Case> cases = {
         {"1234567", "1,234,567", "1,234,567"},
-        {"0", "0", "0"},
-        {"-42", "-42", "-42"},
         {"1234.0", "1,234", "1,234"},
-        {"0.5", "0.5", "0.5"},
         {"36.456", "36.46", "36.46"},
         {"-1234.5", "-1,234.5", "-1,234.5"},
         {"0.125", "0.12", "0.12"},  // the formatter's default rounding: half to even
@@ -50,13 +47,10 @@ TEST(SmartValueText, FormatsEachJsonTypeInBothLanguages) {
 TEST(SmartValueText, DerivesReadableNamesFromMemberNames) {
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"fooBarBaz_qux", "foo Bar Baz qux"},
-        {"power_on_time", "power on time"},
-        {"rawValue", "raw Value"},
         {"sata2Speed", "sata2 Speed"},
         {"eui64", "eui64"},
         {"HTTPServer", "HTTPServer"},
         {"ABC_def", "ABC def"},
-        {"a_B", "a B"},
         {"__lead_and_trail__", "lead and trail"},
         {"温度Celsius", "温度Celsius"},
         {"_", "_"},

@@ -33,12 +33,6 @@ std::string contentsOf(const fs::path& path) {
     return text.str();
 }
 
-std::optional<DiskSMARTInfo> interpretFixture(const std::string& name) {
-    const auto document = parsedDocument(contentsOf(kCorpus / name));
-    if (!document) return std::nullopt;
-    return interpret(*document);
-}
-
 // Status, capability, row count and the first 15 rows, one per line.
 std::string summaryOf(const DiskSMARTInfo& info) {
     std::ostringstream text;
@@ -52,18 +46,19 @@ std::string summaryOf(const DiskSMARTInfo& info) {
     return text.str();
 }
 
-TEST(SmartctlFixtures, EveryFixtureInterpretsInBothLanguages) {
-    std::vector<fs::path> fixtures;
+// Six fixtures have reviewed interpretations: an ATA hard disk and SSD, NVMe, SCSI (SAS), a failing
+// disk behind a USB-SATA bridge and a failing NVMe drive.
+TEST(SmartctlFixtures, EveryFixtureInterpretsInBothLanguagesAsReviewed) {
+    const bool update = std::getenv("VANTORIX_UPDATE_GOLDEN") != nullptr;
+    std::size_t fixtures = 0, reviewed = 0;
     for (const auto& entry : fs::directory_iterator(kCorpus)) {
-        if (entry.path().extension() == ".json") fixtures.push_back(entry.path());
-    }
-    ASSERT_EQ(fixtures.size(), 34U);
-    for (const auto& path : fixtures) {
-        const auto name = path.filename().string();
+        if (entry.path().extension() != ".json") continue;
+        ++fixtures;
+        const auto name = entry.path().filename().string();
         std::size_t rowCount = 0;
-        for (const char* lang : {"en_US.UTF-8", "zh_CN.UTF-8"}) {
+        for (const auto& [lang, suffix] : {std::pair{"en_US.UTF-8", ".en.txt"}, std::pair{"zh_CN.UTF-8", ".zh.txt"}}) {
             const testing::ScopedLanguage language(lang);
-            const auto document = parsedDocument(contentsOf(path));
+            const auto document = parsedDocument(contentsOf(entry.path()));
             ASSERT_TRUE(document) << name;
             const auto info = interpret(*document);
             // The open failure holds nothing but smartctl's own members.
@@ -73,33 +68,18 @@ TEST(SmartctlFixtures, EveryFixtureInterpretsInBothLanguages) {
             EXPECT_EQ(info->details.size(), rowCount) << name << " " << lang;
             for (const auto& row : info->details) {
                 EXPECT_FALSE(row.value.empty() || row.displayName.empty()) << name << " " << row.keyPath;
-                const auto* entry = SMARTKeyCatalogue::descriptor(row.keyPath);
-                EXPECT_TRUE(entry == nullptr || entry->shouldDisplay) << name << " " << row.keyPath;
+                const auto* described = SMARTKeyCatalogue::descriptor(row.keyPath);
+                EXPECT_TRUE(described == nullptr || described->shouldDisplay) << name << " " << row.keyPath;
             }
-        }
-    }
-}
-
-TEST(SmartctlFixtures, MatchesTheReviewedInterpretations) {
-    const std::vector<std::string> fixtures = {
-        "smartctl_exporter-HGST_HUS724020ALE640_28.json",                        // ATA hard disk
-        "scrutiny-smart-ata-full.json",                                           // ATA SSD, largest file
-        "scrutiny-smart-nvme.json",                                               // NVMe
-        "smartctl_exporter-HITACHI_H109060SESUN600G_9.json",                      // SCSI (SAS)
-        "scrutiny-smart-fail2.json",                                              // USB-SATA bridge, failing
-        "smartctl_exporter-nvme-null-SAMSUNG_MZWLL3T2HAJQ-00005-nvme0.json",      // failing NVMe
-    };
-    const bool update = std::getenv("VANTORIX_UPDATE_GOLDEN") != nullptr;
-    for (const auto& fixture : fixtures) {
-        for (const auto& [lang, suffix] : {std::pair{"en_US.UTF-8", ".en.txt"}, std::pair{"zh_CN.UTF-8", ".zh.txt"}}) {
-            const testing::ScopedLanguage language(lang);
-            const auto info = interpretFixture(fixture);
-            ASSERT_TRUE(info) << fixture;
-            const auto golden = kGolden / (fs::path(fixture).stem().string() + suffix);
+            const auto golden = kGolden / (entry.path().stem().string() + suffix);
+            if (!fs::exists(golden)) continue;
+            ++reviewed;
             if (update) std::ofstream(golden, std::ios::binary) << summaryOf(*info);
             EXPECT_EQ(summaryOf(*info), contentsOf(golden)) << golden;
         }
     }
+    EXPECT_EQ(fixtures, 34U);
+    EXPECT_EQ(reviewed, 12U);
 }
 
 }  // namespace

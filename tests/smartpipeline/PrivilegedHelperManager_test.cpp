@@ -14,7 +14,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using ::testing::Contains;
-using ::testing::Not;
+using ::testing::HasSubstr;
 using testing::SubstituteHelperService;
 using Script = SubstituteHelperService::Script;
 using State = HelperServiceState;
@@ -80,8 +80,7 @@ TEST_F(PrivilegedHelperManagerTest, PolicyRefusalNeverTouchesTheHelperService) {
     EXPECT_EQ(helper->cachedInstallationState(), false);
     const auto calls = service_->calls();
     EXPECT_EQ(calls.definitionLookups + calls.stateReads + calls.enables, 0);
-    EXPECT_THAT(lines(), Contains("Skipped helper installation because privileged operations are disabled (Manual "
-                                  "override: VANTORIX_DISABLE_PRIVILEGED_OPERATIONS, running in a Snap sandbox)."));
+    EXPECT_THAT(lines(), Contains(HasSubstr("running in a Snap sandbox")));
 }
 
 // Each case: the helper service's state, the outcome of two calls, and what the calls cost.
@@ -91,80 +90,39 @@ TEST_F(PrivilegedHelperManagerTest, EnablesRepairsAndRemembersTheOutcome) {
     const HelperServiceError broken{HelperServiceFailure::commandFailed, "systemctl failed", ""};
     struct Case {
         std::string name;
-        Script script;
+        std::function<void(Script&)> change;  // of a helper service that is not enabled
         bool installed;
-        int enables;
-        int disables;
-        int approvals;
-        std::vector<std::string> expectedLines;
+        int enables, disables, approvals;
     };
-    Script enabled;
-    enabled.state = State::enabled;
-    Script stale = enabled;
-    stale.helperExecutable.exists = false;
-    Script staleStuck = stale;
-    staleStuck.disableError = broken;
-    // Disabling reports a failure, yet a fresh look finds the helper gone.
-    Script staleGone = staleStuck;
-    staleGone.stateAfterFailedDisable = State::notEnabled;
-    Script notEnabled;
-    Script blocked;
-    blocked.enableError = approval;
-    Script failing;
-    failing.enableError = broken;
-    Script pending;
-    pending.state = State::needsAdministrator;
-    pending.enableError = approval;
-    Script approvedLater;
-    approvedLater.stateAfterEnabling = State::needsAdministrator;
-    Script missing;
-    missing.definitionPath.reset();
-    Script unitGone;
-    unitGone.state = State::unitNotInstalled;
+    const auto stale = [](Script& s) {
+        s.state = State::enabled;
+        s.helperExecutable.exists = false;
+    };
     const std::vector<Case> cases = {
-        {"enabled", enabled, true, 0, 0, 0,
-         {"Helper state (substitute helper service): enabled",
-          "Privileged helper already enabled (substitute helper service); caching installation flag.",
-          "Using cached helper installation state: true"}},
-        {"stale", stale, true, 1, 1, 0,
-         {"Helper enabled but its program /usr/libexec/vantorix/vantorix-smartctl-helper is missing; will trigger reinstall.",
-          "Successfully disabled the stale helper registration; proceeding with a fresh one.",
-          "Successfully installed privileged helper via substitute helper service."}},
-        {"stale, disabling fails while enabled", staleStuck, false, 0, 1, 0,
-         {"Helper state observed after the failed disable: enabled",
-          "Failed to disable the stale helper registration before reinstalling: systemctl failed",
-          "Failed to install privileged helper: Registration failed: systemctl failed"}},
-        {"stale, disabling fails but the helper is gone", staleGone, true, 1, 1, 0,
-         {"Disabling reported a failure but the helper is already gone; continuing with reinstall.",
-          "Refreshed helper state after disabling: not enabled"}},
-        {"not enabled", notEnabled, true, 1, 0, 0,
-         {"Helper not enabled yet.", "Starting privileged helper installation via substitute helper service.",
-          "Clearing in-flight installation flag. Cached helper state = true"}},
-        {"the administrator refused", blocked, false, 1, 0, 1,
-         {"Enabling the helper needs an administrator; posting the approval notification.",
-          "Enabling the helper failed (needs an administrator): the administrator password was not given; output: Error "
-          "executing command as another user: Request dismissed",
-          "Using cached helper installation state: false"}},
-        {"failing", failing, false, 1, 0, 0,
-         {"Enabling the helper failed (command failed): systemctl failed",
-          "Clearing in-flight installation flag. Cached helper state = false"}},
-        {"needs an administrator", pending, false, 1, 0, 1,
-         {"Helper needs an administrator to enable it; awaiting approval.",
-          "Skipping duplicate approval notification for the helper."}},
-        {"needs an administrator after enabling", approvedLater, true, 1, 0, 1,
-         {"Privileged helper still needs an administrator to enable it."}},
-        {"unit file missing", missing, false, 0, 0, 0,
-         {"Unable to locate the substitute unit file (substitute helper service).",
-          "Failed to install privileged helper: Helper not installed: the substitute unit file is missing"}},
-        {"unit not installed", unitGone, true, 1, 0, 0,
-         {"Helper unit not installed (substitute helper service): the substitute unit file is missing; check the "
-          "installation."}},
+        {"enabled", [](Script& s) { s.state = State::enabled; }, true, 0, 0, 0},
+        {"stale", stale, true, 1, 1, 0},
+        {"stale, disabling fails while enabled", [&](Script& s) { stale(s); s.disableError = broken; }, false, 0, 1, 0},
+        // Disabling reports a failure, yet a fresh look finds the helper gone.
+        {"stale, disabling fails but the helper is gone",
+         [&](Script& s) { stale(s); s.disableError = broken; s.stateAfterFailedDisable = State::notEnabled; },
+         true, 1, 1, 0},
+        {"not enabled", [](Script&) {}, true, 1, 0, 0},
+        {"the administrator refused", [&](Script& s) { s.enableError = approval; }, false, 1, 0, 1},
+        {"failing", [&](Script& s) { s.enableError = broken; }, false, 1, 0, 0},
+        {"needs an administrator: one notification",
+         [&](Script& s) { s.state = State::needsAdministrator; s.enableError = approval; }, false, 1, 0, 1},
+        {"needs an administrator after enabling", [](Script& s) { s.stateAfterEnabling = State::needsAdministrator; },
+         true, 1, 0, 1},
+        {"unit file missing", [](Script& s) { s.definitionPath.reset(); }, false, 0, 0, 0},
+        {"unit not installed", [](Script& s) { s.state = State::unitNotInstalled; }, true, 1, 0, 0},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         capture_.clear();
         approvals_ = 0;
-        auto helper = manager(c.script);
+        Script script;
+        c.change(script);
+        auto helper = manager(script);
         EXPECT_EQ(helper->ensureHelperInstalledIfNeeded(), c.installed);
         const int stateReads = service_->calls().stateReads;
         EXPECT_EQ(helper->ensureHelperInstalledIfNeeded(), c.installed);  // answered from memory
@@ -175,7 +133,6 @@ TEST_F(PrivilegedHelperManagerTest, EnablesRepairsAndRemembersTheOutcome) {
         EXPECT_EQ(calls.disables, c.disables);
         EXPECT_EQ(approvals_, c.approvals);
         const auto all = lines();
-        for (const auto& line : c.expectedLines) EXPECT_THAT(all, Contains(line));
         for (std::size_t i = 1; i < all.size(); ++i) EXPECT_NE(all[i], all[i - 1]) << "logged twice in a row";
     }
 }
@@ -189,8 +146,7 @@ TEST_F(PrivilegedHelperManagerTest, CallsFromOtherThreadsRunTheWorkflowOnTheMain
     ASSERT_TRUE(main_->runUntil([&] { return service_->calls().stateReads > 0; }, 10s));
     caller.join();
     EXPECT_EQ(answer, true);
-    EXPECT_THAT(lines(), Contains("Dispatching helper installation onto the main thread synchronously."));
-    EXPECT_THAT(lines(), Not(Contains("Executing helper installation directly on the main thread.")));
+    EXPECT_THAT(lines(), Contains(HasSubstr("onto the main thread")));
 }
 
 }  // namespace

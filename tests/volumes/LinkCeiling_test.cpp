@@ -17,6 +17,7 @@ PcieLink pcie(std::uint64_t rate, unsigned width, std::optional<std::uint64_t> m
     return {rate, width, maxRate, maxWidth};
 }
 
+// Links the sysfs fixtures hold are also checked by FixtureAttachments.
 TEST(LinkCeiling, CeilingDescriptionAndWarningOfEachLink) {
     testing::ScopedLanguage english("en_US.UTF-8");
     struct Case {
@@ -28,7 +29,6 @@ TEST(LinkCeiling, CeilingDescriptionAndWarningOfEachLink) {
     const std::vector<Case> cases{
         {{pcie(2'500 * M, 1)}, 250'000'000, "PCIe 1.0 x1", std::nullopt},
         {{pcie(5 * G, 4)}, 2'000'000'000, "PCIe 2.0 x4", std::nullopt},
-        {{pcie(8 * G, 4, 8 * G, 4)}, 3'938'461'538, "PCIe 3.0 x4", std::nullopt},
         {{pcie(16 * G, 4)}, 7'876'923'076, "PCIe 4.0 x4", std::nullopt},
         {{pcie(32 * G, 4)}, 15'753'846'153, "PCIe 5.0 x4", std::nullopt},
         {{pcie(64 * G, 4)}, 30'250'000'000, "PCIe 6.0 x4", std::nullopt},
@@ -38,19 +38,14 @@ TEST(LinkCeiling, CeilingDescriptionAndWarningOfEachLink) {
         {{pcie(16 * G, 2, 8 * G, 4)}, 3'938'461'538, "PCIe 4.0 x2", "The drive runs at PCIe 4.0 x2; it can use PCIe 4.0 x4."},
         {{pcie(8 * G, 0)}, std::nullopt, "PCIe 3.0", std::nullopt},
         {{SataLink{1'500 * M, std::nullopt}}, 150'000'000, "SATA 1.5 Gb/s", std::nullopt},
-        {{SataLink{3 * G, 3 * G}}, 300'000'000, "SATA 3.0 Gb/s", std::nullopt},
-        {{SataLink{6 * G, 6 * G}}, 600'000'000, "SATA 6.0 Gb/s", std::nullopt},
         {{SataLink{3 * G, 6 * G}}, 300'000'000, "SATA 3.0 Gb/s",
          "The SATA link runs at 3.0 Gb/s, below the port's 6.0 Gb/s: the cable or the drive is holding it back."},
         {{UsbLink{1'500'000, 0x0110}}, 187'500, "USB 1.0", std::nullopt},
         {{UsbLink{12 * M, 0x0300}}, 1'500'000, "USB 1.1",
          "A USB 3 drive on a USB 2 port: it runs at 12 Mb/s. A USB 3 port and cable would be faster."},
-        {{UsbLink{480 * M, 0x0210}}, 60'000'000, "USB 2.0", std::nullopt},
         {{UsbLink{480 * M, 0x0320}}, 60'000'000, "USB 2.0",
          "A USB 3 drive on a USB 2 port: it runs at 480 Mb/s. A USB 3 port and cable would be faster."},
         {{UsbLink{480 * M, std::nullopt}}, 60'000'000, "USB 2.0", std::nullopt},
-        {{UsbLink{5 * G, 0x0320}}, 500'000'000, "USB 3.0", std::nullopt},
-        {{UsbLink{10 * G, 0x0310}}, 1'212'121'212, "USB 3.1 Gen2", std::nullopt},
         {{UsbLink{20 * G, 0x0320}}, 2'424'242'424, "USB 3.2 Gen2x2", std::nullopt},
         {{ThunderboltLink{1}}, 1'212'121'212, "Thunderbolt 1", std::nullopt},
         {{ThunderboltLink{2}}, 2'424'242'424, "Thunderbolt 2", std::nullopt},

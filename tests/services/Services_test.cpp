@@ -1,0 +1,301 @@
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "concurrency/WaitFor.h"
+#include "platform/linux/CurlHttpClient.h"
+#include "services/Feedback.h"
+#include "services/HttpTestServer.h"
+#include "services/ServiceTestSupport.h"
+#include "services/UpdateCheck.h"
+#include "support/ManualMainExecutor.h"
+#include "support/ScopedEnvironment.h"
+
+namespace vantorix::services {
+namespace {
+
+namespace fs = std::filesystem;
+using Status = UpdateCheckOutcome::Status;
+
+constexpr const char* kProductId = "vx7k2m9q4r8t1w5y3z6b0c2d4";
+constexpr const char* kProductPath = "/api/products/vx7k2m9q4r8t1w5y3z6b0c2d4";
+constexpr const char* en = "en_US.UTF-8";
+constexpr const char* zh = "zh_CN.UTF-8";
+const std::string kFamily = "\U0001F468\u200D\U0001F469\u200D\U0001F467\u200D\U0001F466";  // one character
+const std::string kAccented = "e\u0301";                                                   // one character
+const std::string kFlag = "\U0001F1E8\U0001F1F3";                                          // one character
+
+// Answers every request with `answer` without a network and keeps what was sent.
+struct ScriptedHttpClient : HttpClient {
+    Result<HttpResponse, HttpError> answer = HttpResponse{200, ""};
+    std::vector<HttpRequest> sent;
+    Result<HttpResponse, HttpError> send(const HttpRequest& request) override {
+        sent.push_back(request);
+        return answer;
+    }
+    Result<HttpDownload, HttpError> download(const std::string&, const std::string&) override {
+        return Failure{HttpError{}};
+    }
+};
+
+std::string repeated(const std::string& piece, std::size_t count) {
+    std::string text;
+    for (std::size_t i = 0; i < count; ++i) text += piece;
+    return text;
+}
+
+TEST(Feedback, InputLimitsCutWholeCharacters) {
+    struct Case {
+        std::string title, content, expectedTitle, expectedContent;
+    };
+    const std::string content2500 = repeated("0123456789", 250);
+    const Case cases[] = {
+        {std::string(101, 't'), "short", std::string(100, 't'), "short"},
+        {"title", content2500, "title", content2500.substr(0, 2000)},
+        {repeated(kFamily, 101), repeated(kAccented, 2001), repeated(kFamily, 100), repeated(kAccented, 2000)},
+        {repeated(kFlag, 100), std::string(2000, 'c'), repeated(kFlag, 100), std::string(2000, 'c')},
+    };
+    for (const auto& c : cases) {
+        FeedbackForm form{FeedbackType::suggestion, c.title, c.content, ""};
+        form.applyLimits();
+        EXPECT_EQ(form.title, c.expectedTitle);
+        EXPECT_EQ(form.content, c.expectedContent);
+    }
+}
+
+TEST(Feedback, ValidationReportsTheFirstFailure) {
+    testing::ScopedLanguage english(en);
+    const std::string title = "Title length must be 5–100", content = "Content length must be 20–2000",
+                      email = "Invalid email format", body = std::string(20, 'x');
+    struct Case {
+        std::string title, content, email;
+        std::optional<std::string> message;
+    };
+    const Case cases[] = {
+        {"  abcd \n", body, "", title},
+        {repeated(kFamily, 4), body, "", title},
+        {repeated(kFamily, 5), body, "", std::nullopt},
+        {std::string(100, 't'), body, "", std::nullopt},
+        {std::string(101, 't'), body, "", title},
+        {"abcde", std::string(19, 'x') + "   ", "", content},
+        {"abcde", std::string(2000, 'x'), "", std::nullopt},
+        {"abcde", std::string(2001, 'x'), "", content},
+        {"abc", "short", "bad", title},
+        {"abcde", "short", "bad", content},
+        {"abcde", body, "user@example.c", email},
+        {"abcde", body, "user@example.com\nother@example.com", email},
+        {"abcde", body, "USER.NAME+TAG@EXAMPLE.COM", std::nullopt},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(validationMessage(FeedbackForm{FeedbackType::other, c.title, c.content, c.email}), c.message)
+            << c.title << " / " << c.content.size() << " / " << c.email;
+    }
+    testing::ScopedLanguage chinese(zh);
+    EXPECT_EQ(validationMessage(FeedbackForm{FeedbackType::other, "abcde", "x", ""}), "内容长度需 20–2000");
+    EXPECT_EQ(validationMessage(FeedbackForm{FeedbackType::other, "abcde", body, "x@y"}), "邮箱格式不正确");
+}
+
+TEST(Feedback, AnswersBecomeOneMessage) {
+    const std::string createdBody = R"({"success":true,"id":"abc"})";
+    struct Case {
+        Result<HttpResponse, HttpError> answer;
+        const char* language;
+        std::string message;
+        bool accepted = false;
+    };
+    const Case cases[] = {
+        {HttpResponse{201, createdBody}, en, "Submitted successfully. Feedback ID: abc", true},
+        {HttpResponse{201, R"({"success":false,"id":"abc"})"}, en, "Submitted, but failed to parse response"},
+        {HttpResponse{201, R"({"success":true})"}, en, "Submitted, but failed to parse response"},
+        {HttpResponse{201, "created"}, zh, "提交成功，但响应解析失败"},
+        {HttpResponse{400, "title: must not be blank"}, en, "title: must not be blank"},
+        {HttpResponse{400, "\xff\xfe bad"}, en, "Submission failed: validation error"},
+        {HttpResponse{400, "\xff"}, zh, "提交失败：参数校验失败"},
+        {HttpResponse{200, createdBody}, en, "Submission failed: server error (200)"},
+        {HttpResponse{500, ""}, zh, "提交失败：服务器错误（500）"},
+        {Failure{HttpError{HttpError::Kind::timedOut, "timed out"}}, en, "Submission failed: server error (500)"},
+    };
+    for (const auto& c : cases) {
+        testing::ScopedLanguage language(c.language);
+        const auto outcome = interpretFeedbackAnswer(c.answer);
+        EXPECT_EQ(outcome.message, c.message);
+        EXPECT_EQ(outcome.accepted, c.accepted) << c.message;
+        EXPECT_EQ(outcome.resetForm, c.accepted) << c.message;
+        EXPECT_EQ(outcome.feedbackId, c.accepted ? std::optional<std::string>("abc") : std::nullopt) << c.message;
+    }
+}
+
+TEST(Feedback, OnlyAValidFormIsSentAsTrimmedJson) {
+    testing::ScopedLanguage english(en);
+    ScriptedHttpClient client;
+    client.answer = HttpResponse{201, R"({"success":true,"id":"abc"})"};
+    const ServiceConfiguration configuration{"https://service.example/", kProductId, ""};
+    const FeedbackForm feature{FeedbackType::feature, "  Dark mode\n", "\tPlease add a dark chart theme.  ", " \n"};
+    EXPECT_TRUE(submitFeedback(client, configuration, feature).accepted);
+    EXPECT_TRUE(submitFeedback(client, configuration,
+                               {FeedbackType::bug, "Crash!", "It crashes when I unplug the disk.", " me@example.org "},
+                               std::chrono::milliseconds(300))
+                    .accepted);
+    EXPECT_FALSE(submitFeedback(client, configuration, {FeedbackType::bug, "x", "y", ""}).accepted);
+    EXPECT_EQ(submitFeedback(client, {"", kProductId, ""}, feature).message, "Submission failed: server error (500)");
+
+    ASSERT_EQ(client.sent.size(), 2u) << "an invalid form or a missing service sends nothing";
+    for (const auto& request : client.sent) {
+        EXPECT_EQ(request.method, HttpRequest::Method::post);
+        EXPECT_EQ(request.url, "https://service.example/api/feedback");
+        EXPECT_EQ(request.headers, (decltype(HttpRequest::headers){{"Content-Type", "application/json"}}));
+    }
+    EXPECT_EQ(nlohmann::json::parse(client.sent[0].body),
+              (nlohmann::json{{"feedbackType", "feature"}, {"title", "Dark mode"},
+                              {"content", "Please add a dark chart theme."}, {"relatedProductId", kProductId}}));
+    EXPECT_EQ(nlohmann::json::parse(client.sent[1].body).value("contactEmail", ""), "me@example.org");
+    EXPECT_EQ(client.sent[1].timeout, std::chrono::milliseconds(300));
+}
+
+TEST(UpdateCheck, VersionsComparePieceByPiece) {
+    struct Case {
+        const char* offered;
+        const char* running;
+        bool newer;
+    };
+    const Case cases[] = {
+        {"1.10", "1.9", true},  {"1.2", "1.2.0", false}, {"1.2.0", "1.2", false}, {"1.2b", "1.0", false},
+        {"1.2b", "0.9", true},  {"2..1", "2.0.9", true},  {"1.0.1", "1.0", true},  {"0.9", "1.0", false},
+        {"+2", "1", true},      {"99999999999999999999", "1", false},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(isNewerVersion(c.offered, c.running), c.newer) << c.offered << " vs " << c.running;
+    }
+}
+
+TEST(UpdateCheck, AnswersBecomeOnePromptOrOneMessage) {
+    const std::string url = "https://downloads.example/Vantorix-2.0.tar.gz";
+    const auto product = [](const std::string& version, const std::string& downloadUrl) {
+        return HttpResponse{200, R"({"id":"p1","currentVersion":")" + version + R"(","downloadUrl":")" + downloadUrl +
+                                     R"("})"};
+    };
+    struct Case {
+        Result<HttpResponse, HttpError> answer;
+        const char* language;
+        std::string message;  // empty when version 2.0 at `url` is offered
+    };
+    const Case cases[] = {
+        {product("2.0", url), en, ""},
+        {product(" 2.0\\n", "\\t" + url + " \\r\\n"), en, ""},
+        {product("1.0.0", url), en, "Already up to date"},
+        {product("1.0.0", url), zh, "当前已是最新版本"},
+        {HttpResponse{200, R"({"id":"p","type":null,"x":[{}],"currentVersion":"1","downloadUrl":"https://h.example"})"},
+         en, "Already up to date"},
+        {HttpResponse{200, "{}"}, en, "Update check failed: the required member “id” is missing"},
+        {HttpResponse{200, R"({"id":"p1","currentVersion":2})"}, en,
+         "Update check failed: the member “currentVersion” is not a string"},
+        {HttpResponse{200, "<html>"}, en, "Update check failed: the data is not valid JSON"},
+        {product(" ", url), en, "Update check failed: invalid payload"},
+        {product("2.0", "  \\n"), zh, "检查更新失败：invalid payload"},
+        {HttpResponse{200, R"({"id":"p1","currentVersion":"2.0"})"}, en, "Update check failed: invalid payload"},
+        {product("2.0", "ftp://downloads.example/v.tar.gz"), zh, "更新地址无效"},
+        {HttpResponse{500, product("2.0", url).body}, zh, "检查更新失败：网络错误"},
+        {Failure{HttpError{HttpError::Kind::connectionFailed, "refused"}}, en, "Update check failed: refused"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.message);
+        testing::ScopedLanguage language(c.language);
+        ScriptedHttpClient client;
+        client.answer = c.answer;
+        const auto outcome = checkForUpdate(client, {"https://service.example/", kProductId, ""}, "1.0");
+        ASSERT_EQ(client.sent.size(), 1u);
+        EXPECT_EQ(client.sent[0].url, std::string("https://service.example") + kProductPath);
+        if (c.message.empty()) {
+            ASSERT_TRUE(outcome.prompt.has_value()) << outcome.message.value_or("");
+            EXPECT_EQ(outcome.status, Status::updateAvailable);
+            EXPECT_EQ(outcome.prompt->version, "2.0");
+            EXPECT_EQ(outcome.prompt->url, url);
+        } else {
+            EXPECT_EQ(outcome.message.value_or("<none>"), c.message);
+            EXPECT_FALSE(outcome.prompt.has_value());
+            const bool upToDate = c.message == "Already up to date" || c.message == "当前已是最新版本";
+            EXPECT_EQ(outcome.status, upToDate ? Status::upToDate : Status::failed);
+        }
+    }
+}
+
+TEST(UpdateCheck, ConfigurationsWithoutAUsableServiceAskNobody) {
+    testing::ScopedLanguage english(en);
+    ScriptedHttpClient client;
+    const auto stock = checkForUpdate(client, {"", kProductId, ""}, "1.0");
+    EXPECT_EQ(stock.status, Status::packageManaged);
+    EXPECT_EQ(stock.message, "This build is updated by your system's package manager.");
+    const ServiceConfiguration unusable[] = {
+        {"   ", kProductId, ""}, {"ftp://service.example", kProductId, ""}, {"service.example", kProductId, ""},
+        {"http://", kProductId, ""}, {"https://service.example", "", ""},
+    };
+    for (const auto& configuration : unusable) {
+        EXPECT_EQ(checkForUpdate(client, configuration, "1.0").message, "Invalid update URL") << configuration.baseUrl;
+    }
+    EXPECT_TRUE(client.sent.empty());
+}
+
+TEST(UpdateCheck, DownloadsReplaceTheFileOfTheirNameOrLeaveTheFolderAsItWas) {
+    testing::ScopedLanguage english(en);
+    testing::HttpTestServer server;
+    server.get("/files/download", [](const httplib::Request&, httplib::Response& response) {
+        response.set_header("Content-Disposition", R"(attachment; filename="../Vantorix 2.0.deb")");
+        response.set_content("new contents", "application/octet-stream");
+    });
+    CurlHttpClient client;
+    for (const bool taken : {false, true}) {
+        testing::TemporaryFolder folder;
+        const fs::path target = folder.path() / "Vantorix 2.0.deb";
+        if (taken) fs::create_directory(target);  // a folder is where the file would go
+        else testing::writeFile(target, "old contents");
+        const auto saved = downloadUpdate(client, server.url("/files/download"), folder.string());
+        EXPECT_EQ(folder.names(), std::set<std::string>{"Vantorix 2.0.deb"});
+        if (taken) {
+            ASSERT_FALSE(saved.ok());
+            EXPECT_EQ(saved.error().rfind("Download failed: ", 0), 0u) << saved.error();
+        } else {
+            ASSERT_TRUE(saved.ok()) << saved.error();
+            EXPECT_EQ(saved.value(), target.string());
+            EXPECT_EQ(testing::fileContents(target), "new contents");
+        }
+    }
+}
+
+TEST(UpdateCheck, SafeNamesFromUrlsAndSuggestions) {
+    std::string accented;
+    for (int i = 0; i < 200; ++i) accented += "é";
+    const std::tuple<std::optional<std::string>, std::string, std::string> cases[] = {
+        {accented + ".deb", "https://h.example/", accented.substr(0, 250) + ".deb"},  // whole characters only
+        {std::string(300, 'a') + ".deb", "https://h.example/", std::string(251, 'a') + ".deb"},
+        {std::nullopt, "https://h.example/a/b/setup.deb?x=1#part", "setup.deb"},
+        {"dir\\evil.deb", "https://h.example/", "evil.deb"},
+        {"../../.bashrc", "https://h.example/", "bashrc"},
+        {std::string("\x7f\x01\0\xff", 4) + "name.deb", "https://h.example/", "name.deb"},
+        {"  .. ", "https://h.example/a/%2E%2E%2F.evil%20one.deb", "evil one.deb"},
+        {"...", "https://h.example/", "vantorix-update"},
+    };
+    for (const auto& [suggested, url, expected] : cases) EXPECT_EQ(safeDownloadName(suggested, url), expected) << url;
+}
+
+TEST(UpdateCheck, CheckerGoneWhileItsCheckRunsCallsNothingBack) {
+    testing::HttpTestServer server;
+    testing::Gate gate;
+    server.get(kProductPath, [&gate](const httplib::Request&, httplib::Response& response) {
+        gate.wait();
+        response.status = 500;
+    });
+    auto main = std::make_shared<ManualMainExecutor>();
+    auto checker =
+        UpdateChecker::create({std::make_shared<CurlHttpClient>(), main, {server.url(""), kProductId, ""}, "1.0"});
+    bool called = false;
+    ASSERT_TRUE(checker->checkForUpdate([&called](const UpdateCheckOutcome&) { called = true; }));
+    ASSERT_TRUE(server.waitForRequests(1, std::chrono::seconds(10)));
+    checker.reset();
+    gate.open();
+    ASSERT_TRUE(testing::waitFor([&] { return main->pendingCount() > 0; }));
+    main->drain();
+    EXPECT_FALSE(called);
+}
+
+}  // namespace
+}  // namespace vantorix::services
