@@ -90,7 +90,6 @@ public:
         std::shared_ptr<std::atomic<std::uint64_t>> heldBytes;  // of test files not yet removed
         PhaseObserver observer;
         Parameters parameters;
-        DiskVolumeDescriptor volume;
         DataSize dataSize = DataSize::availableSpace();
         TestMode mode;
         EffectivePayload payload;
@@ -308,7 +307,7 @@ private:
             checkCancellation();
             checked(handle.seek(offset), TestError::fileHandleUnavailable, "seeking in the random file");
             writeAt(handle, offset, zeros.bytes(static_cast<std::size_t>(std::min<std::uint64_t>(kChunk, length - offset))),
-                  "laying out the random file");
+                    "laying out the random file");
         }
         checked(handle.synchronize(), TestError::writeFailed, "flushing the random file");
     }
@@ -755,9 +754,10 @@ void DiskPerformanceTester::runTest(const std::optional<DiskVolumeDescriptor>& v
     activeTestToken_ = token;
 
     auto heldBytes = std::make_shared<std::atomic<std::uint64_t>>(0);
-    Run::Context context{weak_from_this(), dependencies_.mainExecutor, folder,     temporaryFiles_, cleanupQueue_,
-                         turn_,            heldBytes,                  observer_,  parameters_,     *volume,
-                         state().dataSize, state().testMode,           *payload,   token};
+    Run::Context context{weak_from_this(), dependencies_.mainExecutor, folder,           temporaryFiles_,
+                         cleanupQueue_,    turn_,                      heldBytes,        observer_,
+                         parameters_,      state().dataSize,           state().testMode, *payload,
+                         token};
     retire(std::exchange(current_, {}));
     current_.volumeRoot = volume->mountPoint;
     current_.heldBytes = std::move(heldBytes);

@@ -31,8 +31,7 @@ public:
     std::chrono::microseconds queuedRequestTime{200};
     std::size_t shortReadBy = 0;          // reads of more than this many bytes return this many fewer
     std::uint64_t capacity = UINT64_MAX;  // bytes the files may take in all; growing beyond fails with ENOSPC
-    int writeError = 0;                   // writes fail with this error number …
-    std::uint64_t writeErrorAfter = 0;    // … once this many bytes have been written in all
+    int writeError = 0;                   // writes fail with this error number
     // Writes fail with ENOSPC until the first commit after such a failure: space that removals
     // freed and that the file system gives out only once they are committed.
     bool fullUntilCommit = false;
@@ -44,9 +43,8 @@ public:
     }
 
     std::vector<std::string> existingFiles() const {
-        std::lock_guard lock(mutex_);
         std::vector<std::string> names;
-        for (const auto& [name, data] : files_) names.push_back(name);
+        for (const auto& [name, data] : locked(files_)) names.push_back(name);
         return names;
     }
     std::vector<std::string> everCreated() const { return locked(everCreated_); }
@@ -146,15 +144,12 @@ private:
         Result<Unit, FileError> write(std::span<const std::byte> bytes) override {
             owner_.log({Operation::write, bytes.size()});
             std::lock_guard lock(owner_.mutex_);
-            if (owner_.writeError != 0 && owner_.written_ + bytes.size() > owner_.writeErrorAfter) {
-                return Failure{FileError{owner_.writeError, "refused"}};
-            }
+            if (owner_.writeError != 0) return Failure{FileError{owner_.writeError, "refused"}};
             const std::uint64_t growth = position_ + bytes.size() > data_->size() ? position_ + bytes.size() - data_->size() : 0;
             if (owner_.fullUntilCommit || owner_.taken() + growth > owner_.capacity) {
                 owner_.metFull_ = owner_.fullUntilCommit;
                 return Failure{FileError{ENOSPC, "No space left on device"}};
             }
-            owner_.written_ += bytes.size();
             if (growth > 0) data_->resize(position_ + bytes.size());
             std::memcpy(data_->data() + position_, bytes.data(), bytes.size());
             position_ += bytes.size();
@@ -207,8 +202,6 @@ private:
         Result<Unit, FileError> truncate(std::uint64_t) override { return Unit{}; }
         Result<Unit, FileError> synchronize() override { return Unit{}; }
         Result<Unit, FileError> close() override { return Unit{}; }
-
-    private:
         MemoryFileSystem& owner_;
     };
 
@@ -225,7 +218,6 @@ private:
     std::vector<CacheMode> opens_;
     std::vector<QueuedJob> queuedJobs_;
     std::map<std::string, std::string> reports_;
-    std::uint64_t written_ = 0;
     bool metFull_ = false;
 };
 

@@ -1,21 +1,14 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/statvfs.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <functional>
-#include <future>
-#include <thread>
 #include <fmt/ranges.h>
-#include <fstream>
+
+#include <filesystem>
+#include <future>
 #include <nlohmann/json.hpp>
-#include <regex>
-#include <set>
-#include <sstream>
+#include <thread>
 
 #include "benchmark/DiskPerformanceTester.h"
-#include "benchmark/PerformanceReport.h"
 #include "support/ManualMainExecutor.h"
 #include "log/Log.h"
 #include "platform/linux/LinuxVolumeInfoSource.h"
@@ -35,35 +28,6 @@ using json = nlohmann::json;
 namespace fs = std::filesystem;
 
 const std::map<std::string, std::optional<std::string>> kEnglish{{"LANGUAGE", "en_US"}, {"LC_ALL", std::nullopt}};
-
-// True when every element that is opened is closed, in order (void elements and "/>" aside).
-::testing::AssertionResult wellFormedHTML(const std::string& html) {
-    static const std::set<std::string> voidElements{"meta", "br", "img", "hr", "link", "input"};
-    static const std::regex tag(R"(<(/?)([a-zA-Z][a-zA-Z0-9]*)([^<>]*?)(/?)>)");
-    if (html.rfind("<!DOCTYPE html>\n", 0) != 0) return ::testing::AssertionFailure() << "no doctype";
-    std::vector<std::string> open;
-    for (auto it = std::sregex_iterator(html.begin(), html.end(), tag); it != std::sregex_iterator(); ++it) {
-        const auto& m = *it;
-        const std::string name = m[2];
-        if (m[1] == "/") {
-            if (open.empty() || open.back() != name) {
-                return ::testing::AssertionFailure() << "</" << name << "> closes " << (open.empty() ? "nothing" : open.back());
-            }
-            open.pop_back();
-        } else if (m[4] != "/" && voidElements.count(name) == 0) {
-            open.push_back(name);
-        }
-    }
-    if (!open.empty()) return ::testing::AssertionFailure() << "<" << open.back() << "> never closed";
-    return ::testing::AssertionSuccess();
-}
-
-std::string readFile(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream content;
-    content << in.rdbuf();
-    return content.str();
-}
 
 class BenchmarkOnLoopVolume : public ::testing::Test {
 protected:
@@ -92,22 +56,6 @@ protected:
         return testing::runProcess(argv, kEnglish);
     }
 
-    // A tester on the real volume, with short random phases.
-    std::shared_ptr<DiskPerformanceTester> makeTester(std::uint64_t payload) {
-        DiskPerformanceTester::Parameters parameters;
-        parameters.randomPhaseDuration = 0.2;
-        parameters.payloadBytes = payload;
-        return DiskPerformanceTester::create({main_, std::make_shared<PosixFileSystem>()}, parameters);
-    }
-
-    DiskVolumeDescriptor resolve() {
-        LinuxVolumeInfoSource files;
-        SysfsBlockDevices devices;
-        auto descriptor = DiskVolumeResolver::resolve(volume_->mountPoint(), files, devices);
-        EXPECT_TRUE(descriptor.ok());
-        return descriptor.value();
-    }
-
     std::unique_ptr<LoopVolume> volume_;
     std::shared_ptr<ManualMainExecutor> main_ = std::make_shared<ManualMainExecutor>();
 };
@@ -129,63 +77,35 @@ TEST_F(BenchmarkOnLoopVolume, CommandRunsTheFourPhasesAndLeavesOnlyTheReport) {
     EXPECT_GE(result["phases"][2]["deviceBytes"].get<std::uint64_t>(), payload);
     EXPECT_EQ(result["phases"][2]["bytesMoved"], payload);
 
-    // The report is the only file left, in the volume's root, and is well-formed HTML.
+    // The report is the only file left, in the volume's root.
     const std::string reportPath = result["reportPath"];
     EXPECT_EQ(fs::path(reportPath).parent_path(), fs::path(volume_->mountPoint()));
-    EXPECT_TRUE(std::regex_match(fs::path(reportPath).filename().string(),
-                                 std::regex(R"(Vantorix-Performance-\d{8}-\d{6}\.html)")));
     EXPECT_EQ(rootEntries(), std::vector<std::string>{fs::path(reportPath).filename().string()});
-    const std::string html = readFile(reportPath);
-    EXPECT_TRUE(wellFormedHTML(html));
-    EXPECT_NE(html.find("VTXBENCH"), std::string::npos);
-    EXPECT_NE(html.find("<polyline"), std::string::npos);
     EXPECT_NE(run.err.find("Performance test finished. Report automatically saved to: " + reportPath), std::string::npos);
 }
 
 TEST_F(BenchmarkOnLoopVolume, CommandFailuresNameTheirCause) {
-    const auto fill = [](const std::string& folder) {
-        struct statvfs info {};
-        ASSERT_EQ(::statvfs(folder.c_str(), &info), 0);
-        const int fd = ::open((folder + "/filler").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-        ASSERT_GE(fd, 0);
-        EXPECT_EQ(::posix_fallocate(fd, 0, static_cast<off_t>(info.f_bavail * info.f_frsize - 1'000'000)), 0);
-        ::close(fd);
-    };
-    const auto useEveryInode = [](const std::string& folder) {
-        for (int i = 0;; ++i) {
-            const int fd = ::open(fmt::format("{}/{}", folder, i).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
-            if (fd < 0) return;
-            ::close(fd);
-        }
-    };
-    const auto readOnly = [](const std::string& folder) {
-        ASSERT_EQ(testing::runShell("mount -o remount,ro " + folder).exitStatus, 0);
-    };
     struct Case {
         const char* name;
-        std::function<void(const std::string&)> arrange;
-        std::vector<std::string> arguments;
-        std::string message;
+        const char* arrange;  // a shell command, "{}" standing for the volume's folder
+        const char* payload;
+        const char* message;
     };
-    const std::vector<Case> cases{
-        {"whole disk below a gigabyte", [](const std::string&) {}, {"--size", "full"},
-         "Not enough free space to run the performance test. The test needs 1 GB, but only "},
-        {"full", fill, {"--payload-bytes", "20000000"},
+    const Case cases[] = {
+        {"full", "fallocate -l $(( $(stat -f -c '%a * %S' {0}) - 1000000 )) {0}/filler", "20000000",
          "Not enough free space to run the performance test. The test needs 20 MB, but only "},
-        {"no inode left", useEveryInode, {"--payload-bytes", "1000000"},
+        {"no inode left", "i=0; while : > {0}/$i 2>/dev/null; do i=$((i + 1)); done", "1000000",
          "Failed to create the temporary test file. No space left on device.\n"},
-        {"read-only", readOnly, {"--payload-bytes", "1000000"}, "Failed to create the temporary test file. Read-only file system.\n"},
+        {"read-only", "mount -o remount,ro {0}", "1000000", "Failed to create the temporary test file. Read-only file system.\n"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         std::string error;
         volume_ = LoopVolume::create("VTXBENCH", 96ull * 1024 * 1024, &error);
         ASSERT_TRUE(volume_) << error;
-        c.arrange(volume_->mountPoint());
+        testing::runShell(fmt::format(fmt::runtime(c.arrange), volume_->mountPoint()));
         const auto before = rootEntries();
-        auto arguments = c.arguments;
-        arguments.insert(arguments.end(), {"--random-seconds", "0.1"});
-        const auto run = bench(arguments);
+        const auto run = bench({"--payload-bytes", c.payload, "--random-seconds", "0.1"});
         EXPECT_EQ(run.exitStatus, 1);
         EXPECT_NE(run.err.find(c.message), std::string::npos) << run.err;
         EXPECT_EQ(rootEntries(), before);
@@ -224,7 +144,13 @@ TEST_F(BenchmarkOnLoopVolume, InterruptedCommandRemovesItsFiles) {
 }
 
 TEST_F(BenchmarkOnLoopVolume, AStopInEachPhaseOfEachModeLeavesNoFileAndNoResult) {
-    const auto descriptor = resolve();
+    LinuxVolumeInfoSource volumes;
+    SysfsBlockDevices devices;
+    const auto descriptor = DiskVolumeResolver::resolve(volume_->mountPoint(), volumes, devices);
+    ASSERT_TRUE(descriptor.ok());
+    DiskPerformanceTester::Parameters parameters;
+    parameters.randomPhaseDuration = 0.2;
+    parameters.payloadBytes = 32'000'000;
     struct Case {
         TestMode mode;
         std::optional<BenchmarkPhase> phase;  // the standard test's phase to stop in
@@ -242,7 +168,7 @@ TEST_F(BenchmarkOnLoopVolume, AStopInEachPhaseOfEachModeLeavesNoFileAndNoResult)
     const log::Capture capture;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.phase ? rawValue(*c.phase) + (c.mode.bypassCache ? " direct" : "") : c.step);
-        auto tester = makeTester(32'000'000);
+        auto tester = DiskPerformanceTester::create({main_, std::make_shared<PosixFileSystem>()}, parameters);
         tester->setTestMode(c.mode);
         bool stopped = false;
         // The standard test's thread waits in the phase's start until the stop has been made.
@@ -262,7 +188,7 @@ TEST_F(BenchmarkOnLoopVolume, AStopInEachPhaseOfEachModeLeavesNoFileAndNoResult)
             stopped = true;
             main_->post([&] { tester->stopTest(); });
         });
-        tester->runTest(descriptor);
+        tester->runTest(descriptor.value());
         ASSERT_TRUE(main_->runUntil([&] { return !tester->state().isRunning; }, 60s));
         tester->waitForBackgroundWork();
         main_->drain();
@@ -289,8 +215,6 @@ TEST_F(BenchmarkOnLoopVolume, BypassingTheCacheTheDeviceSeesWhatEachPhaseMoved) 
         EXPECT_NEAR(phase["deviceBytes"].get<double>(), moved, moved * 0.01);
     }
     EXPECT_EQ(run.err.find("page cache"), std::string::npos) << run.err;
-    const std::string html = readFile(result["reportPath"]);
-    EXPECT_NE(html.find("<p class=\"mode\">Test Mode：Cache bypass (direct I/O), queue depth 1</p>"), std::string::npos);
     EXPECT_EQ(rootEntries().size(), 1U);
 }
 
@@ -307,9 +231,6 @@ TEST_F(BenchmarkOnLoopVolume, QueueDepthProfilesRunOnIoUring) {
         }
     }
     EXPECT_EQ(profiles, (std::vector<std::string>{"SEQ1M Q8T1", "SEQ1M Q1T1", "RND4K Q32T1", "RND4K Q1T1"}));
-    const std::string html = readFile(result["reportPath"]);
-    EXPECT_TRUE(wellFormedHTML(html));
-    EXPECT_NE(html.find("<td>RND4K Q32T1</td>"), std::string::npos);
     EXPECT_EQ(rootEntries().size(), 1U);
 }
 
