@@ -86,7 +86,7 @@ public:
         std::shared_ptr<Directory> folder;  // the volume's folder, held for the whole run
         std::shared_ptr<TemporaryFileRegistry> registry;
         std::shared_ptr<SerialQueue> cleanupQueue;
-        std::shared_ptr<std::timed_mutex> turn;  // held by the run that has test files, one at a time
+        std::shared_ptr<std::mutex> turn;  // held by the run that has test files, one at a time
         std::shared_ptr<std::atomic<std::uint64_t>> heldBytes;  // of test files not yet removed
         PhaseObserver observer;
         Parameters parameters;
@@ -199,8 +199,10 @@ private:
     // A run stopped just before may still be letting go of its files, on this volume or another:
     // this one starts once it has, and once their removals are committed, so that the space they
     // held is free when this run lays out its files.
-    void waitForTurn(std::unique_lock<std::timed_mutex>& turn) {
-        while (!turn.try_lock_for(std::chrono::milliseconds(20))) checkCancellation();
+    void waitForTurn(std::unique_lock<std::mutex>& turn) {
+        while (!turn.try_lock()) {
+            if (!cancellation_.sleepFor(std::chrono::milliseconds(20))) throw RunCancelled{};
+        }
         c_.cleanupQueue->sync([] {});
         (void)c_.folder->commitRemovals();
         checkCancellation();

@@ -137,7 +137,7 @@ private:
     std::shared_ptr<TemporaryFileRegistry> temporaryFiles_ = std::make_shared<TemporaryFileRegistry>();
     std::shared_ptr<SerialQueue> cleanupQueue_;
     std::shared_ptr<SerialQueue> automaticExportQueue_;
-    std::shared_ptr<std::timed_mutex> turn_ = std::make_shared<std::timed_mutex>();  // see Run::waitForTurn
+    std::shared_ptr<std::mutex> turn_ = std::make_shared<std::mutex>();  // see Run::waitForTurn
     RunRecord current_;
     std::vector<RunRecord> retired_;  // stopped or finished runs that may still be winding down
     std::optional<Uuid> activeTestToken_;
