@@ -64,7 +64,7 @@ for kind in standard direct deep; do
             verdict=FAIL
             failures=$((failures + 1))
         fi
-        printf '%-8s round %s: stopped run exit %s (at "%s"), next run exit %s in %.1f s, test files left %s, reports %s: %s\n' \
+        printf '%-8s round %s: stopped run exit %s (last progress "%s"), next run exit %s in %.1f s, test files left %s, reports %s: %s\n' \
             "$kind" "$round" "$first" "$where" "$second" "$seconds" "$leftovers" "$reports" "$verdict"
         [ "$verdict" = pass ] || sed 's/^/    /' "$work/second.err"
         # The next round starts from the same free space.
