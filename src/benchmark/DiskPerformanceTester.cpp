@@ -7,6 +7,9 @@
 #include <limits>
 #include <random>
 #include <span>
+#include <utility>
+
+#include <fmt/format.h>
 
 #include "benchmark/PerformanceReport.h"
 #include "benchmark/TestError.h"
@@ -15,7 +18,9 @@
 #include "platform/IoBuffer.h"
 #include "platform/QueuedFile.h"
 #include "text/Formats.h"
+#include "text/Language.h"
 #include "text/Messages.h"
+#include "text/SystemError.h"
 
 namespace vantorix {
 namespace {
@@ -37,21 +42,18 @@ const log::Logger& logger() {
     return instance;
 }
 
-// Logs why a file operation failed (the user sees only the kind) and throws the kind.
-[[noreturn]] void fail(TestError::Kind kind, std::string_view what, const FileError& error) {
-    logger().error("{} failed: {} (errno {})", what, error.message, error.code);
-    throw TestError(kind);
-}
-
-template <class T>
-T checked(Result<T, FileError> result, TestError::Kind kind, std::string_view what) {
-    if (!result) fail(kind, what, result.error());
-    return std::move(result).value();
-}
-
-std::string joinPath(const std::string& folder, const std::string& name) {
-    if (!folder.empty() && folder.back() == '/') return folder + name;
-    return folder + "/" + name;
+// Why a payload does not fit, said after the insufficientFreeSpace sentence: "The test needs 64 MB,
+// but only 60 MB are free", and, when the space went during the run, that it shrank.
+std::string spaceShortfall(std::uint64_t needed, std::uint64_t available, bool shrank) {
+    const std::string neededText = payloadSizeText(needed);
+    const std::string availableText = payloadSizeText(available);
+    if (text::isEnglish()) {
+        return shrank ? fmt::format("The free space shrank after the test started: the test needs {}, but only {} are free",
+                                    neededText, availableText)
+                      : fmt::format("The test needs {}, but only {} are free", neededText, availableText);
+    }
+    return shrank ? fmt::format("测试开始后可用空间减少了：测试需要 {}，但只有 {} 可用", neededText, availableText)
+                  : fmt::format("测试需要 {}，但只有 {} 可用", neededText, availableText);
 }
 
 // The step a queue-depth test is in, as the progress shows it.
@@ -62,18 +64,14 @@ BenchmarkPhase phaseOfStep(std::size_t profile, bool write) {
     return write ? BenchmarkPhase::randomWrite : BenchmarkPhase::randomRead;
 }
 
-// The folder a path lies in.
-std::string folderOf(const std::string& path) {
-    const auto slash = path.rfind('/');
-    if (slash == std::string::npos) return ".";
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
-
-// Removes one test file if it is there (a failure is ignored) and forgets it. The removal is
-// committed, so that its space is free for the next file laid out, in this run or the next.
-void removeTestFile(FileSystem& files, TemporaryFileRegistry& registry, const std::string& path) {
-    if (files.exists(path) && files.remove(path)) (void)files.commitRemovals(folderOf(path));
-    registry.remove(path);
+// Removes one test file if it is there (a failure is ignored), forgets it and commits the removal,
+// so that its space is free for the next file laid out, in this run or the next. The commit is
+// made also when a stop's cleanup removed the file first: the run still had it open then, and a
+// removed file gives its blocks back only once its last descriptor is closed.
+void removeTestFile(TemporaryFileRegistry& registry, const TestFile& file) {
+    if (file.folder->exists(file.name)) (void)file.folder->remove(file.name);
+    (void)file.folder->commitRemovals();
+    registry.remove(file);
 }
 
 }  // namespace
@@ -85,12 +83,13 @@ public:
     struct Context {
         std::weak_ptr<DiskPerformanceTester> tester;
         std::shared_ptr<MainExecutor> main;
-        std::shared_ptr<FileSystem> files;
+        std::shared_ptr<Directory> folder;  // the volume's folder, held for the whole run
         std::shared_ptr<TemporaryFileRegistry> registry;
         std::shared_ptr<SerialQueue> cleanupQueue;
+        std::shared_ptr<std::mutex> turn;  // held by the run that has test files, one at a time
+        std::shared_ptr<std::atomic<std::uint64_t>> heldBytes;  // of test files not yet removed
         PhaseObserver observer;
         Parameters parameters;
-        DiskVolumeDescriptor volume;
         DataSize dataSize = DataSize::availableSpace();
         TestMode mode;
         EffectivePayload payload;
@@ -106,6 +105,8 @@ public:
         std::optional<Result> result;
         std::string message;
         try {
+            std::unique_lock turn(*c_.turn, std::defer_lock);
+            waitForTurn(turn);
             result = c_.mode.kind == TestKind::queueDepth ? performQueueDepth() : perform();
             result->mode = c_.mode;
         } catch (const RunCancelled&) {
@@ -118,8 +119,9 @@ public:
             message = error.what();
         }
         c_.main->post(weakly(c_.tester, [token = c_.token, outcome, result = std::move(result),
-                                         message = std::move(message)](DiskPerformanceTester& tester) mutable {
-            tester.deliver(token, outcome, std::move(result), std::move(message));
+                                         message = std::move(message),
+                                         folder = c_.folder](DiskPerformanceTester& tester) mutable {
+            tester.deliver(token, outcome, std::move(result), std::move(message), std::move(folder));
         }));
     }
 
@@ -140,32 +142,30 @@ private:
     Result perform() {
         runStart_ = Clock::now();
         checkCancellation();
-        // Files removed just before (an earlier run's, the user's) give their space back only once
-        // the removal is committed; the payload was sized with that space.
-        (void)c_.files->commitRemovals(c_.volume.url);
-
-        const std::string randomPath = createTestFile("Vantorix_IO_RandomTest_");
+        const std::uint64_t workingSet = std::min(c_.payload.byteCount, randomPhaseWorkingSetLimit);
+        const TestFile randomFile = createTestFile("Vantorix_IO_RandomTest_", workingSet);
         RandomFigures random;
         try {
-            random = randomPhases(randomPath);
+            random = randomPhases(randomFile);
         } catch (...) {
-            handToCleanup(randomPath);
+            handToCleanup(randomFile, workingSet);
             throw;
         }
         // The random file is gone, and the file system has committed its removal (with online
         // discard, trimming its blocks), before the sequential phases start: its space is the
         // sequential file's, and the write should not pay for the previous phase.
-        handToCleanup(randomPath);
+        handToCleanup(randomFile, workingSet);
         c_.cleanupQueue->sync([] {});
 
-        const std::string sequentialPath = createTestFile("Vantorix_IO_Test_");
+        const TestFile sequentialFile = createTestFile("Vantorix_IO_Test_", c_.payload.byteCount);
         SequentialFigures write;
         SequentialFigures read;
         try {
-            write = sequentialWrite(sequentialPath);
-            read = sequentialRead(sequentialPath);
+            write = sequentialWrite(sequentialFile);
+            read = sequentialRead(sequentialFile);
+            checkInPlace();
         } catch (...) {
-            handToCleanup(sequentialPath);
+            handToCleanup(sequentialFile, c_.payload.byteCount);
             throw;
         }
 
@@ -188,7 +188,7 @@ private:
         result.timeline.insert(result.timeline.end(), std::make_move_iterator(read.samples.begin()),
                                std::make_move_iterator(read.samples.end()));
         result.finishedAt = std::chrono::system_clock::now();
-        handToCleanup(sequentialPath);
+        handToCleanup(sequentialFile, c_.payload.byteCount);
         return result;
     }
 
@@ -196,21 +196,97 @@ private:
         if (cancellation_.isCancelled()) throw RunCancelled{};
     }
 
-    std::string createTestFile(const std::string& prefix) {
-        const std::string path = joinPath(c_.volume.url, prefix + Uuid::make().text());
-        if (!c_.files->createEmptyFile(path)) throw TestError(TestError::temporaryFileCreationFailed);
-        c_.registry->add(path);
-        return path;
+    // A run stopped just before may still be letting go of its files, on this volume or another:
+    // this one starts once it has, and once their removals are committed, so that the space they
+    // held is free when this run lays out its files.
+    void waitForTurn(std::unique_lock<std::mutex>& turn) {
+        while (!turn.try_lock()) {
+            if (!cancellation_.sleepFor(std::chrono::milliseconds(20))) throw RunCancelled{};
+        }
+        c_.cleanupQueue->sync([] {});
+        (void)c_.folder->commitRemovals();
+        checkCancellation();
+        checkInPlace();
     }
 
-    void handToCleanup(const std::string& path) {
-        c_.cleanupQueue->async([files = c_.files, registry = c_.registry, path] { removeTestFile(*files, *registry, path); });
+    // The folder the run started in must still be where its path leads: a volume unmounted
+    // lazily keeps working for the descriptors open on it, while its path leads to the folder
+    // underneath, on another file system.
+    void checkInPlace() {
+        if (c_.folder->isInPlace()) return;
+        logger().error("The test's folder is no longer where its path leads: the volume was unmounted or removed");
+        throw TestError(TestError::volumeWentAway);
+    }
+
+    // Logs why a file operation failed and throws its kind with the system's cause. A volume that
+    // went away explains any failure best.
+    [[noreturn]] void fail(TestError::Kind kind, std::string_view what, const FileError& error) {
+        logger().error("{} failed: {} (errno {})", what, error.message, error.code);
+        checkInPlace();
+        throw TestError::because(kind, error.code);
+    }
+
+    [[noreturn]] void failShortRead(std::string_view what) {
+        logger().error("{} returned fewer bytes than asked for", what);
+        checkInPlace();
+        throw TestError(TestError::readFailed);
+    }
+
+    template <class T>
+    T checked(::vantorix::Result<T, FileError> result, TestError::Kind kind, std::string_view what) {
+        if (!result) fail(kind, what, result.error());
+        return std::move(result).value();
+    }
+
+    // The free space the run was sized with may have gone since it started (another program
+    // wrote, or the volume's figure was old): a file that no longer fits fails the run, saying
+    // so, before anything is laid out.
+    void ensureRoom(std::uint64_t bytes) {
+        auto available = c_.folder->availableBytes();
+        if (available && *available < bytes) {
+            (void)c_.folder->commitRemovals();
+            available = c_.folder->availableBytes();
+        }
+        if (available && *available < bytes) {
+            throw TestError(TestError::insufficientFreeSpace, spaceShortfall(bytes, *available, true));
+        }
+    }
+
+    TestFile createTestFile(const std::string& prefix, std::uint64_t bytes) {
+        checkInPlace();
+        ensureRoom(bytes);
+        TestFile file{c_.folder, prefix + Uuid::make().text()};
+        checked(c_.folder->createEmptyFile(file.name), TestError::temporaryFileCreationFailed, "creating a test file");
+        c_.registry->add(file);
+        c_.heldBytes->fetch_add(bytes);
+        return file;
+    }
+
+    // Each file created is handed over exactly once, with the bytes it was created for.
+    void handToCleanup(const TestFile& file, std::uint64_t bytes) {
+        c_.cleanupQueue->async([registry = c_.registry, held = c_.heldBytes, file, bytes] {
+            removeTestFile(*registry, file);
+            held->fetch_sub(bytes);
+        });
+    }
+
+    // Writes `data` at the handle's position, `offset`. Writing allocates, and a file system that
+    // says it is full may still hold space removals freed just before; it gives it out once they
+    // are committed, so a full file system is asked once more after a commit.
+    void writeAt(FileHandle& handle, std::uint64_t offset, std::span<const std::byte> data, std::string_view what) {
+        auto written = handle.write(data);
+        if (!written && written.error().code == ENOSPC) {
+            (void)c_.folder->commitRemovals();
+            checked(handle.seek(offset), TestError::fileHandleUnavailable, "seeking in a test file");
+            written = handle.write(data);
+        }
+        checked(std::move(written), TestError::writeFailed, what);
     }
 
     CacheMode cacheMode() const { return c_.mode.bypassCache ? CacheMode::direct : CacheMode::buffered; }
 
-    std::unique_ptr<FileHandle> open(FileAccess access, const std::string& path) {
-        auto handle = c_.files->open(path, access, cacheMode());
+    std::unique_ptr<FileHandle> open(FileAccess access, const TestFile& file) {
+        auto handle = c_.folder->open(file.name, access, cacheMode());
         if (!handle) {
             if (cacheMode() == CacheMode::direct && handle.error().code == EINVAL) {
                 throw TestError(TestError::directIoUnsupported);
@@ -232,13 +308,16 @@ private:
         for (std::uint64_t offset = 0; offset < length; offset += kChunk) {
             checkCancellation();
             checked(handle.seek(offset), TestError::fileHandleUnavailable, "seeking in the random file");
-            checked(handle.write(zeros.bytes(static_cast<std::size_t>(std::min<std::uint64_t>(kChunk, length - offset)))),
-                    TestError::writeFailed, "laying out the random file");
+            writeAt(handle, offset, zeros.bytes(static_cast<std::size_t>(std::min<std::uint64_t>(kChunk, length - offset))),
+                    "laying out the random file");
         }
         checked(handle.synchronize(), TestError::writeFailed, "flushing the random file");
     }
 
+    // About once a second, and at the end of each phase: progress, and whether the volume is
+    // still there.
     void publish(BenchmarkPhase phase, Clock::time_point now) {
+        checkInPlace();
         const ProgressState progress = tracker_.snapshot(phase, runStart_, now);
         c_.main->post(weakly(c_.tester, [token = c_.token, progress](DiskPerformanceTester& tester) {
             tester.publishProgress(token, progress);
@@ -252,20 +331,14 @@ private:
         if (c_.observer.finished) c_.observer.finished(phase, bytes);
     }
 
-    RandomFigures randomPhases(const std::string& path) {
+    RandomFigures randomPhases(const TestFile& file) {
         const std::uint64_t payload = c_.payload.byteCount;
         const std::uint64_t workingSet = std::min(payload, randomPhaseWorkingSetLimit);
         const std::uint64_t block = std::min<std::uint64_t>(payload, randomBlockSize);
-        if (payload == 0) {
-            handToCleanup(path);
-            return {};
-        }
+        if (payload == 0) return {};
 
-        auto handle = open(FileAccess::updating, path);
-        if (!handle->truncate(workingSet)) {
-            (void)handle->close();
-            throw TestError(TestError::temporaryFileCreationFailed);
-        }
+        auto handle = open(FileAccess::updating, file);
+        checked(handle->truncate(workingSet), TestError::temporaryFileCreationFailed, "sizing the random file");
         const bool direct = cacheMode() == CacheMode::direct;
         if (direct) layOut(*handle, workingSet);
 
@@ -295,8 +368,9 @@ private:
         auto deadline = phaseStart + phaseLength;
         for (auto now = phaseStart; now < deadline;) {
             checkCancellation();
-            checked(handle->seek(nextOffset()), TestError::fileHandleUnavailable, "seeking in the random file");
-            checked(handle->write(data), TestError::writeFailed, "a random write");
+            const std::uint64_t offset = nextOffset();
+            checked(handle->seek(offset), TestError::fileHandleUnavailable, "seeking in the random file");
+            writeAt(*handle, offset, data, "a random write");
             ++figures.writeCount;
             tracker_.advance(BenchmarkPhase::randomWrite, static_cast<double>(block));
             now = Clock::now();
@@ -310,7 +384,7 @@ private:
         (void)handle->close();
         finished(BenchmarkPhase::randomWrite, figures.writeCount * block);
 
-        handle = open(FileAccess::reading, path);
+        handle = open(FileAccess::reading, file);
         IoBuffer readBuffer(randomBlockSize);
         const std::span<std::byte> target = readBuffer.target(block);
         started(BenchmarkPhase::randomRead);
@@ -319,9 +393,7 @@ private:
         for (now = phaseStart; now < deadline;) {
             checkCancellation();
             checked(handle->seek(nextOffset()), TestError::fileHandleUnavailable, "seeking in the random file");
-            if (checked(handle->read(target), TestError::readFailed, "a random read") != block) {
-                fail(TestError::readFailed, "a random read", FileError{ENODATA, "short read"});
-            }
+            if (checked(handle->read(target), TestError::readFailed, "a random read") != block) failShortRead("a random read");
             ++figures.readCount;
             tracker_.advance(BenchmarkPhase::randomRead, static_cast<double>(block));
             now = Clock::now();
@@ -372,8 +444,8 @@ private:
             figures.duration > 0 ? static_cast<double>(c_.payload.byteCount) / figures.duration : 0.0;
     }
 
-    SequentialFigures sequentialWrite(const std::string& path) {
-        auto handle = open(FileAccess::writing, path);
+    SequentialFigures sequentialWrite(const TestFile& file) {
+        auto handle = open(FileAccess::writing, file);
         const IoBuffer zeros(static_cast<std::size_t>(
             std::min<std::uint64_t>(c_.payload.byteCount, sequentialBlockSize)));
         if (cacheMode() == CacheMode::direct) {
@@ -381,9 +453,11 @@ private:
         }
         started(BenchmarkPhase::sequentialWrite);
         const auto phaseStart = Clock::now();
+        std::uint64_t offset = 0;
         auto figures = sequential(BenchmarkPhase::sequentialWrite, TimelineSample::Phase::sequentialWrite,
                                   [&](std::size_t chunk) {
-                                      checked(handle->write(zeros.bytes(chunk)), TestError::writeFailed, "a sequential write");
+                                      writeAt(*handle, offset, zeros.bytes(chunk), "a sequential write");
+                                      offset += chunk;
                                   });
         checked(handle->synchronize(), TestError::writeFailed, "flushing the sequential file");
         finishPhase(BenchmarkPhase::sequentialWrite, phaseStart, figures);
@@ -392,8 +466,8 @@ private:
         return figures;
     }
 
-    SequentialFigures sequentialRead(const std::string& path) {
-        auto handle = open(FileAccess::reading, path);
+    SequentialFigures sequentialRead(const TestFile& file) {
+        auto handle = open(FileAccess::reading, file);
         IoBuffer buffer(static_cast<std::size_t>(
             std::min<std::uint64_t>(c_.payload.byteCount, sequentialBlockSize)));
         started(BenchmarkPhase::sequentialRead);
@@ -401,7 +475,7 @@ private:
         auto figures = sequential(BenchmarkPhase::sequentialRead, TimelineSample::Phase::sequentialRead,
                                   [&](std::size_t chunk) {
                                       if (checked(handle->read(buffer.target(chunk)), TestError::readFailed, "a sequential read") != chunk) {
-                                          fail(TestError::readFailed, "a sequential read", FileError{ENODATA, "short read"});
+                                          failShortRead("a sequential read");
                                       }
                                   });
         finishPhase(BenchmarkPhase::sequentialRead, phaseStart, figures);
@@ -415,16 +489,15 @@ private:
     Result performQueueDepth() {
         runStart_ = Clock::now();
         checkCancellation();
-        (void)c_.files->commitRemovals(c_.volume.url);
-        const std::string path = createTestFile("Vantorix_IO_QueueTest_");
+        const TestFile file = createTestFile("Vantorix_IO_QueueTest_", c_.payload.byteCount);
         std::vector<QueueDepthFigure> figures;
         try {
-            figures = queueDepthProfiles(path);
+            figures = queueDepthProfiles(file);
         } catch (...) {
-            handToCleanup(path);
+            handToCleanup(file, c_.payload.byteCount);
             throw;
         }
-        handToCleanup(path);
+        handToCleanup(file, c_.payload.byteCount);
 
         const auto& sequential = figures.at(0);
         const auto& random = figures.at(3);  // random 4 KiB at depth 1, as in the standard test
@@ -452,8 +525,8 @@ private:
         return result;
     }
 
-    std::vector<QueueDepthFigure> queueDepthProfiles(const std::string& path) {
-        auto opened = c_.files->openQueued(path);
+    std::vector<QueueDepthFigure> queueDepthProfiles(const TestFile& testFile) {
+        auto opened = c_.folder->openQueued(testFile.name);
         if (!opened) {
             const int code = opened.error().code;
             if (code == EINVAL) throw TestError(TestError::directIoUnsupported);
@@ -471,7 +544,8 @@ private:
             std::chrono::duration<double>(c_.mode.secondsPerProfile));
         std::size_t stepIndex = 0;
         // Runs one job as one step of the progress, which moves by bytes while the file is laid
-        // out and by time while a profile runs.
+        // out and by time while a profile runs. A job stops early when the volume went away.
+        bool volumeGone = false;
         const auto step = [&](const QueuedJob& job, std::size_t profile, bool write) {
             ProgressState progress;
             progress.phase = phaseOfStep(profile, write);
@@ -492,16 +566,27 @@ private:
                 }));
             };
             report(0, stepStart);
-            auto figures = file->run(
-                job, [this] { return cancellation_.isCancelled(); },
-                [&](std::uint64_t bytes) {
-                    const auto now = Clock::now();
-                    if (secondsBetween(lastQueuePublish_, now) < ProgressTracker::kPublishInterval) return;
-                    report(job.byteLimit ? static_cast<double>(bytes) / static_cast<double>(*job.byteLimit)
-                                         : secondsBetween(stepStart, now) / c_.mode.secondsPerProfile,
-                           now);
-                });
+            const auto runJob = [&] {
+                return file->run(
+                    job, [&] { return volumeGone || cancellation_.isCancelled(); },
+                    [&](std::uint64_t bytes) {
+                        const auto now = Clock::now();
+                        if (secondsBetween(lastQueuePublish_, now) < ProgressTracker::kPublishInterval) return;
+                        volumeGone = !c_.folder->isInPlace();
+                        report(job.byteLimit ? static_cast<double>(bytes) / static_cast<double>(*job.byteLimit)
+                                             : secondsBetween(stepStart, now) / c_.mode.secondsPerProfile,
+                               now);
+                    });
+            };
+            auto figures = runJob();
+            // Laying out the file allocates: as for the standard test's writes, a full file system is
+            // asked once more after the removals before are committed.
+            if (!figures && figures.error().code == ENOSPC && job.byteLimit && !cancellation_.isCancelled()) {
+                (void)c_.folder->commitRemovals();
+                figures = runJob();
+            }
             checkCancellation();
+            if (volumeGone) checkInPlace();
             if (!figures) fail(write ? TestError::writeFailed : TestError::readFailed, progress.stepName.value_or("a queued job"), figures.error());
             ++stepIndex;
             report(0, Clock::now());
@@ -525,6 +610,7 @@ private:
             std::chrono::duration<double>(std::min(kQueueDepthRestSeconds, c_.mode.secondsPerProfile / 5)));
         const auto settle = [&] {
             checked(file->synchronize(), TestError::writeFailed, "flushing the queued test file");
+            checkInPlace();
             if (!cancellation_.sleepFor(rest)) throw RunCancelled{};
         };
 
@@ -551,6 +637,7 @@ private:
         }
         checked(file->synchronize(), TestError::writeFailed, "flushing the queued test file");
         (void)file->close();
+        checkInPlace();
         return figures;
     }
 
@@ -578,7 +665,7 @@ DiskPerformanceTester::DiskPerformanceTester(Dependencies dependencies, Paramete
 DiskPerformanceTester::~DiskPerformanceTester() {
     // A task still running keeps what it uses alive and hands its files to the cleanup queue,
     // which outlives it; nothing waits here.
-    currentTestTask_.cancel();
+    current_.task.cancel();
 }
 
 void DiskPerformanceTester::setDataSize(const DataSize& size) {
@@ -617,14 +704,40 @@ std::optional<EffectivePayload> DiskPerformanceTester::payloadPreview(
 
 void DiskPerformanceTester::runTest(const std::optional<DiskVolumeDescriptor>& volume) {
     if (state().isRunning) return;
-    if (!volume) {
-        state_.update([](State& state) { state.errorMessage = TestError(TestError::volumeUnavailable).description(); });
-        return;
+    const auto refuse = [this](const TestError& error) {
+        state_.update([&](State& state) { state.errorMessage = error.description(); });
+    };
+    if (!volume) return refuse(TestError(TestError::volumeUnavailable));
+    // The run works in the folder it opens here, on the volume it opens it on, to its end.
+    auto opened = dependencies_.files->openDirectory(volume->url, volume->deviceName);
+    if (!opened) {
+        const int code = opened.error().code;
+        return refuse(code == ENODEV ? TestError(TestError::volumeWentAway)
+                                     : TestError::because(TestError::temporaryFileCreationFailed, code));
     }
-    const auto payload = payloadPreview(volume);
+    std::shared_ptr<Directory> folder = std::move(opened).value();
+    auto payload = payloadPreview(volume);
+    std::optional<std::uint64_t> available = volume->availableCapacityBytes;
     if (!payload) {
-        state_.update([](State& state) { state.errorMessage = TestError(TestError::insufficientFreeSpace).description(); });
-        return;
+        // The free space the volume reported may leave out what test files removed just before
+        // are about to give back: an earlier run's removals still uncommitted, or its files still
+        // open in a run that is winding down after a stop. Both count.
+        const std::uint64_t held = bytesHeldByEarlierRuns(*volume);
+        (void)folder->commitRemovals();
+        if (const auto fresh = folder->availableBytes()) {
+            DiskVolumeDescriptor now = *volume;
+            now.availableCapacityBytes = *fresh + std::min(held, std::numeric_limits<std::uint64_t>::max() - *fresh);
+            available = now.availableCapacityBytes;
+            payload = payloadPreview(now);
+        }
+    }
+    if (!payload) {
+        const DataSize& size = state().dataSize;
+        const std::uint64_t needed = parameters_.payloadBytes ? *parameters_.payloadBytes
+                                     : size.isAvailableSpace() ? DataSize::kGigabyte
+                                                               : static_cast<std::uint64_t>(size.gigabyteCount()) * DataSize::kGigabyte;
+        return refuse(TestError(TestError::insufficientFreeSpace,
+                                available && *available < needed ? spaceShortfall(needed, *available, false) : ""));
     }
 
     state_.update([&](State& state) {
@@ -642,48 +755,60 @@ void DiskPerformanceTester::runTest(const std::optional<DiskVolumeDescriptor>& v
     const Uuid token = Uuid::make();
     activeTestToken_ = token;
 
-    Run::Context context{weak_from_this(), dependencies_.mainExecutor, dependencies_.files, temporaryFiles_,
-                         cleanupQueue_,     observer_,                   parameters_,         *volume,
-                         state().dataSize,  state().testMode,            *payload,            token};
-    retire(std::move(currentTestTask_));
-    currentTestTask_ = Task("performanceTest", QualityOfService::userInitiated,
-                            [context = std::move(context)](const CancellationToken& cancellation) mutable {
-                                Run(std::move(context), cancellation)();
-                            });
+    auto heldBytes = std::make_shared<std::atomic<std::uint64_t>>(0);
+    Run::Context context{weak_from_this(), dependencies_.mainExecutor, folder,           temporaryFiles_,
+                         cleanupQueue_,    turn_,                      heldBytes,        observer_,
+                         parameters_,      state().dataSize,           state().testMode, *payload,
+                         token};
+    retire(std::exchange(current_, {}));
+    current_.volumeRoot = volume->mountPoint;
+    current_.heldBytes = std::move(heldBytes);
+    current_.task = Task("performanceTest", QualityOfService::userInitiated,
+                         [context = std::move(context)](const CancellationToken& cancellation) mutable {
+                             Run(std::move(context), cancellation)();
+                         });
 }
 
 void DiskPerformanceTester::stopTest() {
     if (!state().isRunning) return;
-    currentTestTask_.cancel();
-    retire(std::move(currentTestTask_));
+    current_.task.cancel();
+    retire(std::exchange(current_, {}));
     activeTestToken_.reset();
     state_.update([](State& state) {
         state.isRunning = false;
         state.progressState.reset();
     });
     // Whatever the run has registered so far goes now; a file it registers later is removed by
-    // the run itself when it notices the cancellation. A removal that fails is registered again
-    // for the next stop.
-    cleanupQueue_->async([files = dependencies_.files, registry = temporaryFiles_] {
-        for (const auto& path : registry->takeAll()) {
-            if (!files->exists(path)) continue;
-            if (files->remove(path)) (void)files->commitRemovals(folderOf(path));
-            else registry->add(path);
+    // the run itself when it notices the cancellation, as is a file it still has open now. A
+    // removal that fails is registered again for the next stop.
+    cleanupQueue_->async([registry = temporaryFiles_] {
+        for (const auto& file : registry->takeAll()) {
+            if (!file.folder->exists(file.name)) continue;
+            if (file.folder->remove(file.name)) (void)file.folder->commitRemovals();
+            else registry->add(file);
         }
     });
 }
 
 void DiskPerformanceTester::waitForBackgroundWork() {
-    currentTestTask_.join();
-    for (auto& task : retiredTasks_) task.join();
-    retiredTasks_.clear();
+    current_.task.join();
+    for (auto& run : retired_) run.task.join();
+    retired_.clear();
     cleanupQueue_->sync([] {});
     automaticExportQueue_->sync([] {});
 }
 
-void DiskPerformanceTester::retire(Task task) {
-    std::erase_if(retiredTasks_, [](const Task& t) { return t.isFinished(); });
-    if (task.valid()) retiredTasks_.push_back(std::move(task));
+void DiskPerformanceTester::retire(RunRecord run) {
+    std::erase_if(retired_, [](const RunRecord& r) { return r.task.isFinished() && r.heldBytes->load() == 0; });
+    if (run.task.valid()) retired_.push_back(std::move(run));
+}
+
+std::uint64_t DiskPerformanceTester::bytesHeldByEarlierRuns(const DiskVolumeDescriptor& volume) const {
+    std::uint64_t held = 0;
+    for (const auto& run : retired_) {
+        if (run.volumeRoot == volume.mountPoint) held += run.heldBytes->load();
+    }
+    return held;
 }
 
 void DiskPerformanceTester::publishProgress(const Uuid& token, const ProgressState& progress) {
@@ -692,10 +817,10 @@ void DiskPerformanceTester::publishProgress(const Uuid& token, const ProgressSta
 }
 
 void DiskPerformanceTester::deliver(const Uuid& token, Outcome outcome, std::optional<Result> result,
-                                    std::string message) {
+                                    std::string message, std::shared_ptr<Directory> folder) {
     if (activeTestToken_ != token) return;
     activeTestToken_.reset();
-    retire(std::move(currentTestTask_));
+    retire(std::exchange(current_, {}));
     state_.update([&](State& state) {
         state.isRunning = false;
         state.progressState.reset();
@@ -709,22 +834,26 @@ void DiskPerformanceTester::deliver(const Uuid& token, Outcome outcome, std::opt
         }
     });
     if (outcome == Outcome::success && state().lastResult && state().lastTestVolume) {
-        startAutomaticExport(*state().lastResult, *state().lastTestVolume);
+        startAutomaticExport(*state().lastResult, *state().lastTestVolume, std::move(folder));
     }
 }
 
-void DiskPerformanceTester::startAutomaticExport(const Result& result, const DiskVolumeDescriptor& volume) {
-    automaticExportQueue_->async([weak = weak_from_this(), main = dependencies_.mainExecutor,
-                                  files = dependencies_.files, result, volume] {
-        const std::string html = report::reportHTML(result, volume);
-        auto written = files->writeNewFileAtomically(volume.url, report::reportBaseName(result.finishedAt), ".html", html);
+void DiskPerformanceTester::startAutomaticExport(const Result& result, const DiskVolumeDescriptor& volume,
+                                                 std::shared_ptr<Directory> folder) {
+    automaticExportQueue_->async([weak = weak_from_this(), main = dependencies_.mainExecutor, folder = std::move(folder),
+                                  result, volume] {
         std::optional<std::string> path;
         std::string message;
-        if (written) {
+        if (!folder->isInPlace()) {
+            // Written through the folder's descriptor, the report would land on a volume no one
+            // reaches any more.
+            message = text::automaticReportExportFailed(TestError(TestError::volumeWentAway).description());
+        } else if (auto written = folder->writeNewFileAtomically(report::reportBaseName(result.finishedAt), ".html",
+                                                                 report::reportHTML(result, volume))) {
             path = *written;
             message = text::automaticReportSaved(*written);
         } else {
-            message = text::automaticReportExportFailed(written.error().message);
+            message = text::automaticReportExportFailed(text::systemErrorText(written.error().code));
         }
         main->post(weakly(weak, [path, message](DiskPerformanceTester& tester) {
             tester.state_.update([&](State& state) {

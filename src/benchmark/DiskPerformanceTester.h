@@ -1,9 +1,11 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -30,7 +32,11 @@ namespace vantorix {
 // bypassed, with direct I/O. The queue-depth test runs four profiles, each read and written for a
 // fixed time, with direct I/O on io_uring. Each run is one task, known by a token; its progress and
 // outcome are published on the main thread, its files are removed on the cleanup queue and,
-// after a success, a report is written on the export queue.
+// after a success, a report is written on the export queue. A run holds the volume's folder open
+// from its start: its files and its report are made in that folder, and a volume that goes away
+// (its path leads elsewhere) fails the run. Runs lay out their files one after another: a run
+// started right after a stop waits until the stopped one has let go of its files and their
+// removal is committed.
 class DiskPerformanceTester : public std::enable_shared_from_this<DiskPerformanceTester> {
 public:
     using Result = PerformanceResult;
@@ -92,6 +98,8 @@ public:
     // Set before a run starts; the running task keeps the observer it started with.
     void setPhaseObserver(PhaseObserver observer) { observer_ = std::move(observer); }
 
+    // When the volume's free space looks too small, the space test files removed just before are
+    // about to give back is counted too (see bytesHeldByEarlierRuns).
     void runTest(const std::optional<DiskVolumeDescriptor>& volume);
     void stopTest();
 
@@ -104,13 +112,23 @@ public:
 private:
     class Run;
     enum class Outcome { success, cancelled, failed };
+    // A run's task, the volume it runs on (its mount point) and the bytes of its test files that
+    // are not yet removed with the removal committed.
+    struct RunRecord {
+        Task task;
+        std::string volumeRoot;
+        std::shared_ptr<std::atomic<std::uint64_t>> heldBytes = std::make_shared<std::atomic<std::uint64_t>>(0);
+    };
 
     DiskPerformanceTester(Dependencies dependencies, Parameters parameters);
 
     void publishProgress(const Uuid& token, const ProgressState& progress);
-    void deliver(const Uuid& token, Outcome outcome, std::optional<Result> result, std::string message);
-    void startAutomaticExport(const Result& result, const DiskVolumeDescriptor& volume);
-    void retire(Task task);
+    void deliver(const Uuid& token, Outcome outcome, std::optional<Result> result, std::string message,
+                 std::shared_ptr<Directory> folder);
+    void startAutomaticExport(const Result& result, const DiskVolumeDescriptor& volume, std::shared_ptr<Directory> folder);
+    void retire(RunRecord run);
+    // What stopped or finished runs on the volume still hold in test files.
+    std::uint64_t bytesHeldByEarlierRuns(const DiskVolumeDescriptor& volume) const;
 
     Dependencies dependencies_;
     Parameters parameters_;
@@ -119,8 +137,9 @@ private:
     std::shared_ptr<TemporaryFileRegistry> temporaryFiles_ = std::make_shared<TemporaryFileRegistry>();
     std::shared_ptr<SerialQueue> cleanupQueue_;
     std::shared_ptr<SerialQueue> automaticExportQueue_;
-    Task currentTestTask_;
-    std::vector<Task> retiredTasks_;  // stopped or finished tasks that may still be winding down
+    std::shared_ptr<std::mutex> turn_ = std::make_shared<std::mutex>();  // see Run::waitForTurn
+    RunRecord current_;
+    std::vector<RunRecord> retired_;  // stopped or finished runs that may still be winding down
     std::optional<Uuid> activeTestToken_;
 };
 

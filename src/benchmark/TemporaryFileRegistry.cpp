@@ -1,22 +1,23 @@
 #include "benchmark/TemporaryFileRegistry.h"
 
-#include <utility>
-
 namespace vantorix {
 
-void TemporaryFileRegistry::add(const std::string& path) {
+void TemporaryFileRegistry::add(const TestFile& file) {
     std::lock_guard lock(mutex_);
-    pendingFiles_.insert(path);
+    pendingFiles_.emplace(Key{file.folder.get(), file.name}, file.folder);
 }
 
-void TemporaryFileRegistry::remove(const std::string& path) {
+void TemporaryFileRegistry::remove(const TestFile& file) {
     std::lock_guard lock(mutex_);
-    pendingFiles_.erase(path);
+    pendingFiles_.erase(Key{file.folder.get(), file.name});
 }
 
-std::set<std::string> TemporaryFileRegistry::takeAll() {
+std::vector<TestFile> TemporaryFileRegistry::takeAll() {
     std::lock_guard lock(mutex_);
-    return std::exchange(pendingFiles_, {});
+    std::vector<TestFile> files;
+    for (auto& [key, folder] : pendingFiles_) files.push_back({std::move(folder), key.second});
+    pendingFiles_.clear();
+    return files;
 }
 
 bool TemporaryFileRegistry::empty() const {

@@ -18,14 +18,18 @@ public:
         reportWriteFailed,
         directIoUnsupported,
         queuedIoUnavailable,
+        volumeWentAway,  // unmounted or removed: the folder's path leads elsewhere now
     };
 
+    // `message` is the cause, said after the kind's sentence; for reportWriteFailed, the reason
+    // the report could not be written.
     explicit TestError(Kind kind, std::string message = {}) : kind_(kind), message_(std::move(message)) {}
 
     static TestError reportWriteFailure(std::string message) { return TestError(reportWriteFailed, std::move(message)); }
+    // The kind, caused by the system error `code`.
+    static TestError because(Kind kind, int code);
 
     Kind kind() const { return kind_; }
-    // The message carried by reportWriteFailed.
     const std::string& message() const { return message_; }
     // The text the user sees, in the current language.
     std::string description() const;

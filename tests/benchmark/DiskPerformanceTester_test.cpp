@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <future>
 
 #include "MemoryFileSystem.h"
 #include "benchmark/ProgressTracker.h"
@@ -19,16 +21,14 @@ DiskVolumeDescriptor volume(std::optional<std::uint64_t> freeBytes = 100'000'000
     DiskVolumeDescriptor descriptor;
     descriptor.url = "/mnt/test";
     descriptor.deviceName = "loop9";
-    descriptor.displayName = "TEST";
-    descriptor.connectionTypeDescription = "Virtual Interface";
     descriptor.availableCapacityBytes = freeBytes;
     return descriptor;
 }
 
 struct Harness {
-    explicit Harness(std::uint64_t payload, double randomSeconds = 0.05) {
+    explicit Harness(std::uint64_t payload) {
         DiskPerformanceTester::Parameters parameters;
-        parameters.randomPhaseDuration = randomSeconds;
+        parameters.randomPhaseDuration = 0.05;
         parameters.payloadBytes = payload;
         tester = DiskPerformanceTester::create({main, files}, parameters);
         tester->setDataSize(DataSize::gigabytes(1));
@@ -52,15 +52,6 @@ struct Harness {
     Subscription subscription;
 };
 
-// After a failed or stopped run: no result, no report, and no file left on the volume.
-void expectNothingLeft(Harness& h) {
-    EXPECT_FALSE(h.tester->state().isRunning);
-    EXPECT_FALSE(h.tester->state().lastResult);
-    EXPECT_TRUE(h.files->existingFiles().empty());
-    EXPECT_TRUE(h.files->reports().empty());
-    EXPECT_TRUE(h.tester->temporaryFiles().empty());
-}
-
 std::vector<std::uint64_t> values(const std::vector<Operation>& operations, Operation::Kind kind) {
     std::vector<std::uint64_t> found;
     for (const auto& operation : operations) {
@@ -69,135 +60,135 @@ std::vector<std::uint64_t> values(const std::vector<Operation>& operations, Oper
     return found;
 }
 
-TEST(DiskPerformanceTester, SuccessfulRunPublishesResultRemovesFilesAndWritesTheReport) {
+TEST(DiskPerformanceTester, SuccessfulRunsPublishTheResultRemoveTheFilesAndWriteTheReport) {
     testing::ScopedLanguage english("en_US.UTF-8");
-    const std::uint64_t payload = 16'777'216ULL * 2 + 1;
-    Harness h(payload);
-    h.runToEnd();
-    const auto& state = h.tester->state();
-
-    ASSERT_TRUE(state.lastResult) << state.errorMessage.value_or("");
-    const auto& result = *state.lastResult;
-    EXPECT_EQ(result.actualByteCount, payload);
-    EXPECT_EQ(result.dataSize, DataSize::gigabytes(1));
-    EXPECT_GT(result.randomWriteIOPS, 0);
-    EXPECT_GT(result.randomReadIOPS, 0);
-    EXPECT_GT(result.randomOperationCount, 0);
-    EXPECT_GT(result.writeThroughput, 0);
-    EXPECT_GT(result.readThroughput, 0);
-    EXPECT_FALSE(state.errorMessage);
-    EXPECT_FALSE(state.progressState);
-
-    // The file names, and nothing left behind.
-    const auto created = h.files->everCreated();
-    ASSERT_EQ(created.size(), 2U);
-    EXPECT_EQ(created[0].rfind("/mnt/test/Vantorix_IO_RandomTest_", 0), 0U);
-    EXPECT_EQ(created[1].rfind("/mnt/test/Vantorix_IO_Test_", 0), 0U);
-    EXPECT_EQ(created[1].size(), std::string("/mnt/test/Vantorix_IO_Test_").size() + 36);
-    EXPECT_TRUE(h.files->existingFiles().empty());
-    EXPECT_TRUE(h.tester->temporaryFiles().empty());
-
-    // Three sequential writes: 16 MiB, 16 MiB and the last byte; the same three reads.
-    const auto writes = values(h.files->operations(), Operation::write);
-    ASSERT_GE(writes.size(), 3U);
-    EXPECT_EQ(std::vector<std::uint64_t>(writes.end() - 3, writes.end()),
-              (std::vector<std::uint64_t>{16'777'216, 16'777'216, 1}));
-    const auto reads = values(h.files->operations(), Operation::read);
-    EXPECT_EQ(std::vector<std::uint64_t>(reads.end() - 3, reads.end()),
-              (std::vector<std::uint64_t>{16'777'216, 16'777'216, 1}));
-    // Random offsets stay inside the working set.
-    for (const auto offset : values(h.files->operations(), Operation::seek)) EXPECT_LE(offset, payload - 4096);
-
-    // Progress: the fraction stays 0 with no estimate while the random phases run, reaches 0.5
-    // after the write and ends at 1 with nothing remaining.
-    ASSERT_FALSE(h.progress.empty());
-    for (const auto& p : h.progress) {
-        if (p.phase == BenchmarkPhase::randomWrite || p.phase == BenchmarkPhase::randomRead) {
-            EXPECT_EQ(p.fractionCompleted, 0);
-            EXPECT_FALSE(p.estimatedRemainingTime);
-        }
-    }
-    EXPECT_TRUE(std::any_of(h.progress.begin(), h.progress.end(), [](const ProgressState& p) {
-        return p.phase == BenchmarkPhase::sequentialWrite && p.fractionCompleted == 0.5;
-    }));
-    EXPECT_EQ(h.progress.back().phase, BenchmarkPhase::sequentialRead);
-    EXPECT_EQ(h.progress.back().fractionCompleted, 1);
-    EXPECT_EQ(h.progress.back().estimatedRemainingTime, 0.0);
-
-    // The report went to the volume's folder, and its message says where.
-    const auto reports = h.files->reports();
-    ASSERT_EQ(reports.size(), 1U);
-    EXPECT_EQ(state.lastReportPath, reports.begin()->first);
-    EXPECT_EQ(state.automaticReportMessage,
-              "Performance test finished. Report automatically saved to: " + reports.begin()->first);
-}
-
-TEST(DiskPerformanceTester, SmallPayloadsUseOffsetZeroAndShorterBlocks) {
     struct Case {
         std::uint64_t payload;
-        std::uint64_t randomBlock;
+        std::vector<std::uint64_t> chunks;  // of the sequential phases
+        std::uint64_t randomBlock;          // offsets stay at most the payload less this block
     };
-    for (const Case c : {Case{4096, 4096}, Case{1000, 1000}}) {
+    const std::uint64_t S = 16'777'216;
+    for (const auto& c : {Case{2 * S + 1, {S, S, 1}, 4096}, Case{4096, {4096}, 4096}, Case{1000, {1000}, 1000}}) {
         SCOPED_TRACE(c.payload);
         Harness h(c.payload);
         h.runToEnd();
-        ASSERT_TRUE(h.tester->state().lastResult);
-        const auto seeks = values(h.files->operations(), Operation::seek);
-        ASSERT_FALSE(seeks.empty());
-        EXPECT_TRUE(std::all_of(seeks.begin(), seeks.end(), [](std::uint64_t offset) { return offset == 0; }));
+        const auto& state = h.tester->state();
+        ASSERT_TRUE(state.lastResult) << state.errorMessage.value_or("");
+        const auto& result = *state.lastResult;
+        EXPECT_EQ(result.actualByteCount, c.payload);
+        EXPECT_EQ(result.dataSize, DataSize::gigabytes(1));
+        for (const double figure : {result.randomWriteIOPS, result.randomReadIOPS, result.writeThroughput, result.readThroughput}) {
+            EXPECT_GT(figure, 0);
+        }
+        EXPECT_GT(result.randomOperationCount, 0);
+        EXPECT_FALSE(state.progressState);
+
+        // The file names, and nothing left behind.
+        const auto created = h.files->everCreated();
+        ASSERT_EQ(created.size(), 2U);
+        EXPECT_EQ(created[0].rfind("/mnt/test/Vantorix_IO_RandomTest_", 0), 0U);
+        EXPECT_EQ(created[1].rfind("/mnt/test/Vantorix_IO_Test_", 0), 0U);
+        EXPECT_TRUE(h.files->existingFiles().empty());
+        EXPECT_TRUE(h.tester->temporaryFiles().empty());
+
         const auto writes = values(h.files->operations(), Operation::write);
+        const auto reads = values(h.files->operations(), Operation::read);
+        ASSERT_GE(writes.size(), c.chunks.size() + 1);
         EXPECT_EQ(writes.front(), c.randomBlock);
-        EXPECT_EQ(writes.back(), c.payload);  // the one sequential chunk
+        EXPECT_EQ(std::vector<std::uint64_t>(writes.end() - static_cast<long>(c.chunks.size()), writes.end()), c.chunks);
+        EXPECT_EQ(std::vector<std::uint64_t>(reads.end() - static_cast<long>(c.chunks.size()), reads.end()), c.chunks);
+        for (const auto offset : values(h.files->operations(), Operation::seek)) EXPECT_LE(offset, c.payload - c.randomBlock);
+
+        // Progress reaches 0.5 after the write and ends at 1 with nothing remaining.
+        ASSERT_FALSE(h.progress.empty());
+        EXPECT_TRUE(std::any_of(h.progress.begin(), h.progress.end(), [](const ProgressState& p) {
+            return p.phase == BenchmarkPhase::sequentialWrite && p.fractionCompleted == 0.5;
+        }));
+        EXPECT_EQ(h.progress.back().phase, BenchmarkPhase::sequentialRead);
+        EXPECT_EQ(h.progress.back().fractionCompleted, 1);
+        EXPECT_EQ(h.progress.back().estimatedRemainingTime, 0.0);
+
+        // The report went to the volume's folder, and its message says where.
+        const auto reports = h.files->reports();
+        ASSERT_EQ(reports.size(), 1U);
+        EXPECT_EQ(state.lastReportPath, reports.begin()->first);
+        EXPECT_EQ(state.automaticReportMessage,
+                  "Performance test finished. Report automatically saved to: " + reports.begin()->first);
     }
 }
 
-TEST(DiskPerformanceTester, FailuresBecomeTheirTextsAndLeaveNothingBehind) {
+TEST(DiskPerformanceTester, FailuresNameTheirCauseAndLeaveNothingBehind) {
     testing::ScopedLanguage english("en_US.UTF-8");
     const char* noBypass =
         "This file system cannot bypass the cache (it refuses direct I/O or keeps its files in memory), so a "
         "cache-bypass test cannot run on it.";
-    const auto refuseDirect = [](MemoryFileSystem& f) { f.refuseDirect = true; };
+    const char* gone = "The volume was unmounted or removed; the test cannot go on.";
+    const auto refuseDirect = [](Harness& h) { h.files->refuseDirect = true; };
     struct Case {
         const char* name;
-        void (*arrange)(MemoryFileSystem&);
+        void (*arrange)(Harness&);
         TestMode mode;
-        const char* message;
+        const char* message;  // empty: the run succeeds
     };
     const Case cases[] = {
-        {"creation", [](MemoryFileSystem& f) { f.failCreation = true; }, {},
-         "Failed to create the temporary test file."},
-        {"short read", [](MemoryFileSystem& f) { f.shortReadBy = 1; }, {},
+        {"read-only", [](Harness& h) { h.files->creationError = EROFS; }, {},
+         "Failed to create the temporary test file. Read-only file system."},
+        {"short read", [](Harness& h) { h.files->shortReadBy = 1; }, {},
          "Read phase failed. Please check the disk status."},
-        {"disk full", [](MemoryFileSystem& f) { f.capacity = 20'000'000; }, {},
-         "Write phase failed. Please check the disk status."},
+        {"full", [](Harness& h) { h.files->writeError = ENOSPC; }, {TestKind::standard, true, 0.01},
+         "Write phase failed. Please check the disk status. No space left on device."},
+        {"space gone since the start", [](Harness& h) { h.files->capacity = 20'000'000; }, {},
+         "Not enough free space to run the performance test. The free space shrank after the test started: the test "
+         "needs 33.6 MB, but only 20 MB are free."},
+        {"space given out only after a commit", [](Harness& h) { h.files->fullUntilCommit = true; }, {}, ""},
+        {"volume gone before the start", [](Harness& h) { h.files->gone = true; }, {}, gone},
+        {"volume gone in the random phases",
+         [](Harness& h) {
+             h.tester->setPhaseObserver({[files = h.files](BenchmarkPhase phase) {
+                                             if (phase == BenchmarkPhase::randomRead) files->gone = true;
+                                         },
+                                         {}});
+         },
+         {}, gone},
+        {"volume gone in a queued job",
+         [](Harness& h) {
+             h.subscription = h.tester->subscribe([files = h.files](const DiskPerformanceTester::State& state) {
+                 if (state.progressState && state.progressState->stepName == "SEQ1M Q8T1 Read") files->gone = true;
+             });
+         },
+         {TestKind::queueDepth, true, 0.3}, gone},
         {"no direct I/O", refuseDirect, {TestKind::standard, true, 0.01}, noBypass},
         {"no direct I/O, queue depth", refuseDirect, {TestKind::queueDepth, true, 0.01}, noBypass},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         Harness h(16'777'216ULL * 2);
-        c.arrange(*h.files);
         h.tester->setTestMode(c.mode);
+        c.arrange(h);
         h.runToEnd();
-        EXPECT_EQ(h.tester->state().errorMessage, c.message);
-        expectNothingLeft(h);
-        if (h.files->refuseDirect) {
-            EXPECT_TRUE(h.files->opens().empty());  // no buffered fallback
-        }
+        EXPECT_EQ(h.tester->state().errorMessage.value_or(""), c.message);
+        // A failure leaves no result and no report; no run leaves a file.
+        EXPECT_EQ(h.tester->state().lastResult.has_value(), *c.message == '\0');
+        EXPECT_EQ(h.files->reports().size(), *c.message == '\0' ? 1U : 0U);
+        EXPECT_TRUE(h.files->existingFiles().empty());
+        EXPECT_TRUE(h.tester->temporaryFiles().empty());
+        EXPECT_TRUE(!h.files->refuseDirect || h.files->opens().empty());  // no buffered fallback
     }
 }
 
 TEST(DiskPerformanceTester, RunsThatCannotStartSayWhy) {
     testing::ScopedLanguage chinese("zh_CN.UTF-8");
     Harness h(1'000'000);
+    h.files->capacity = 600'000;
     h.tester->runTest(std::nullopt);
     EXPECT_EQ(h.tester->state().errorMessage, "请先选择需要测试的卷。");
-    h.tester->runTest(volume(999'999));
-    EXPECT_EQ(h.tester->state().errorMessage, "剩余容量不足，无法运行性能测试。");
+    h.tester->runTest(volume(500'000));
+    EXPECT_EQ(h.tester->state().errorMessage, "剩余容量不足，无法运行性能测试。测试需要 1 MB，但只有 0.6 MB 可用。");
     EXPECT_FALSE(h.tester->state().isRunning);
     EXPECT_TRUE(h.files->everCreated().empty());
 
     // A second start while running changes nothing.
+    h.files->capacity = UINT64_MAX;
     h.tester->runTest(volume());
     ASSERT_TRUE(h.tester->state().isRunning);
     EXPECT_FALSE(h.tester->state().errorMessage);
@@ -209,22 +200,35 @@ TEST(DiskPerformanceTester, RunsThatCannotStartSayWhy) {
     h.tester->waitForBackgroundWork();
 }
 
-TEST(DiskPerformanceTester, StopDuringTheRandomPhasesPublishesNothingAndRemovesTheFiles) {
-    Harness h(16'777'216ULL, 30.0);
-    h.tester->setPhaseObserver({[&](BenchmarkPhase phase) {
-                                    if (phase == BenchmarkPhase::randomWrite) {
-                                        h.main->post([&] { h.tester->stopTest(); });
-                                    }
+// A run started right after a stop, on a volume with room for one test file: the volume's figure
+// of free space still counts the stopped run's file, which is open and not yet removed. The new
+// run counts that file's space as free, waits until the stopped run has let go of it, and passes;
+// nothing but its report is left.
+TEST(DiskPerformanceTester, ARunStartedRightAfterAStopUsesTheSpaceTheStoppedRunGivesBack) {
+    const std::uint64_t payload = 16'777'216ULL * 2;
+    Harness h(payload);
+    h.files->capacity = payload * 3 / 2;
+    bool restarted = false;
+    std::atomic<bool> once{false};
+    // The stopped run's thread waits in the phase's start, its file open, until the new run started.
+    h.tester->setPhaseObserver({[&](BenchmarkPhase started) {
+                                    if (started != BenchmarkPhase::sequentialRead || once.exchange(true)) return;
+                                    std::promise<void> done;
+                                    h.main->post([&] {
+                                        h.tester->stopTest();
+                                        h.tester->runTest(volume(h.files->capacity - payload));
+                                        restarted = h.tester->state().isRunning;
+                                        done.set_value();
+                                    });
+                                    done.get_future().wait();
                                 },
                                 {}});
-    h.tester->runTest(volume());
-    ASSERT_TRUE(h.main->runUntil([&] { return !h.tester->state().isRunning; }, std::chrono::seconds(10)));
-    EXPECT_FALSE(h.tester->state().progressState);
-    h.tester->waitForBackgroundWork();
-    h.main->drain();
-    EXPECT_FALSE(h.tester->state().errorMessage);
-    EXPECT_EQ(h.files->everCreated().size(), 1U);
-    expectNothingLeft(h);
+    h.runToEnd();
+    EXPECT_TRUE(restarted);
+    EXPECT_TRUE(h.tester->state().lastResult) << h.tester->state().errorMessage.value_or("");
+    EXPECT_TRUE(h.files->existingFiles().empty());
+    EXPECT_TRUE(h.tester->temporaryFiles().empty());
+    EXPECT_EQ(h.files->reports().size(), 1U);
 }
 
 TEST(DiskPerformanceTester, BypassingTheCacheOpensDirectlyWithAlignedOffsetsAndWholeBlocks) {
@@ -235,13 +239,11 @@ TEST(DiskPerformanceTester, BypassingTheCacheOpensDirectlyWithAlignedOffsetsAndW
     h.runToEnd();
     ASSERT_TRUE(h.tester->state().lastResult) << h.tester->state().errorMessage.value_or("");
     EXPECT_EQ(h.tester->state().lastResult->actualByteCount, 16'777'216ULL + 4096);
-    EXPECT_EQ(h.tester->state().lastResult->mode.bypassCache, true);
     const auto opens = h.files->opens();
     ASSERT_EQ(opens.size(), 4U);
     EXPECT_TRUE(std::all_of(opens.begin(), opens.end(), [](CacheMode mode) { return mode == CacheMode::direct; }));
     for (const auto offset : values(h.files->operations(), Operation::seek)) EXPECT_EQ(offset % 4096, 0U);
     for (const auto bytes : values(h.files->operations(), Operation::write)) EXPECT_EQ(bytes % 4096, 0U);
-    EXPECT_TRUE(h.files->existingFiles().empty());
 }
 
 TEST(DiskPerformanceTester, QueueDepthTestLaysOutTheFileThenReadsAndWritesEachProfile) {
@@ -253,7 +255,6 @@ TEST(DiskPerformanceTester, QueueDepthTestLaysOutTheFileThenReadsAndWritesEachPr
     ASSERT_TRUE(h.tester->state().lastResult) << h.tester->state().errorMessage.value_or("");
     const auto& result = *h.tester->state().lastResult;
     EXPECT_EQ(result.actualByteCount, 8'388'608ULL);  // whole 1 MiB blocks
-    EXPECT_TRUE(result.timeline.empty());
     ASSERT_EQ(result.queueDepthFigures.size(), 4U);
 
     const auto jobs = h.files->queuedJobs();
@@ -271,32 +272,11 @@ TEST(DiskPerformanceTester, QueueDepthTestLaysOutTheFileThenReadsAndWritesEachPr
         EXPECT_FALSE(jobs[i].byteLimit);
         EXPECT_EQ(jobs[i].duration, std::chrono::milliseconds(20));
     }
-    for (const auto& figure : result.queueDepthFigures) {
-        EXPECT_GT(figure.readIOPS, 0);
-        EXPECT_GT(figure.writeBytesPerSecond, 0);
-    }
     EXPECT_EQ(result.writeThroughput, result.queueDepthFigures[0].writeBytesPerSecond);
     EXPECT_EQ(h.progress.front().stepName, "Preparing the test file");
     EXPECT_EQ(h.progress.back().fractionCompleted, 1);
     EXPECT_TRUE(h.files->existingFiles().empty());
     EXPECT_EQ(h.files->everCreated().front().rfind("/mnt/test/Vantorix_IO_QueueTest_", 0), 0U);
-}
-
-TEST(DiskPerformanceTester, AStopInAnyStepOfTheQueueDepthTestLeavesNoFileAndNoResult) {
-    for (const std::size_t stopAfterJobs : {std::size_t{0}, std::size_t{3}, std::size_t{8}}) {
-        SCOPED_TRACE(stopAfterJobs);
-        Harness h(4'194'304ULL);
-        h.tester->setTestMode(TestMode{TestKind::queueDepth, false, 0.3});
-        h.tester->runTest(volume());
-        // Stops at once, in the third read, or in the last write.
-        ASSERT_TRUE(h.main->runUntil([&] { return h.files->queuedJobs().size() > stopAfterJobs || stopAfterJobs == 0; },
-                                     std::chrono::seconds(10)));
-        h.tester->stopTest();
-        h.tester->waitForBackgroundWork();
-        h.main->drain();
-        EXPECT_FALSE(h.tester->state().errorMessage);
-        expectNothingLeft(h);
-    }
 }
 
 }  // namespace

@@ -1,12 +1,13 @@
 #pragma once
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <thread>
 #include <cstring>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include "platform/FileSystem.h"
@@ -15,91 +16,122 @@
 namespace vantorix::testing {
 
 // Files in memory, with a log of what the test engine did to them and switches for failures.
-class MemoryFileSystem final : public FileSystem {
+// Space is kept as a journaling file system keeps it: a removed file's bytes stay taken until a
+// commit after the last handle on it has closed.
+class MemoryFileSystem final : public FileSystem, public std::enable_shared_from_this<MemoryFileSystem> {
 public:
     struct Operation {
         enum Kind { seek, write, read } kind;
         std::uint64_t value;  // offset, or bytes asked for
     };
 
-    // Switches, set before a run.
-    bool failCreation = false;
+    // Switches, set before a run unless said otherwise.
+    int creationError = 0;      // file creation fails with this error number
     bool refuseDirect = false;  // direct opens fail as on a file system without O_DIRECT
     std::chrono::microseconds queuedRequestTime{200};
-    std::size_t shortReadBy = 0;  // reads of more than this many bytes return this many fewer
-    std::uint64_t capacity = UINT64_MAX;  // writes beyond this many bytes in all fail with ENOSPC
+    std::size_t shortReadBy = 0;          // reads of more than this many bytes return this many fewer
+    std::uint64_t capacity = UINT64_MAX;  // bytes the files may take in all; growing beyond fails with ENOSPC
+    int writeError = 0;                   // writes fail with this error number
+    // Writes fail with ENOSPC until the first commit after such a failure: space that removals
+    // freed and that the file system gives out only once they are committed.
+    bool fullUntilCommit = false;
+    std::atomic<bool> gone{false};  // the folder's path leads elsewhere; may be set during a run
 
-    Result<Unit, FileError> createEmptyFile(const std::string& path) override {
-        std::lock_guard lock(mutex_);
-        if (failCreation) return Failure{FileError{EACCES, "Permission denied"}};
-        if (files_.count(path) != 0) return Failure{FileError{EEXIST, "File exists"}};
-        files_[path] = std::make_shared<std::vector<std::byte>>();
-        everCreated_.push_back(path);
-        return Unit{};
-    }
-    bool exists(const std::string& path) override {
-        std::lock_guard lock(mutex_);
-        return files_.count(path) != 0;
-    }
-    Result<Unit, FileError> remove(const std::string& path) override {
-        std::lock_guard lock(mutex_);
-        if (files_.erase(path) == 0) return Failure{FileError{ENOENT, "No such file"}};
-        return Unit{};
-    }
-    // Memory has nothing to commit.
-    Result<Unit, FileError> commitRemovals(const std::string&) override { return Unit{}; }
-    Result<std::unique_ptr<FileHandle>, FileError> open(const std::string& path, FileAccess, CacheMode cache) override {
-        if (cache == CacheMode::direct && refuseDirect) return Failure{FileError{EINVAL, "Invalid argument"}};
-        std::lock_guard lock(mutex_);
-        const auto found = files_.find(path);
-        if (found == files_.end()) return Failure{FileError{ENOENT, "No such file"}};
-        opens_.push_back(cache);
-        return std::unique_ptr<FileHandle>(std::make_unique<Handle>(*this, found->second));
-    }
-    // A queued file that moves no data: each request takes `queuedRequestTime`.
-    Result<std::unique_ptr<QueuedFile>, FileError> openQueued(const std::string& path) override {
-        if (refuseDirect) return Failure{FileError{EINVAL, "Invalid argument"}};
-        std::lock_guard lock(mutex_);
-        if (files_.count(path) == 0) return Failure{FileError{ENOENT, "No such file"}};
-        return std::unique_ptr<QueuedFile>(std::make_unique<Queued>(*this));
-    }
-    Result<std::string, FileError> writeNewFileAtomically(const std::string& directory, const std::string& baseName,
-                                                          const std::string& extension, std::string_view data) override {
-        std::lock_guard lock(mutex_);
-        const std::string path = directory + "/" + baseName + extension;
-        reports_[path] = std::string(data);
-        return path;
+    Result<std::shared_ptr<Directory>, FileError> openDirectory(const std::string& path, const std::string&) override {
+        if (gone) return Failure{FileError{ENODEV, "No such device"}};
+        return std::shared_ptr<Directory>(std::make_shared<Folder>(shared_from_this(), path));
     }
 
     std::vector<std::string> existingFiles() const {
-        std::lock_guard lock(mutex_);
-        std::vector<std::string> paths;
-        for (const auto& [path, data] : files_) paths.push_back(path);
-        return paths;
+        std::vector<std::string> names;
+        for (const auto& [name, data] : locked(files_)) names.push_back(name);
+        return names;
     }
-    std::vector<std::string> everCreated() const {
-        std::lock_guard lock(mutex_);
-        return everCreated_;
-    }
-    std::vector<CacheMode> opens() const {
-        std::lock_guard lock(mutex_);
-        return opens_;
-    }
-    std::vector<QueuedJob> queuedJobs() const {
-        std::lock_guard lock(mutex_);
-        return queuedJobs_;
-    }
-    std::vector<Operation> operations() const {
-        std::lock_guard lock(mutex_);
-        return operations_;
-    }
-    std::map<std::string, std::string> reports() const {
-        std::lock_guard lock(mutex_);
-        return reports_;
-    }
+    std::vector<std::string> everCreated() const { return locked(everCreated_); }
+    std::vector<CacheMode> opens() const { return locked(opens_); }
+    std::vector<QueuedJob> queuedJobs() const { return locked(queuedJobs_); }
+    std::vector<Operation> operations() const { return locked(operations_); }
+    std::map<std::string, std::string> reports() const { return locked(reports_); }
 
 private:
     using Data = std::shared_ptr<std::vector<std::byte>>;
+
+    template <class T>
+    T locked(const T& member) const {
+        std::lock_guard lock(mutex_);
+        return member;
+    }
+
+    // Bytes taken by files and by removed files not yet given back. Called with the lock held.
+    std::uint64_t taken() const {
+        std::uint64_t bytes = 0;
+        for (const auto& [name, data] : files_) bytes += data->size();
+        for (const auto& data : removed_) bytes += data->size();
+        return bytes;
+    }
+
+    class Folder final : public Directory {
+    public:
+        Folder(std::shared_ptr<MemoryFileSystem> owner, std::string path) : owner_(std::move(owner)), path_(std::move(path)) {}
+        const std::string& path() const override { return path_; }
+        bool isInPlace() override { return !owner_->gone; }
+        Result<std::uint64_t, FileError> availableBytes() override {
+            std::lock_guard lock(owner_->mutex_);
+            return owner_->capacity - std::min(owner_->capacity, owner_->taken());
+        }
+        Result<Unit, FileError> commitRemovals() override {
+            std::lock_guard lock(owner_->mutex_);
+            std::erase_if(owner_->removed_, [](const Data& data) { return data.use_count() == 1; });
+            if (owner_->metFull_) owner_->fullUntilCommit = owner_->metFull_ = false;
+            return Unit{};
+        }
+        Result<Unit, FileError> createEmptyFile(const std::string& name) override {
+            std::lock_guard lock(owner_->mutex_);
+            if (owner_->creationError != 0) return Failure{FileError{owner_->creationError, "refused"}};
+            const std::string path = path_ + "/" + name;
+            if (owner_->files_.count(path) != 0) return Failure{FileError{EEXIST, "File exists"}};
+            owner_->files_[path] = std::make_shared<std::vector<std::byte>>();
+            owner_->everCreated_.push_back(path);
+            return Unit{};
+        }
+        bool exists(const std::string& name) override {
+            std::lock_guard lock(owner_->mutex_);
+            return owner_->files_.count(path_ + "/" + name) != 0;
+        }
+        Result<Unit, FileError> remove(const std::string& name) override {
+            std::lock_guard lock(owner_->mutex_);
+            const auto found = owner_->files_.find(path_ + "/" + name);
+            if (found == owner_->files_.end()) return Failure{FileError{ENOENT, "No such file"}};
+            owner_->removed_.push_back(found->second);
+            owner_->files_.erase(found);
+            return Unit{};
+        }
+        Result<std::unique_ptr<FileHandle>, FileError> open(const std::string& name, FileAccess, CacheMode cache) override {
+            if (cache == CacheMode::direct && owner_->refuseDirect) return Failure{FileError{EINVAL, "Invalid argument"}};
+            std::lock_guard lock(owner_->mutex_);
+            const auto found = owner_->files_.find(path_ + "/" + name);
+            if (found == owner_->files_.end()) return Failure{FileError{ENOENT, "No such file"}};
+            owner_->opens_.push_back(cache);
+            return std::unique_ptr<FileHandle>(std::make_unique<Handle>(*owner_, found->second));
+        }
+        // A queued file that moves no data: each request takes `queuedRequestTime`.
+        Result<std::unique_ptr<QueuedFile>, FileError> openQueued(const std::string& name) override {
+            if (owner_->refuseDirect) return Failure{FileError{EINVAL, "Invalid argument"}};
+            if (!exists(name)) return Failure{FileError{ENOENT, "No such file"}};
+            return std::unique_ptr<QueuedFile>(std::make_unique<Queued>(*owner_));
+        }
+        Result<std::string, FileError> writeNewFileAtomically(const std::string& baseName, const std::string& extension,
+                                                              std::string_view data) override {
+            std::lock_guard lock(owner_->mutex_);
+            const std::string path = path_ + "/" + baseName + extension;
+            owner_->reports_[path] = std::string(data);
+            return path;
+        }
+
+    private:
+        std::shared_ptr<MemoryFileSystem> owner_;
+        std::string path_;
+    };
 
     class Handle final : public FileHandle {
     public:
@@ -112,9 +144,13 @@ private:
         Result<Unit, FileError> write(std::span<const std::byte> bytes) override {
             owner_.log({Operation::write, bytes.size()});
             std::lock_guard lock(owner_.mutex_);
-            if (owner_.written_ + bytes.size() > owner_.capacity) return Failure{FileError{ENOSPC, "No space left on device"}};
-            owner_.written_ += bytes.size();
-            if (data_->size() < position_ + bytes.size()) data_->resize(position_ + bytes.size());
+            if (owner_.writeError != 0) return Failure{FileError{owner_.writeError, "refused"}};
+            const std::uint64_t growth = position_ + bytes.size() > data_->size() ? position_ + bytes.size() - data_->size() : 0;
+            if (owner_.fullUntilCommit || owner_.taken() + growth > owner_.capacity) {
+                owner_.metFull_ = owner_.fullUntilCommit;
+                return Failure{FileError{ENOSPC, "No space left on device"}};
+            }
+            if (growth > 0) data_->resize(position_ + bytes.size());
             std::memcpy(data_->data() + position_, bytes.data(), bytes.size());
             position_ += bytes.size();
             return Unit{};
@@ -166,10 +202,9 @@ private:
         Result<Unit, FileError> truncate(std::uint64_t) override { return Unit{}; }
         Result<Unit, FileError> synchronize() override { return Unit{}; }
         Result<Unit, FileError> close() override { return Unit{}; }
-
-    private:
         MemoryFileSystem& owner_;
     };
+
     void log(Operation operation) {
         std::lock_guard lock(mutex_);
         operations_.push_back(operation);
@@ -177,12 +212,13 @@ private:
 
     mutable std::mutex mutex_;
     std::map<std::string, Data> files_;
+    std::vector<Data> removed_;  // removed, their bytes not yet given back
     std::vector<std::string> everCreated_;
     std::vector<Operation> operations_;
     std::vector<CacheMode> opens_;
     std::vector<QueuedJob> queuedJobs_;
     std::map<std::string, std::string> reports_;
-    std::uint64_t written_ = 0;
+    bool metFull_ = false;
 };
 
 }  // namespace vantorix::testing

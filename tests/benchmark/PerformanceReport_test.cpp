@@ -176,9 +176,11 @@ TEST(PerformanceReport, NamesTakeTheFirstFreeSuffix) {
     PosixFileSystem files;
     const std::string base = report::reportBaseName(november16());
     EXPECT_EQ(base, "Vantorix-Performance-20261116-134501");
+    auto directory = files.openDirectory(folder.string(), "");
+    ASSERT_TRUE(directory) << directory.error().message;
     std::vector<std::string> names;
     for (const char* content : {"first", "second", "third"}) {
-        auto path = files.writeNewFileAtomically(folder.string(), base, ".html", content);
+        auto path = (*directory)->writeNewFileAtomically(base, ".html", content);
         ASSERT_TRUE(path) << path.error().message;
         names.push_back(std::filesystem::path(*path).filename().string());
         EXPECT_EQ(readFile(*path), content);
@@ -187,10 +189,6 @@ TEST(PerformanceReport, NamesTakeTheFirstFreeSuffix) {
     // Only the three reports: no temporary file is left.
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), std::filesystem::directory_iterator()), 3);
     std::filesystem::remove_all(folder);
-
-    const auto failed = files.writeNewFileAtomically("/nonexistent-folder", base, ".html", "x");
-    ASSERT_FALSE(failed);
-    EXPECT_EQ(failed.error().code, ENOENT);
 }
 
 }  // namespace

@@ -386,14 +386,21 @@ Result<QueuedFigures, FileError> IoUringQueuedFile::run(const QueuedJob& job, co
     return figures;
 }
 
-}  // namespace
-
-Result<std::unique_ptr<QueuedFile>, FileError> openIoUringQueuedFile(const std::string& path) {
-    const int fd = ::open(path.c_str(), O_RDWR | O_DIRECT | O_CLOEXEC);
+Result<std::unique_ptr<QueuedFile>, FileError> adopt(int fd) {
     if (fd < 0) return Failure{errorFor(errno)};
     auto file = std::make_unique<IoUringQueuedFile>(fd);
     if (auto started = file->startRing(); !started) return Failure{started.error()};
     return std::unique_ptr<QueuedFile>(std::move(file));
+}
+
+}  // namespace
+
+Result<std::unique_ptr<QueuedFile>, FileError> openIoUringQueuedFile(const std::string& path) {
+    return adopt(::open(path.c_str(), O_RDWR | O_DIRECT | O_CLOEXEC));
+}
+
+Result<std::unique_ptr<QueuedFile>, FileError> openIoUringQueuedFileAt(int directory, const std::string& name) {
+    return adopt(::openat(directory, name.c_str(), O_RDWR | O_DIRECT | O_CLOEXEC | O_NOFOLLOW));
 }
 
 }  // namespace vantorix

@@ -21,5 +21,7 @@ namespace vantorix {
 //   fails the job with ENODATA. Writes past the end extend the file.
 // - A failed request fails the job with its error once the requests in flight have completed.
 Result<std::unique_ptr<QueuedFile>, FileError> openIoUringQueuedFile(const std::string& path);
+// The same for the file `name` in the folder open as `directory`; a symbolic link is refused.
+Result<std::unique_ptr<QueuedFile>, FileError> openIoUringQueuedFileAt(int directory, const std::string& name);
 
 }  // namespace vantorix
