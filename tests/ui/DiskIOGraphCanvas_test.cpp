@@ -140,11 +140,12 @@ TEST(DiskIOGraphCanvas, RepaintsAtMostOncePerBatchAndNotForBatchesThatChangeNoth
     EXPECT_EQ(counter.paints, 1);
 }
 
-TEST(DiskIOGraphCanvas, CtrlWheelCommitsAClampedZoom) {
+// The limits of the zoom are GraphGeometry's; here, that the wheel and the pinch reach them.
+TEST(DiskIOGraphCanvas, CtrlWheelAndNativePinchCommitAZoom) {
     struct Case { double scale; std::vector<int> angles; double expected; int signals; };
     // Small steps add up until the zoom changes by 1 %.
     const std::vector<Case> cases = {
-        {1, {120}, 1.1, 1}, {1, {-120}, 1, 0}, {390, {120}, 400, 1}, {1, {8}, 1, 0}, {1, {8, 8}, std::pow(1.1, 16.0 / 120), 1},
+        {1, {120}, 1.1, 1}, {390, {120}, 400, 1}, {1, {8}, 1, 0}, {1, {8, 8}, std::pow(1.1, 16.0 / 120), 1},
     };
     for (const Case& c : cases) {
         Graph graph;
@@ -155,25 +156,20 @@ TEST(DiskIOGraphCanvas, CtrlWheelCommitsAClampedZoom) {
         EXPECT_DOUBLE_EQ(graph.section.scale(), c.expected) << c.scale;
         EXPECT_EQ(spy.count(), c.signals) << c.scale;
     }
-}
-
-TEST(DiskIOGraphCanvas, NativePinchFollowsTheGestureAndCommitsWhenItEnds) {
-    struct Case { double scale; std::vector<double> steps; double magnified, committed; };
-    const std::vector<Case> cases = {{1, {0.5, 0.5}, 2, 2}, {300, {1}, 2, 400}, {2, {-0.75}, 0.25, 1}};
-    for (const Case& c : cases) {
-        Graph graph;
-        graph.append(100);
-        graph.section.setScale(c.scale);
-        QSignalSpy spy(&graph.section, &DiskIOChartSection::scaleChanged);
-        graph.gesture(Qt::BeginNativeGesture, 0);
-        for (const double step : c.steps) graph.gesture(Qt::ZoomNativeGesture, step);
-        EXPECT_DOUBLE_EQ(graph.canvas->magnifyBy(), c.magnified);
-        EXPECT_EQ(graph.section.scale(), c.scale);
-        graph.gesture(Qt::EndNativeGesture, 0);
-        EXPECT_EQ(graph.canvas->magnifyBy(), 1);
-        EXPECT_DOUBLE_EQ(graph.section.scale(), c.committed);
-        EXPECT_EQ(spy.count(), 1);
-    }
+    // The pinch magnifies while it runs and commits when it ends.
+    Graph graph;
+    graph.append(100);
+    graph.section.setScale(300);
+    QSignalSpy spy(&graph.section, &DiskIOChartSection::scaleChanged);
+    graph.gesture(Qt::BeginNativeGesture, 0);
+    graph.gesture(Qt::ZoomNativeGesture, 0.5);
+    graph.gesture(Qt::ZoomNativeGesture, 0.5);
+    EXPECT_DOUBLE_EQ(graph.canvas->magnifyBy(), 2);
+    EXPECT_EQ(graph.section.scale(), 300);
+    graph.gesture(Qt::EndNativeGesture, 0);
+    EXPECT_EQ(graph.canvas->magnifyBy(), 1);
+    EXPECT_DOUBLE_EQ(graph.section.scale(), 400);
+    EXPECT_EQ(spy.count(), 1);
 }
 
 TEST(DiskIOGraphCanvas, DragCommitsAReachableOffset) {
@@ -181,7 +177,6 @@ TEST(DiskIOGraphCanvas, DragCommitsAReachableOffset) {
     const Case cases[] = {
         {"scale 1: nothing moves", 1, -200, false},
         {"scale 2: left by 200", 2, -200, true},
-        {"scale 2: right is held at the oldest slot", 2, 200, false},
         {"scale 2: far left is held at the newest sample", 2, -5000, true},
         {"under 10 px is no drag", 2, -8, false},
     };
