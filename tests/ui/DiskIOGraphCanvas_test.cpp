@@ -98,12 +98,6 @@ struct Graph {
     }
 };
 
-QPalette darkPalette() {
-    QPalette palette(Qt::white, QColor(0x1e, 0x1e, 0x1e));  // window text, window
-    palette.setColor(QPalette::Text, Qt::white);
-    return palette;
-}
-
 TEST(DiskIOGraphCanvas, PaintsNoneSomeAndAFullWindowOfSamples) {
     struct Case { std::size_t samples; std::size_t points; const char* screenshot; };
     const Case cases[] = {{0, 0, "graph-empty.png"}, {10, 10, "graph-10-samples.png"}, {300, 256, "graph-300-samples.png"}};
@@ -205,14 +199,10 @@ TEST(DiskIOGraphCanvas, DragCommitsAReachableOffset) {
 }
 
 TEST(DiskIOGraphCanvas, HoverShowsTheTooltipAndLeavingClearsIt) {
-    struct Case { const char* lang; std::string secondary; };
-    const std::vector<Case> cases = {
-        {"en", "Read: 559.9 MB/s (559.9 MB) | Write: 680 MB/s (680 MB)"},
-        {"zh", "读取: 559.9 MB/秒 (559.9 MB) | 写入: 680 MB/秒 (680 MB)"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.lang);
-        const ScopedLanguage language(c.lang == std::string("en") ? "en_US.UTF-8" : "zh_CN.UTF-8");
+    // The texts are GraphGeometry's; here, that they show in both languages.
+    for (const std::string lang : {"en", "zh"}) {
+        SCOPED_TRACE(lang);
+        const ScopedLanguage language(lang == "en" ? "en_US.UTF-8" : "zh_CN.UTF-8");
         Graph graph;
         graph.append(200);
         // Sample 184 of the 200 sits 56 + 184 slots from the left; the pointer is a bit right of it.
@@ -221,13 +211,15 @@ TEST(DiskIOGraphCanvas, HoverShowsTheTooltipAndLeavingClearsIt) {
                     Qt::NoButton);
         ASSERT_TRUE(graph.canvas->hoveredSample());
         EXPECT_EQ(graph.canvas->hoveredSample()->index, 184);
-        EXPECT_EQ(graph.canvas->tooltipLines()->secondary, c.secondary);
+        EXPECT_EQ(graph.canvas->tooltipLines()->secondary.find(lang == "en" ? "Read: " : "读取: "), 0u);
         ASSERT_TRUE(graph.canvas->tooltipRect());
         EXPECT_TRUE(QRectF(graph.canvas->rect()).contains(*graph.canvas->tooltipRect()));
-        const QString name = QStringLiteral("graph-hover-") + c.lang;
+        const QString name = QStringLiteral("graph-hover-") + QString::fromStdString(lang);
         graph.save(name + "-light.png");
         graph.save(name + "-light@2x.png", 2);
-        graph.section.setPalette(darkPalette());
+        QPalette dark(Qt::white, QColor(0x1e, 0x1e, 0x1e));  // window text, window
+        dark.setColor(QPalette::Text, Qt::white);
+        graph.section.setPalette(dark);
         graph.save(name + "-dark.png");
 
         QEvent leave(QEvent::Leave);
