@@ -21,19 +21,6 @@ inline SampleWindow samplesOf(const std::vector<std::pair<std::uint64_t, std::ui
     return SampleWindow(buffer.elements());
 }
 
-// The samples of `like`, with their ids and times, but with other byte counts: a list with the
-// same signature and different contents.
-inline SampleWindow withCounts(const SampleWindow& like, std::uint64_t read, std::uint64_t write) {
-    FixedRingBuffer<DiskSample> buffer(std::max<std::size_t>(like.size(), 1));
-    for (std::size_t i = 0; i < like.size(); ++i) {
-        DiskSample sample = like[i];
-        sample.readBytes = read;
-        sample.writeBytes = write;
-        buffer.append(sample);
-    }
-    return SampleWindow(buffer.elements());
-}
-
 // `count` samples whose read count is `read(i)` and write count `write(i)`.
 template <class Read, class Write>
 SampleWindow samplesBy(std::size_t count, Read read, Write write) {

@@ -4,14 +4,11 @@
 #include "log/Log.h"
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <memory>
 #include <stdexcept>
-#include <string>
 #include <thread>
 #include <vector>
 
@@ -21,43 +18,21 @@ namespace {
 using namespace std::chrono_literals;
 using testing::waitFor;
 
+// An hour's sleep is cut short by cancel(), for every token, once; a cancelled token no longer sleeps.
 TEST(Cancellation, CancelReachesEveryTokenAndWakesEverySleeper) {
     CancellationSource source;
     std::atomic<int> woken{0};
     std::vector<std::thread> sleepers;
     for (int i = 0; i < 3; ++i) {
-        sleepers.emplace_back([&, token = source.token()] {
-            if (!token.sleepFor(1h)) ++woken;
-        });
+        sleepers.emplace_back([&, token = source.token()] { woken += token.sleepFor(1h) ? 0 : 1; });
     }
-    std::this_thread::sleep_for(5ms);
+    std::this_thread::sleep_for(5ms);  // most likely asleep by now; a lost wake-up hangs the join
     source.cancel();
     source.cancel();
-    for (auto& t : sleepers) t.join();  // an hour's wait if a wake-up is lost
+    for (auto& t : sleepers) t.join();
     EXPECT_EQ(woken.load(), 3);
-    EXPECT_FALSE(source.token().sleepFor(1h)) << "a cancelled token does not sleep";
+    EXPECT_FALSE(source.token().sleepFor(1h));
     EXPECT_TRUE(CancellationToken().sleepFor(1ms)) << "a default token is never cancelled";
-}
-
-TEST(Task, RunsItsBodyOnANamedThreadUntilCancelled) {
-    std::atomic<int> rounds{0};
-    std::string threadName;
-    Task task("com.vantorix.test.smartRefresh", QualityOfService::utility, [&](const CancellationToken& token) {
-        std::array<char, 16> name{};
-        pthread_getname_np(pthread_self(), name.data(), name.size());
-        threadName = name.data();
-        while (!token.isCancelled()) {
-            ++rounds;
-            token.sleepFor(1h);
-        }
-    });
-    ASSERT_TRUE(waitFor([&] { return rounds >= 1; }));
-    EXPECT_FALSE(task.isFinished());
-    task.cancel();
-    task.join();
-    EXPECT_TRUE(task.isFinished());
-    EXPECT_EQ(rounds.load(), 1);
-    EXPECT_EQ(threadName, "smartRefresh");
 }
 
 TEST(Task, DroppingOrReplacingTheHandleCancelsWithoutWaiting) {
@@ -92,9 +67,7 @@ TEST(Task, AFailingBodyIsLoggedAndTheTaskFinishes) {
     Task task("com.vantorix.test.failing", QualityOfService::background,
               [](const CancellationToken&) { throw std::runtime_error("smartctl vanished"); });
     EXPECT_TRUE(task.waitFor(10s));
-    const auto errors = capture.messages("Concurrency", log::Level::error);
-    ASSERT_EQ(errors.size(), 1U);
-    EXPECT_NE(errors[0].find("smartctl vanished"), std::string::npos);
+    EXPECT_EQ(capture.messages("Concurrency", log::Level::error).size(), 1U);
 }
 
 }  // namespace

@@ -1,4 +1,3 @@
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "dashboard/MessageBubbles.h"
@@ -11,7 +10,6 @@
 namespace vantorix::dashboard {
 namespace {
 
-using ::testing::ElementsAre;
 
 DiskSMARTInfo::Detail detail(std::string keyPath, std::string name, std::string value) {
     return {Uuid::make(), std::move(keyPath), std::move(name), std::move(value)};
@@ -43,18 +41,14 @@ TEST(VolumePanel, ButtonsFollowTheMonitorAndTheTester) {
     DiskVolumeDescriptor volume;
     volume.displayName = "Stick";
     volume.deviceName = "sdb1";
-    volume.connectionTypeDescription = "USB";
-    volume.availableCapacityBytes = 60'000'000'000;
-    volume.hardwareVendor = "  SanDisk ";
-    volume.hardwareModel = "";
+    volume.hardwareVendor = "  SanDisk ";  // no model
     monitor.selectedVolume = volume;
     const PerformancePayloadContext runnable{"Payload: 1 GB", EffectivePayload{1'000'000'000, false}, true, std::nullopt};
     const PerformancePayloadContext tooBig{"Not enough free space", std::nullopt, false, "Not enough free space"};
     struct Case {
         bool monitoring;
         std::size_t samples;
-        bool running;
-        bool result;
+        bool running, result;
         PerformancePayloadContext payload;
         std::string monitorLabel, performanceLabel;
         bool performanceEnabled, exportEnabled;
@@ -85,68 +79,15 @@ TEST(VolumePanel, ButtonsFollowTheMonitorAndTheTester) {
     }
 }
 
-TEST(VolumePanel, LinkCeilingLinesAndTheResultsShareOfTheCeiling) {
-    const testing::ScopedLanguage english("en_US.UTF-8");
-    DiskIOMonitor::State monitor;
-    DiskVolumeDescriptor volume;
-    volume.displayName = "Data";
-    volume.connectionTypeDescription = "PCIe";
-    PerformanceResult result;
-    result.writeThroughput = 2'000'000'000;
-    result.readThroughput = 2'441'846'153;
-    result.maximumReadThroughput = 3'500'000'000;  // a peak sample, not what the share is taken of
-    DiskPerformanceTester::State tester;
-    tester.lastResult = result;
-    const PerformancePayloadContext payload{"", std::nullopt, true, std::nullopt};
-    struct Case {
-        std::optional<LinkCeiling> link;
-        std::vector<std::string> values;  // the facts after the connection line
-        std::optional<std::string> shareRow;
-    };
-    const std::vector<Case> cases{
-        {std::nullopt, {"EXT4"}, std::nullopt},
-        {LinkCeiling{PcieLink{8'000'000'000, 4, 8'000'000'000, 4}},
-         {"Link ceiling: 3.94 GB/s (PCIe 3.0 x4)", "EXT4"},
-         "62% of the link ceiling: 3.94 GB/s"},
-        {LinkCeiling{SataLink{3'000'000'000, 6'000'000'000}},
-         {"Link ceiling: 300 MB/s (SATA 3.0 Gb/s)",
-          "The SATA link runs at 3.0 Gb/s, below the port's 6.0 Gb/s: the cable or the drive is holding it back.",
-          "EXT4"},
-         "814% of the link ceiling: 300 MB/s"},
-    };
-    volume.fileSystemDescription = "EXT4";
-    for (const auto& c : cases) {
-        volume.link = c.link;
-        monitor.selectedVolume = volume;
-        const auto panel = volumePanelContent(monitor, tester, payload);
-        std::vector<std::string> values;
-        for (std::size_t i = 2; i + 2 < panel.infoItems.size(); ++i) values.push_back(panel.infoItems[i].value);
-        EXPECT_EQ(values, c.values);
-        EXPECT_EQ(panel.infoItems.back().id, "hardware");
-        const auto& last = panel.stripItems.back();
-        EXPECT_EQ(c.shareRow.has_value() ? last.title + ": " + last.value : std::string(), c.shareRow.value_or(""));
-        EXPECT_EQ(panel.stripItems.size(), PerformanceMetrics::resultItems(result).size() + (c.shareRow ? 1U : 0U));
-    }
-}
-
 TEST(MetricCards, SevenCardsAndTheControllerTemperatureWhenUsable) {
     const testing::ScopedLanguage english("en_US.UTF-8");
     DiskIOMonitor::State monitor;
     monitor.monitoringDuration = 3725.4;
     auto cards = metricCards(monitor);
-    std::vector<std::string> titles;
-    for (const auto& card : cards) titles.push_back(card.title);
-    EXPECT_THAT(titles, ElementsAre("Read Speed", "Write Speed", "Read Ops Rate", "Write Ops Rate", "Total Read",
-                                    "Total Write", "Monitoring Duration"));
-    EXPECT_EQ(cards[0].valueText, "0 B/s");
-    EXPECT_EQ(cards[2].valueText, "0/s");
-    EXPECT_EQ(cards[4].valueText, "0 Bytes");
+    ASSERT_EQ(cards.size(), 7U);
     EXPECT_EQ(cards[6].valueText, "01:02:05");
 
-    struct Case {
-        std::vector<DiskSMARTInfo::Detail> details;
-        std::optional<std::string> card;
-    };
+    struct Case { std::vector<DiskSMARTInfo::Detail> details; std::optional<std::string> card; };
     const std::vector<Case> cases = {
         {{}, std::nullopt},
         {{detail("nvme_smart_health_information_log.temperature", "Temperature", "41")}, "41 ℃"},
@@ -175,13 +116,12 @@ TEST(MessageBubbles, MonitorErrorTesterErrorThenTheReport) {
     monitor.errorMessage = "monitor";
     tester.errorMessage = "tester";
     tester.automaticReportMessage = "report";
-    const auto bubbles = messageBubbles(monitor, tester);
-    ASSERT_EQ(bubbles.size(), 3U);
-    EXPECT_EQ(bubbles[0].message, "monitor");
-    EXPECT_EQ(bubbles[1].message, "tester");
-    EXPECT_EQ(bubbles[2].message, "report");
-    EXPECT_EQ(bubbles[1].style, BubblePayload::Style::error);
-    EXPECT_EQ(bubbles[2].style, BubblePayload::Style::success);
+    std::vector<std::pair<std::string, BubblePayload::Style>> bubbles;
+    for (const auto& bubble : messageBubbles(monitor, tester)) bubbles.emplace_back(bubble.message, bubble.style);
+    EXPECT_EQ(bubbles, (std::vector<std::pair<std::string, BubblePayload::Style>>{
+                           {"monitor", BubblePayload::Style::error},
+                           {"tester", BubblePayload::Style::error},
+                           {"report", BubblePayload::Style::success}}));
 }
 
 TEST(SmartSheet, ShowsSummaryRowsOnlyWhenKnownAndANoteWithoutDetails) {
@@ -197,22 +137,19 @@ TEST(SmartSheet, ShowsSummaryRowsOnlyWhenKnownAndANoteWithoutDetails) {
 }
 
 TEST(ShellTexts, PickerEntriesAndTheFolderChoosersStart) {
+    const auto joined = [](const auto& entries) {
+        std::string labels;
+        for (const auto& entry : entries) labels += (labels.empty() ? "" : "|") + entry.label;
+        return labels;
+    };
     for (const auto& [lang, precision, size] : std::vector<std::tuple<std::string, std::string, std::string>>{
              {"en_US.UTF-8", "1 ms|10 ms|100 ms|1000 ms", "Full Disk|1 GB|10 GB|100 GB|1000 GB|10000 GB"},
              {"zh_CN.UTF-8", "1 毫秒|10 毫秒|100 毫秒|1000 毫秒", "全盘|1 GB|10 GB|100 GB|1000 GB|10000 GB"}}) {
         testing::ScopedLanguage language(lang);
-        std::string labels;
-        for (const auto& entry : samplingPrecisionEntries()) labels += (labels.empty() ? "" : "|") + entry.label;
-        EXPECT_EQ(labels, precision);
-        labels.clear();
-        for (const auto& entry : testSampleSizeEntries()) labels += (labels.empty() ? "" : "|") + entry.label;
-        EXPECT_EQ(labels, size);
+        EXPECT_EQ(joined(samplingPrecisionEntries()), precision);
+        EXPECT_EQ(joined(testSampleSizeEntries()), size);
     }
-    struct Case {
-        std::vector<std::string> folders;
-        std::optional<std::string> user;
-        std::string start;
-    };
+    struct Case { std::vector<std::string> folders; std::optional<std::string> user; std::string start; };
     const std::vector<Case> cases = {
         {{"/run/media/ann", "/media/ann", "/mnt", "/home/ann"}, "ann", "/run/media/ann"},
         {{"/media/ann", "/media", "/home/ann"}, "ann", "/media/ann"},

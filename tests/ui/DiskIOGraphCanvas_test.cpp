@@ -98,12 +98,6 @@ struct Graph {
     }
 };
 
-QPalette darkPalette() {
-    QPalette palette(Qt::white, QColor(0x1e, 0x1e, 0x1e));  // window text, window
-    palette.setColor(QPalette::Text, Qt::white);
-    return palette;
-}
-
 TEST(DiskIOGraphCanvas, PaintsNoneSomeAndAFullWindowOfSamples) {
     struct Case { std::size_t samples; std::size_t points; const char* screenshot; };
     const Case cases[] = {{0, 0, "graph-empty.png"}, {10, 10, "graph-10-samples.png"}, {300, 256, "graph-300-samples.png"}};
@@ -140,11 +134,12 @@ TEST(DiskIOGraphCanvas, RepaintsAtMostOncePerBatchAndNotForBatchesThatChangeNoth
     EXPECT_EQ(counter.paints, 1);
 }
 
-TEST(DiskIOGraphCanvas, CtrlWheelCommitsAClampedZoom) {
+// The limits of the zoom are GraphGeometry's; here, that the wheel and the pinch reach them.
+TEST(DiskIOGraphCanvas, CtrlWheelAndNativePinchCommitAZoom) {
     struct Case { double scale; std::vector<int> angles; double expected; int signals; };
     // Small steps add up until the zoom changes by 1 %.
     const std::vector<Case> cases = {
-        {1, {120}, 1.1, 1}, {1, {-120}, 1, 0}, {390, {120}, 400, 1}, {1, {8}, 1, 0}, {1, {8, 8}, std::pow(1.1, 16.0 / 120), 1},
+        {1, {120}, 1.1, 1}, {390, {120}, 400, 1}, {1, {8}, 1, 0}, {1, {8, 8}, std::pow(1.1, 16.0 / 120), 1},
     };
     for (const Case& c : cases) {
         Graph graph;
@@ -155,25 +150,20 @@ TEST(DiskIOGraphCanvas, CtrlWheelCommitsAClampedZoom) {
         EXPECT_DOUBLE_EQ(graph.section.scale(), c.expected) << c.scale;
         EXPECT_EQ(spy.count(), c.signals) << c.scale;
     }
-}
-
-TEST(DiskIOGraphCanvas, NativePinchFollowsTheGestureAndCommitsWhenItEnds) {
-    struct Case { double scale; std::vector<double> steps; double magnified, committed; };
-    const std::vector<Case> cases = {{1, {0.5, 0.5}, 2, 2}, {300, {1}, 2, 400}, {2, {-0.75}, 0.25, 1}};
-    for (const Case& c : cases) {
-        Graph graph;
-        graph.append(100);
-        graph.section.setScale(c.scale);
-        QSignalSpy spy(&graph.section, &DiskIOChartSection::scaleChanged);
-        graph.gesture(Qt::BeginNativeGesture, 0);
-        for (const double step : c.steps) graph.gesture(Qt::ZoomNativeGesture, step);
-        EXPECT_DOUBLE_EQ(graph.canvas->magnifyBy(), c.magnified);
-        EXPECT_EQ(graph.section.scale(), c.scale);
-        graph.gesture(Qt::EndNativeGesture, 0);
-        EXPECT_EQ(graph.canvas->magnifyBy(), 1);
-        EXPECT_DOUBLE_EQ(graph.section.scale(), c.committed);
-        EXPECT_EQ(spy.count(), 1);
-    }
+    // The pinch magnifies while it runs and commits when it ends.
+    Graph graph;
+    graph.append(100);
+    graph.section.setScale(300);
+    QSignalSpy spy(&graph.section, &DiskIOChartSection::scaleChanged);
+    graph.gesture(Qt::BeginNativeGesture, 0);
+    graph.gesture(Qt::ZoomNativeGesture, 0.5);
+    graph.gesture(Qt::ZoomNativeGesture, 0.5);
+    EXPECT_DOUBLE_EQ(graph.canvas->magnifyBy(), 2);
+    EXPECT_EQ(graph.section.scale(), 300);
+    graph.gesture(Qt::EndNativeGesture, 0);
+    EXPECT_EQ(graph.canvas->magnifyBy(), 1);
+    EXPECT_DOUBLE_EQ(graph.section.scale(), 400);
+    EXPECT_EQ(spy.count(), 1);
 }
 
 TEST(DiskIOGraphCanvas, DragCommitsAReachableOffset) {
@@ -181,7 +171,6 @@ TEST(DiskIOGraphCanvas, DragCommitsAReachableOffset) {
     const Case cases[] = {
         {"scale 1: nothing moves", 1, -200, false},
         {"scale 2: left by 200", 2, -200, true},
-        {"scale 2: right is held at the oldest slot", 2, 200, false},
         {"scale 2: far left is held at the newest sample", 2, -5000, true},
         {"under 10 px is no drag", 2, -8, false},
     };
@@ -210,14 +199,10 @@ TEST(DiskIOGraphCanvas, DragCommitsAReachableOffset) {
 }
 
 TEST(DiskIOGraphCanvas, HoverShowsTheTooltipAndLeavingClearsIt) {
-    struct Case { const char* lang; std::string secondary; };
-    const std::vector<Case> cases = {
-        {"en", "Read: 559.9 MB/s (559.9 MB) | Write: 680 MB/s (680 MB)"},
-        {"zh", "读取: 559.9 MB/秒 (559.9 MB) | 写入: 680 MB/秒 (680 MB)"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.lang);
-        const ScopedLanguage language(c.lang == std::string("en") ? "en_US.UTF-8" : "zh_CN.UTF-8");
+    // The texts are GraphGeometry's; here, that they show in both languages.
+    for (const std::string lang : {"en", "zh"}) {
+        SCOPED_TRACE(lang);
+        const ScopedLanguage language(lang == "en" ? "en_US.UTF-8" : "zh_CN.UTF-8");
         Graph graph;
         graph.append(200);
         // Sample 184 of the 200 sits 56 + 184 slots from the left; the pointer is a bit right of it.
@@ -226,13 +211,15 @@ TEST(DiskIOGraphCanvas, HoverShowsTheTooltipAndLeavingClearsIt) {
                     Qt::NoButton);
         ASSERT_TRUE(graph.canvas->hoveredSample());
         EXPECT_EQ(graph.canvas->hoveredSample()->index, 184);
-        EXPECT_EQ(graph.canvas->tooltipLines()->secondary, c.secondary);
+        EXPECT_EQ(graph.canvas->tooltipLines()->secondary.find(lang == "en" ? "Read: " : "读取: "), 0u);
         ASSERT_TRUE(graph.canvas->tooltipRect());
         EXPECT_TRUE(QRectF(graph.canvas->rect()).contains(*graph.canvas->tooltipRect()));
-        const QString name = QStringLiteral("graph-hover-") + c.lang;
+        const QString name = QStringLiteral("graph-hover-") + QString::fromStdString(lang);
         graph.save(name + "-light.png");
         graph.save(name + "-light@2x.png", 2);
-        graph.section.setPalette(darkPalette());
+        QPalette dark(Qt::white, QColor(0x1e, 0x1e, 0x1e));  // window text, window
+        dark.setColor(QPalette::Text, Qt::white);
+        graph.section.setPalette(dark);
         graph.save(name + "-dark.png");
 
         QEvent leave(QEvent::Leave);
