@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -86,6 +87,29 @@ TEST_F(ChartExportCli, FailuresAreReportedWithExitStatusOne) {
     EXPECT_NE(tooShort.err.find("Fewer than 2 samples: the chart was not exported."), std::string::npos)
         << tooShort.err;
     EXPECT_FALSE(fs::exists(dir_ / "short.csv"));
+}
+
+// What is not a regular file is never opened for writing and waited on: refused before monitoring
+// starts, or, when it appeared meanwhile, when the export comes.
+TEST_F(ChartExportCli, ANamedPipeOrDeviceIsRefusedAtOnce) {
+    const std::string fifo = (dir_ / "fifo.csv").string();
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    const std::pair<std::string, std::string> refused[] = {{fifo, "named pipe (FIFO)"}, {"/dev/null", "character device"}};
+    for (const auto& [path, kind] : refused) {
+        const auto run = monitor({"--duration", "60", "--csv", path});
+        EXPECT_EQ(run.exitStatus, 2);
+        EXPECT_EQ(run.err.substr(0, run.err.find('\n')), "--csv: Cannot write to " + path + ". It is a " + kind + ", not a regular file.");
+    }
+
+    const std::string later = (dir_ / "later.csv").string();
+    auto running = testing::RunningProcess::start(
+        {VANTORIX_CLI_PATH, "monitor", "/", "--precision", "10", "--duration", "2", "--json", "--csv", later}, kEnglish);
+    ASSERT_TRUE(running->readLine(std::chrono::seconds(20)));
+    ASSERT_EQ(::mkfifo(later.c_str(), 0600), 0);
+    EXPECT_EQ(running->waitForExit(std::chrono::seconds(30)), 1);
+    EXPECT_NE(running->standardError().find("Could not write the file “" + later + "”: It is a named pipe (FIFO), not a regular file"),
+              std::string::npos)
+        << running->standardError();
 }
 
 }  // namespace

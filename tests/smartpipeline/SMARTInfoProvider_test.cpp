@@ -172,7 +172,7 @@ TEST_F(SMARTInfoProviderTest, TriesTheCandidatesUntilOneAnswerIsUsable) {
         {"a silent helper: dropped after each time-out", silence, silence, false, false, 2, "", F::timedOut},
         // The failure answers the request: it is not taken for a time-out.
         {"connection errors: each connection dropped", connectionError, connectionError, false, false, 2, "",
-         F::connectionFailed},
+         F::brokenStream},
         {"helper errors only", helperError, helperError, false, false, 1, "", F::helperError},
         {"the helper answered one name: the drive gave nothing", empty, connectionError, false, false, 1, "", {}},
         {"a sleeping drive ends the fetch", asleep, usable, false, true, 1, "", {}},
@@ -216,7 +216,7 @@ TEST_F(SMARTInfoProviderTest, LogsEveryWayARequestEnds) {
         {Answer{Answer::Kind::helperError, {}}, "Privileged helper domain error (code: 4) for device sdz: no sdz",
          HelperRequestFailure::helperError, 0},
         {Answer{Answer::Kind::connectionError, {}}, "Helper connection failed (broken stream) for device sdz: closed",
-         HelperRequestFailure::connectionFailed, 1},
+         HelperRequestFailure::brokenStream, 1},
         {Answer{Answer::Kind::result, {"{}", "c", "", 0}},
          "Received helper response containing 2 bytes of JSON for device sdz; exit status: 0", std::nullopt, 0},
     };

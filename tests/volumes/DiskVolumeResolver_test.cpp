@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <map>
 
@@ -144,7 +145,7 @@ TEST(DiskVolumeResolver, BadSelectionsGiveTheirErrors) {
         {"", MonitorError::invalidSelection()},
         {"https://example.invalid/x", MonitorError::invalidSelection()},
         {"file://", MonitorError::invalidSelection()},
-        {"/does/not/exist", MonitorError::blockDeviceNotFound()},
+        {"/does/not/exist", MonitorError::blockDeviceNotFound(ENOENT)},
         {"/mnt/nosource", MonitorError::blockDeviceNotFound()},
     };
     for (const auto& [url, error] : cases) {
