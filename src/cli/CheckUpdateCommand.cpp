@@ -101,7 +101,9 @@ int runCheckUpdate(const CheckUpdateOptions& options, Environment& environment) 
     document["version"] = prompt.version;
     document["url"] = prompt.url;
     // The version and the address come from the server: shown safely.
-    if (!options.json) *environment.out << text::terminalText(found) << '\n' << text::terminalText(prompt.url) << '\n' << std::flush;
+    if (!options.json) {
+        *environment.out << text::terminalText(found) << '\n' << text::terminalText(prompt.url) << '\n' << std::flush;
+    }
     if (!options.download) {
         if (options.json) {
             document["status"] = statusName(outcome.status);

@@ -6,10 +6,10 @@
 
 #include "cli/Commands.h"
 #include "cli/JsonOutput.h"
-#include "json/JsonText.h"
 #include "cli/LinkCeilingJson.h"
 #include "cli/StandardStreams.h"
 #include "cli/TextTable.h"
+#include "json/JsonText.h"
 #include "monitor/StatisticsSession.h"
 #include "text/Formats.h"
 #include "text/Language.h"

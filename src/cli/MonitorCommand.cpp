@@ -123,7 +123,8 @@ class MonitorSession {
 public:
     MonitorSession(const MonitorOptions& options, Environment& environment,
                    std::shared_ptr<LoopMainExecutor> main)
-        : options_(options), environment_(environment), out_(*environment.out), err_(*environment.err), main_(std::move(main)),
+        : options_(options), environment_(environment), out_(*environment.out), err_(*environment.err),
+          main_(std::move(main)),
           monitor_(environment.system.makeMonitor(main_, kDeliveryInterval)),
           reportQueue_("com.vantorix.cli.report", QualityOfService::utility) {}
 
@@ -133,7 +134,8 @@ public:
     }
 
     int run() {
-        subscription_ = monitor_->subscribe(main_->failingTheLoop([this](const DiskIOMonitor::State& state) { observe(state); }));
+        subscription_ =
+            monitor_->subscribe(main_->failingTheLoop([this](const DiskIOMonitor::State& state) { observe(state); }));
         monitor_->setSamplingPrecision(options_.precision);
         monitor_->selectVolume(options_.path);
         main_->run();

@@ -75,8 +75,9 @@ CLI::Validator namingHiddenOption(const std::string& name, CLI::Validator check)
 std::optional<std::string> destinationProblem(const std::string& path) {
     struct stat status {};
     if (::stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode)) return std::nullopt;
-    return text::withCause(text::isEnglish() ? fmt::format("Cannot write to {}.", path) : fmt::format("无法写入 {}。", path),
-                           text::notRegularFileText(status.st_mode));
+    const std::string message =
+        text::isEnglish() ? fmt::format("Cannot write to {}.", path) : fmt::format("无法写入 {}。", path);
+    return text::withCause(message, text::notRegularFileText(status.st_mode));
 }
 
 }  // namespace vantorix::cli

@@ -62,10 +62,9 @@ int runServe(const ServeOptions& options, Environment& environment) {
     auto& err = *environment.err;
     const auto listen = parseListenAddress(options.listen);
     if (!listen) {
-        err << text::terminalText(fmt::format(fmt::runtime(localized("无效的监听地址：{}（应为 地址:端口，例如 127.0.0.1:9842）",
-                                                                   "Invalid listen address: {} (expected ADDRESS:PORT, such as 127.0.0.1:9842)")),
-                                              options.listen))
-            << '\n';
+        const auto pattern = localized("无效的监听地址：{}（应为 地址:端口，例如 127.0.0.1:9842）",
+                                    "Invalid listen address: {} (expected ADDRESS:PORT, such as 127.0.0.1:9842)");
+        err << text::terminalText(fmt::format(fmt::runtime(pattern), options.listen)) << '\n';
         return kUsage;
     }
 
@@ -105,8 +104,8 @@ int runServe(const ServeOptions& options, Environment& environment) {
     auto server = exporter::MetricsServer::start(
         serverOptions, [&collector](const exporter::MetricsServer::Request& request) { return answer(collector, request); });
     if (!server) {
-        err << text::terminalLines(fmt::format(fmt::runtime(localized("无法监听 {}。", "Cannot listen on {}.")), server.error()))
-            << '\n';
+        const auto pattern = localized("无法监听 {}。", "Cannot listen on {}.");
+        err << text::terminalLines(fmt::format(fmt::runtime(pattern), server.error())) << '\n';
         return kFailure;
     }
     std::unique_ptr<exporter::MetricsServer> http = std::move(server).value();

@@ -52,12 +52,15 @@ Result<std::string, std::string> readSavedOutput(const std::string& path) {
     };
     struct stat status {};
     if (::fstat(fd, &status) != 0) return close(Failure{text::withSystemError(cannotRead(path), errno)});
-    if (!S_ISREG(status.st_mode)) return close(Failure{text::withCause(cannotRead(path), text::notRegularFileText(status.st_mode))});
-    const std::string tooLarge = text::withCause(
-        cannotRead(path), text::localized("文件超过 64 MiB，不是保存的 smartctl 输出", "It is larger than 64 MiB, too large for a saved smartctl output"));
+    if (!S_ISREG(status.st_mode)) {
+        return close(Failure{text::withCause(cannotRead(path), text::notRegularFileText(status.st_mode))});
+    }
+    const std::string tooLarge =
+        text::withCause(cannotRead(path), text::localized("文件超过 64 MiB，不是保存的 smartctl 输出",
+                                                          "It is larger than 64 MiB, too large for a saved smartctl output"));
     if (static_cast<std::uint64_t>(status.st_size) > kLargestSavedOutput) return close(Failure{tooLarge});
+    // A file that grows past the limit while it is read is caught as it is read.
     std::string contents;
-    // One byte more than allowed tells a file that grew past the limit since fstat().
     std::vector<char> buffer(1 << 16);
     for (;;) {
         const ssize_t count = ::read(fd, buffer.data(), buffer.size());
@@ -265,7 +268,8 @@ public:
             [this](const std::string& deviceName, SmartRefresh::Round round, const SMARTInfoProvider::Outcome& fetched) {
                 observeRound(deviceName, round, fetched);
             }));
-        subscription_ = monitor_->subscribe(main_->failingTheLoop([this](const DiskIOMonitor::State& state) { observe(state); }));
+        subscription_ =
+            monitor_->subscribe(main_->failingTheLoop([this](const DiskIOMonitor::State& state) { observe(state); }));
         monitor_->selectVolume(*options_.path);
         try {
             main_->run();
@@ -376,7 +380,9 @@ private:
             return;
         }
         const auto& selected = monitor_->state().selectedVolume;
-        if (selected && !selected->smartInfo) *environment_.err << text::terminalLines(noDataMessage(deviceName, false)) << std::endl;
+        if (selected && !selected->smartInfo) {
+            *environment_.err << text::terminalLines(noDataMessage(deviceName, false)) << std::endl;
+        }
     }
 
     void finish(int status) {

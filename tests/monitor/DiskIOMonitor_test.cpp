@@ -122,7 +122,7 @@ TEST_F(DiskIOMonitorTest, FailedSelectionClearsTheSelectionAndShowsTheError) {
     ASSERT_TRUE(runUntil([&] { return state().selectedVolume.has_value(); }));
     monitor_->selectVolume("/missing/folder");
     ASSERT_TRUE(runUntil([&] { return !state().selectedVolume.has_value(); }));
-    EXPECT_EQ(state().errorMessage, "Failed to find the block device of the selected path.");
+    EXPECT_EQ(state().errorMessage, "Failed to find the block device of the selected path. No such file or folder.");
 }
 
 TEST_F(DiskIOMonitorTest, SamplesAreTheCounterDeltasAndStopKeepsThem) {
