@@ -292,11 +292,13 @@ TEST(SmartCliHelper, HelperCommandsReportTheHelperTheyFind) {
     EXPECT_EQ(silent, "");
 }
 
-// A root process that accepts the connection and closes it at once: the command says the helper
-// failed as soon as it does, in the user's language, instead of waiting for the reply time-out.
-TEST(SmartCliHelper, AHelperThatClosesTheConnectionFailsTheCommandAtOnce) {
+// A root process that accepts the connection and closes it at once, or a listener that is not root:
+// the command says the helper failed and how as soon as it knows, in the user's language, instead
+// of waiting for the reply time-out.
+TEST(SmartCliHelper, AHelperThatMisbehavesFailsTheCommandAtOnceSayingHow) {
     if (::geteuid() != 0) GTEST_SKIP() << "the client talks only to a helper running as root";
     testing::HelperSocketStandIn closer(testing::HelperSocketStandIn::Behaviour::closeAtOnce, 0);
+    testing::HelperSocketStandIn impostor(testing::HelperSocketStandIn::Behaviour::neverAnswer, 65534);
     const Environment socket{{"VANTORIX_HELPER_SOCKET", closer.path()}};
     struct Case {
         Environment environment;
@@ -309,6 +311,8 @@ TEST(SmartCliHelper, AHelperThatClosesTheConnectionFailsTheCommandAtOnce) {
         {with(kChinese, socket), {"/"}, "SMART 辅助程序未能读取 "},
         {with(kChinese, socket), {"/"}, "的 SMART 数据：它在应答之前关闭了连接"},
         {with(kEnglish, socket), {"/", "--watch"}, ": it closed the connection before answering"},
+        {with(kEnglish, {{"VANTORIX_HELPER_SOCKET", impostor.path()}}), {"/"},
+         "No Vantorix SMART helper running as root answers at " + impostor.path()},
     };
     for (const auto& c : cases) {
         const auto result = smart(c.args, c.environment);
