@@ -8,10 +8,11 @@ class QSocketNotifier;
 
 namespace vantorix::app {
 
-// Turns SIGTERM, SIGINT and SIGHUP into an orderly QCoreApplication::quit(): the handler only
-// writes a byte into a socket pair, and the event loop reads it and quits, so the application's
-// destructors run (monitoring stops, a running test removes its files) instead of the process
-// dying where it stands. One instance per process; the default actions come back when it goes.
+// Turns the signals it is given (the app: SIGTERM, SIGINT, SIGHUP, SIGQUIT) into an orderly
+// QCoreApplication::quit(): the handler only writes a byte into a socket pair, and the event loop
+// reads it and quits, so the application's destructors run (monitoring stops, a running test
+// removes its files) instead of the process dying where it stands. One instance per process; the
+// default actions come back when it goes.
 class QuitOnSignals final : public QObject {
     Q_OBJECT
 public:

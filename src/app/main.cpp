@@ -85,7 +85,7 @@ int main(int argc, char** argv) {
     QApplication::setDesktopFileName(QStringLiteral("com.vantorix.Vantorix"));
 
     // A signal to end the program ends it as closing the window does: the tester removes its files.
-    vantorix::app::QuitOnSignals quitOnSignals({SIGTERM, SIGINT, SIGHUP});
+    vantorix::app::QuitOnSignals quitOnSignals({SIGTERM, SIGINT, SIGHUP, SIGQUIT});
     vantorix::ui::chooseIconTheme();
     vantorix::app::VantorixApp vantorix;
     vantorix.show();

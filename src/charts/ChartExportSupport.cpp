@@ -1,6 +1,7 @@
 #include "charts/ChartExportSupport.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <fmt/compile.h>
 #include <fmt/format.h>
 #include <unicode/locid.h>
@@ -19,6 +20,7 @@
 #include "text/Formats.h"
 #include "text/Language.h"
 #include "text/Messages.h"
+#include "text/SystemError.h"
 
 namespace vantorix {
 namespace {
@@ -109,15 +111,26 @@ void appendNumber(std::string& out, double value) {
     else fmt::format_to(std::back_inserter(out), "{:.3f}", value);
 }
 
-// Writes `bytes` to `path`, replacing the file; the reason in the user's language on failure.
+// Writes `bytes` to `path`, replacing the file; the reason in the user's language on failure. Only
+// a regular file is written: a named pipe or a device there is refused, and opening does not wait
+// for a pipe's reader.
 std::optional<std::string> writeFile(const std::string& path, const void* bytes, std::size_t size) {
-    const auto failure = [&path](int error) {
-        const std::string reason = std::generic_category().message(error);
+    const auto failed = [&path](const std::string& reason) {
         return text::isEnglish() ? fmt::format("Could not write the file “{}”: {}", path, reason)
                                  : fmt::format("无法写入文件“{}”：{}", path, reason);
     };
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    const auto failure = [&failed](int error) { return failed(std::generic_category().message(error)); };
+    struct stat status {};
+    // A folder is left to open(), which names it.
+    if (::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
+        return failed(text::notRegularFileText(status.st_mode));
+    }
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666);
     if (fd < 0) return failure(errno);
+    if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+        ::close(fd);
+        return failed(text::notRegularFileText(status.st_mode));
+    }
     const auto* data = static_cast<const char*>(bytes);
     while (size > 0) {
         const ssize_t written = ::write(fd, data, size);

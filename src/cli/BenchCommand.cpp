@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <iostream>
 #include <map>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -14,8 +13,11 @@
 #include "cli/Commands.h"
 #include "cli/JsonOutput.h"
 #include "cli/LinkCeilingJson.h"
+#include "cli/OptionChecks.h"
 #include "cli/SignalWatcher.h"
+#include "cli/StandardStreams.h"
 #include "cli/SmartFetch.h"
+#include "json/JsonText.h"
 #include "smart/HelperApprovalTexts.h"
 #include "composition/SmartPipeline.h"
 #include "cli/TextTable.h"
@@ -24,7 +26,7 @@
 #include "text/Formats.h"
 #include "text/Language.h"
 #include "text/Messages.h"
-#include "text/Utf8.h"
+#include "text/TerminalText.h"
 #include "volumes/DiskVolumeResolver.h"
 
 namespace vantorix::cli {
@@ -32,6 +34,9 @@ namespace {
 
 using ordered_json = nlohmann::ordered_json;
 using text::localized;
+
+// The largest --payload-bytes: a petabyte.
+constexpr std::uint64_t kLargestPayload = 1'000'000'000'000'000;
 
 // A phase is taken as served from the page cache when less than half of the bytes it moved
 // reached the device.
@@ -243,7 +248,7 @@ class BenchSession {
 public:
     BenchSession(const BenchOptions& options, Environment& environment, std::shared_ptr<LoopMainExecutor> main)
         : options_(options), environment_(environment), out_(*environment.out), err_(*environment.err),
-          main_(std::move(main)), interactive_(environment.err == &std::cerr && ::isatty(STDERR_FILENO) == 1) {}
+          main_(std::move(main)), interactive_(environment.err == &standardError() && ::isatty(STDERR_FILENO) == 1) {}
 
     int run() {
         auto resolved = DiskVolumeResolver::resolve(options_.path, *environment_.system.volumes, *environment_.system.devices);
@@ -272,9 +277,9 @@ public:
         // test that can run.
         if (preview || options_.payloadBytes) {
             readSmartInfo();
-            if (interrupted_) {
+            if (stopSignal_ != 0) {
                 fail("interrupted", localized("性能测试已停止。", "Performance test stopped."));
-                return kInterrupted;
+                return stoppedBy(stopSignal_);
             }
         }
         auto context = performancePayloadContext(volume_, tester_->state().dataSize, preview);
@@ -286,28 +291,39 @@ public:
         if (!tester_->state().isRunning) {
             return fail("testFailed", tester_->state().errorMessage.value_or(context.description));
         }
-        if (smartNote_) err_ << *smartNote_ << std::endl;
+        if (smartNote_) err_ << text::terminalLines(*smartNote_) << std::endl;
         if (const auto warning = volume_->link ? slowLinkWarning(*volume_->link) : std::nullopt) {
             err_ << localized("警告：", "Warning: ") << *warning << std::endl;
         }
-        // The label and the path are bytes: what is not UTF-8 shows as U+FFFD.
-        err_ << text::lossyUtf8(text::isEnglish()
+        // The label and the path are bytes from outside: shown safely.
+        err_ << text::terminalText(text::isEnglish()
                                     ? fmt::format("Testing {} ({}) in {}. {}. Press Ctrl-C to stop.",
                                                   volume_->displayName, volume_->deviceName, volume_->url,
                                                   context.description)
                                     : fmt::format("正在测试 {}（{}），目录 {}。{}。按 Ctrl-C 停止。", volume_->displayName,
                                                   volume_->deviceName, volume_->url, context.description))
              << std::endl;
-        subscription_ = tester_->subscribe([this](const DiskPerformanceTester::State& state) { observe(state); });
-        observe(tester_->state());
-        main_->run();
+        try {
+            subscription_ = tester_->subscribe(
+                main_->failingTheLoop([this](const DiskPerformanceTester::State& state) { observe(state); }));
+            observe(tester_->state());
+            main_->run();
+        } catch (...) {
+            // A failure on the main thread ends the command, but not before the test has stopped
+            // and its files are gone.
+            subscription_.cancel();
+            tester_->stopTest();
+            tester_->waitForBackgroundWork();
+            throw;
+        }
         tester_->waitForBackgroundWork();
         return exitStatus_;
     }
 
-    void interrupt() {
-        if (done_) return;
-        interrupted_ = true;
+    // A signal, or the output went away (SIGPIPE): the test stops and its files go.
+    void interrupt(int signal) {
+        if (done_ || stopSignal_ != 0) return;
+        stopSignal_ = signal;
         smartCancellation_.cancel();
         if (tester_) tester_->stopTest();
     }
@@ -317,7 +333,7 @@ private:
         const auto pipeline = SmartPipeline::system(main_, RegistrationPolicy{false});
         const ApprovalListener approval;
         const auto outcome = fetchSmartInfo(pipeline, *main_, volume_->deviceName, smartCancellation_);
-        if (interrupted_) return;
+        if (stopSignal_ != 0) return;
         volume_->smartInfo = outcome.info;
         if (outcome.info) return;
         auto reason = helperUnavailableReason(pipeline, approval);
@@ -336,10 +352,10 @@ private:
             return;
         }
         endProgressLine();
-        if (interrupted_) {
+        if (stopSignal_ != 0) {
             fail("interrupted",
                  localized("性能测试已停止，测试文件已删除。", "Performance test stopped; its test files were removed."));
-            finish(kInterrupted);
+            finish(stoppedBy(stopSignal_));
         } else if (state.lastResult && !state.automaticReportMessage) {
             // Success: the report is being written; its message follows.
         } else if (state.lastResult) {
@@ -356,11 +372,12 @@ private:
         if (line == lastProgressLine_) return;
         lastProgressLine_ = line;
         if (interactive_) {
-            err_ << "\r\033[K" << line << std::flush;
+            err_ << "\r\033[K" << text::terminalText(line) << std::flush;
             lineOpen_ = true;
         } else {
-            err_ << line << '\n' << std::flush;
+            err_ << text::terminalText(line) << '\n' << std::flush;
         }
+        if (environment_.outputLost()) interrupt(SIGPIPE);
     }
 
     void endProgressLine() {
@@ -407,13 +424,13 @@ private:
             const auto found = traffic.find(phase);
             if (found != traffic.end() && found->second.servedFromPageCache()) err_ << cacheWarning(phase) << '\n';
         }
-        (state.lastReportPath ? (options_.json ? err_ : out_) : err_) << text::lossyUtf8(*state.automaticReportMessage)
+        (state.lastReportPath ? (options_.json ? err_ : out_) : err_) << text::terminalLines(*state.automaticReportMessage)
                                                                       << std::endl;
     }
 
     // Says why the test did not give a result: on standard error, and with --json in the error shape.
     int fail(std::string_view code, const std::string& message) {
-        err_ << message << std::endl;
+        err_ << text::terminalLines(message) << std::endl;
         if (options_.json) printJsonError(out_, code, message);
         exitStatus_ = kFailure;
         done_ = true;
@@ -438,7 +455,7 @@ private:
     Subscription subscription_;
     std::string lastProgressLine_;
     bool lineOpen_ = false;
-    bool interrupted_ = false;
+    int stopSignal_ = 0;
     bool done_ = false;
     CancellationSource smartCancellation_;
     std::optional<std::string> smartNote_;  // why the report has no SMART data
@@ -451,10 +468,8 @@ int runBench(const BenchOptions& options, Environment& environment) {
     // Signals are blocked before the tester's threads start, so only the watcher receives them.
     auto main = std::make_shared<LoopMainExecutor>();
     BenchSession* current = nullptr;
-    SignalWatcher signals([&main, &current](int) {
-        main->post([&current] {
-            if (current != nullptr) current->interrupt();
-        });
+    SignalWatcher signals(main, [&current](int signal) {
+        if (current != nullptr) current->interrupt(signal);
     });
     BenchSession session(options, environment, main);
     current = &session;
@@ -488,11 +503,15 @@ Command addBenchCommand(CLI::App& parent) {
         ->default_val("standard");
     command->add_option("--seconds", parsed->options.seconds,
                         text::localized("deep 测试中每项读取与写入的秒数，默认 5", "Seconds of each read and each write of the deep profiles; 5 by default"))
-        ->check(CLI::Range(0.1, 3600.0))
+        ->check(secondsCheck(0.1, true, 3600))
         ->default_val(5);
     // Shorter runs for tests and comparisons; not shown by --help.
-    auto* payloadOption = command->add_option("--payload-bytes", parsed->payloadBytes)->group("");
-    auto* randomOption = command->add_option("--random-seconds", parsed->randomSeconds)->check(CLI::PositiveNumber)->group("");
+    auto* payloadOption = command->add_option("--payload-bytes", parsed->payloadBytes)
+                              ->check(namingHiddenOption("--payload-bytes", byteCountCheck(4096, kLargestPayload)))
+                              ->group("");
+    auto* randomOption = command->add_option("--random-seconds", parsed->randomSeconds)
+                             ->check(namingHiddenOption("--random-seconds", secondsCheck(0, false, 3600)))
+                             ->group("");
     return {command, [parsed, payloadOption, randomOption](Environment& environment) {
                 if (*payloadOption) parsed->options.payloadBytes = parsed->payloadBytes;
                 if (*randomOption) parsed->options.randomSeconds = parsed->randomSeconds;

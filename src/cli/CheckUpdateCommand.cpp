@@ -14,6 +14,7 @@
 #include "services/UpdateCheck.h"
 #include "text/Language.h"
 #include "text/Messages.h"
+#include "text/TerminalText.h"
 
 namespace vantorix::cli {
 namespace {
@@ -49,7 +50,7 @@ private:
 };
 
 int fail(const CheckUpdateOptions& options, Environment& environment, std::string_view code, const std::string& message) {
-    *environment.err << message << '\n';
+    *environment.err << text::terminalLines(message) << '\n';
     if (options.json) printJsonError(*environment.out, code, message);
     return kFailure;
 }
@@ -71,9 +72,9 @@ int runCheckUpdate(const CheckUpdateOptions& options, Environment& environment) 
     StagingFolder staging;
     // Ctrl-C cannot interrupt a request that is under way: the program ends at once, after removing
     // what a download has written so far.
-    SignalWatcher signals([&staging](int) {
+    SignalWatcher signals([&staging](int signal) {
         staging.remove();
-        std::_Exit(kInterrupted);
+        std::_Exit(stoppedBy(signal));
     });
 
     HttpClient& client = *environment.system.http;
@@ -90,7 +91,7 @@ int runCheckUpdate(const CheckUpdateOptions& options, Environment& environment) 
             document["message"] = message;
             printJson(*environment.out, document);
         } else {
-            *environment.out << message << '\n';
+            *environment.out << text::terminalLines(message) << '\n';
         }
         return kSuccess;
     }
@@ -99,7 +100,10 @@ int runCheckUpdate(const CheckUpdateOptions& options, Environment& environment) 
     const std::string found = text::newVersionFound(prompt.version);
     document["version"] = prompt.version;
     document["url"] = prompt.url;
-    if (!options.json) *environment.out << found << '\n' << prompt.url << '\n' << std::flush;
+    // The version and the address come from the server: shown safely.
+    if (!options.json) {
+        *environment.out << text::terminalText(found) << '\n' << text::terminalText(prompt.url) << '\n' << std::flush;
+    }
     if (!options.download) {
         if (options.json) {
             document["status"] = statusName(outcome.status);
@@ -121,7 +125,7 @@ int runCheckUpdate(const CheckUpdateOptions& options, Environment& environment) 
         document["path"] = saved.value();
         printJson(*environment.out, document);
     } else {
-        *environment.out << saved.value() << '\n';
+        *environment.out << text::terminalText(saved.value()) << '\n';
     }
     return kSuccess;
 }

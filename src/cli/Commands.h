@@ -22,7 +22,11 @@ namespace vantorix::cli {
 // Exit statuses of the command-line program. With --json, standard output carries only JSON (see
 // cli/JsonOutput.h); a failure is {"error":{"code":…,"message":…}} there besides its message on
 // standard error.
-enum ExitStatus : int { kSuccess = 0, kFailure = 1, kUsage = 2, kInterrupted = 130 };
+enum ExitStatus : int { kSuccess = 0, kFailure = 1, kUsage = 2 };
+
+// The status of a command stopped by a signal after cleaning up: 130 for SIGINT, 143 for SIGTERM,
+// 129 for SIGHUP, 131 for SIGQUIT, 141 for SIGPIPE (its output went away).
+constexpr int stoppedBy(int signal) { return 128 + signal; }
 
 // What a command runs against: the machine's parts and the two output streams.
 struct Environment {
@@ -32,6 +36,10 @@ struct Environment {
 
     // This machine, standard output and standard error.
     static Environment standard();
+
+    // True once a write to either stream failed: the reader went away, and a long command stops
+    // its work as for SIGPIPE.
+    bool outputLost() const { return out->fail() || err->fail(); }
 };
 
 // One subcommand: its options are declared by its add function, next to its code; `run` runs it
@@ -66,7 +74,7 @@ struct MonitorOptions {
 };
 
 // Monitors the volume behind a folder: a line of figures a second until the duration ends or the
-// user presses Ctrl-C, then a summary. Exit status 0, 1 on an error, 130 when interrupted.
+// user presses Ctrl-C, then a summary. Exit status 0, 1 on an error, stoppedBy(signal) when stopped.
 int runMonitor(const MonitorOptions& options, Environment& environment);
 
 struct BenchOptions {
@@ -84,8 +92,8 @@ struct BenchOptions {
 };
 
 // Runs the four-phase performance test on the volume behind a folder, with a progress line, then
-// prints the result and the report's path. Exit status 0, 1 on an error, 130 when interrupted
-// (the test files are removed first).
+// prints the result and the report's path. Exit status 0, 1 on an error, stoppedBy(signal) when
+// stopped (the test files are removed first).
 int runBench(const BenchOptions& options, Environment& environment);
 
 struct SmartOptions {
@@ -98,7 +106,7 @@ struct SmartOptions {
 // Prints the overall status, the capability and the rows of a drive's SMART data: live through the
 // privileged helper for the volume behind a folder, or replayed from a saved `smartctl --json`
 // output. Exit status 0; 1 when there is no usable SMART information, the helper is not available
-// (the message says how to enable it) or the file cannot be read; 130 when --watch is stopped.
+// (the message says how to enable it) or the file cannot be read; stoppedBy(signal) when stopped.
 int runSmart(const SmartOptions& options, Environment& environment);
 
 struct HelperOptions {
@@ -143,9 +151,9 @@ struct ServeOptions {
 // "ADDRESS:PORT", "[IPv6]:PORT" or ":PORT" (loopback) as an address and a port; nothing when malformed.
 std::optional<std::pair<std::string, std::uint16_t>> parseListenAddress(std::string_view text);
 
-// Serves /metrics in the Prometheus text format (OpenMetrics when asked) until SIGINT or SIGTERM.
-// Exit status 0 when stopped, 1 when it cannot listen or none of the named folders can be watched,
-// 2 for a malformed listen address.
+// Serves /metrics in the Prometheus text format (OpenMetrics when asked) until a signal stops it.
+// Exit status stoppedBy(signal) then, 1 when it cannot listen or none of the named folders can be
+// watched, 2 for a malformed listen address.
 int runServe(const ServeOptions& options, Environment& environment);
 
 }  // namespace vantorix::cli

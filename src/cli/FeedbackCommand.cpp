@@ -6,6 +6,7 @@
 #include "cli/JsonOutput.h"
 #include "services/Feedback.h"
 #include "text/Language.h"
+#include "text/TerminalText.h"
 
 namespace vantorix::cli {
 namespace {
@@ -22,7 +23,7 @@ int runFeedback(const FeedbackOptions& options, Environment& environment) {
     form.applyLimits();
 
     const auto refuse = [&](std::string_view code, const std::string& message) {
-        *environment.err << message << '\n';
+        *environment.err << text::terminalLines(message) << '\n';
         if (options.json) printJsonError(*environment.out, code, message);
         return kFailure;
     };
@@ -37,7 +38,7 @@ int runFeedback(const FeedbackOptions& options, Environment& environment) {
                                                  {"feedbackId", outcome.feedbackId ? ordered_json(*outcome.feedbackId)
                                                                                    : ordered_json(nullptr)}});
     } else {
-        *environment.out << outcome.message << '\n';
+        *environment.out << text::terminalLines(outcome.message) << '\n';
     }
     return kSuccess;
 }

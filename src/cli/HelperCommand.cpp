@@ -6,11 +6,13 @@
 #include <nlohmann/json.hpp>
 
 #include "cli/Commands.h"
+#include "cli/JsonOutput.h"
 #include "cli/TextTable.h"
 #include "composition/SmartPipeline.h"
 #include "concurrency/LoopMainExecutor.h"
 #include "smart/HelperApprovalTexts.h"
 #include "text/Language.h"
+#include "text/TerminalText.h"
 
 namespace vantorix::cli {
 namespace {
@@ -53,14 +55,12 @@ std::string backendText(HelperServiceBackend backend) {
     return {};
 }
 
-std::string dumped(const ordered_json& document) { return document.dump(2, ' ', false, ordered_json::error_handler_t::replace); }
-
 int printStatus(const HelperState& state, const HelperOptions& options, Environment& environment) {
     if (options.json) {
         const auto optional = [](const std::optional<std::string>& value) {
             return value ? ordered_json(*value) : ordered_json(nullptr);
         };
-        *environment.out << dumped(ordered_json{{"serviceManager", backendName(state.backend)},
+        printJson(*environment.out, ordered_json{{"serviceManager", backendName(state.backend)},
                                                 {"status", stateName(state.state)},
                                                 {"unitFile", optional(state.unitFile)},
                                                 {"allowsPrivilegedOperations", state.environment.allowsPrivilegedOperations},
@@ -68,8 +68,7 @@ int printStatus(const HelperState& state, const HelperOptions& options, Environm
                                                 {"socketPath", state.socketPath},
                                                 {"helperPath", state.executable.path},
                                                 {"helperPresent", state.executable.exists},
-                                                {"helperVersion", optional(state.version)}})
-                         << '\n';
+                                                {"helperVersion", optional(state.version)}});
         return kSuccess;
     }
     const std::string none = localized("无", "none");
@@ -97,10 +96,10 @@ int printStatus(const HelperState& state, const HelperOptions& options, Environm
 // standard error.
 int report(const HelperOptions& options, Environment& environment, bool success, const std::string& message) {
     if (options.json) {
-        if (!success) *environment.err << message << '\n';
-        *environment.out << dumped(ordered_json{{"success", success}, {"message", message}}) << '\n';
+        if (!success) *environment.err << text::terminalLines(message) << '\n';
+        printJson(*environment.out, ordered_json{{"success", success}, {"message", message}});
     } else {
-        (success ? *environment.out : *environment.err) << message << '\n';
+        (success ? *environment.out : *environment.err) << text::terminalLines(message) << '\n';
     }
     return success ? kSuccess : kFailure;
 }

@@ -1,17 +1,19 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
-#include <iostream>
 #include <nlohmann/json.hpp>
 #include <vector>
 
 #include "cli/Commands.h"
 #include "cli/JsonOutput.h"
 #include "cli/LinkCeilingJson.h"
+#include "cli/StandardStreams.h"
 #include "cli/TextTable.h"
+#include "json/JsonText.h"
 #include "monitor/StatisticsSession.h"
 #include "text/Formats.h"
 #include "text/Language.h"
+#include "text/TerminalText.h"
 #include "volumes/DiskVolumeResolver.h"
 
 namespace vantorix::cli {
@@ -43,8 +45,7 @@ std::string counterLine(std::uint64_t bytes) {
 }  // namespace
 
 Environment Environment::standard() {
-    return Environment{System::thisMachine(), &std::cout,
-                       &std::cerr};
+    return Environment{System::thisMachine(), &standardOutput(), &standardError()};
 }
 
 int runInfo(const InfoOptions& options, Environment& environment) {
@@ -52,7 +53,7 @@ int runInfo(const InfoOptions& options, Environment& environment) {
     auto& err = *environment.err;
     auto descriptor = DiskVolumeResolver::resolve(options.path, *environment.system.volumes, *environment.system.devices);
     if (!descriptor.ok()) {
-        err << descriptor.error().description() << '\n';
+        err << text::terminalLines(descriptor.error().description()) << '\n';
         if (options.json) printJsonError(out, descriptor.error().name(), descriptor.error().description());
         return kFailure;
     }
@@ -122,7 +123,7 @@ int runInfo(const InfoOptions& options, Environment& environment) {
         printTable(out, rows);
     }
     if (statisticsError) {
-        err << statisticsError->description() << '\n';
+        err << text::terminalLines(statisticsError->description()) << '\n';
         return kFailure;
     }
     return kSuccess;

@@ -8,6 +8,7 @@
 #include "charts/ChartExportSupport.h"
 #include "cli/Commands.h"
 #include "cli/JsonOutput.h"
+#include "cli/OptionChecks.h"
 #include "cli/SignalWatcher.h"
 #include "concurrency/LoopMainExecutor.h"
 #include "concurrency/RepeatingTimer.h"
@@ -17,7 +18,7 @@
 #include "render/ChartImageRenderer.h"
 #include "text/Formats.h"
 #include "text/Language.h"
-#include "text/Utf8.h"
+#include "text/TerminalText.h"
 #include "volumes/MonitorError.h"
 
 namespace vantorix::cli {
@@ -110,6 +111,9 @@ std::string humanSummary(const DiskIOMonitor::State& state, double duration) {
                        text::totalBytesText(state.totalWriteBytes), averageWrite);
 }
 
+// A run is at most a year long.
+constexpr double kLongestDuration = 365.0 * 24 * 60 * 60;
+
 // The figures are looked at once a second, and each report first fetches the pending samples, so
 // the batches need not reach the main thread at a display's rate.
 constexpr std::chrono::seconds kDeliveryInterval{1};
@@ -119,7 +123,8 @@ class MonitorSession {
 public:
     MonitorSession(const MonitorOptions& options, Environment& environment,
                    std::shared_ptr<LoopMainExecutor> main)
-        : options_(options), out_(*environment.out), err_(*environment.err), main_(std::move(main)),
+        : options_(options), environment_(environment), out_(*environment.out), err_(*environment.err),
+          main_(std::move(main)),
           monitor_(environment.system.makeMonitor(main_, kDeliveryInterval)),
           reportQueue_("com.vantorix.cli.report", QualityOfService::utility) {}
 
@@ -129,16 +134,17 @@ public:
     }
 
     int run() {
-        subscription_ = monitor_->subscribe([this](const DiskIOMonitor::State& state) { observe(state); });
+        subscription_ =
+            monitor_->subscribe(main_->failingTheLoop([this](const DiskIOMonitor::State& state) { observe(state); }));
         monitor_->setSamplingPrecision(options_.precision);
         monitor_->selectVolume(options_.path);
         main_->run();
         return exitStatus_;
     }
 
-    // Called on the main thread when the user asks to stop.
-    void interrupt() {
-        interrupted_ = true;
+    // Called on the main thread when a signal asks to stop, or the output went away (SIGPIPE).
+    void interrupt(int signal) {
+        if (stopSignal_ == 0) stopSignal_ = signal;
         requestStop();
     }
 
@@ -180,8 +186,8 @@ private:
 
     void announce(const DiskVolumeDescriptor& volume) {
         const int ms = DiskIOMonitor::rawValue(options_.precision);
-        // The label is bytes: what is not UTF-8 shows as U+FFFD.
-        err_ << text::lossyUtf8(text::isEnglish()
+        // The label is bytes from outside: shown safely.
+        err_ << text::terminalText(text::isEnglish()
                                     ? fmt::format("Monitoring {} ({}) every {} ms. Press Ctrl-C to stop.",
                                                   volume.displayName, volume.deviceName, ms)
                                     : fmt::format("正在监控 {}（{}），每 {} 毫秒采样一次。按 Ctrl-C 停止。",
@@ -220,6 +226,7 @@ private:
         const auto figures = figuresOf(state, state.monitoringDuration);
         if (options_.json) printJson(out_, jsonLine(figures), -1);
         else out_ << humanLine(figures) << std::endl;
+        if (environment_.outputLost()) interrupt(SIGPIPE);
     }
 
     void requestStop() {
@@ -229,7 +236,7 @@ private:
             if (stopTimer_) stopTimer_->cancel();
             monitor_->stopMonitoring(true);
         } else if (phase_ == Phase::selecting) {
-            exitStatus_ = kInterrupted;
+            exitStatus_ = stoppedBy(stopSignal_);
             phase_ = Phase::done;
             main_->stop();
         }
@@ -251,7 +258,7 @@ private:
         } else if (!exported) {
             exitStatus_ = kFailure;
         } else {
-            exitStatus_ = interrupted_ ? kInterrupted : kSuccess;
+            exitStatus_ = stopSignal_ != 0 ? stoppedBy(stopSignal_) : kSuccess;
         }
         main_->stop();
     }
@@ -271,7 +278,7 @@ private:
             return false;
         }
         if (!outcome->saved) reportFailure("chartExportFailed", outcome->text);
-        else (options_.json ? err_ : out_) << text::lossyUtf8(outcome->text) << std::endl;
+        else (options_.json ? err_ : out_) << text::terminalLines(outcome->text) << std::endl;
         return outcome->saved;
     }
 
@@ -284,11 +291,12 @@ private:
 
     // A failure: its message on standard error, and with --json a line of its own in the stream.
     void reportFailure(std::string_view code, const std::string& message) {
-        err_ << message << std::endl;
+        err_ << text::terminalLines(message) << std::endl;
         if (options_.json) printJsonError(out_, code, message, -1);
     }
 
     MonitorOptions options_;
+    Environment& environment_;
     std::ostream& out_;
     std::ostream& err_;
     std::shared_ptr<LoopMainExecutor> main_;
@@ -301,7 +309,7 @@ private:
     double lastDuration_ = 0;
     DiskVolumeDescriptor volume_;
     std::optional<MonitorError> failure_;
-    bool interrupted_ = false;
+    int stopSignal_ = 0;
     int exitStatus_ = kSuccess;
 };
 
@@ -311,10 +319,8 @@ int runMonitor(const MonitorOptions& options, Environment& environment) {
     // Signals are blocked before the monitor's threads start, so only the watcher receives them.
     std::shared_ptr<LoopMainExecutor> main = std::make_shared<LoopMainExecutor>();
     MonitorSession* current = nullptr;
-    SignalWatcher signals([&main, &current](int) {
-        main->post([&current] {
-            if (current != nullptr) current->interrupt();
-        });
+    SignalWatcher signals(main, [&current](int signal) {
+        if (current != nullptr) current->interrupt(signal);
     });
     MonitorSession session(options, environment, main);
     current = &session;
@@ -338,12 +344,20 @@ Command addMonitorCommand(CLI::App& parent) {
         ->default_val(1000);
     auto* durationOption = command->add_option(
         "--duration", parsed->duration, text::localized("监控时长（秒），默认直到按下 Ctrl-C", "Seconds to monitor; until Ctrl-C when absent"))
-        ->check(CLI::PositiveNumber);
+        ->check(secondsCheck(0, false, kLongestDuration));
     command->add_flag("--json", parsed->options.json, text::localized("每行输出一个 JSON 对象", "Print one JSON object per line"));
     command->add_option("--csv", parsed->options.csvPath,
                         text::localized("结束时将图表数据导出为 CSV 文件，并在旁边保存同名 PNG 图表",
                                         "At the end, export the chart data as this CSV file and the chart as a PNG beside it"))
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->check(CLI::Validator(
+            [](std::string& path) {
+                // Refused before monitoring starts rather than after: the PNG beside it as well.
+                auto problem = destinationProblem(path);
+                if (!problem) problem = destinationProblem(ChartExportSupport::pngPath(path));
+                return problem.value_or("");
+            },
+            ""));
     return {command, [parsed, durationOption](Environment& environment) {
                 parsed->options.precision = *DiskIOMonitor::precisionFromRawValue(parsed->precision);
                 if (*durationOption) parsed->options.duration = parsed->duration;

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "text/Language.h"
+#include "text/TerminalText.h"
 
 namespace vantorix::cli {
 namespace {
@@ -40,26 +41,9 @@ std::string_view afterColon(std::string_view text) {
 }
 
 // A validator's complaint about one value in the reader's language, when CLI11's English is
-// recognised: "Value 7 not in range 0.100000 to 3600.000000" (Range, PositiveNumber) and
-// "7 not in {1,10,100,1000}" (IsMember).
+// recognised: "7 not in {1,10,100,1000}" (IsMember). The program's own checks speak the reader's
+// language already.
 std::string validatorText(std::string_view message) {
-    if (startsWith(message, "Value ")) {
-        const auto rest = message.substr(6);
-        const auto range = rest.find(" not in range ");
-        if (range != std::string_view::npos) {
-            const std::string value(rest.substr(0, range));
-            const auto bounds = rest.substr(range + 14);
-            const auto to = bounds.find(" to ");
-            // PositiveNumber is the range from the smallest to the largest double.
-            if (to != std::string_view::npos && bounds.size() - to > 40) {
-                return localized("值 " + value + " 不是正数", "Value " + value + " is not a positive number");
-            }
-            if (to != std::string_view::npos && !text::isEnglish()) {
-                return "值 " + value + " 不在 " + std::string(bounds.substr(0, to)) + " 到 " +
-                       std::string(bounds.substr(to + 4)) + " 之间";
-            }
-        }
-    }
     if (const auto set = message.find(" not in {"); set != std::string_view::npos && !text::isEnglish()) {
         return std::string(message.substr(0, set)) + " 不是可选的值之一：" + std::string(message.substr(set + 8));
     }
@@ -73,6 +57,8 @@ std::string errorText(const CLI::Error& error) {
     const std::string_view what = error.what();
     if (name == "ValidationError") {
         const auto colon = what.find(": ");
+        // A hidden option has no name here: its check names it.
+        if (colon == 0) return validatorText(what.substr(2));
         if (colon != std::string_view::npos) {
             return std::string(what.substr(0, colon)) + localized("：", ": ") + validatorText(what.substr(colon + 2));
         }
@@ -145,7 +131,8 @@ public:
 };
 
 std::string failureMessage(const CLI::App* app, const CLI::Error& error) {
-    std::string message = errorText(error) + "\n";
+    // The arguments it quotes are shown safely: they may be file names.
+    std::string message = text::terminalText(errorText(error)) + "\n";
     if (const auto* help = app->get_help_ptr()) {
         message += localized("运行时加上 " + help->get_name() + " 可查看更多信息。",
                              "Run with " + help->get_name() + " for more information.") +

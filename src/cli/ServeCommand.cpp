@@ -15,6 +15,7 @@
 #include "exporter/SmartHealth.h"
 #include "text/Language.h"
 #include "text/Messages.h"
+#include "text/TerminalText.h"
 
 namespace vantorix::cli {
 namespace {
@@ -61,15 +62,18 @@ int runServe(const ServeOptions& options, Environment& environment) {
     auto& err = *environment.err;
     const auto listen = parseListenAddress(options.listen);
     if (!listen) {
-        err << fmt::format(fmt::runtime(localized("无效的监听地址：{}（应为 地址:端口，例如 127.0.0.1:9842）",
-                                     "Invalid listen address: {} (expected ADDRESS:PORT, such as 127.0.0.1:9842)")),
-                           options.listen)
-            << '\n';
+        const auto pattern = localized("无效的监听地址：{}（应为 地址:端口，例如 127.0.0.1:9842）",
+                                    "Invalid listen address: {} (expected ADDRESS:PORT, such as 127.0.0.1:9842)");
+        err << text::terminalText(fmt::format(fmt::runtime(pattern), options.listen)) << '\n';
         return kUsage;
     }
 
     auto main = std::make_shared<LoopMainExecutor>();
-    SignalWatcher signals([main](int) { main->post([main] { main->stop(); }); });
+    int stopSignal = 0;
+    SignalWatcher signals(main, [&main, &stopSignal](int signal) {
+        stopSignal = signal;
+        main->stop();
+    });
     const auto pipeline = SmartPipeline::system(main, RegistrationPolicy{false});
     CancellationSource smartCancellation;
 
@@ -100,7 +104,8 @@ int runServe(const ServeOptions& options, Environment& environment) {
     auto server = exporter::MetricsServer::start(
         serverOptions, [&collector](const exporter::MetricsServer::Request& request) { return answer(collector, request); });
     if (!server) {
-        err << fmt::format(fmt::runtime(localized("无法监听 {}。", "Cannot listen on {}.")), server.error()) << '\n';
+        const auto pattern = localized("无法监听 {}。", "Cannot listen on {}.");
+        err << text::terminalLines(fmt::format(fmt::runtime(pattern), server.error())) << '\n';
         return kFailure;
     }
     std::unique_ptr<exporter::MetricsServer> http = std::move(server).value();
@@ -124,13 +129,14 @@ int runServe(const ServeOptions& options, Environment& environment) {
     smart.resume();
 
     err << text::exportingMetrics(watched, http->address()) << std::endl;
-    main->run();
+    // Standard error gone from the start is output gone: main() ends the program as for SIGPIPE.
+    if (!environment.outputLost()) main->run();
 
     smartCancellation.cancel();
     smart.cancel();
     sampling.cancel();
     http.reset();
-    return kSuccess;
+    return stopSignal != 0 ? stoppedBy(stopSignal) : kFailure;
 }
 
 Command addServeCommand(CLI::App& parent) {

@@ -2,22 +2,23 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <limits>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <vector>
 
 #include "cli/Commands.h"
+#include "cli/JsonOutput.h"
 #include "cli/SignalWatcher.h"
 #include "cli/SmartFetch.h"
 #include "cli/TextTable.h"
 #include "composition/SmartPipeline.h"
-#include "json/JsonText.h"
 #include "concurrency/LoopMainExecutor.h"
 #include "volumes/DiskVolumeResolver.h"
 #include "smart/HelperApprovalTexts.h"
@@ -25,26 +26,75 @@
 #include "protocol/SmartctlExecutionResult.h"
 #include "smart/SmartmontoolsBridge.h"
 #include "text/Language.h"
+#include "text/SystemError.h"
+#include "text/TerminalText.h"
 
 namespace vantorix::cli {
 namespace {
 
 using ordered_json = nlohmann::ordered_json;
 
-std::optional<std::string> readFile(const std::string& path, std::string& reason) {
-    errno = 0;
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        reason = errno != 0 ? std::strerror(errno) : "open failed";
-        return std::nullopt;
+// A saved smartctl output is some hundred kilobytes; a file far larger is something else.
+constexpr std::uint64_t kLargestSavedOutput = 64ull << 20;
+
+std::string cannotRead(const std::string& path) {
+    return text::isEnglish() ? fmt::format("Cannot read {}.", path) : fmt::format("无法读取 {}。", path);
+}
+
+// The contents of a regular file of at most kLargestSavedOutput bytes, or why not. Opened without
+// waiting, so that a named pipe with no writer cannot hold the program up.
+Result<std::string, std::string> readSavedOutput(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    if (fd < 0) return Failure{text::withSystemError(cannotRead(path), errno)};
+    const auto close = [fd](Result<std::string, std::string> result) {
+        ::close(fd);
+        return result;
+    };
+    struct stat status {};
+    if (::fstat(fd, &status) != 0) return close(Failure{text::withSystemError(cannotRead(path), errno)});
+    if (!S_ISREG(status.st_mode)) {
+        return close(Failure{text::withCause(cannotRead(path), text::notRegularFileText(status.st_mode))});
     }
-    std::ostringstream contents;
-    contents << file.rdbuf();
-    if (file.bad() || std::filesystem::is_directory(path)) {
-        reason = std::filesystem::is_directory(path) ? std::strerror(EISDIR) : "read failed";
-        return std::nullopt;
+    const std::string tooLarge =
+        text::withCause(cannotRead(path), text::localized("文件超过 64 MiB，不是保存的 smartctl 输出",
+                                                          "It is larger than 64 MiB, too large for a saved smartctl output"));
+    if (static_cast<std::uint64_t>(status.st_size) > kLargestSavedOutput) return close(Failure{tooLarge});
+    // A file that grows past the limit while it is read is caught as it is read.
+    std::string contents;
+    std::vector<char> buffer(1 << 16);
+    for (;;) {
+        const ssize_t count = ::read(fd, buffer.data(), buffer.size());
+        if (count < 0 && errno == EINTR) continue;
+        if (count < 0) return close(Failure{text::withSystemError(cannotRead(path), errno)});
+        if (count == 0) break;
+        contents.append(buffer.data(), static_cast<std::size_t>(count));
+        if (contents.size() > kLargestSavedOutput) return close(Failure{tooLarge});
     }
-    return std::move(contents).str();
+    return close(std::move(contents));
+}
+
+// smartctl's output nests a few levels; a file nested deeper is something else, and building its
+// document would take gigabytes (50 MB of "[" are 50 million arrays). Looked at before parsing.
+constexpr std::size_t kDeepestNesting = 64;
+
+bool nestsTooDeep(std::string_view json) {
+    std::size_t depth = 0;
+    bool inString = false;
+    bool escaped = false;
+    for (const char c : json) {
+        if (inString) {
+            if (escaped) escaped = false;
+            else if (c == '\\') escaped = true;
+            else if (c == '"') inString = false;
+        } else if (c == '"') {
+            inString = true;
+        } else if (c == '[' || c == '{') {
+            if (++depth > kDeepestNesting) return true;
+        } else if ((c == ']' || c == '}') && depth > 0) {
+            --depth;
+        }
+    }
+    return false;
 }
 
 // The run as the helper would have described it: the recorded smartctl arguments when the output
@@ -91,12 +141,10 @@ Replay replayOf(const std::string& path, std::string contents) {
     return replay;
 }
 
-std::string dumped(const ordered_json& document, int indent) { return jsonText(document, indent); }
-
 // The message goes to standard error; with --json, standard output carries it as the one document.
 int fail(const SmartOptions& options, Environment& environment, std::string_view code, const std::string& message) {
-    *environment.err << message << '\n';
-    if (options.json) *environment.out << jsonText(jsonError(code, message)) << '\n';
+    *environment.err << text::terminalLines(message) << '\n';
+    if (options.json) printJsonError(*environment.out, code, message);
     return kFailure;
 }
 
@@ -141,25 +189,22 @@ void printInfo(std::ostream& out, const DiskSMARTInfo& info) {
 }
 
 int replay(const SmartOptions& options, Environment& environment) {
-    std::string reason;
     const std::string& path = *options.jsonFile;
-    auto contents = readFile(path, reason);
-    if (!contents) {
-        return fail(options, environment, "fileUnreadable",
-                    text::isEnglish() ? fmt::format("Cannot read {}: {}", path, reason)
-                                      : fmt::format("无法读取 {}：{}", path, reason));
-    }
-    const Replay replay = replayOf(path, *std::move(contents));
+    auto contents = readSavedOutput(path);
+    if (!contents.ok()) return fail(options, environment, "fileUnreadable", contents.error());
+    const auto notSmartctlOutput = [&] {
+        return fail(options, environment, "notSmartctlJSON",
+                    text::localized("文件不是 smartctl 的 JSON 输出。", "The file is not smartctl JSON output."));
+    };
+    if (nestsTooDeep(contents.value())) return notSmartctlOutput();
+    const Replay replay = replayOf(path, std::move(contents).value());
     const auto info = smart::interpretResult(replay.result, replay.deviceName);
     if (!info) {
-        if (!replay.isJsonObject) {
-            return fail(options, environment, "notSmartctlJSON",
-                        text::localized("文件不是 smartctl 的 JSON 输出。", "The file is not smartctl JSON output."));
-        }
+        if (!replay.isJsonObject) return notSmartctlOutput();
         return fail(options, environment, "noUsableData",
                     text::localized("文件中没有可用的 SMART 信息。", "The file holds no usable SMART information."));
     }
-    if (options.json) *environment.out << dumped(infoJson(*info), 2) << '\n';
+    if (options.json) printJson(*environment.out, infoJson(*info));
     else printInfo(*environment.out, *info);
     return kSuccess;
 }
@@ -178,19 +223,17 @@ std::string noDataMessage(const std::string& deviceName, bool asleep) {
 int fetchOnce(const SmartOptions& options, Environment& environment) {
     auto main = std::make_shared<LoopMainExecutor>();
     CancellationSource cancellation;
-    bool interrupted = false;
-    SignalWatcher signals([&](int) {
-        main->post([&] {
-            interrupted = true;
-            cancellation.cancel();
-        });
+    int stopSignal = 0;
+    SignalWatcher signals(main, [&](int signal) {
+        stopSignal = signal;
+        cancellation.cancel();
     });
     auto volume = DiskVolumeResolver::resolve(*options.path, *environment.system.volumes, *environment.system.devices);
     if (!volume.ok()) return fail(options, environment, volume.error().name(), volume.error().description());
     const auto pipeline = SmartPipeline::system(main, RegistrationPolicy{false});
     const ApprovalListener approval;
     const auto outcome = fetchSmartInfo(pipeline, *main, volume->deviceName, cancellation);
-    if (interrupted) return kInterrupted;
+    if (stopSignal != 0) return stoppedBy(stopSignal);
     if (!outcome.info) {
         if (const auto reason = helperUnavailableReason(pipeline, approval)) {
             return fail(options, environment, "helperUnavailable", *reason);
@@ -202,7 +245,7 @@ int fetchOnce(const SmartOptions& options, Environment& environment) {
         return fail(options, environment, outcome.driveAsleep ? "driveAsleep" : "noUsableData",
                     noDataMessage(volume->deviceName, outcome.driveAsleep));
     }
-    if (options.json) *environment.out << dumped(infoJson(*outcome.info), 2) << '\n';
+    if (options.json) printJson(*environment.out, infoJson(*outcome.info));
     else printInfo(*environment.out, *outcome.info);
     return kSuccess;
 }
@@ -221,22 +264,41 @@ public:
     int run() {
         monitor_ = environment_.system.makeMonitor(main_);
         refresh_ = pipeline_.attachRefresh(monitor_, main_);
-        refresh_->setRoundObserver([this](const std::string& deviceName, SmartRefresh::Round round,
-                                          const SMARTInfoProvider::Outcome& fetched) { observeRound(deviceName, round, fetched); });
-        subscription_ = monitor_->subscribe([this](const DiskIOMonitor::State& state) { observe(state); });
+        refresh_->setRoundObserver(main_->failingTheLoop(
+            [this](const std::string& deviceName, SmartRefresh::Round round, const SMARTInfoProvider::Outcome& fetched) {
+                observeRound(deviceName, round, fetched);
+            }));
+        subscription_ =
+            monitor_->subscribe(main_->failingTheLoop([this](const DiskIOMonitor::State& state) { observe(state); }));
         monitor_->selectVolume(*options_.path);
-        main_->run();
-        // The refresh may be waiting for the main thread (helper registration): keep serving it
-        // until its task has ended.
-        refresh_->cancel();
-        while (!refresh_->isFinished()) main_->runFor(std::chrono::milliseconds(20));
-        subscription_.cancel();
+        try {
+            main_->run();
+        } catch (...) {
+            endRefresh();
+            throw;
+        }
+        endRefresh();
         return status_;
     }
 
-    void interrupt() { finish(kInterrupted); }
+    // A signal, or the output went away (SIGPIPE).
+    void interrupt(int signal) { finish(stoppedBy(signal)); }
 
 private:
+    // The refresh may be waiting for the main thread (helper registration): the loop serves it
+    // until its task has ended.
+    void endRefresh() {
+        refresh_->cancel();
+        while (!refresh_->isFinished()) {
+            try {
+                main_->runFor(std::chrono::milliseconds(20));
+            } catch (...) {
+                // The first failure is the one the command reports.
+            }
+        }
+        subscription_.cancel();
+    }
+
     void observe(const DiskIOMonitor::State& state) {
         if (done_) return;
         if (!state.selectedVolume) {
@@ -249,7 +311,7 @@ private:
         const auto& volume = *state.selectedVolume;
         if (!announced_) {
             announced_ = true;
-            *environment_.err << (text::isEnglish()
+            *environment_.err << text::terminalText(text::isEnglish()
                                       ? fmt::format("Watching the SMART data of {} ({}). Press Ctrl-C to stop.",
                                                     volume.displayName, volume.deviceName)
                                       : fmt::format("正在监视 {}（{}）的 SMART 数据。按 Ctrl-C 停止。", volume.displayName,
@@ -261,6 +323,7 @@ private:
         if (volume.smartInfo == last_) return;
         print(volume.deviceName, volume.smartInfo);
         last_ = volume.smartInfo;
+        if (environment_.outputLost()) interrupt(SIGPIPE);
     }
 
     void print(const std::string& deviceName, const std::optional<DiskSMARTInfo>& info) {
@@ -268,11 +331,11 @@ private:
         auto& out = *environment_.out;
         ++publications_;
         if (options_.json) {
-            out << dumped(ordered_json{{"time", clockText(now)},
-                                       {"device", deviceName},
-                                       {"smart", info ? infoJson(*info) : ordered_json(nullptr)}},
-                          -1)
-                << std::endl;
+            printJson(out,
+                      ordered_json{{"time", clockText(now)},
+                                   {"device", deviceName},
+                                   {"smart", info ? infoJson(*info) : ordered_json(nullptr)}},
+                      -1);
             return;
         }
         if (!info) {
@@ -317,7 +380,9 @@ private:
             return;
         }
         const auto& selected = monitor_->state().selectedVolume;
-        if (selected && !selected->smartInfo) *environment_.err << noDataMessage(deviceName, false) << std::endl;
+        if (selected && !selected->smartInfo) {
+            *environment_.err << text::terminalLines(noDataMessage(deviceName, false)) << std::endl;
+        }
     }
 
     void finish(int status) {
@@ -347,10 +412,8 @@ private:
 int watch(const SmartOptions& options, Environment& environment) {
     auto main = std::make_shared<LoopMainExecutor>();
     WatchSession* current = nullptr;
-    SignalWatcher signals([&main, &current](int) {
-        main->post([&current] {
-            if (current != nullptr) current->interrupt();
-        });
+    SignalWatcher signals(main, [&current](int signal) {
+        if (current != nullptr) current->interrupt(signal);
     });
     WatchSession session(options, environment, main);
     current = &session;

@@ -7,7 +7,7 @@
 namespace vantorix::cli {
 
 SMARTInfoProvider::Outcome fetchSmartInfo(const SmartPipeline& pipeline, LoopMainExecutor& main,
-                                          const std::string& deviceName, const CancellationSource& cancellation) {
+                                          const std::string& deviceName, CancellationSource& cancellation) {
     SMARTInfoProvider::Outcome outcome;
     Task task("com.vantorix.cli.smartFetch", QualityOfService::userInitiated,
               [&](const CancellationToken& token) {
@@ -17,7 +17,14 @@ SMARTInfoProvider::Outcome fetchSmartInfo(const SmartPipeline& pipeline, LoopMai
                   outcome = pipeline.provider->fetch(deviceName, cancellation.token());
                   main.stop();
               });
-    main.run();
+    try {
+        main.run();
+    } catch (...) {
+        // The task writes into this frame: it ends before the failure leaves it.
+        cancellation.cancel();
+        task.join();
+        throw;
+    }
     task.join();
     return outcome;
 }

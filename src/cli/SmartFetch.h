@@ -14,7 +14,7 @@ namespace vantorix::cli {
 // thread) keeps running `main`'s loop: registering the helper needs the main thread. Returns when
 // the fetch ends, or soon after `cancellation` is cancelled (with nothing).
 SMARTInfoProvider::Outcome fetchSmartInfo(const SmartPipeline& pipeline, LoopMainExecutor& main,
-                                          const std::string& deviceName, const CancellationSource& cancellation);
+                                          const std::string& deviceName, CancellationSource& cancellation);
 
 // Hears the helper manager's request for an administrator's approval while it exists.
 class ApprovalListener {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "text/TerminalText.h"
 #include "text/Utf8.h"
 
 namespace vantorix::cli {
@@ -19,12 +20,13 @@ std::size_t displayWidth(const std::string& cell) {
 }
 
 void printTable(std::ostream& out, const std::vector<std::pair<std::string, std::string>>& rows) {
-    // Names and paths are bytes: what is not UTF-8 is shown as U+FFFD, as in every other output.
+    // Names, paths and a drive's strings come from outside: what is not UTF-8 shows as U+FFFD, and
+    // control characters as visible escapes, so no value can move the cursor or fake a row.
     std::vector<std::pair<std::string, std::string>> shown;
     shown.reserve(rows.size());
     std::size_t width = 0;
     for (const auto& [label, value] : rows) {
-        shown.emplace_back(text::lossyUtf8(label), text::lossyUtf8(value));
+        shown.emplace_back(text::terminalText(label), text::terminalText(value));
         width = std::max(width, displayWidth(shown.back().first));
     }
     for (const auto& [label, value] : shown) {

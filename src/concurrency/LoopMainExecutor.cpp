@@ -19,13 +19,35 @@ bool LoopMainExecutor::runFor(Clock::duration timeout) { return runUntil(Clock::
 
 void LoopMainExecutor::stop() { work_.push({}); }
 
+void LoopMainExecutor::fail(std::exception_ptr failure) {
+    {
+        std::lock_guard lock(failureMutex_);
+        if (failure_) return;
+        failure_ = std::move(failure);
+        failed_ = true;
+    }
+    post([] {});  // wakes a loop that waits for work
+}
+
+void LoopMainExecutor::rethrowFailure() {
+    std::exception_ptr failure;
+    {
+        std::lock_guard lock(failureMutex_);
+        failure = std::exchange(failure_, nullptr);
+        failed_ = false;
+    }
+    if (failure) std::rethrow_exception(failure);
+}
+
 bool LoopMainExecutor::runUntil(std::optional<Clock::time_point> deadline) {
     assert(isMainThread());
     for (;;) {
+        if (failed_) rethrowFailure();
         auto item = work_.take(deadline);
         if (!item) return false;
         if (!*item) return true;
-        detail::runMainWork(*item);
+        // Not caught here: the exception leaves the loop, and with it the command.
+        (*item)();
     }
 }
 

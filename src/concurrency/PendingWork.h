@@ -33,7 +33,8 @@ private:
     std::deque<std::function<void()>> items_;
 };
 
-// Runs one work item on the main thread; an exception it throws is logged and swallowed.
+// Runs one work item on the main thread of an event loop that must keep going (the desktop app's,
+// a test's): an exception it throws is logged and swallowed.
 void runMainWork(const std::function<void()>& item);
 
 }  // namespace vantorix::detail

@@ -70,6 +70,16 @@ std::string helperRequestFailedMessage(std::string_view deviceName, HelperReques
         case HelperRequestFailure::noConnection:
             reason = english ? "the connection to it failed" : "与它的连接失败";
             break;
+        case HelperRequestFailure::peerNotRoot:
+            reason = english ? "the process at its socket does not run as root, so nothing was asked"
+                             : "其套接字处的进程不是以 root 身份运行的，因此没有发出请求";
+            break;
+        case HelperRequestFailure::brokenStream:
+            reason = english ? "it closed the connection before answering" : "它在应答之前关闭了连接";
+            break;
+        case HelperRequestFailure::malformedReply:
+            reason = english ? "its reply was malformed" : "它的应答格式不正确";
+            break;
         case HelperRequestFailure::privilegedOperationsDisabled:
         case HelperRequestFailure::helperNotInstalled:
         case HelperRequestFailure::cancelled:

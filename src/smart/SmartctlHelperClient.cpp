@@ -8,6 +8,18 @@
 namespace vantorix {
 namespace {
 
+// What the caller is told of a connection that failed a request.
+HelperRequestFailure requestFailure(ConnectionFailure failure) {
+    switch (failure) {
+        case ConnectionFailure::peerNotRoot: return HelperRequestFailure::peerNotRoot;
+        case ConnectionFailure::brokenStream: return HelperRequestFailure::brokenStream;
+        case ConnectionFailure::malformedReply: return HelperRequestFailure::malformedReply;
+        case ConnectionFailure::connectFailed:
+        case ConnectionFailure::invalidated: break;
+    }
+    return HelperRequestFailure::connectionFailed;
+}
+
 using protocol::HelperError;
 
 const log::Logger& logger() {
@@ -136,7 +148,7 @@ Result<SmartctlExecutionResult, HelperRequestFailure> SmartctlHelperClient::fetc
         logger().error("Helper connection failed ({}) for device {}: {}", failureName(failure->failure), name,
                        failure->description);
         dropConnection(connection);
-        return Failure{HelperRequestFailure::connectionFailed};
+        return Failure{requestFailure(failure->failure)};
     }
     if (const auto* error = std::get_if<HelperError>(&*answer)) {
         if (error->domain == protocol::kHelperErrorDomain) {

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstring>
 
@@ -55,6 +57,17 @@ std::string systemErrorText(int code) {
     }
     return isEnglish() ? fmt::format("{} (error {})", std::strerror(code), code)
                        : fmt::format("系统错误 {}（{}）", code, std::strerror(code));
+}
+
+std::string notRegularFileText(unsigned mode) {
+    switch (mode & S_IFMT) {
+        case S_IFIFO: return localized("它是命名管道（FIFO），不是普通文件", "It is a named pipe (FIFO), not a regular file");
+        case S_IFCHR: return localized("它是字符设备，不是普通文件", "It is a character device, not a regular file");
+        case S_IFBLK: return localized("它是块设备，不是普通文件", "It is a block device, not a regular file");
+        case S_IFSOCK: return localized("它是套接字，不是普通文件", "It is a socket, not a regular file");
+        case S_IFDIR: return localized("它是文件夹，不是普通文件", "It is a folder, not a regular file");
+        default: return localized("它不是普通文件", "It is not a regular file");
+    }
 }
 
 std::string withCause(const std::string& message, const std::string& cause) {

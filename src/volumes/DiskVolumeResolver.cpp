@@ -197,14 +197,16 @@ Result<DiskVolumeDescriptor, MonitorError> DiskVolumeResolver::resolve(std::stri
     if (absolute.is_relative()) {
         std::error_code error;
         const auto cwd = std::filesystem::current_path(error);
-        if (error) return Failure{MonitorError::blockDeviceNotFound()};
+        if (error) return Failure{MonitorError::blockDeviceNotFound(error.value())};
         absolute = cwd / absolute;
     }
     const std::string resolved =
         files.resolveSymlinks(absolute.string()).value_or(absolute.lexically_normal().string());
 
+    // A path that is missing, too long, loops or passes through something that is not a folder:
+    // the message names the cause.
     auto statistics = files.fileSystemStatistics(resolved);
-    if (!statistics.ok()) return Failure{MonitorError::blockDeviceNotFound()};
+    if (!statistics.ok()) return Failure{MonitorError::blockDeviceNotFound(statistics.error())};
 
     // The mount source's last component: "/dev/nvme0n1p2" → "nvme0n1p2".
     std::string deviceName;

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <stdexcept>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -78,6 +79,37 @@ TEST(LoopMainExecutor, RunsWorkFromOtherThreadsAndStopsAfterTheWorkPostedBeforeT
     EXPECT_TRUE(testing::keepsEachProducersOrder(seen, kProducers, kItems));  // not the item posted after stop()
     EXPECT_FALSE(executor.runFor(20ms)) << "no stop is pending";
     EXPECT_EQ(seen.back(), std::make_pair(-1, -1));
+}
+
+// A failure on the main thread ends the loop instead of leaving it waiting for a stop that the
+// failed work would have asked for.
+TEST(LoopMainExecutor, AnItemThatThrowsEndsTheRunWithItsExceptionAndTheRestWaitsForTheNextRun) {
+    LoopMainExecutor executor;
+    std::vector<int> ran;
+    executor.post([&] { ran.push_back(1); });
+    executor.post([] { throw std::runtime_error("failed"); });
+    executor.post([&] {
+        ran.push_back(2);
+        executor.stop();
+    });
+    EXPECT_THROW(executor.run(), std::runtime_error);
+    EXPECT_EQ(ran, std::vector<int>{1});
+    EXPECT_TRUE(executor.runFor(10s));
+    EXPECT_EQ(ran, (std::vector<int>{1, 2}));
+
+    // A caller that swallows exceptions (a publisher notifying a subscriber) hands them to the loop,
+    // where the failure comes before the stop the item asked for.
+    auto observe = executor.failingTheLoop([](int value) {
+        if (value < 0) throw std::invalid_argument("negative");
+    });
+    executor.post([&] {
+        observe(-1);
+        ran.push_back(3);
+        executor.stop();
+    });
+    EXPECT_THROW(executor.run(), std::invalid_argument);
+    EXPECT_EQ(ran.back(), 3);
+    EXPECT_TRUE(executor.runFor(10s));
 }
 
 }  // namespace

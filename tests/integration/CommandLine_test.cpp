@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <csignal>
+#include <cstring>
+#include <filesystem>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <regex>
@@ -8,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "support/LoopVolume.h"
 #include "support/Process.h"
 
 namespace vantorix {
@@ -54,8 +59,10 @@ TEST(CommandLine, ParseErrorsAreInTheUsersLanguage) {
         {{"info", "a", "b"}, "en_US", "The following argument was not expected: b\nRun with --help for more information.\n"},
         {{"info"}, "zh_CN", "缺少必需的参数：path\n运行时加上 --help 可查看更多信息。\n"},
         {{"monitor", "x", "--precision", "3"}, "zh_CN", "--precision：3 不是可选的值之一：{1,10,100,1000}\n运行时加上 --help 可查看更多信息。\n"},
-        {{"bench", "x", "--seconds", "0"}, "zh_CN", "--seconds：值 0 不在 0.100000 到 3600.000000 之间\n运行时加上 --help 可查看更多信息。\n"},
-        {{"monitor", "x", "--duration", "-1"}, "en_US", "--duration: Value -1 is not a positive number\nRun with --help for more information.\n"},
+        {{"bench", "x", "--seconds", "0"}, "zh_CN", "--seconds：应为 0.1 到 3600 之间的秒数，而不是 0\n运行时加上 --help 可查看更多信息。\n"},
+        {{"monitor", "x", "--duration", "1e308"}, "en_US",
+         "--duration: must be a number of seconds greater than 0 and at most 31536000, not 1e308\nRun with --help for more "
+         "information.\n"},
         {{"serve", "--listen"}, "zh_CN", "--listen：缺少 1 个 TEXT 值\n运行时加上 --help 可查看更多信息。\n"},
         {{"smart", "x", "--json-file", "y"}, "zh_CN", "path 不能与 --json-file 一起使用\n运行时加上 --help 可查看更多信息。\n"},
     };
@@ -86,6 +93,91 @@ TEST(CommandLine, WithJsonAFailureIsOneErrorObjectOnStandardOutput) {
         codes.insert(code);
     }
     EXPECT_EQ(codes.size(), 1u);
+}
+
+// Numbers that are not finite, not positive or absurdly large are refused before anything runs,
+// with one short line (no 309-digit bound) and exit status 2.
+TEST(CommandLine, HostileNumbersAreRefusedWithOneShortLine) {
+    const std::vector<std::vector<std::string>> cases = {
+        {"monitor", "/", "--duration", "nan"},   {"monitor", "/", "--duration", "inf"},
+        {"monitor", "/", "--duration", "0"},     {"monitor", "/", "--duration", "-1"},
+        {"monitor", "/", "--duration", "1e308"}, {"bench", "/", "--random-seconds", "1e308"},
+        {"bench", "/", "--random-seconds", "nan"}, {"bench", "/", "--seconds", "nan"},
+        {"bench", "/", "--payload-bytes", "0"},  {"bench", "/", "--payload-bytes", "-1"},
+        {"bench", "/", "--payload-bytes", "99999999999999999999999"},
+    };
+    for (const auto& args : cases) {
+        const auto result = cli(args, "en_US");
+        SCOPED_TRACE(result.err);
+        EXPECT_EQ(result.exitStatus, 2);
+        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(result.err.rfind(args[2] + ": must be ", 0), 0u);
+        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 2);
+        EXPECT_LT(result.err.size(), 160u);
+    }
+}
+
+// A path that leads to no volume: the fixed sentence, then why, in the user's language, and
+// nothing on standard output.
+TEST(CommandLine, APathThatLeadsNowhereSaysWhy) {
+    const auto dir = std::filesystem::temp_directory_path() / ("vantorix-paths-" + std::to_string(::getpid()));
+    std::filesystem::create_directories(dir);
+    std::filesystem::create_symlink(dir / "b", dir / "a");
+    std::filesystem::create_symlink(dir / "a", dir / "b");
+    testing::runShell("touch " + (dir / "file").string());
+    const std::string sentence = "Failed to find the block device of the selected path. ";
+    const std::vector<std::tuple<std::string, std::string, std::string>> cases = {
+        {"/nonexistent/vantorix", "en_US", sentence + "No such file or folder.\n"},
+        {"/nonexistent/vantorix", "zh_CN", "无法找到所选路径对应的块设备。没有这个文件或文件夹。\n"},
+        {"/tmp/" + std::string(300, 'a'), "en_US", sentence + "File name or path too long.\n"},
+        {(dir / "a").string(), "en_US", sentence + "Too many levels of symbolic links (a link loop?).\n"},
+        {(dir / "file" / "x").string(), "en_US", sentence + "A part of the path is not a folder.\n"},
+        {"", "zh_CN", "请选择一个有效的卷。\n"},
+        {"ftp://host/x", "en_US", "Please select a valid volume.\n"},
+    };
+    for (const auto& [path, language, message] : cases) {
+        const auto result = cli({"info", path}, language);
+        EXPECT_EQ(result.exitStatus, 1);
+        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(result.err, message);
+    }
+    std::filesystem::remove_all(dir);
+}
+
+// Every signal a session sends, and a reader that goes away, stop a running performance test the
+// way Ctrl-C does: the test files are removed before the program ends with 128 + the signal.
+TEST(CommandLine, EverySignalStopsTheTestAndRemovesItsFiles) {
+    if (const auto reason = testing::LoopVolume::unavailableReason(); !reason.empty()) GTEST_SKIP() << reason;
+    std::string error;
+    const auto volume = testing::LoopVolume::create("VTXSIGNAL", 256ull << 20, &error);
+    ASSERT_TRUE(volume) << error;
+    const auto testFiles = [&volume] {
+        std::vector<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(volume->mountPoint())) {
+            if (entry.path().filename().string().rfind("Vantorix_IO_", 0) == 0) names.push_back(entry.path());
+        }
+        return names;
+    };
+    const std::map<std::string, std::optional<std::string>> environment{
+        {"LANGUAGE", "en_US"}, {"VANTORIX_LOG", "off"}, {"VANTORIX_HELPER_SOCKET", "/nonexistent/vantorix.sock"}};
+    for (const int signal : {SIGHUP, SIGQUIT, SIGTERM, SIGINT, SIGPIPE}) {
+        SCOPED_TRACE(strsignal(signal));
+        auto bench = testing::RunningProcess::start({VANTORIX_CLI_PATH, "bench", volume->mountPoint(), "--payload-bytes",
+                                                     "33554432", "--random-seconds", "120"},
+                                                    environment, /*errorsToOutput=*/true);
+        // Progress lines come while the random phase runs in its file.
+        for (int line = 0; line < 600 && testFiles().empty(); ++line) ASSERT_TRUE(bench->readLine(std::chrono::seconds(60)));
+        ASSERT_FALSE(testFiles().empty());
+        // Sent twice at once, as `timeout` and service managers do (to the process and to its group).
+        if (signal == SIGPIPE) {
+            bench->closeOutput();
+        } else {
+            bench->signal(signal);
+            bench->signal(signal);
+        }
+        EXPECT_EQ(bench->waitForExit(std::chrono::seconds(60)), 128 + signal);
+        EXPECT_EQ(testFiles(), std::vector<std::string>{});
+    }
 }
 
 }  // namespace

@@ -70,7 +70,7 @@ protected:
     void TearDown() override {
         if (exporter_) {
             exporter_->signal(SIGTERM);
-            EXPECT_EQ(exporter_->waitForExit(10s), 0) << exporter_->standardError();
+            EXPECT_EQ(exporter_->waitForExit(10s), 128 + SIGTERM) << exporter_->standardError();
         }
     }
     httplib::Client client() const {

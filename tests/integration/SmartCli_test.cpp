@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -22,6 +23,9 @@ namespace {
 
 namespace fs = std::filesystem;
 using Environment = std::map<std::string, std::optional<std::string>>;
+using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+using ::testing::Not;
 
 const Environment kEnglish{{"LANGUAGE", std::nullopt}, {"LC_ALL", std::nullopt}, {"LC_MESSAGES", std::nullopt},
                            {"LANG", "en_US.UTF-8"}, {"VANTORIX_LOG", "off"}};
@@ -60,22 +64,60 @@ TEST(SmartCli, PrintsOneJsonDocument) {
     EXPECT_EQ(document["details"][0]["id"].get<std::string>().size(), 36U);
 }
 
-TEST(SmartCli, FailsWithAMessageForUnusableFiles) {
+// A model name from a drive's firmware or a saved file cannot drive the terminal: the text output
+// shows its control characters as escapes, the JSON output escapes them as JSON does.
+TEST(SmartCli, ControlCharactersFromTheFileNeverReachTheTerminalRaw) {
+    const auto file = fs::temp_directory_path() / ("vantorix-smart-escapes-" + std::to_string(::getpid()) + ".json");
+    std::ifstream in(kNvme);
+    std::string saved((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::string model = R"("INTEL SSDPEKNW010T8")";
+    saved.replace(saved.find(model), model.size(), R"("\u001b[2J\u001b[31mEVIL\u0007\nFAKE ROW  ok\r\u009b\u007f")");
+    std::ofstream(file) << saved;
+    const auto raw = [](const std::string& out) {
+        for (std::size_t i = 0; i < out.size(); ++i) {
+            const auto c = static_cast<unsigned char>(out[i]);
+            if ((c < 0x20 && c != '\n') || c == 0x7F) return true;
+            if (c == 0xC2 && i + 1 < out.size() && static_cast<unsigned char>(out[i + 1]) <= 0x9F) return true;
+        }
+        return false;
+    };
+    const auto human = smart({"--json-file", file.string()});
+    ASSERT_EQ(human.exitStatus, 0) << human.err;
+    EXPECT_FALSE(raw(human.out)) << human.out;
+    EXPECT_THAT(human.out, HasSubstr("  \\e[2J\\e[31mEVIL\\x07\\nFAKE ROW  ok\\r\\u009b\\x7f\n"));
+    const auto json = smart({"--json-file", file.string(), "--json"});
+    ASSERT_EQ(json.exitStatus, 0) << json.err;
+    EXPECT_FALSE(raw(json.out)) << json.out;
+    EXPECT_EQ(nlohmann::json::parse(json.out)["details"][1]["value"], "\x1b[2J\x1b[31mEVIL\a\nFAKE ROW  ok\r\xc2\x9b\x7f");
+    fs::remove(file);
+}
+
+// Only a regular file of at most 64 MiB is read; whatever else is named, the message says why not.
+TEST(SmartCli, FailsWithTheCauseForFilesThatAreNoSavedOutput) {
     const auto dir = fs::temp_directory_path() / ("vantorix-smart-cli-" + std::to_string(::getpid()));
     fs::create_directories(dir);
     std::ofstream(dir / "text.json") << "smartctl 7.3";
     std::ofstream(dir / "empty.json") << R"({"smartctl": {"exit_status": 2}, "device": {}})";
+    std::ofstream(dir / "huge.json") << "{";
+    fs::resize_file(dir / "huge.json", (64u << 20) + 1);
+    ASSERT_EQ(::mkfifo((dir / "fifo").c_str(), 0600), 0);
+    const auto cannotRead = [](const fs::path& path, const std::string& cause) {
+        return "Cannot read " + path.string() + ". " + cause + ".\n";
+    };
     struct Case {
         std::vector<std::string> args;
         int status;
         std::string error;
     };
     const std::vector<Case> cases = {
-        {{"--json-file", (dir / "missing.json").string()},
-         1, "Cannot read " + (dir / "missing.json").string() + ": No such file or directory\n"},
+        {{"--json-file", (dir / "missing.json").string()}, 1, cannotRead(dir / "missing.json", "No such file or folder")},
         {{"--json-file", (dir / "text.json").string()}, 1, "The file is not smartctl JSON output.\n"},
         {{"--json-file", (dir / "empty.json").string()}, 1, "The file holds no usable SMART information.\n"},
-        {{"--json-file", dir.string()}, 1, "Cannot read " + dir.string() + ": Is a directory\n"},
+        {{"--json-file", dir.string()}, 1, cannotRead(dir, "It is a folder, not a regular file")},
+        {{"--json-file", (dir / "fifo").string()}, 1, cannotRead(dir / "fifo", "It is a named pipe (FIFO), not a regular file")},
+        {{"--json-file", "/dev/zero"}, 1, cannotRead("/dev/zero", "It is a character device, not a regular file")},
+        {{"--json-file", (dir / "huge.json").string()}, 1,
+         cannotRead(dir / "huge.json", "It is larger than 64 MiB, too large for a saved smartctl output")},
         {{}, 2, ""},
     };
     for (const auto& c : cases) {
@@ -90,9 +132,6 @@ TEST(SmartCli, FailsWithAMessageForUnusableFiles) {
     fs::remove_all(dir);
 }
 
-using namespace std::chrono_literals;
-using ::testing::HasSubstr;
-using ::testing::Not;
 
 Environment with(Environment environment, const Environment& more) {
     for (const auto& [name, value] : more) environment[name] = value;
@@ -202,7 +241,7 @@ TEST(SmartCliHelper, SaysWhyTheHelperCannotBeAskedAndHowToEnableIt) {
         {with(kEnglish, {{"VANTORIX_DISABLE_PRIVILEGED_OPERATIONS", "1"}}), {"/"},
          "Privileged operations are disabled here (Manual override: VANTORIX_DISABLE_PRIVILEGED_OPERATIONS), so SMART "
          "data cannot be read.\n"},
-        {kEnglish, {"/missing-folder-of-vantorix"}, "Failed to find the block device of the selected path.\n"},
+        {kEnglish, {"/missing-folder-of-vantorix"}, "Failed to find the block device of the selected path. No such file"},
     };
     for (const auto& c : cases) {
         const auto result = smart(c.args, c.environment);
@@ -253,11 +292,13 @@ TEST(SmartCliHelper, HelperCommandsReportTheHelperTheyFind) {
     EXPECT_EQ(silent, "");
 }
 
-// A root process that accepts the connection and closes it at once: the command says the helper
-// failed as soon as it does, in the user's language, instead of waiting for the reply time-out.
-TEST(SmartCliHelper, AHelperThatClosesTheConnectionFailsTheCommandAtOnce) {
+// A root process that accepts the connection and closes it at once, or a listener that is not root:
+// the command says the helper failed and how as soon as it knows, in the user's language, instead
+// of waiting for the reply time-out.
+TEST(SmartCliHelper, AHelperThatMisbehavesFailsTheCommandAtOnceSayingHow) {
     if (::geteuid() != 0) GTEST_SKIP() << "the client talks only to a helper running as root";
     testing::HelperSocketStandIn closer(testing::HelperSocketStandIn::Behaviour::closeAtOnce, 0);
+    testing::HelperSocketStandIn impostor(testing::HelperSocketStandIn::Behaviour::neverAnswer, 65534);
     const Environment socket{{"VANTORIX_HELPER_SOCKET", closer.path()}};
     struct Case {
         Environment environment;
@@ -266,10 +307,12 @@ TEST(SmartCliHelper, AHelperThatClosesTheConnectionFailsTheCommandAtOnce) {
     };
     const std::vector<Case> cases = {
         {with(kEnglish, socket), {"/"}, "The SMART helper failed to read the SMART data of "},
-        {with(kEnglish, socket), {"/"}, ": the connection to it failed (VANTORIX_LOG=debug shows why).\n"},
+        {with(kEnglish, socket), {"/"}, ": it closed the connection before answering (VANTORIX_LOG=debug shows why).\n"},
         {with(kChinese, socket), {"/"}, "SMART 辅助程序未能读取 "},
-        {with(kChinese, socket), {"/"}, "的 SMART 数据：与它的连接失败"},
-        {with(kEnglish, socket), {"/", "--watch"}, ": the connection to it failed"},
+        {with(kChinese, socket), {"/"}, "的 SMART 数据：它在应答之前关闭了连接"},
+        {with(kEnglish, socket), {"/", "--watch"}, ": it closed the connection before answering"},
+        {with(kEnglish, {{"VANTORIX_HELPER_SOCKET", impostor.path()}}), {"/"},
+         "No Vantorix SMART helper running as root answers at " + impostor.path()},
     };
     for (const auto& c : cases) {
         const auto result = smart(c.args, c.environment);

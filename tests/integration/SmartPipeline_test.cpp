@@ -76,7 +76,7 @@ TEST_F(SmartPipelineIntegration, EachRequestEndsAsTheHelpersSideDecides) {
     const std::vector<Case> cases = {
         {HelperSocketStandIn::Behaviour::neverAnswer, HelperRequestFailure::timedOut,
          "Timed out waiting for helper response when fetching SMART info for device sda"},
-        {HelperSocketStandIn::Behaviour::closeAtOnce, HelperRequestFailure::connectionFailed,
+        {HelperSocketStandIn::Behaviour::closeAtOnce, HelperRequestFailure::brokenStream,
          "Helper connection failed (broken stream) for device sda: the privileged helper closed the connection before "
          "answering"},
     };

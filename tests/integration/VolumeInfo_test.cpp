@@ -145,36 +145,6 @@ TEST_F(LoopVolumeTest, DirectWritesRaiseTheWriteCounterBySixteenMebibytes) {
     EXPECT_GE(json::parse(run.out)["statistics"]["bytesWritten"].get<std::uint64_t>(), after.value().bytesWritten());
 }
 
-TEST(VolumeInfoIntegration, BadPathsGiveOnlyTheErrorText) {
-    char pattern[] = "/tmp/vantorix-bad-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    const std::string dir = pattern;
-    const auto loop = dir + "/loop";
-    std::filesystem::create_symlink(loop, loop);
-
-    struct Case {
-        std::string path;
-        std::map<std::string, std::optional<std::string>> env;
-        std::string text;
-    };
-    const std::vector<Case> cases{
-        {dir + "/missing", kEnglish, "Failed to find the block device of the selected path."},
-        {dir + "/missing", kChinese, "无法找到所选路径对应的块设备。"},
-        {"", kEnglish, "Please select a valid volume."},
-        {"", kChinese, "请选择一个有效的卷。"},
-        {loop, kEnglish, "Failed to find the block device of the selected path."},
-        {"ftp://host/x", kEnglish, "Please select a valid volume."},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.path);
-        const auto run = cli({"info", c.path}, c.env);
-        EXPECT_EQ(run.exitStatus, 1);
-        EXPECT_EQ(run.out, "");
-        EXPECT_EQ(run.err, c.text + "\n");
-    }
-    std::filesystem::remove_all(dir);
-}
-
 TEST(VolumeInfoIntegration, VolumesWithoutABlockDeviceResolveButHaveNoStatistics) {
     std::vector<std::string> paths{"/proc", "/dev/shm"};
     std::string overlay;

@@ -100,7 +100,7 @@ TEST_F(DiskIOMonitorTest, FailuresBeforeARunShowTheErrorAndLeaveItStopped) {
 
     monitor_->selectVolume("/missing/folder");
     ASSERT_TRUE(runUntil([&] { return !state().selectedVolume.has_value(); }));
-    EXPECT_EQ(state().errorMessage, "Failed to find the block device of the selected path.");
+    EXPECT_EQ(state().errorMessage, "Failed to find the block device of the selected path. No such file or folder.");
     main_->drain();
     EXPECT_FALSE(state().isMonitoring);
 }

@@ -151,7 +151,7 @@ TEST_F(SMARTInfoProviderTest, TriesTheCandidatesUntilOneAnswerIsUsable) {
         {"a silent helper: dropped after each time-out", silence, silence, false, false, 2, F::timedOut},
         // The failure answers the request: it is not taken for a time-out.
         {"connection errors: each connection dropped", connectionError, connectionError, false, false, 2,
-         F::connectionFailed},
+         F::brokenStream},
         {"helper errors only", helperError, helperError, false, false, 1, F::helperError},
         {"the helper answered one name: the drive gave nothing", empty, connectionError, false, false, 1, {}},
         {"a sleeping drive ends the fetch", asleep, usable, false, true, 1, {}},
@@ -180,7 +180,7 @@ TEST_F(SMARTInfoProviderTest, ARequestEndsInItsFailureAndDropsOnlyASpentConnecti
     const std::tuple<Answer, std::optional<F>, int> cases[] = {
         {Answer{}, F::timedOut, 1},
         {Answer{Answer::Kind::helperError, {}}, F::helperError, 0},
-        {Answer{Answer::Kind::connectionError, {}}, F::connectionFailed, 1},
+        {Answer{Answer::Kind::connectionError, {}}, F::brokenStream, 1},
         {Answer{Answer::Kind::result, {"{}", "c", "", 0}}, std::nullopt, 0},
     };
     for (const auto& [answer, failure, invalidations] : cases) {

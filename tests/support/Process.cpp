@@ -95,7 +95,8 @@ ProcessResult runProcess(const std::vector<std::string>& argv,
 ProcessResult runShell(const std::string& command) { return runProcess({"/bin/sh", "-c", command}); }
 
 std::unique_ptr<RunningProcess> RunningProcess::start(const std::vector<std::string>& argv,
-                                                     const std::map<std::string, std::optional<std::string>>& environment) {
+                                                     const std::map<std::string, std::optional<std::string>>& environment,
+                                                     bool errorsToOutput) {
     std::unique_ptr<RunningProcess> process(new RunningProcess());
     char errPath[] = "/tmp/vantorix-test-err-XXXXXX";
     const int errFd = ::mkstemp(errPath);
@@ -111,7 +112,7 @@ std::unique_ptr<RunningProcess> RunningProcess::start(const std::vector<std::str
         const int devNull = ::open("/dev/null", O_RDONLY);
         ::dup2(devNull, 0);
         ::dup2(out[1], 1);
-        ::dup2(errFd, 2);
+        ::dup2(errorsToOutput ? out[1] : errFd, 2);
         ::execve(argp[0], argp.data(), envp.data());
         ::_exit(127);
     }
@@ -150,6 +151,11 @@ std::optional<std::string> RunningProcess::readLine(std::chrono::milliseconds li
 }
 
 void RunningProcess::signal(int number) const { ::kill(pid_, number); }
+
+void RunningProcess::closeOutput() {
+    if (out_ >= 0) ::close(out_);
+    out_ = -1;
+}
 
 std::optional<int> RunningProcess::waitForExit(std::chrono::milliseconds limit) {
     if (status_) return status_;

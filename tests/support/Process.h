@@ -26,11 +26,13 @@ ProcessResult runProcess(const std::vector<std::string>& argv,
 ProcessResult runShell(const std::string& command);
 
 // A program running in the background: its standard output comes through a pipe a line at a time,
-// its standard error goes to a file read when it has ended. Killed and reaped with the object.
+// its standard error goes to a file read when it has ended, or with `errorsToOutput` into the same
+// pipe. Killed and reaped with the object.
 class RunningProcess {
 public:
     static std::unique_ptr<RunningProcess> start(const std::vector<std::string>& argv,
-                                                 const std::map<std::string, std::optional<std::string>>& environment = {});
+                                                 const std::map<std::string, std::optional<std::string>>& environment = {},
+                                                 bool errorsToOutput = false);
     ~RunningProcess();
     RunningProcess(const RunningProcess&) = delete;
     RunningProcess& operator=(const RunningProcess&) = delete;
@@ -39,6 +41,9 @@ public:
     // The next line of standard output (without its newline), or nothing when none comes in time.
     std::optional<std::string> readLine(std::chrono::milliseconds limit);
     void signal(int number) const;
+    // Closes the reading end of the pipe, as a reader that goes away does: the program's next
+    // write there fails (EPIPE, or SIGPIPE).
+    void closeOutput();
     // The exit status (128 + signal when killed), waiting at most the limit.
     std::optional<int> waitForExit(std::chrono::milliseconds limit);
     // Standard error so far.

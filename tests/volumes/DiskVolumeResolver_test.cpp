@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <map>
 
@@ -119,7 +120,7 @@ TEST(DiskVolumeResolver, ResolvesFoldersFallsBackToStatfsAndRefusesBadSelections
     const std::pair<std::string, MonitorError> refused[]{
         {"file://", MonitorError::invalidSelection()},
         {"https://example.invalid/x", MonitorError::invalidSelection()},
-        {"/does/not/exist", MonitorError::blockDeviceNotFound()},
+        {"/does/not/exist", MonitorError::blockDeviceNotFound(ENOENT)},
         {"/mnt/nosource", MonitorError::blockDeviceNotFound()},
     };
     for (const auto& [url, error] : refused) {
