@@ -198,6 +198,9 @@ void MetricsCollector::refreshSmart(Clock::time_point now) {
         }
     }
     for (const auto& volume : due) {
+        // A drive that fails the same way every minute says so in the log once.
+        const log::RoundScope round(fmt::format("exporter SMART {} {}", volume->labels.device,
+                                                static_cast<const void*>(this)));
         const auto reading = dependencies_.smart(volume->labels.device);
         if (!reading.figures) continue;  // asleep or unavailable: what was known stays
         auto figures = *reading.figures;

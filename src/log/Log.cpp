@@ -12,8 +12,16 @@
 #include <cstdlib>
 #include <map>
 #include <mutex>
+#include <set>
 
 namespace vantorix::log {
+
+struct RoundScope::State {
+    std::string key;
+    std::set<std::string> previous;  // what the last round of this key wrote
+    std::set<std::string> written;
+    State* outer = nullptr;
+};
 
 struct Capture::State {
     mutable std::mutex mutex;
@@ -156,6 +164,15 @@ private:
     std::vector<std::weak_ptr<spdlog::logger>> loggers_;
 };
 
+thread_local RoundScope::State* currentRound = nullptr;
+
+// The lines each round key wrote in its last round. Keys are few (a device per refresh).
+std::mutex roundsMutex;
+std::map<std::string, std::set<std::string>>& lastRounds() {
+    static auto* rounds = new std::map<std::string, std::set<std::string>>();
+    return *rounds;
+}
+
 }  // namespace
 
 std::string_view levelName(Level level) {
@@ -177,7 +194,33 @@ Logger::~Logger() = default;
 
 bool Logger::enabled(Level level) const { return logger_->should_log(toSpdlog(level)); }
 
-void Logger::write(Level level, std::string_view message) const { logger_->log(toSpdlog(level), message); }
+void Logger::write(Level level, std::string_view message) const {
+    if (level != Level::debug && currentRound != nullptr) {
+        std::string line = fmt::format("{}\x1f{}\x1f{}", category_, levelName(level), message);
+        if (currentRound->previous.count(line) > 0) level = Level::debug;
+        currentRound->written.insert(std::move(line));
+    }
+    if (enabled(level)) logger_->log(toSpdlog(level), message);
+}
+
+RoundScope::RoundScope(std::string key) : state_(std::make_unique<State>()) {
+    state_->key = std::move(key);
+    {
+        std::lock_guard lock(roundsMutex);
+        const auto found = lastRounds().find(state_->key);
+        if (found != lastRounds().end()) state_->previous = found->second;
+    }
+    state_->outer = currentRound;
+    currentRound = state_.get();
+}
+
+RoundScope::~RoundScope() {
+    currentRound = state_->outer;
+    std::lock_guard lock(roundsMutex);
+    auto& rounds = lastRounds();
+    if (state_->written.empty()) rounds.erase(state_->key);
+    else rounds[state_->key] = std::move(state_->written);
+}
 
 const Logger& logger(std::string_view category) {
     static std::mutex mutex;

@@ -56,6 +56,23 @@ private:
     std::shared_ptr<spdlog::logger> logger_;
 };
 
+// A job that runs in rounds (a refresh once a second) says the same things in every round while
+// nothing changes. While a scope is open on a thread, a notice or error line that the previous
+// scope of the same key also wrote on its thread is written at debug instead: a refresh that fails
+// the same way every second logs the failure once, and again when it changes or comes back.
+class RoundScope {
+public:
+    explicit RoundScope(std::string key);
+    ~RoundScope();
+    RoundScope(const RoundScope&) = delete;
+    RoundScope& operator=(const RoundScope&) = delete;
+
+    struct State;
+
+private:
+    std::unique_ptr<State> state_;
+};
+
 // The process-wide logger of a category, made on first use.
 const Logger& logger(std::string_view category);
 

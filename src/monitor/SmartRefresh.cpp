@@ -80,6 +80,10 @@ void SmartRefresh::refreshOnce(const std::shared_ptr<Context>& context, const Ca
         logger().debug("SMART refresh paused for device {} while a performance test runs on it", deviceName);
     } else {
         logger().debug("Initiating SMART refresh for device {}", deviceName);
+        // What every round says again while nothing changes (a drive without SMART, a helper
+        // that is not enabled) reaches the log once, not once a second.
+        const log::RoundScope round(
+            fmt::format("SmartRefresh {} {}", deviceName, static_cast<const void*>(context.get())));
         fetched = context->fetch(deviceName, token);
         if (token.isCancelled()) {
             logger().debug("SMART refresh cancelled before publishing for device {}", deviceName);

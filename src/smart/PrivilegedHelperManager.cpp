@@ -197,7 +197,7 @@ Result<Unit, PrivilegedHelperError> PrivilegedHelperManager::locateDefinition() 
         logger().error("Unable to locate {} ({}).", service.definitionName(), service.mechanism());
         return Failure{PrivilegedHelperError::helperNotInstalled(service.definitionName())};
     }
-    logger().notice("Resolved {} at path: {}", service.definitionName(), *path);
+    logger().debug("Resolved {} at path: {}", service.definitionName(), *path);
     return Unit{};
 }
 
