@@ -38,7 +38,6 @@ TEST(XdgFolders, DownloadsFollowTheUserDirectoriesThenHomeThenTheTemporaryFolder
         {"XDG_DOWNLOAD_DIR=\"$HOMEX/a\"\n", std::nullopt},
         {"XDG_DOWNLOAD_DIR=\"relative\"\n", std::nullopt},
         {"XDG_DOWNLOAD_DIR=\"$HOME/\"\n", std::nullopt},  // turned off
-        {"XDG_DOCUMENTS_DIR=\"$HOME/Documents\"\n", std::nullopt},
     };
     for (const auto& [contents, expected] : files) {
         testing::writeFile(userDirs, contents);
