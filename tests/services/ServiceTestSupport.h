@@ -17,7 +17,7 @@ namespace vantorix::testing {
 class TemporaryFolder {
 public:
     TemporaryFolder() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "vantorix-services-XXXXXX").string();
+        std::string pattern = (std::filesystem::temp_directory_path() / "vantorix-test-XXXXXX").string();
         if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
         path_ = pattern;
     }

@@ -135,9 +135,6 @@ TEST_F(SMARTInfoProviderTest, TriesTheCandidatesUntilOneAnswerIsUsable) {
         {"helper error, then usable: connection kept", helperError, usable, true, false, 1, {}},
         {"empty output, then usable", empty, usable, true, false, 1, {}},
         {"a silent helper: dropped after each time-out", silence, silence, false, false, 2, F::timedOut},
-        // The failure answers the request: it is not taken for a time-out.
-        {"connection errors: each connection dropped", connectionError, connectionError, false, false, 2,
-         F::brokenStream},
         {"helper errors only", helperError, helperError, false, false, 1, F::helperError},
         {"the helper answered one name: the drive gave nothing", empty, connectionError, false, false, 1, {}},
         {"a sleeping drive ends the fetch", asleep, usable, false, true, 1, {}},

@@ -145,16 +145,6 @@ TEST(DurationText, ThresholdsUnitsAndAgo) {
     }
 }
 
-TEST(ClockDurationText, HoursMinutesSecondsOfRoundedSeconds) {
-    struct Case { double seconds; std::string expected; };
-    const std::vector<Case> cases = {
-        {0, "00:00:00"},     {0.49, "00:00:00"},   {0.5, "00:00:01"},     {59.5, "00:01:00"},
-        {3'725.4, "01:02:05"}, {3'725.5, "01:02:06"}, {90'000, "25:00:00"}, {360'000, "100:00:00"},
-        {-3, "00:00:00"},    {kNaN, "00:00:00"},
-    };
-    for (const auto& c : cases) EXPECT_EQ(clockDurationText(c.seconds), c.expected) << c.seconds;
-}
-
 // Sets ICU's default time zone (the user's zone) for the life of the object.
 class ScopedTimeZone {
 public:
@@ -172,7 +162,6 @@ private:
 TEST(DateTexts, TooltipAndFileNameInTheUsersZone) {
     struct Case { const char* zone; std::int64_t milliseconds; std::string tooltip, localName, utcName; };
     const std::vector<Case> cases = {
-        {"Asia/Shanghai", 1'700'000'000'123, "2023-11-15 06:13:20.123", "20231115-061320", "20231114-221320"},
         {"America/New_York", 1'700'000'000'123, "2023-11-14 17:13:20.123", "20231114-171320", "20231114-221320"},
         {"America/New_York", 1'689'000'000'007, "2023-07-10 10:40:00.007", "20230710-104000", "20230710-144000"},
         {"Etc/UTC", -1, "1969-12-31 23:59:59.999", "19691231-235959", "19691231-235959"},
