@@ -107,8 +107,6 @@ TEST(SmartHealth, StandardFiguresFromRealSmartctlOutputs) {
         {"scrutiny-smart-nvme-failed.json", true, std::nullopt, 35, 12798, 3, 7, std::nullopt},
         {"scrutiny-smart-fail2.json", false, std::nullopt, 25, 65592, std::nullopt, std::nullopt, 1975},
         {"smartctl_exporter-nvme-null-SAMSUNG_MZWLL3T2HAJQ-00005-nvme0.json", false, true, 40, 18376, 0, 0, std::nullopt},
-        {"scrutiny-smart-fail.json", std::nullopt, std::nullopt, std::nullopt, std::nullopt, std::nullopt, std::nullopt,
-         std::nullopt},
     };
     for (const auto& c : cases) {
         const auto f = smartFiguresFromJson(fixture(c.file));
