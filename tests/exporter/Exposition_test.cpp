@@ -76,7 +76,6 @@ TEST(Exposition, BothFormatsNameFamiliesAndSamplesAsScrapersExpect) {
 TEST(Exposition, OpenMetricsOnlyWhenTheScraperAcceptsIt) {
     const std::vector<std::pair<std::string, ExpositionFormat>> cases{
         {"", ExpositionFormat::prometheusText},
-        {"text/plain;version=0.0.4;q=0.5,*/*;q=0.1", ExpositionFormat::prometheusText},
         // Prometheus 2.x's own header
         {"application/openmetrics-text;version=1.0.0,application/openmetrics-text;version=0.0.1;q=0.75,"
          "text/plain;version=0.0.4;q=0.5,*/*;q=0.1",

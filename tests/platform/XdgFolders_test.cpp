@@ -54,16 +54,5 @@ TEST(XdgFolders, DownloadsFollowTheUserDirectoriesThenHomeThenTheTemporaryFolder
     EXPECT_EQ(downloadsFolder(), elsewhere.string());
 }
 
-TEST(XdgFolders, DataHomeIsAnAbsoluteXdgDataHomeElseUnderHome) {
-    testing::ScopedEnvironment environment{{"HOME", "/home/someone"}, {"XDG_DATA_HOME", std::nullopt}};
-    EXPECT_EQ(dataHome(), "/home/someone/.local/share");
-    environment.set("XDG_DATA_HOME", "relative/data");
-    EXPECT_EQ(dataHome(), "/home/someone/.local/share");
-    environment.set("XDG_DATA_HOME", "/srv/data");
-    EXPECT_EQ(dataHome(), "/srv/data");
-    environment.set("HOME", std::nullopt);
-    EXPECT_EQ(homeFolder(), std::string(::getpwuid(::getuid())->pw_dir)) << "the password entry's home";
-}
-
 }  // namespace
 }  // namespace vantorix::xdg

@@ -3,25 +3,10 @@
 #include <string>
 #include <vector>
 
-#include "protocol/Base64.h"
 #include "protocol/SmartctlHelperProtocol.h"
 
 namespace vantorix::protocol {
 namespace {
-
-TEST(Base64, RoundTripsAndRefusesWhatIsNotBase64) {
-    const std::vector<std::pair<std::string, std::string>> pairs = {
-        {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foobar", "Zm9vYmFy"},
-        {std::string("\0\xff\xfe\x80", 4), "AP/+gA=="},
-    };
-    for (const auto& [bytes, text] : pairs) {
-        EXPECT_EQ(base64Encoded(bytes), text);
-        EXPECT_EQ(base64Decoded(text), bytes) << text;
-    }
-    for (const std::string bad : {"Zg=", "Zg", "Z===", "Zm=v", "Zm9v\n", "Zm9v Zm9v", "Zm9-", "====", "Zg==Zm9v"}) {
-        EXPECT_FALSE(base64Decoded(bad).has_value()) << bad;
-    }
-}
 
 TEST(HelperFrames, AnnounceTheirLengthBigEndianAndRefuseMoreThanTheirCap) {
     EXPECT_EQ(framed("{}"), std::string("\0\0\0\x02{}", 6));
@@ -95,9 +80,7 @@ TEST(HelperReplies, CarryTheArchivedResultAndDecodeOnlyCompleteRecords) {
         {"{" + data + "}", 0},
         {"{" + data + ",\"terminationStatus\":-1}", -1},
         {"{" + data + ",\"terminationStatus\":2147483648}", std::nullopt},
-        {"{" + data + ",\"terminationStatus\":\"2\"}", std::nullopt},
         {R"({"jsonData":"e30=","commandDescription":"c"})", std::nullopt},
-        {R"({"jsonData":"e30=","standardError":""})", std::nullopt},
         {R"({"commandDescription":"c","standardError":""})", std::nullopt},
         {R"({"jsonData":"{}","commandDescription":"c","standardError":""})", std::nullopt},
         {R"({"jsonData":"e30=","commandDescription":5,"standardError":""})", std::nullopt},

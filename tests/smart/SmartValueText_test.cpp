@@ -16,7 +16,6 @@ TEST(SmartValueText, FormatsEachJsonTypeInBothLanguages) {
         std::string english, chinese;
     };
     const std::vector<Case> cases = {
-        {"1234567", "1,234,567", "1,234,567"},
         {"-1234.5", "-1,234.5", "-1,234.5"},
         {"0.125", "0.12", "0.12"},  // the formatter's default rounding: half to even
         // Integers are printed exactly, not through a double, at both ends of 64 bits.
@@ -26,7 +25,6 @@ TEST(SmartValueText, FormatsEachJsonTypeInBothLanguages) {
         {"true", "Yes", "是"},
         {"false", "No", "否"},
         {"null", "<null>", "<null>"},
-        {R"("  PO-R-- ")", "PO-R--", "PO-R--"},
         {R"("\t\r\n line one\nline two \u2028")", "line one\nline two", "line one\nline two"},
         {R"("\u200b")", "\u200b", "\u200b"},  // a zero-width space is a format character, not white space
     };

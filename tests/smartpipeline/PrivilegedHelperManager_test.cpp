@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <map>
 #include <thread>
 
 #include "log/Log.h"
@@ -15,31 +14,6 @@ using namespace std::chrono_literals;
 using testing::SubstituteHelperService;
 using Script = SubstituteHelperService::Script;
 using State = HelperServiceState;
-
-TEST(RuntimeEnvironment, AppendsAReasonPerRuleInOrder) {
-    const std::string off = "VANTORIX_DISABLE_PRIVILEGED_OPERATIONS";
-    const std::string flatpak = "running in a Flatpak sandbox";
-    struct Case {
-        std::map<std::string, std::string> environment;
-        bool flatpakInfo;
-        std::vector<std::string> reasons;
-    };
-    const std::vector<Case> cases = {
-        {{}, false, {}},
-        {{{off, "1"}, {"SNAP", "/snap/vantorix/1"}}, false, {"Manual override: " + off, "running in a Snap sandbox"}},
-        {{{off, " 1"}, {"FLATPAK_ID", "com.vantorix.Vantorix"}}, false, {flatpak}},  // only an exact "1" counts
-        {{}, true, {flatpak}},
-    };
-    for (const auto& c : cases) {
-        const auto lookUp = [&c](std::string_view name) {
-            const auto found = c.environment.find(std::string(name));
-            return found == c.environment.end() ? std::nullopt : std::optional(found->second);
-        };
-        const auto environment = RuntimeEnvironment::evaluate(lookUp, c.flatpakInfo);
-        EXPECT_EQ(environment.restrictionReasons, c.reasons);
-        EXPECT_EQ(environment.allowsPrivilegedOperations, c.reasons.empty());
-    }
-}
 
 class PrivilegedHelperManagerTest : public ::testing::Test {
 protected:

@@ -25,9 +25,7 @@ TEST(SMARTInfoProviderCandidates, FollowPartitionsStacksAndNvmeControllers) {
         {"nvme-laptop", " /dev/nvme0n1\n", {"nvme0n1", "nvme0"}},
         {"dmcrypt-nvme", "dm-0", {"dm-0", "nvme0n1", "nvme0"}},
         {"sata-disk", "sda1", {"sda1", "sda"}},
-        {"usb-stick", "sdb1", {"sdb1", "sdb"}},
         {"virtio-disk", "vda", {"vda"}},
-        {"virtio-disk", "", {}},
         {"nvme-laptop", "unknown9", {"unknown9"}},
     };
     for (const auto& c : cases) {

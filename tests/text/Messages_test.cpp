@@ -19,8 +19,8 @@ TEST(Messages, EachMessageInBothLanguages) {
         std::function<std::string()> make;
         std::string chinese, english;
     };
-    // Texts that fill in one value are checked by the tests of their users, or not at all; here,
-    // those with a rule of their own (counts, plurals, joined causes, braces in values).
+    // Texts that fill in one value are mostly checked by the tests of their users; here, the others
+    // and those with a rule of their own (counts, plurals, joined causes, braces in values).
     const std::vector<Case> cases = {
         {"downloadFailed", [] { return downloadFailed("timeout"); }, "下载失败：timeout", "Download failed: timeout"},
         {"sysfsReadFailed", [] { return sysfsReadFailed("/sys/class/block/sda/stat: malformed"); },
@@ -28,8 +28,6 @@ TEST(Messages, EachMessageInBothLanguages) {
          "Reading the block device's sysfs entry failed: /sys/class/block/sda/stat: malformed."},
         {"randomTestSummary", [] { return randomTestSummary("4 KB", 1234567); },
          "随机测试：块大小 4 KB，共 1234567 次操作。", "Random test: block size 4 KB, 1234567 operations."},
-        {"versionLine", [] { return versionLine("0.1.0", "17"); }, "版本：0.1.0 · 构建：17",
-         "Version: 0.1.0 · Build: 17"},
         {"exportingMetrics one", [] { return exportingMetrics(1, "127.0.0.1:9842"); },
          "正在导出 1 个卷的指标：http://127.0.0.1:9842/metrics 。按 Ctrl-C 停止。",
          "Exporting the metrics of 1 volume at http://127.0.0.1:9842/metrics. Press Ctrl-C to stop."},

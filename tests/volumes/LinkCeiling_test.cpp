@@ -28,8 +28,6 @@ TEST(LinkCeiling, CeilingDescriptionAndWarningOfEachLink) {
     };
     const std::vector<Case> cases{
         {{pcie(2'500 * M, 1)}, 250'000'000, "PCIe 1.0 x1", std::nullopt},
-        {{pcie(5 * G, 4)}, 2'000'000'000, "PCIe 2.0 x4", std::nullopt},
-        {{pcie(32 * G, 4)}, 15'753'846'153, "PCIe 5.0 x4", std::nullopt},
         {{pcie(64 * G, 4)}, 30'250'000'000, "PCIe 6.0 x4", std::nullopt},
         {{pcie(8 * G, 1, 8 * G, 4)}, 984'615'384, "PCIe 3.0 x1", "The drive runs at PCIe 3.0 x1; it can use PCIe 3.0 x4."},
         {{pcie(2'500 * M, 4, 16 * G, 4)}, 1'000'000'000, "PCIe 1.0 x4",
@@ -46,7 +44,6 @@ TEST(LinkCeiling, CeilingDescriptionAndWarningOfEachLink) {
          "A USB 3 drive on a USB 2 port: it runs at 480 Mb/s. A USB 3 port and cable would be faster."},
         {{UsbLink{480 * M, std::nullopt}}, 60'000'000, "USB 2.0", std::nullopt},
         {{UsbLink{20 * G, 0x0320}}, 2'424'242'424, "USB 3.2 Gen2x2", std::nullopt},
-        {{ThunderboltLink{1}}, 1'212'121'212, "Thunderbolt 1", std::nullopt},
         {{ThunderboltLink{3}}, 3'938'461'538, "Thunderbolt 3", std::nullopt},
         {{ThunderboltLink{9}}, std::nullopt, "Thunderbolt 9", std::nullopt},
         {{}, std::nullopt, "Unknown", std::nullopt},
