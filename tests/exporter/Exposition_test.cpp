@@ -73,20 +73,6 @@ TEST(Exposition, BothFormatsNameFamiliesAndSamplesAsScrapersExpect) {
     EXPECT_TRUE(open.size() > 6 && open.substr(open.size() - 6) == "# EOF\n");
 }
 
-TEST(Exposition, OpenMetricsOnlyWhenTheScraperAcceptsIt) {
-    const std::vector<std::pair<std::string, ExpositionFormat>> cases{
-        {"", ExpositionFormat::prometheusText},
-        // Prometheus 2.x's own header
-        {"application/openmetrics-text;version=1.0.0,application/openmetrics-text;version=0.0.1;q=0.75,"
-         "text/plain;version=0.0.4;q=0.5,*/*;q=0.1",
-         ExpositionFormat::openMetrics},
-        {"Application/OpenMetrics-Text ; q=0.2", ExpositionFormat::openMetrics},
-        {"application/openmetrics-text;q=0", ExpositionFormat::prometheusText},
-        {"application/openmetrics-textual", ExpositionFormat::prometheusText},
-    };
-    for (const auto& [accept, format] : cases) EXPECT_EQ(negotiateFormat(accept), format) << accept;
-}
-
 std::string fixture(const std::string& name) {
     std::ifstream file(std::string(VANTORIX_TEST_DATA_DIR) + "/smartctl/" + name);
     std::stringstream text;

@@ -78,8 +78,6 @@ TEST(SysfsBlockDevices, AttachmentFollowsTheDevicesAbove) {
          BusKind::pci, std::nullopt, ""},
         {"USB 1.0, a partition", "usb-stick", "sdb1", [](auto& t) { t.write(kUsbStick + "/speed", "1.5\n"); },
          BusKind::usb, LinkState{"1.5", std::nullopt}, ""},
-        {"USB speed unknown to us", "usb-stick", "sdb", [](auto& t) { t.write(kUsbStick + "/speed", "40000\n"); },
-         BusKind::usb, std::nullopt, ""},
         {"SATA link down", "sata-disk", "sda", [](auto& t) { t.write(kSataLink + "/sata_spd", "<unknown>\n"); },
          BusKind::sata, std::nullopt, ""},
         {"dm without members", "dmcrypt-nvme", "dm-0",

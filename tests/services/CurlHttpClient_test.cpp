@@ -103,10 +103,6 @@ TEST(CurlHttpClient, DownloadsArriveWholeAsReadableFilesOrLeaveNothingBehind) {
         response.set_content(content, "application/octet-stream");
     });
     redirect(server, "/go", "/file");
-    server.get("/missing", [](const httplib::Request&, httplib::Response& response) {
-        response.status = 404;
-        response.set_content("no such file", "text/plain");
-    });
     server.get("/cut", [](const httplib::Request&, httplib::Response& response) {
         response.set_content_provider(1000, "text/plain", [](std::size_t, std::size_t, httplib::DataSink& sink) {
             sink.write("partial", 7);

@@ -64,7 +64,6 @@ TEST_F(PrivilegedHelperManagerTest, EnablesRepairsAndRemembersTheOutcome) {
         {"needs an administrator after enabling", [](Script& s) { s.stateAfterEnabling = State::needsAdministrator; },
          true, 1, 0, 1},
         {"unit file missing", [](Script& s) { s.definitionPath.reset(); }, false, 0, 0, 0},
-        {"unit not installed", [](Script& s) { s.state = State::unitNotInstalled; }, true, 1, 0, 0},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);

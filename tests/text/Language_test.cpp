@@ -37,7 +37,6 @@ TEST(LanguageRule, LanguageThenLcAllThenLcMessagesThenLang) {
         {unset, unset, unset, unset, {}, true},
         {unset, unset, "zh_CN.UTF-8", "en_US.UTF-8", {"zh_CN.UTF-8"}, false},
         {unset, "C", unset, "zh_CN.UTF-8", {}, true},
-        {"POSIX", unset, unset, "zh_CN.UTF-8", {"zh_CN.UTF-8"}, false},
     };
     for (std::size_t i = 0; i < cases.size(); ++i) {
         const auto& c = cases[i];

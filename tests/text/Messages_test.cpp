@@ -22,7 +22,6 @@ TEST(Messages, EachMessageInBothLanguages) {
     // Texts that fill in one value are mostly checked by the tests of their users; here, the others
     // and those with a rule of their own (counts, plurals, joined causes, braces in values).
     const std::vector<Case> cases = {
-        {"downloadFailed", [] { return downloadFailed("timeout"); }, "下载失败：timeout", "Download failed: timeout"},
         {"sysfsReadFailed", [] { return sysfsReadFailed("/sys/class/block/sda/stat: malformed"); },
          "读取块设备的 sysfs 信息失败：/sys/class/block/sda/stat: malformed。",
          "Reading the block device's sysfs entry failed: /sys/class/block/sda/stat: malformed."},
