@@ -30,24 +30,18 @@ public:
         server_.Post(".*", [this](const auto& request, auto& response) { dispatch(request, response); });
         port_ = server_.bind_to_any_port("127.0.0.1");
         if (port_ <= 0) throw std::runtime_error("HttpTestServer: cannot bind a port on 127.0.0.1");
-        thread_ = std::thread([this] {
-            server_.listen_after_bind();
-            std::lock_guard lock(mutex_);
-            listenEnded_ = true;
-        });
-        // stop() does nothing before the server runs, so the destructor must not come earlier.
-        while (!server_.is_running()) {
-            if (std::lock_guard lock(mutex_); listenEnded_) break;
+        thread_ = std::thread([this] { server_.listen_after_bind(); });
+        // stop() does nothing before the server runs, so the destructor must not come earlier; one
+        // that cannot listen has ended its thread long before the 10 s are up.
+        for (int waited = 0; !server_.is_running() && waited < 10'000; ++waited) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
     }
-
     // Stops listening and waits for every handler to return.
     ~HttpTestServer() {
         server_.stop();
         thread_.join();
     }
-
     HttpTestServer(const HttpTestServer&) = delete;
     HttpTestServer& operator=(const HttpTestServer&) = delete;
 
@@ -66,7 +60,6 @@ public:
         std::lock_guard lock(mutex_);
         return received_;
     }
-
     // Waits until at least `count` requests have arrived, for code that sends from a thread of its
     // own; false when `limit` passed first.
     bool waitForRequests(std::size_t count, std::chrono::milliseconds limit) {
@@ -79,7 +72,6 @@ private:
         std::lock_guard lock(mutex_);
         routes_[{method, path}] = std::move(handler);
     }
-
     void dispatch(const httplib::Request& request, httplib::Response& response) {
         Handler handler;
         {
@@ -98,7 +90,6 @@ private:
     int port_ = 0;
     mutable std::mutex mutex_;
     std::condition_variable changed_;
-    bool listenEnded_ = false;
     std::map<std::pair<std::string, std::string>, Handler> routes_;
     std::vector<httplib::Request> received_;
     std::thread thread_;

