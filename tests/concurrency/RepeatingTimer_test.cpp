@@ -12,7 +12,6 @@
 #include <memory>
 #include <optional>
 #include <thread>
-#include <tuple>
 #include <vector>
 
 namespace vantorix {
@@ -137,35 +136,36 @@ TEST(RepeatingTimer, NoTickRunsAfterCancelReturns) {
 // the meantime must still reach it at once, not at the next deadline an hour away. Afterwards the
 // timer must go on ticking.
 TEST(RepeatingTimer, AQueueWaitingForAFarDeadlineStillServesEverythingElse) {
-    using Act = std::function<void(SerialQueue&, std::optional<asio::steady_timer>&, std::atomic<bool>&)>;
-    const Act post = [](SerialQueue& queue, auto&, std::atomic<bool>& done) { queue.async([&done] { done = true; }); };
-    // An Asio timer on the queue's context completes through Asio's own wait.
-    const Act asioTimer = [](SerialQueue& queue, std::optional<asio::steady_timer>& asio, std::atomic<bool>& done) {
-        queue.async([&queue, &asio, &done] {
-            asio.emplace(queue.context(), std::chrono::milliseconds(1));
-            asio->async_wait([&done](const std::error_code& error) { done = !error; });
-        });
-    };
-    // What is done, and whether from the first tick's handler rather than from the test's thread.
-    const std::vector<std::tuple<const char*, Act, bool>> cases{
-        {"work", post, false}, {"work", post, true}, {"Asio timer", asioTimer, false}, {"Asio timer", asioTimer, true}};
-    for (const auto& [name, act, fromHandler] : cases) {
-        SCOPED_TRACE(std::string(name) + (fromHandler ? " from the handler" : " from another thread"));
-        SerialQueue queue("com.vantorix.test.far", QualityOfService::userInteractive);
-        std::optional<asio::steady_timer> asio;
-        std::atomic<bool> done{false};
-        std::atomic<int> ticks{0};
-        RepeatingTimer timer(queue);
-        start(timer, Clock::now(), 1h, [&] {
-            if (++ticks == 1 && fromHandler) act(queue, asio, done);
-        });
-        ASSERT_TRUE(waitFor([&] { return ticks >= 1; }));
-        if (!fromHandler) act(queue, asio, done);
-        EXPECT_TRUE(waitFor([&] { return done.load(); }));
-        timer.reschedule(1ms, 0ns);
-        EXPECT_TRUE(waitFor([&] { return ticks >= 4; }));
-        timer.cancel();
-        queue.sync([&] { asio.reset(); });
+    for (const bool viaAsio : {false, true}) {
+        for (const bool fromHandler : {false, true}) {
+            SCOPED_TRACE(std::string(viaAsio ? "Asio timer" : "work") + (fromHandler ? " from the handler" : " from elsewhere"));
+            SerialQueue queue("com.vantorix.test.far", QualityOfService::userInteractive);
+            std::optional<asio::steady_timer> asio;
+            std::atomic<bool> done{false};
+            std::atomic<int> ticks{0};
+            // Work for the queue, or an Asio timer on its context, which completes through Asio's own wait.
+            const auto act = [&] {
+                queue.async([&] {
+                    if (!viaAsio) {
+                        done = true;
+                        return;
+                    }
+                    asio.emplace(queue.context(), 1ms);
+                    asio->async_wait([&done](const std::error_code& error) { done = !error; });
+                });
+            };
+            RepeatingTimer timer(queue);
+            start(timer, Clock::now(), 1h, [&] {
+                if (++ticks == 1 && fromHandler) act();
+            });
+            ASSERT_TRUE(waitFor([&] { return ticks >= 1; }));
+            if (!fromHandler) act();
+            EXPECT_TRUE(waitFor([&] { return done.load(); }));
+            timer.reschedule(1ms, 0ns);
+            EXPECT_TRUE(waitFor([&] { return ticks >= 4; }));
+            timer.cancel();
+            queue.sync([&] { asio.reset(); });
+        }
     }
 }
 
