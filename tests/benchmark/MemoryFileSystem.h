@@ -26,9 +26,7 @@ public:
     };
 
     // Switches, set before a run unless said otherwise.
-    int creationError = 0;      // file creation fails with this error number
-    bool refuseDirect = false;  // direct opens fail as on a file system without O_DIRECT
-    std::chrono::microseconds queuedRequestTime{200};
+    bool refuseDirect = false;            // direct opens fail as on a file system without O_DIRECT
     std::size_t shortReadBy = 0;          // reads of more than this many bytes return this many fewer
     std::uint64_t capacity = UINT64_MAX;  // bytes the files may take in all; growing beyond fails with ENOSPC
     int writeError = 0;                   // writes fail with this error number
@@ -87,7 +85,6 @@ private:
         }
         Result<Unit, FileError> createEmptyFile(const std::string& name) override {
             std::lock_guard lock(owner_->mutex_);
-            if (owner_->creationError != 0) return Failure{FileError{owner_->creationError, "refused"}};
             const std::string path = path_ + "/" + name;
             if (owner_->files_.count(path) != 0) return Failure{FileError{EEXIST, "File exists"}};
             owner_->files_[path] = std::make_shared<std::vector<std::byte>>();
@@ -114,7 +111,7 @@ private:
             owner_->opens_.push_back(cache);
             return std::unique_ptr<FileHandle>(std::make_unique<Handle>(*owner_, found->second));
         }
-        // A queued file that moves no data: each request takes `queuedRequestTime`.
+        // A queued file that moves no data: each request takes 200 µs.
         Result<std::unique_ptr<QueuedFile>, FileError> openQueued(const std::string& name) override {
             if (owner_->refuseDirect) return Failure{FileError{EINVAL, "Invalid argument"}};
             if (!exists(name)) return Failure{FileError{ENOENT, "No such file"}};
@@ -191,7 +188,7 @@ private:
             QueuedFigures figures;
             while (!shouldStop() && std::chrono::steady_clock::now() - start < job.duration &&
                    (!job.byteLimit || figures.bytes < *job.byteLimit)) {
-                std::this_thread::sleep_for(owner_.queuedRequestTime);
+                std::this_thread::sleep_for(std::chrono::microseconds(200));
                 ++figures.operations;
                 figures.bytes += job.blockSize;
                 progress(figures.bytes);
