@@ -54,6 +54,14 @@ bool waitFor(Predicate predicate) {
     return QTest::qWaitFor(predicate, 20000);
 }
 
+// Shows the menu for its screenshot.
+void screenshot(QMenu* menu, const std::string& name) {
+    menu->popup(QPoint(0, 0));
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(menu));
+    screenshot(static_cast<QWidget*>(menu), name);
+    menu->hide();
+}
+
 QStringList texts(QMenu* menu, bool checkedOnly = false) {
     QStringList result;
     for (auto* action : menu->actions()) {
@@ -104,22 +112,10 @@ TEST(VantorixApp, MenuBarHoldsTheFourCommandsAndPickersShowTheCurrentValues) {
     Q_EMIT app.testSampleSizeMenu()->aboutToShow();
     EXPECT_EQ(texts(app.testSampleSizeMenu(), true), (QStringList{"10 GB", "Queue Depth (io_uring)", "Bypass Cache"}));
     EXPECT_FALSE(app.testSampleSizeMenu()->actions().back()->isEnabled());
+    screenshot(app.testSampleSizeMenu(), "test-sample-size-menu-en-light");
     trigger("Standard (Four Phases)");
     trigger("Bypass Cache");
     EXPECT_EQ(app.tester()->state().testMode, TestMode{});
-}
-
-TEST(VantorixApp, TestSampleSizeMenuScreenshots) {
-    for (const auto& [lang, dark] : {std::pair{"en_US.UTF-8", false}, {"en_US.UTF-8", true}, {"zh_CN.UTF-8", false},
-                                     {"zh_CN.UTF-8", true}}) {
-        const ui::ScopedScheme scheme(dark);
-        Application application(lang);
-        QMenu* menu = application.app->testSampleSizeMenu();
-        menu->popup(QPoint(0, 0));
-        ASSERT_TRUE(QTest::qWaitForWindowExposed(menu));
-        screenshot(menu, "test-sample-size-menu-" + std::string(lang).substr(0, 2) + (dark ? "-dark" : "-light"));
-        menu->hide();
-    }
 }
 
 TEST(VantorixApp, AboutAndFeedbackAreSingleWindowsWithTheirTitlesAndSizes) {
@@ -205,8 +201,6 @@ TEST(VantorixApp, LooksRightInChineseAndInADarkScheme) {
     for (auto* action : app.mainWindow()->menuBar()->actions()) titles << action->text();
     EXPECT_EQ(titles, (QStringList{"建议与反馈", "关于 Vantorix", "采样精度", "测试样本大小"}));
     auto* panel = app.dashboard()->panel();
-    EXPECT_EQ(panel->infoTexts().front(), "尚未选择卷");
-    EXPECT_EQ(panel->chooseVolumeButton()->text(), "选择卷");
     // Nothing is cut off at the smallest window size.
     app.mainWindow()->resize(app.mainWindow()->minimumSize());
     QCoreApplication::processEvents();
@@ -214,6 +208,7 @@ TEST(VantorixApp, LooksRightInChineseAndInADarkScheme) {
         EXPECT_GE(button->width(), button->sizeHint().width()) << button->text().toStdString();
     }
     screenshot(app.mainWindow(), "main-empty-zh-dark-minimum");
+    screenshot(app.testSampleSizeMenu(), "test-sample-size-menu-zh-dark");
     app.mainWindow()->resize(1240, 800);
     app.monitor()->selectVolume("/");
     ASSERT_TRUE(waitFor([&] { return app.monitor()->state().selectedVolume.has_value(); }));
