@@ -1,18 +1,14 @@
 #include "charts/ChartExportSupport.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
-#include <unicode/locid.h>
-#include <unicode/numberformatter.h>
-#include <unicode/unistr.h>
 
 #include <filesystem>
-#include <fstream>
 #include <limits>
-#include <random>
+#include <set>
 #include <sstream>
 
 #include "charts/SampleFixtures.h"
+#include "services/ServiceTestSupport.h"
 #include "support/ScopedEnvironment.h"
 
 namespace vantorix {
@@ -22,8 +18,10 @@ using testing::samplesBy;
 using testing::samplesOf;
 using testing::ScopedEnvironment;
 using testing::ScopedLanguage;
+using testing::TemporaryFolder;
+using testing::fileContents;
+using testing::writeFile;
 using Support = ChartExportSupport;
-using Tick = Support::AxisTick;
 using PNGResult = Result<std::vector<std::uint8_t>, ChartDataExportError>;
 namespace fs = std::filesystem;
 
@@ -63,29 +61,6 @@ TEST(ChartExportSupport, CsvHasAHeaderAndOneLinePerSample) {
     }
 }
 
-// The fast path must write exactly what the ICU formatter writes.
-TEST(ChartExportSupport, CsvNumbersMatchIcusPosixFormatting) {
-    const auto icu = icu::number::NumberFormatter::withLocale(icu::Locale("en_US_POSIX"))
-                         .precision(icu::number::Precision::minMaxFraction(0, 6))
-                         .grouping(UNUM_GROUPING_OFF);
-    const auto expected = [&icu](double value) {
-        UErrorCode status = U_ZERO_ERROR;
-        std::string out;
-        icu.formatDouble(value, status).toString(status).toUTF8String(out);
-        return out;
-    };
-    std::vector<double> values{0, 0.1, 0.3, 2.5, 1e-7, 0.0000005, 123456.1234565, 4503599627370495.5,
-                               9007199254740993.0, 1e21, 1.8446744073709552e22, 1.0 / 3};
-    std::mt19937_64 random(6);
-    for (int i = 0; i < 20'000; ++i) {
-        const std::uint64_t count = random() >> (random() % 64);
-        const std::int64_t interval = static_cast<std::int64_t>(random() % 1500) + 1;
-        values.push_back(static_cast<double>(count) * (1000.0 / static_cast<double>(interval)));
-        values.push_back(static_cast<double>(count % 60'000) * static_cast<double>(interval) / 1000.0);
-    }
-    for (const double value : values) ASSERT_EQ(Support::csvNumberText(value), expected(value)) << value;
-}
-
 TEST(ChartExportSupport, ReducesToAtMostThePointLimitKeepingEndsAndPeaks) {
     EXPECT_EQ(Support::pointLimit(Support::plotRect(3840, 2160)), 3460);
     EXPECT_EQ(Support::pointLimit(Support::plotRect(600, 600)), 512);
@@ -110,50 +85,6 @@ TEST(ChartExportSupport, ReducesToAtMostThePointLimitKeepingEndsAndPeaks) {
         const auto reduced = Support::reducedPoints(ramp, 100, limit);
         ASSERT_EQ(reduced.size(), count) << samples;
         if (count > 0) { EXPECT_EQ(reduced.back().index, static_cast<std::int64_t>(samples) - 1); }
-    }
-}
-
-// Evenly spaced from 0 by `step`, the last one at the top whatever the step.
-TEST(ChartExportSupport, AxisTicksRunFromZeroToTheTop) {
-    const auto speeds = [](double read, double write) {
-        return std::vector<Support::DownsampledPoint>{{0, read, write}};
-    };
-    struct Case { const char* name; std::vector<Tick> ticks; double top, step; };
-    const Case cases[] = {
-        {"all zero: up to 1 B/s", Support::throughputTicks(speeds(0, 0)), 1, 0.2},
-        {"300 MB/s in steps of 50 MB/s", Support::throughputTicks(speeds(1, 300e6)), 300e6, 50e6},
-        {"an uneven top ends the last step early", Support::throughputTicks(speeds(130, 2)), 130, 20},
-        {"time: one sample", Support::timeTicks(1, 1000), 0, 0},
-        {"time: 256 samples at 1 s", Support::timeTicks(256, 1000), 255e3, 50e3},
-        {"time: two samples at 1 ms", Support::timeTicks(2, 1), 1, 0.2},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        std::vector<Tick> expected{{0, 0}};
-        for (int i = 1; c.top > 0 && i * c.step < c.top; ++i) expected.push_back({i * c.step, i * c.step / c.top});
-        if (c.top > 0) expected.push_back({c.top, 1});
-        ASSERT_EQ(c.ticks.size(), expected.size());
-        for (std::size_t i = 0; i < c.ticks.size(); ++i) {
-            EXPECT_DOUBLE_EQ(c.ticks[i].value, expected[i].value) << i;
-            EXPECT_DOUBLE_EQ(c.ticks[i].position, expected[i].position) << i;
-        }
-    }
-}
-
-TEST(ChartExportSupport, TotalsSaturateAndAverageOverTheSamplingTime) {
-    struct Case { SampleWindow samples; std::int64_t intervalMs; Support::Totals totals; };
-    const Case cases[] = {
-        {samplesOf({{100, 50}, {300, 50}, {0, 100}}), 500, {400, 200, 1000, 600}},
-        {samplesOf({{kMax, kMax}, {1, 1}}), 1000, {kMax, kMax, 1000, static_cast<double>(kMax)}},
-        {samplesOf({{5, 5}}), 1000, {5, 5, 0, 0}},
-        {samplesOf({{5, 5}, {5, 5}}), 0, {10, 10, 0, 0}},
-    };
-    for (const Case& c : cases) {
-        const auto totals = Support::totals(c.samples, c.intervalMs);
-        EXPECT_EQ(totals.readBytes, c.totals.readBytes);
-        EXPECT_EQ(totals.writeBytes, c.totals.writeBytes);
-        EXPECT_EQ(totals.samplingTimeMs, c.totals.samplingTimeMs);
-        EXPECT_EQ(totals.averageSpeed, c.totals.averageSpeed);
     }
 }
 
@@ -190,83 +121,48 @@ TEST(ChartExportSupport, TextsOfThePictureInBothLanguages) {
     }
 }
 
-std::string contents(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-class ChartExportFlow : public ::testing::Test {
-protected:
-    void SetUp() override {
-        dir_ = fs::temp_directory_path() / ("vantorix-export-" + std::to_string(::getpid()));
-        fs::create_directories(dir_);
-    }
-    void TearDown() override { fs::remove_all(dir_); }
-
-    // A renderer that hands out fixed bytes and counts its calls.
-    Support::PNGRenderer renderer(std::optional<ChartDataExportError> failure = std::nullopt) {
-        return [this, failure](const SampleWindow& samples, std::int64_t intervalMs) -> PNGResult {
-            ++renders_;
-            EXPECT_EQ(intervalMs, 100);
-            if (failure) return Failure{*failure};
-            return std::vector<std::uint8_t>{0x89, 'P', 'N', 'G', static_cast<std::uint8_t>(samples.size())};
-        };
-    }
-
-    fs::path dir_;
-    int renders_ = 0;
-    const SampleWindow two_ = samplesOf({{1, 2}, {3, 4}});
-    const ScopedLanguage english_{"en_US.UTF-8"};
-};
-
-TEST_F(ChartExportFlow, NamesThePngAfterTheCsv) {
-    const std::pair<std::string, std::string> cases[] = {
-        {"run.csv", "run.png"}, {"run", "run.png"}, {"/data/v1.2/run", "/data/v1.2/run.png"},
-        {"/tmp/a.b.csv", "/tmp/a.b.png"}, {"/tmp/.csv", "/tmp/.csv.png"},
-    };
-    for (const auto& [csv, png] : cases) EXPECT_EQ(Support::pngPath(csv), png) << csv;
-
+// The picture's name is the CSV's with its extension replaced (std::filesystem's rule).
+TEST(ChartExportFlow, NamesTheCsvAfterTheTime) {
     const ScopedEnvironment zone{{"TZ", "Asia/Shanghai"}};
     const auto time = std::chrono::sys_days(std::chrono::year(2025) / 3 / 1) + std::chrono::hours(20);
     EXPECT_EQ(Support::suggestedFileName(time), "Vantorix-20250302-040000.csv");
 }
 
-// An older picture of the same name is replaced; with fewer than two samples nothing happens.
-TEST_F(ChartExportFlow, WritesBothFilesAndSaysWhere) {
-    const std::string csv = (dir_ / "run.csv").string();
-    const std::string png = (dir_ / "run.png").string();
-    std::ofstream(png) << "an older picture that is replaced";
-    EXPECT_EQ(Support::exportChart(two_, 100, csv, renderer()),
-              (Support::Outcome{true, "CSV saved to: " + csv + "\nPNG saved to: " + png}));
-    EXPECT_EQ(contents(csv), Support::csvText(two_, 100));
-    EXPECT_EQ(contents(png), std::string("\x89PNG\x02", 5));
+// A missing folder's message is the command line's test's.
+TEST(ChartExportFlow, WritesBothFilesOrStopsAtTheFirstFailure) {
+    const ScopedLanguage english("en_US.UTF-8");
+    const TemporaryFolder folder;
+    const auto path = [&folder](const char* name) { return (folder.path() / name).string(); };
+    // A renderer that hands out fixed bytes and counts its calls.
+    int renders = 0;
+    const auto renderer = [&renders](std::optional<ChartDataExportError> failure = std::nullopt) {
+        return [&renders, failure](const SampleWindow& samples, std::int64_t intervalMs) -> PNGResult {
+            ++renders;
+            EXPECT_EQ(intervalMs, 100);
+            if (failure) return Failure{*failure};
+            return std::vector<std::uint8_t>{0x89, 'P', 'N', 'G', static_cast<std::uint8_t>(samples.size())};
+        };
+    };
+    const SampleWindow two = samplesOf({{1, 2}, {3, 4}});
+    writeFile(path("run.png"), "an older picture that is replaced");
+    EXPECT_EQ(Support::exportChart(two, 100, path("run.csv"), renderer()),
+              (Support::Outcome{true, "CSV saved to: " + path("run.csv") + "\nPNG saved to: " + path("run.png")}));
+    EXPECT_EQ(fileContents(path("run.csv")), Support::csvText(two, 100));
+    EXPECT_EQ(fileContents(path("run.png")), std::string("\x89PNG\x02", 5));
 
-    EXPECT_EQ(Support::exportChart(samplesOf({{1, 1}}), 100, (dir_ / "one.csv").string(), renderer()), std::nullopt);
-    EXPECT_EQ(renders_, 1);
-    EXPECT_FALSE(fs::exists(dir_ / "one.csv"));
-}
-
-TEST_F(ChartExportFlow, AFailureStopsTheFlowWhereItHappens) {
-    // The picture is made first: when that fails, no file is written.
-    const std::string csv = (dir_ / "run.csv").string();
-    EXPECT_EQ(Support::exportChart(two_, 100, csv, renderer(ChartDataExportError::pngEncodingFailed())),
+    // Fewer than two samples: nothing happens. The picture is made first: when that fails, no file is written.
+    EXPECT_EQ(Support::exportChart(samplesOf({{1, 1}}), 100, path("one.csv"), renderer()), std::nullopt);
+    EXPECT_EQ(renders, 1);
+    EXPECT_EQ(Support::exportChart(two, 100, path("bad.csv"), renderer(ChartDataExportError::pngEncodingFailed())),
               (Support::Outcome{false, "Export failed: Failed to encode the chart as a PNG image."}));
-    EXPECT_FALSE(fs::exists(csv));
-
-    // The CSV cannot be written: the PNG is not written either.
-    const std::string missing = (dir_ / "no-such-folder" / "run.csv").string();
-    EXPECT_EQ(Support::exportChart(two_, 100, missing, renderer()),
-              (Support::Outcome{false, "Export failed: Could not write the file “" + missing + "”: No such file or directory"}));
 
     // The PNG cannot be written (a folder has its name): the CSV stays.
-    fs::create_directory(dir_ / "blocked.png");
-    const std::string blocked = (dir_ / "blocked.csv").string();
+    fs::create_directory(path("blocked.png"));
     const ScopedLanguage chinese("zh_CN.UTF-8");
-    EXPECT_EQ(Support::exportChart(two_, 100, blocked, renderer()),
-              (Support::Outcome{false, "导出失败：无法写入文件“" + (dir_ / "blocked.png").string() + "”：Is a directory"}));
-    EXPECT_EQ(contents(blocked), Support::csvText(two_, 100));
+    EXPECT_EQ(Support::exportChart(two, 100, path("blocked.csv"), renderer()),
+              (Support::Outcome{false, "导出失败：无法写入文件“" + path("blocked.png") + "”：Is a directory"}));
+    EXPECT_EQ(fileContents(path("blocked.csv")), Support::csvText(two, 100));
+    EXPECT_EQ(folder.names(), (std::set<std::string>{"blocked.csv", "blocked.png", "run.csv", "run.png"}));
 }
 
 }  // namespace

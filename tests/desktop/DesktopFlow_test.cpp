@@ -5,8 +5,6 @@
 #include <QDir>
 #include <QFileDialog>
 #include <QMenu>
-#include <QMouseEvent>
-#include <QMessageBox>
 #include <QTableWidget>
 #include <QTest>
 
@@ -18,8 +16,6 @@
 
 #include "app/QuitOnSignals.h"
 #include "app/VantorixApp.h"
-#include "concurrency/NotificationCenter.h"
-#include "smart/PrivilegedHelperManager.h"
 #include "support/BlockDevice.h"
 #include "support/HelperDaemon.h"
 #include "support/LoopVolume.h"
@@ -79,8 +75,7 @@ class DesktopFlow : public ::testing::TestWithParam<Variant> {};
 
 // A person's session on a loop-mounted volume whose SMART data come from the real helper daemon
 // (running a stand-in for smartctl): choose the volume, read the SMART sheet, watch a 64 MiB
-// write, hover the graph, export the chart, run a test,
-// stop another one halfway, and hear the helper's approval request twice.
+// write, export the chart, run a test, stop another one halfway, and end by SIGTERM during a third.
 TEST_P(DesktopFlow, ASessionOnALoopVolume) {
     const Variant& variant = GetParam();
     if (const auto reason = testing::LoopVolume::unavailableReason(); !reason.empty()) GTEST_SKIP() << reason;
@@ -119,11 +114,7 @@ TEST_P(DesktopFlow, ASessionOnALoopVolume) {
     EXPECT_THAT(panel->infoTexts().front().toStdString(), HasSubstr(volume->deviceName()));
     QTest::mouseClick(panel->smartButton(), Qt::LeftButton);
     ASSERT_NE(dashboard->smartSheet(), nullptr);
-    QStringList values;
-    for (int row = 0; row < dashboard->smartSheet()->rows()->rowCount(); ++row) {
-        values << dashboard->smartSheet()->rows()->item(row, 1)->text();
-    }
-    EXPECT_TRUE(values.contains(QStringLiteral("INTEL SSDPEKNW010T8"))) << values.join(", ").toStdString();
+    EXPECT_EQ(dashboard->smartSheet()->rows()->findItems(QStringLiteral("INTEL SSDPEKNW010T8"), Qt::MatchExactly).size(), 1);
     screenshot(dashboard->smartSheet(), variant, "smart-sheet");
     dashboard->smartSheet()->accept();
 
@@ -150,20 +141,10 @@ TEST_P(DesktopFlow, ASessionOnALoopVolume) {
     QTest::mouseClick(panel->monitoringButton(), Qt::LeftButton);
     ASSERT_TRUE(waitFor([&] { return !app.monitor()->state().isMonitoring; }));
 
-    // The graph draws the samples; hovering the tallest write shows that sample's speed.
+    // The graph draws the samples (hovering them is the widget tests').
     auto* canvas = dashboard->chart()->canvas();
     ASSERT_TRUE(waitFor([&] { return !canvas->hasPendingPoints() && !canvas->frame().drawn.empty(); }));
-    const auto frame = canvas->frame();
-    const auto byWrite = [](const auto& a, const auto& b) { return a.writeSpeed < b.writeSpeed; };
-    const auto tallest = static_cast<std::size_t>(
-        std::max_element(frame.drawn.begin(), frame.drawn.end(), byWrite) - frame.drawn.begin());
-    ASSERT_GT(frame.drawn[tallest].writeSpeed, 0);
-    const QPointF at = canvas->graphRect().topLeft() + QPointF(frame.writeLine[tallest].x, frame.writeLine[tallest].y);
-    QMouseEvent move(QEvent::MouseMove, at, canvas->mapToGlobal(at), Qt::NoButton, Qt::NoButton, Qt::NoModifier);
-    QApplication::sendEvent(canvas, &move);
-    ASSERT_TRUE(waitFor([&] { return canvas->tooltipLines().has_value(); }, 5000));
-    EXPECT_THAT(canvas->tooltipLines()->secondary, HasSubstr(text::speedText(frame.drawn[tallest].writeSpeed)));
-    screenshot(app.mainWindow(), variant, "monitoring-tooltip");
+    screenshot(app.mainWindow(), variant, "monitoring");
 
     // The chart to a folder of its own.
     const fs::path folder = fs::path(volume->mountPoint()) / "exported";
@@ -175,8 +156,7 @@ TEST_P(DesktopFlow, ASessionOnALoopVolume) {
     const std::string csv = (folder / "run.csv").string(), png = (folder / "run.png").string();
     EXPECT_EQ(dashboard->exportAlert()->text().toStdString(),
               english ? "CSV saved to: " + csv + "\nPNG saved to: " + png : "CSV 已保存至：" + csv + "\nPNG 已保存至：" + png);
-    EXPECT_GT(fs::file_size(folder / "run.csv"), 0U);
-    EXPECT_GT(fs::file_size(folder / "run.png"), 0U);
+    EXPECT_TRUE(fs::exists(folder / "run.csv") && fs::exists(folder / "run.png"));
     screenshot(dashboard->exportAlert(), variant, "export-alert");
     dashboard->exportAlert()->buttons().front()->click();
 
@@ -185,26 +165,21 @@ TEST_P(DesktopFlow, ASessionOnALoopVolume) {
     QTest::mouseClick(panel->performanceButton(), Qt::LeftButton);
     ASSERT_TRUE(waitFor([&] {
         const auto& progress = app.tester()->state().progressState;
-        return progress && progress->elapsedTime > 0.2;
+        return progress && progress->elapsedTime > 0.2 && !panel->strip()->itemTexts().isEmpty();
     }));
-    QTest::qWait(50);  // the strip's new rows are laid out
-    ASSERT_TRUE(app.tester()->state().isRunning);
-    EXPECT_FALSE(panel->strip()->itemTexts().isEmpty());
     screenshot(app.mainWindow(), variant, "test-running");
     ASSERT_TRUE(waitFor([&] { return app.tester()->state().automaticReportMessage.has_value(); }, 120000))
         << app.tester()->state().errorMessage.value_or("");
     ASSERT_TRUE(app.tester()->state().lastResult.has_value());
     ASSERT_TRUE(app.tester()->state().lastReportPath.has_value());
-    bool reportBubble = false;
-    for (auto* banner : dashboard->bubbles()->banners()) {
-        reportBubble = reportBubble || banner->message().toStdString() == *app.tester()->state().automaticReportMessage;
-    }
-    EXPECT_TRUE(reportBubble);
+    const auto banners = dashboard->bubbles()->banners();
+    EXPECT_TRUE(std::any_of(banners.begin(), banners.end(), [&](auto* banner) {
+        return banner->message().toStdString() == *app.tester()->state().automaticReportMessage;
+    }));
     screenshot(app.mainWindow(), variant, "results");
-    const auto withReport = entriesOf(volume->mountPoint());
-    auto expectedAfterTest = filesBefore;
-    expectedAfterTest.insert(fs::path(*app.tester()->state().lastReportPath).filename().string());
-    EXPECT_EQ(withReport, expectedAfterTest);
+    auto withReport = filesBefore;
+    withReport.insert(fs::path(*app.tester()->state().lastReportPath).filename().string());
+    EXPECT_EQ(entriesOf(volume->mountPoint()), withReport);
 
     // Stopped halfway, a test leaves nothing behind.
     QTest::mouseClick(panel->performanceButton(), Qt::LeftButton);
@@ -213,17 +188,6 @@ TEST_P(DesktopFlow, ASessionOnALoopVolume) {
     ASSERT_TRUE(waitFor([&] { return !app.tester()->state().isRunning; }));
     app.tester()->waitForBackgroundWork();
     EXPECT_EQ(entriesOf(volume->mountPoint()), withReport);
-
-    // The approval request, posted twice, is one alert.
-    NotificationCenter::defaultCenter().post(PrivilegedHelperManager::kApprovalNotification);
-    NotificationCenter::defaultCenter().post(PrivilegedHelperManager::kApprovalNotification);
-    ASSERT_TRUE(waitFor([&] { return dashboard->helperApprovalAlert() != nullptr; }));
-    QTest::qWait(50);
-    int alerts = 0;
-    for (auto* widget : QApplication::topLevelWidgets()) alerts += qobject_cast<QMessageBox*>(widget) && widget->isVisible() ? 1 : 0;
-    EXPECT_EQ(alerts, 1);
-    screenshot(dashboard->helperApprovalAlert(), variant, "approval-alert");
-    dashboard->helperApprovalAlert()->buttons().front()->click();
 
     // SIGTERM during a test ends the program as closing the window does: the files go.
     QTest::mouseClick(panel->performanceButton(), Qt::LeftButton);

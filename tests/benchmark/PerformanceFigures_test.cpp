@@ -1,0 +1,249 @@
+#include "benchmark/DataSize.h"
+#include "benchmark/PerformanceMetrics.h"
+#include "benchmark/PerformanceReport.h"
+#include "benchmark/ProgressTracker.h"
+#include "platform/linux/PosixFileSystem.h"
+#include "services/ServiceTestSupport.h"
+#include "support/ScopedEnvironment.h"
+#include "text/Formats.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+
+namespace vantorix {
+namespace {
+
+using namespace std::chrono;
+
+constexpr std::uint64_t GB = 1'000'000'000ULL;
+
+TEST(PayloadSizing, RuleAtItsBoundaries) {
+    struct Case {
+        DataSize size;
+        std::optional<std::uint64_t> free;
+        std::optional<std::uint64_t> bytes;  // absent: not enough free space
+    };
+    const Case cases[] = {
+        {DataSize::gigabytes(10), std::nullopt, 10 * GB},
+        {DataSize::availableSpace(), std::nullopt, std::nullopt},
+        {DataSize::availableSpace(), 999'999'999, std::nullopt},
+        {DataSize::availableSpace(), GB, GB},
+        {DataSize::gigabytes(10), 10 * GB, 10 * GB},
+        {DataSize::gigabytes(10), 10 * GB - 1, std::nullopt},
+        {DataSize::availableSpace(), 1'234'567'890'123ULL, 1'234'000'000'000ULL},
+        {DataSize::availableSpace(), 499'963'174'912ULL, 499'000'000'000ULL},
+        {DataSize::gigabytes(0), 0, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.size.id() + " free " + (c.free ? std::to_string(*c.free) : "unknown"));
+        const auto payload = effectivePayload(c.size, c.free);
+        ASSERT_EQ(payload.has_value(), c.bytes.has_value());
+        if (payload) {
+            EXPECT_EQ(payload->byteCount, *c.bytes);
+            EXPECT_FALSE(payload->isAdjusted);
+        }
+    }
+}
+
+// The ids are what the command line's JSON says; the titles are the pickers' (dashboard tests).
+TEST(PayloadSizing, ChoicesAndTheirIds) {
+    std::vector<std::string> ids;
+    for (const auto& size : DataSize::allCases()) ids.push_back(size.id());
+    EXPECT_EQ(ids, (std::vector<std::string>{"availableSpace", "gigabytes_1", "gigabytes_10", "gigabytes_100",
+                                             "gigabytes_1000", "gigabytes_10000"}));
+}
+
+TEST(PayloadSizing, ContextTextsInBothLanguages) {
+    DiskVolumeDescriptor volume;
+    volume.availableCapacityBytes = 1'234'567'890'123ULL;
+    const EffectivePayload whole{1'234'000'000'000ULL, false};
+    const EffectivePayload adjusted{5 * GB, true};
+    struct Case {
+        const char* lang;
+        std::optional<DiskVolumeDescriptor> volume;
+        DataSize size;
+        std::optional<EffectivePayload> preview;
+        PerformancePayloadContext expected;
+    };
+    const char* choose = "Please choose a volume before running the test.";
+    const char* full = "Not enough free space to run the performance test.";
+    const Case cases[] = {
+        {"en_US.UTF-8", std::nullopt, DataSize::availableSpace(), std::nullopt, {"Payload: Full Disk", {}, false, choose}},
+        {"en_US.UTF-8", volume, DataSize::availableSpace(), std::nullopt, {full, {}, false, full}},
+        {"en_US.UTF-8", volume, DataSize::availableSpace(), whole, {"Payload: Full Disk (1.23 TB)", whole, true, {}}},
+        {"en_US.UTF-8", volume, DataSize::gigabytes(10), adjusted,
+         {"Current payload: 10 GB (will adjust to 5 GB)", adjusted, true, {}}},
+        {"zh_CN.UTF-8", std::nullopt, DataSize::availableSpace(), std::nullopt,
+         {"数据量：全盘", {}, false, "请先选择需要测试的卷。"}},
+        {"zh_CN.UTF-8", volume, DataSize::availableSpace(), std::nullopt,
+         {"剩余容量不足，无法运行性能测试。", {}, false, "剩余容量不足，无法运行性能测试。"}},
+        {"zh_CN.UTF-8", volume, DataSize::availableSpace(), whole, {"数据量：全盘（1.23 TB）", whole, true, {}}},
+        {"zh_CN.UTF-8", volume, DataSize::gigabytes(10), adjusted,
+         {"当前测试数据量：10 GB（预计自动调整为 5 GB）", adjusted, true, {}}},
+    };
+    for (const auto& c : cases) {
+        testing::ScopedLanguage language(c.lang);
+        const auto context = performancePayloadContext(c.volume, c.size, c.preview);
+        EXPECT_EQ(context, c.expected) << context.description;
+    }
+}
+
+TEST(PerformanceMetrics, StripTexts) {
+    testing::ScopedLanguage english("en_US.UTF-8");
+    for (const auto& [fraction, text] : {std::pair{0.0, "0%"}, {0.1234, "12.3%"}, {1.7, "100%"}, {-1.0, "0%"}}) {
+        EXPECT_EQ(PerformanceMetrics::progressText(fraction), text) << fraction;
+    }
+    using Strings = std::vector<std::string>;
+    const auto texts = [](const std::vector<MetricItem>& items, bool titles = false) {
+        Strings result;
+        for (const auto& item : items) result.push_back(titles ? item.title : item.value);
+        return result;
+    };
+    const auto starting = PerformanceMetrics::runningItems(std::nullopt, "1 GB");
+    EXPECT_EQ(texts(starting), (Strings{"0%", "1 GB", "Random Write Phase", "00:00:00", "Calculating…"}));
+    EXPECT_EQ(starting[4].style, MetricItem::Style::placeholder);
+    const ProgressState reading{BenchmarkPhase::sequentialRead, 0.75, 30, 10, std::nullopt};
+    EXPECT_EQ(texts(PerformanceMetrics::runningItems(reading, "1 GB")),
+              (Strings{"75%", "1 GB", "Sequential Read Phase", "00:00:30", "00:00:10"}));
+
+    PerformanceResult result;
+    result.actualByteCount = 2'500'000'000ULL;
+    result.writeThroughput = 1'234'567'890;
+    const auto items = PerformanceMetrics::resultItems(result);
+    EXPECT_EQ(texts(items, true), (Strings{"Sample Size", "Average Write Speed", "Average Read Speed", "Random Write IOPS",
+                                           "Random Read IOPS", "Peak Write Speed", "Peak Read Speed", "Finished"}));
+    const auto values = texts(items);
+    EXPECT_EQ(Strings(values.begin(), values.begin() + 3), (Strings{"2.5 GB", "1.23 GB/s", "0 MB/s"}));
+}
+
+system_clock::time_point november16() {
+    return sys_days{year{2026} / November / 16} + hours{13} + minutes{45} + seconds{1};
+}
+
+TimelineSample sample(TimelineSample::Phase phase, double timestamp, double throughput) {
+    return {Uuid::make(), phase, timestamp, static_cast<std::uint64_t>(throughput), throughput};
+}
+
+PerformanceResult fixedResult() {
+    PerformanceResult result;
+    result.dataSize = DataSize::gigabytes(1);
+    result.actualByteCount = 1'000'000'000;
+    result.isPayloadAdjusted = true;
+    result.writeDuration = 2;
+    result.writeThroughput = 500'000'000;
+    result.readDuration = 0.5;
+    result.readThroughput = 2'000'000'000;
+    result.randomWriteIOPS = 12'345.678;
+    result.randomReadIOPS = 45'678.9;
+    result.randomOperationCount = 61'728;
+    result.maximumWriteThroughput = 600'000'000;
+    result.maximumReadThroughput = 2'100'000'000;
+    result.timeline = {sample(TimelineSample::Phase::sequentialWrite, 11.0, 450'000'000),
+                       sample(TimelineSample::Phase::sequentialWrite, 12.0, 600'000'000),
+                       sample(TimelineSample::Phase::sequentialRead, 12.5, 2'100'000'000)};
+    result.finishedAt = november16();
+    return result;
+}
+
+DiskVolumeDescriptor fixedVolume() {
+    DiskVolumeDescriptor volume;
+    volume.url = "/media/user/Backup";
+    volume.deviceName = "sdb1";
+    volume.displayName = "Tom's <Backup> & \"More\"";
+    volume.connectionTypeDescription = "USB";
+    volume.connectionSpeedDescription = "5Gbps";
+    volume.fileSystemDescription = "EXT4";
+    volume.totalCapacityBytes = 2'000'398'934'016ULL;
+    volume.availableCapacityBytes = 1'234'567'890'123ULL;
+    volume.hardwareVendor = "SanDisk";
+    DiskSMARTInfo smart;
+    smart.overallStatus = "PASSED";
+    smart.isCapable = true;
+    smart.details = {{Uuid::make(), "temperature.current", "Temperature", "35 °C"},
+                     {Uuid::make(), "power_on_time.hours", "Power-on <hours>", "1234"}};
+    volume.smartInfo = smart;
+    return volume;
+}
+
+// The queue-depth test's result: its four profiles, and no timeline.
+PerformanceResult queueDepthResult() {
+    PerformanceResult result = fixedResult();
+    result.mode.kind = TestKind::queueDepth;
+    result.mode.secondsPerProfile = 5;
+    result.timeline.clear();
+    result.queueDepthFigures = {{"SEQ1M Q8T1", 3'512'345'678, 3349.6, 2'987'654'321, 2849.3},
+                                {"SEQ1M Q1T1", 1'987'000'000, 1894.9, 1'876'000'000, 1789.1},
+                                {"RND4K Q32T1", 1'234'567'890, 301'408.2, 987'654'321, 241'126.5},
+                                {"RND4K Q1T1", 61'234'567, 14'949.8, 198'765'432, 48'526.7}};
+    return result;
+}
+
+std::string expectedDocument(const std::string& name) {
+    std::string expected = testing::fileContents(std::string(VANTORIX_TEST_DATA_DIR) + "/report/" + name);
+    // The finish time is in the user's zone, in text::mediumDateTimeText's format.
+    const std::string placeholder = "{{finishedAt}}";
+    if (const auto at = expected.find(placeholder); at != std::string::npos) {
+        expected.replace(at, placeholder.size(), text::mediumDateTimeText(november16()));
+    }
+    if (!expected.empty() && expected.back() == '\n') expected.pop_back();
+    return expected;
+}
+
+TEST(PerformanceReport, MatchesTheExpectedDocumentsInBothLanguages) {
+    for (const char* lang : {"en", "zh"}) {
+        SCOPED_TRACE(lang);
+        testing::ScopedLanguage language(std::string(lang) == "en" ? "en_US.UTF-8" : "zh_CN.UTF-8");
+        const std::string standard = expectedDocument(std::string("report-") + lang + ".html");
+        ASSERT_FALSE(standard.empty());
+        EXPECT_EQ(report::reportHTML(fixedResult(), fixedVolume()), standard);
+
+        // Bypassing the cache changes only the line that says how the test ran.
+        PerformanceResult direct = fixedResult();
+        direct.mode.bypassCache = true;
+        std::string expected = standard;
+        expected.insert(expected.find("</h1>") + 5,
+                        std::string(lang) == "en"
+                            ? "\n    <p class=\"mode\">Test Mode：Cache bypass (direct I/O), queue depth 1</p>"
+                            : "\n    <p class=\"mode\">测试方式：绕过缓存（直接 I/O），队列深度 1</p>");
+        EXPECT_EQ(report::reportHTML(direct, fixedVolume()), expected);
+
+        EXPECT_EQ(report::reportHTML(queueDepthResult(), fixedVolume()),
+                  expectedDocument(std::string("report-queue-depth-") + lang + ".html"));
+    }
+}
+
+// An empty timeline is the queue-depth documents'.
+TEST(PerformanceReport, ChartOfASingleSample) {
+    const auto labels = report::ChartLabels{"T", "B", "W", "R", "None", "Chart"};
+    // A single sample (a phase shorter than a second) sits at the plot's top left corner.
+    const std::string one = report::chartSVG({sample(TimelineSample::Phase::sequentialRead, 12, 5e8)}, labels);
+    EXPECT_NE(one.find("<polyline points=\"50.00,50.00\" fill=\"none\" stroke=\"#38bdf8\""), std::string::npos);
+    EXPECT_EQ(one.find("#f97316\" stroke-width"), std::string::npos);
+}
+
+TEST(PerformanceReport, SmartSectionWithoutDetails) {
+    testing::ScopedLanguage language("en_US.UTF-8");
+    EXPECT_NE(report::smartSection(std::nullopt).find("<p>No SMART information was provided.</p>"), std::string::npos);
+    const std::string bare = report::smartSection(DiskSMARTInfo{std::nullopt, false, {}, std::nullopt});
+    EXPECT_NE(bare.find("<strong>SMART Capable:</strong> Not Supported"), std::string::npos) << bare;
+    EXPECT_NE(bare.find("The system did not expose additional SMART attributes."), std::string::npos) << bare;
+}
+
+TEST(PerformanceReport, NamesTakeTheFirstFreeSuffix) {
+    const testing::TemporaryFolder folder;
+    const std::string base = report::reportBaseName(november16());
+    EXPECT_EQ(base, "Vantorix-Performance-20261116-134501");
+    auto directory = PosixFileSystem().openDirectory(folder.string(), "");
+    ASSERT_TRUE(directory) << directory.error().message;
+    for (const char* content : {"first", "second", "third"}) {
+        auto path = (*directory)->writeNewFileAtomically(base, ".html", content);
+        ASSERT_TRUE(path) << path.error().message;
+        EXPECT_EQ(testing::fileContents(*path), content);
+    }
+    // Only the three reports: no temporary file is left.
+    EXPECT_EQ(folder.names(), (std::set<std::string>{base + ".html", base + "-1.html", base + "-2.html"}));
+}
+
+}  // namespace
+}  // namespace vantorix
