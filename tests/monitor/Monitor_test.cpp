@@ -1,5 +1,6 @@
 #include "FakeVolumes.h"
 #include "concurrency/SerialQueue.h"
+#include "log/Log.h"
 #include "monitor/AggregationCoordinator.h"
 #include "monitor/DiskIOMonitor.h"
 #include "monitor/MonitorMetrics.h"
@@ -281,6 +282,7 @@ struct ScriptedFetch {
     std::vector<Outcome> script{Outcome{}};
     Clock::duration delay{0};
     std::vector<std::pair<Clock::time_point, Clock::time_point>> times;
+    std::vector<std::string> lines;  // an error line each call logs (the last one repeats)
 };
 
 class SmartRefreshTest : public ::testing::Test {
@@ -292,6 +294,9 @@ protected:
             const std::size_t call = f->times.size();
             f->times.emplace_back(Clock::now(), Clock::time_point{});
             const auto delay = f->delay;
+            if (!f->lines.empty()) {
+                log::logger("ScriptedFetch").error("{}", f->lines[std::min(call, f->lines.size() - 1)]);
+            }
             lock.unlock();
             token.sleepFor(delay);
             lock.lock();
@@ -354,6 +359,17 @@ TEST_F(SmartRefreshTest, RoundsPublishOnlyWhatDiffersFieldByField) {
     const auto& times = fetch_->times;
     for (std::size_t i = 1; i < times.size(); ++i) EXPECT_GE(times[i].first - times[i - 1].second, 20ms) << i;
     EXPECT_EQ(monitor_->state().selectedVolume->smartInfo, passed);  // kept while the drive sleeps
+}
+
+// A drive that fails the same way every second must not fill the journal.
+TEST_F(SmartRefreshTest, ALineEveryRoundRepeatsReachesTheLogOnceUntilItChanges) {
+    const log::Capture capture;
+    fetch_->lines = {"no SMART", "no SMART", "no SMART", "helper gone", "no SMART", "no SMART"};
+    select("fake0");
+    ASSERT_TRUE(runUntilRounds(8));
+    EXPECT_THAT(capture.messages("ScriptedFetch", log::Level::error),
+                ::testing::ElementsAre("no SMART", "helper gone", "no SMART"));
+    EXPECT_GE(capture.messages("ScriptedFetch", log::Level::debug).size(), 5u);
 }
 
 TEST_F(SmartRefreshTest, ReselectionCancelsTheOldTaskStaleResultsAreDiscardedAndPausedRoundsFetchNothing) {
