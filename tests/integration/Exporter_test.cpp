@@ -1,8 +1,8 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
-#include <sys/socket.h>
 #include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -14,10 +14,10 @@
 #include <thread>
 
 #include "integration/HelperTestClient.h"
-#include "support/HelperDaemon.h"
+#include "support/BlockDevice.h"
 #include "support/LoopVolume.h"
 #include "support/Process.h"
-#include "support/SmartctlStandIn.h"
+#include "text/Utf8.h"
 
 namespace vantorix {
 namespace {
@@ -26,15 +26,6 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using testing::LoopVolume;
 using testing::RunningProcess;
-
-bool waitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < end) {
-        if (done()) return true;
-        std::this_thread::sleep_for(100ms);
-    }
-    return done();
-}
 
 // Overwrites the file in place with O_DIRECT, so the device sees the data and almost nothing else.
 void writeDirect(const std::string& path, std::size_t bytes, std::size_t offset) {
@@ -47,25 +38,26 @@ void writeDirect(const std::string& path, std::size_t bytes, std::size_t offset)
     ::close(fd);
 }
 
+// `serve` for a folder of a volume whose label, mount point and folder are bytes that are not UTF-8,
+// with SMART through the real helper, whose smartctl prints a saved NVMe answer.
 class Exporter : public ::testing::Test {
 protected:
     void SetUp() override {
         if (const auto reason = LoopVolume::unavailableReason(); !reason.empty()) GTEST_SKIP() << reason;
         std::string error;
-        volume_ = LoopVolume::create("vx-export", 256ull << 20, &error);
+        volume_ = LoopVolume::create("vx-\xff\xfe", 256ull << 20, &error, "mnt\xff");  // for 160 MiB written
         ASSERT_TRUE(volume_) << error;
-        // SMART through the real helper, whose smartctl prints a saved NVMe answer.
-        standIn_ = testing::SmartctlStandIn::create(testing::printing(std::string(VANTORIX_TEST_DATA_DIR) +
-                                                                      "/smartctl/scrutiny-smart-nvme.json"));
+        fs::create_directory(volume_->mountPoint() + "/dir\xfe");
+        standIn_ = testing::SmartctlStandIn::create(testing::printing(testing::kHelperFixture));
         helper_ = testing::HelperDaemon::start({standIn_->path(), {}}, &error);
         ASSERT_TRUE(helper_) << error;
         port_ = testing::freeLoopbackPort();
         started_ = std::chrono::steady_clock::now();
         exporter_ = RunningProcess::start({VANTORIX_CLI_PATH, "serve", "--listen", "127.0.0.1:" + std::to_string(port_),
-                                           "--precision", "100", "--volume", volume_->mountPoint()},
+                                           "--precision", "100", "--volume", volume_->mountPoint() + "/dir\xfe"},
                                           {{"VANTORIX_HELPER_SOCKET", helper_->socketPath()}});
-        ASSERT_TRUE(exporter_);
-        ASSERT_TRUE(waitUntil([&] { return static_cast<bool>(client().Get("/metrics")); }, 10s)) << exporter_->standardError();
+        ASSERT_TRUE(testing::eventually([&] { return static_cast<bool>(client().Get("/metrics")); }))
+            << exporter_->standardError();
     }
     void TearDown() override {
         if (exporter_) {
@@ -78,6 +70,13 @@ protected:
         c.set_connection_timeout(5);
         c.set_read_timeout(10);
         return c;
+    }
+    // The labels of the volume's series: its mount point, whatever folder was given, with U+FFFD for
+    // the byte that is not UTF-8.
+    std::string labels() const {
+        const std::string& mountPoint = volume_->mountPoint();
+        return "{device=\"" + volume_->deviceName() + "\",mountpoint=\"" + mountPoint.substr(0, mountPoint.size() - 1) +
+               "\uFFFD\"}";
     }
 
     std::unique_ptr<LoopVolume> volume_;
@@ -99,12 +98,14 @@ TEST_F(Exporter, PrometheusSeesTheBytesWrittenAndBurstsAboveItsOneSecondRate) {
     auto prometheus = RunningProcess::start({"/usr/bin/prometheus", "--config.file=" + (dir / "prometheus.yml").string(),
                                              "--storage.tsdb.path=" + (dir / "data").string(),
                                              "--web.listen-address=127.0.0.1:" + std::to_string(prometheusPort)});
-    ASSERT_TRUE(prometheus);
     httplib::Client api("127.0.0.1", prometheusPort);
-    ASSERT_TRUE(waitUntil([&] { auto r = api.Get("/-/ready"); return r && r->status == 200; }, 30s))
-        << prometheus->standardError();
+    const auto ready = [&] {
+        const auto r = api.Get("/-/ready");
+        return r && r->status == 200;
+    };
+    ASSERT_TRUE(testing::eventually(ready, 30s)) << prometheus->standardError();
 
-    // The file is written once before the measured minute; then bursts overwrite it in place.
+    // The file is written once before the measured stretch; then bursts overwrite it in place.
     const std::string file = volume_->mountPoint() + "/data";
     constexpr std::size_t kBurst = 8u << 20;
     constexpr std::size_t kBursts = 20;
@@ -112,7 +113,6 @@ TEST_F(Exporter, PrometheusSeesTheBytesWrittenAndBurstsAboveItsOneSecondRate) {
     ASSERT_EQ(::truncate(file.c_str(), kBurst * kBursts), 0);
     for (std::size_t i = 0; i < kBursts; ++i) writeDirect(file, kBurst, i * kBurst);
     ::sync();
-    std::this_thread::sleep_for(6s);  // the journal's commit of the allocation, and three scrapes
 
     const auto query = [&](const std::string& promql, double at) -> std::optional<double> {
         auto r = api.Get("/api/v1/query", httplib::Params{{"query", promql}, {"time", std::to_string(at)}}, {});
@@ -124,15 +124,21 @@ TEST_F(Exporter, PrometheusSeesTheBytesWrittenAndBurstsAboveItsOneSecondRate) {
     };
     const auto now = [] { return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count(); };
     const std::string device = "{device=\"" + volume_->deviceName() + "\"}";
+    // Prometheus has scraped all that the device has written so far.
+    const auto settled = [&] {
+        const auto seen = query("vantorix_volume_written_bytes_total" + device, now());
+        return seen && *seen == static_cast<double>(testing::deviceCounters(volume_->deviceName())[1]);
+    };
+    ASSERT_TRUE(testing::eventually(settled, 60s));
     const double before = now();
     const auto start = std::chrono::steady_clock::now();
     for (std::size_t i = 0; i < kBursts; ++i) {
         writeDirect(file, kBurst, i * kBurst);
         std::this_thread::sleep_until(start + static_cast<int>(i + 1) * 2500ms);
     }
-    std::this_thread::sleep_until(start + 60s);
+    ASSERT_TRUE(testing::eventually(settled, 60s));
     const double after = now();
-    std::this_thread::sleep_for(2s);
+    const std::string range = "[" + std::to_string(static_cast<int>(after - before) + 2) + "s";
 
     const auto written0 = query("vantorix_volume_written_bytes_total" + device, before);
     const auto written1 = query("vantorix_volume_written_bytes_total" + device, after);
@@ -140,21 +146,18 @@ TEST_F(Exporter, PrometheusSeesTheBytesWrittenAndBurstsAboveItsOneSecondRate) {
     const double moved = *written1 - *written0;
     EXPECT_NEAR(moved, double(kBurst) * kBursts, 0.01 * kBurst * kBursts) << moved;
 
-    const auto burst = query("max_over_time(vantorix_volume_write_peak_bytes_per_second" + device + "[62s])", after);
-    const auto rate = query("max_over_time(irate(vantorix_volume_written_bytes_total" + device + "[3s])[62s:1s])", after);
+    const auto burst = query("max_over_time(vantorix_volume_write_peak_bytes_per_second" + device + range + "])", after);
+    const auto rate = query("max_over_time(irate(vantorix_volume_written_bytes_total" + device + "[3s])" + range + ":1s])", after);
     ASSERT_TRUE(burst && rate);
     EXPECT_GE(*burst, *rate);
     EXPECT_GT(*rate, 0);
-    std::cout << "written " << moved << " bytes of " << kBurst * kBursts << "; burst peak " << *burst
-              << " B/s, one-second rate peak " << *rate << " B/s\n";
 
     // promtool accepts what the exporter serves, SMART figures included; smartctl ran at most once a minute.
     auto metrics = client().Get("/metrics");
     ASSERT_TRUE(metrics);
-    const std::string key = "{device=\"" + volume_->deviceName() + "\",mountpoint=\"" + volume_->mountPoint() + "\"} ";
-    for (const std::string& line : {"vantorix_smart_passed" + key + "1", "vantorix_smart_temperature_celsius" + key + "36",
-                                    "vantorix_smart_power_on_seconds" + key + "8643600"}) {
-        EXPECT_NE(metrics->body.find("\n" + line + "\n"), std::string::npos) << line;
+    for (const std::string& line : {"passed" + labels() + " 1", "temperature_celsius" + labels() + " 36",
+                                    "power_on_seconds" + labels() + " 8643600"}) {
+        EXPECT_NE(metrics->body.find("\nvantorix_smart_" + line + "\n"), std::string::npos) << line;
     }
     const auto minutes = std::chrono::duration_cast<std::chrono::minutes>(std::chrono::steady_clock::now() - started_).count();
     EXPECT_GE(standIn_->starts().size(), 1u);
@@ -190,9 +193,8 @@ TEST_F(Exporter, EveryScrapeIsAnsweredDespiteSlowClientsAndAVanishedVolumeIsDrop
     for (int i = 0; i < 200; ++i) {
         scrapers.emplace_back([&] {
             auto r = client().Get("/metrics");
-            if (r && r->status == 200 && r->body.find("vantorix_volume_written_bytes_total{device=\"" + volume_->deviceName()) != std::string::npos) {
-                ++answered;
-            }
+            const std::string series = "\nvantorix_volume_written_bytes_total" + labels() + " ";
+            if (r && r->status == 200 && r->body.find(series) != std::string::npos && text::isValidUtf8(r->body)) ++answered;
         });
     }
     for (auto& t : scrapers) t.join();
@@ -205,7 +207,7 @@ TEST_F(Exporter, EveryScrapeIsAnsweredDespiteSlowClientsAndAVanishedVolumeIsDrop
 
     // The volume goes the way a pulled disk does; the exporter carries on without it.
     ASSERT_TRUE(volume_->unmount() && volume_->detach() && volume_->removeDevice());
-    EXPECT_TRUE(waitUntil([&] {
+    EXPECT_TRUE(testing::eventually([&] {
         auto r = client().Get("/metrics");
         return r && r->status == 200 && r->body.find("vantorix_volumes 0\n") != std::string::npos;
     }, 10s));

@@ -1,40 +1,14 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <sstream>
-#include <nlohmann/json.hpp>
-#include <string>
-#include <vector>
 
 #include "integration/HelperTestClient.h"
-#include "support/Process.h"
 
 namespace vantorix::testing {
 namespace {
-
-
-TEST(HelperRequests, RealSmartctlReportsOnTheRootDisk) {
-    const std::string smartctl = "/usr/sbin/smartctl";
-    if (::geteuid() != 0) GTEST_SKIP() << "smartctl needs root to open disks";
-    if (::access(smartctl.c_str(), X_OK) != 0) GTEST_SKIP() << "no " << smartctl;
-    const std::string device = "/dev/" + rootDiskName();
-    auto daemon = startHelper(smartctl);
-    ASSERT_NE(daemon, nullptr);
-
-    const auto reply = HelperClient(daemon->socketPath()).ask(fetchFrame(rootDiskName()));
-    const auto* run = result(reply);
-    ASSERT_NE(run, nullptr);
-    const auto direct = runProcess({smartctl, "--json", "-a", "-n", "standby", device});  // the same, run here
-    EXPECT_EQ(run->commandDescription, smartctl + " --json -a -n standby " + device);
-    EXPECT_EQ(run->terminationStatus, direct.exitStatus);
-    EXPECT_EQ(run->standardError, direct.err);
-    const auto document = nlohmann::json::parse(run->jsonData);
-    EXPECT_EQ(document["smartctl"]["argv"].back(), device);
-    EXPECT_EQ(document["smartctl"]["exit_status"], run->terminationStatus);
-}
 
 TEST(HelperRequests, ChildRunsWithAFixedEnvironmentAndNothingInherited) {
     auto standIn = SmartctlStandIn::create(printing(""));  // only for its temporary folder

@@ -1,24 +1,14 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/statvfs.h>
-#include <sys/sysmacros.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <cstring>
+#include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "monitor/StatisticsSession.h"
-#include "platform/linux/LinuxVolumeInfoSource.h"
-#include "platform/linux/SysfsBlockDevices.h"
 #include "support/BlockDevice.h"
 #include "support/LoopVolume.h"
 #include "support/Process.h"
-#include "volumes/DiskVolumeResolver.h"
 
 namespace vantorix {
 namespace {
@@ -28,49 +18,36 @@ using testing::runProcess;
 using testing::runShell;
 using json = nlohmann::json;
 
-const std::map<std::string, std::optional<std::string>> kEnglish{
-    {"LANGUAGE", std::nullopt}, {"LC_ALL", std::nullopt}, {"LC_MESSAGES", std::nullopt}, {"LANG", "en_US.UTF-8"}};
-const std::map<std::string, std::optional<std::string>> kChinese{
-    {"LANGUAGE", "zh_CN:en"}, {"LC_ALL", std::nullopt}, {"LC_MESSAGES", std::nullopt}, {"LANG", "en_US.UTF-8"}};
-
-testing::ProcessResult cli(const std::vector<std::string>& args,
-                           const std::map<std::string, std::optional<std::string>>& env = kEnglish) {
+testing::ProcessResult cli(const std::vector<std::string>& args, const std::string& language = "en_US") {
     std::vector<std::string> argv{VANTORIX_CLI_PATH};
     argv.insert(argv.end(), args.begin(), args.end());
-    return runProcess(argv, env);
+    return runProcess(argv, {{"LANGUAGE", language}, {"LC_ALL", std::nullopt}, {"LANG", "en_US.UTF-8"}});
 }
 
-using testing::deviceCounters;
-
-std::string firstLine(const std::string& text) { return text.substr(0, text.find('\n')); }
-
-TEST(VolumeInfoIntegration, RootAgreesWithDfFindmntAndTheDeviceCounters) {
-    const auto findmnt = runShell("findmnt -n -o SOURCE,FSTYPE -T /");
-    const auto df = runShell("df -B1 --output=size,avail / | tail -n1");
-    ASSERT_EQ(findmnt.exitStatus, 0) << findmnt.err;
-    ASSERT_EQ(df.exitStatus, 0) << df.err;
-    std::istringstream mnt(findmnt.out), space(df.out);
-    std::string source, type;
-    std::uint64_t size = 0, avail = 0;
-    mnt >> source >> type;
-    space >> size >> avail;
-    const std::string deviceName = source.substr(source.rfind('/') + 1);
-    std::string upperType = type;
-    for (auto& c : upperType) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-
-    const bool isBlock = std::filesystem::exists("/sys/class/block/" + deviceName + "/stat");
-    const auto before = isBlock ? deviceCounters(deviceName) : std::array<std::uint64_t, 4>{};
-    const auto run = cli({"info", "/", "--json"});
-    const auto after = isBlock ? deviceCounters(deviceName) : std::array<std::uint64_t, 4>{};
-    const auto info = json::parse(run.out);
-
-    EXPECT_EQ(info["device"], deviceName);
-    EXPECT_EQ(info["fileSystemDescription"], upperType);
-    EXPECT_EQ(info["url"], "/");
+// The capacities as statvfs gives them (what df shows).
+void expectCapacitiesOf(const std::string& path, const json& info) {
+    struct statvfs vfs {};
+    ASSERT_EQ(::statvfs(path.c_str(), &vfs), 0);
+    EXPECT_EQ(info["totalCapacityBytes"].get<std::uint64_t>(), std::uint64_t{vfs.f_blocks} * vfs.f_frsize);
     // Free space moves while the system runs: allow a little drift between the two readings.
-    EXPECT_EQ(info["totalCapacityBytes"].get<std::uint64_t>(), size);
-    EXPECT_NEAR(static_cast<double>(info["availableCapacityBytes"].get<std::uint64_t>()), static_cast<double>(avail),
-                64.0 * 1024 * 1024);
+    EXPECT_NEAR(info["availableCapacityBytes"].get<double>(), double(vfs.f_bavail) * double(vfs.f_frsize), 64 << 20);
+}
+
+TEST(VolumeInfoIntegration, RootAgreesWithFindmntStatvfsAndTheDeviceCounters) {
+    std::istringstream findmnt(runShell("findmnt -n -o SOURCE,FSTYPE -T /").out);
+    std::string source, type;
+    findmnt >> source >> type;
+    const std::string deviceName = source.substr(source.rfind('/') + 1);
+    const bool isBlock = std::filesystem::exists("/sys/class/block/" + deviceName + "/stat");
+    const auto before = isBlock ? testing::deviceCounters(deviceName) : std::array<std::uint64_t, 4>{};
+    const auto run = cli({"info", "/", "--json"});
+    const auto after = isBlock ? testing::deviceCounters(deviceName) : std::array<std::uint64_t, 4>{};
+    const auto info = json::parse(run.out);
+    EXPECT_EQ(info["device"], deviceName);
+    std::transform(type.begin(), type.end(), type.begin(), [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+    EXPECT_EQ(info["fileSystemDescription"], type);
+    EXPECT_EQ(info["url"], "/");
+    expectCapacitiesOf("/", info);
     if (!isBlock) GTEST_SKIP() << "/ is on " << source << ", not a block device: no counters to compare";
     ASSERT_EQ(run.exitStatus, 0) << run.err;
     const auto& stats = info["statistics"];
@@ -82,96 +59,47 @@ TEST(VolumeInfoIntegration, RootAgreesWithDfFindmntAndTheDeviceCounters) {
     }
 }
 
-class LoopVolumeTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        const auto reason = LoopVolume::unavailableReason();
-        if (!reason.empty()) GTEST_SKIP() << "loop-device test skipped: " << reason;
-        std::string error;
-        volume_ = LoopVolume::create("VTXTEST", 96ull * 1024 * 1024, &error);
-        ASSERT_TRUE(volume_) << error;
-    }
-    std::unique_ptr<LoopVolume> volume_;
-};
-
-TEST_F(LoopVolumeTest, InfoOnASubfolderDescribesTheLoopVolume) {
-    const auto sub = volume_->mountPoint() + "/projects/a";
+// A volume whose label and folders are bytes that are not UTF-8: the JSON stays valid (parsing
+// refuses anything else), with U+FFFD where those bytes were.
+TEST(VolumeInfoIntegration, InfoOnASubfolderDescribesTheLoopVolume) {
+    if (const auto reason = LoopVolume::unavailableReason(); !reason.empty()) GTEST_SKIP() << reason;
+    std::string error;
+    const auto volume = LoopVolume::create("VTX\xff\xfeTEST", 32ull << 20, &error, "mnt\xff");
+    ASSERT_TRUE(volume) << error;
+    const auto sub = volume->mountPoint() + "/projects/a\xfe";
     std::filesystem::create_directories(sub);
-    struct statvfs vfs {};
-    ASSERT_EQ(::statvfs(sub.c_str(), &vfs), 0);
 
     const auto run = cli({"info", sub, "--json"});
     ASSERT_EQ(run.exitStatus, 0) << run.err;
     const auto info = json::parse(run.out);
-    EXPECT_EQ(info["displayName"], "VTXTEST");
-    EXPECT_EQ(info["device"], volume_->deviceName());
-    EXPECT_EQ(info["url"], sub);
+    EXPECT_EQ(info["displayName"], "VTX\uFFFD\uFFFDTEST");
+    EXPECT_EQ(info["device"], volume->deviceName());
+    const auto& mountPoint = volume->mountPoint();
+    EXPECT_EQ(info["url"], mountPoint.substr(0, mountPoint.size() - 1) + "\uFFFD/projects/a\uFFFD");
     EXPECT_EQ(info["fileSystemDescription"], "EXT4");
-    EXPECT_EQ(info["totalCapacityBytes"].get<std::uint64_t>(), std::uint64_t{vfs.f_blocks} * vfs.f_frsize);
-    EXPECT_EQ(info["availableCapacityBytes"].get<std::uint64_t>(), std::uint64_t{vfs.f_bavail} * vfs.f_frsize);
+    expectCapacitiesOf(sub, info);
     EXPECT_EQ(info["connectionTypeDescription"], "Virtual Interface");
-    EXPECT_TRUE(info.contains("linkCeiling"));
-    EXPECT_TRUE(info["linkCeiling"].is_null());  // a loop device has no link
+    EXPECT_TRUE(info.contains("linkCeiling") && info["linkCeiling"].is_null());  // a loop device has no link
     EXPECT_TRUE(info["statistics"].is_object());
 
     // The human form in Chinese carries the same facts.
-    const auto human = cli({"info", sub}, kChinese);
+    const auto human = cli({"info", sub}, "zh_CN:en");
     ASSERT_EQ(human.exitStatus, 0) << human.err;
-    EXPECT_NE(human.out.find("VTXTEST"), std::string::npos);
+    EXPECT_NE(human.out.find("TEST"), std::string::npos);
     EXPECT_NE(human.out.find("文件系统"), std::string::npos);
-    EXPECT_NE(human.out.find(volume_->deviceName()), std::string::npos);
-}
-
-TEST_F(LoopVolumeTest, DirectWritesRaiseTheWriteCounterBySixteenMebibytes) {
-    auto devices = std::make_shared<SysfsBlockDevices>();
-    LinuxVolumeInfoSource files;
-    auto descriptor = DiskVolumeResolver::resolve(volume_->mountPoint(), files, *devices);
-    ASSERT_TRUE(descriptor.ok());
-    auto session = StatisticsSession::create(devices, descriptor->deviceName);
-    ASSERT_TRUE(session.ok()) << session.error().description();
-    const auto before = session.value()->snapshot();
-    ASSERT_TRUE(before.ok());
-
-    ASSERT_TRUE(testing::writeDirect(volume_->mountPoint() + "/direct.bin", 16));
-
-    const auto after = session.value()->snapshot();
-    ASSERT_TRUE(after.ok());
-    EXPECT_GE(after.value().bytesWritten() - before.value().bytesWritten(), 16u << 20);
-    EXPECT_GE(after.value().writesCompleted - before.value().writesCompleted, 1u);
-    // The session reads the loop device's own counters, which the CLI shows too.
-    const auto run = cli({"info", volume_->mountPoint(), "--json"});
-    const auto stat = deviceCounters(volume_->deviceName());
-    EXPECT_LE(json::parse(run.out)["statistics"]["bytesWritten"].get<std::uint64_t>(), stat[1]);
-    EXPECT_GE(json::parse(run.out)["statistics"]["bytesWritten"].get<std::uint64_t>(), after.value().bytesWritten());
+    EXPECT_NE(human.out.find(volume->deviceName()), std::string::npos);
 }
 
 TEST(VolumeInfoIntegration, VolumesWithoutABlockDeviceResolveButHaveNoStatistics) {
-    std::vector<std::string> paths{"/proc", "/dev/shm"};
-    std::string overlay;
-    if (::geteuid() == 0) {
-        char pattern[] = "/tmp/vantorix-ovl-XXXXXX";
-        ASSERT_NE(::mkdtemp(pattern), nullptr);
-        overlay = pattern;
-        for (const char* sub : {"/lower", "/upper", "/work", "/merged"}) std::filesystem::create_directory(overlay + sub);
-        if (runShell("mount -t overlay overlay -o lowerdir=" + overlay + "/lower,upperdir=" + overlay +
-                     "/upper,workdir=" + overlay + "/work " + overlay + "/merged")
-                .exitStatus == 0) {
-            paths.push_back(overlay + "/merged");
-        }
-    }
-    for (const auto& path : paths) {
+    for (const std::string path : {"/proc", "/dev/shm"}) {
         SCOPED_TRACE(path);
         const auto run = cli({"info", path, "--json"});
         EXPECT_EQ(run.exitStatus, 1);
-        EXPECT_EQ(firstLine(run.err), "Unable to fetch statistics for the selected volume.");
+        EXPECT_EQ(run.err.substr(0, run.err.find('\n')), "Unable to fetch statistics for the selected volume.");
         const auto info = json::parse(run.out);
         EXPECT_TRUE(info["statistics"].is_null());
         EXPECT_EQ(info["error"]["code"], "statisticsUnavailable");
         EXPECT_FALSE(info["device"].get<std::string>().empty());
-    }
-    if (!overlay.empty()) {
-        runShell("umount " + overlay + "/merged 2>/dev/null");
-        std::filesystem::remove_all(overlay);
     }
 }
 
