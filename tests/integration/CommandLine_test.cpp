@@ -7,10 +7,14 @@
 #include <regex>
 #include <set>
 
+#include "services/HttpTestServer.h"
+#include "services/ServiceTestSupport.h"
 #include "support/Process.h"
 
 namespace vantorix {
 namespace {
+
+namespace fs = std::filesystem;
 
 testing::ProcessResult cli(const std::vector<std::string>& args, const std::string& language) {
     std::vector<std::string> argv{VANTORIX_CLI_PATH};
@@ -80,10 +84,10 @@ TEST(CommandLine, RefusedArgumentsSayWhyInOneShortLine) {
 // nothing on standard output; with --json, one error object there instead, the same from every
 // command, its message the one on standard error.
 TEST(CommandLine, APathThatLeadsNowhereSaysWhy) {
-    const auto dir = std::filesystem::temp_directory_path() / ("vantorix-paths-" + std::to_string(::getpid()));
-    std::filesystem::create_directories(dir);
-    std::filesystem::create_symlink(dir / "b", dir / "a");
-    std::filesystem::create_symlink(dir / "a", dir / "b");
+    const auto dir = fs::temp_directory_path() / ("vantorix-paths-" + std::to_string(::getpid()));
+    fs::create_directories(dir);
+    fs::create_symlink(dir / "b", dir / "a");
+    fs::create_symlink(dir / "a", dir / "b");
     testing::runShell("touch " + (dir / "file").string());
     const std::string sentence = "Failed to find the block device of the selected path. ";
     const std::vector<std::tuple<std::string, std::string, std::string>> cases = {
@@ -101,7 +105,7 @@ TEST(CommandLine, APathThatLeadsNowhereSaysWhy) {
         EXPECT_EQ(result.out, "");
         EXPECT_EQ(result.err, message);
     }
-    std::filesystem::remove_all(dir);
+    fs::remove_all(dir);
     std::set<std::string> errors;
     for (const std::string command : {"info", "monitor", "bench"}) {
         const auto result = cli({command, "/nonexistent/vantorix-\xff", "--json"}, "en_US");
@@ -114,6 +118,48 @@ TEST(CommandLine, APathThatLeadsNowhereSaysWhy) {
         errors.insert(document["error"]["code"].get<std::string>());
     }
     EXPECT_EQ(errors.size(), 1u);
+}
+
+
+// The web-service commands against a loopback server, with a home of their own; a stock build,
+// which names no service, leaves updates to the package manager.
+TEST(CommandLine, CheckUpdateAndFeedbackSayWhatHappened) {
+    testing::HttpTestServer server;
+    testing::TemporaryFolder home;
+    const auto run = [&](std::vector<std::string> args, bool withService = true) {
+        args.insert(args.begin(), VANTORIX_CLI_PATH);
+        const auto service = withService ? std::optional(server.url("")) : std::nullopt;
+        return testing::runProcess(args, {{"LANGUAGE", "en_US"}, {"LC_ALL", std::nullopt}, {"HOME", home.string()},
+                                          {"XDG_CONFIG_HOME", std::nullopt}, {"XDG_DOWNLOAD_DIR", std::nullopt},
+                                          {"VANTORIX_SERVICE_URL", service}, {"VANTORIX_PRODUCT_ID", std::nullopt}});
+    };
+    const std::string package = server.url("/files/Vantorix-999.0.tar.gz");
+    server.get("/api/products/vx7k2m9q4r8t1w5y3z6b0c2d4", [&](const httplib::Request&, httplib::Response& response) {
+        response.set_content(R"({"id":"p1","currentVersion":"999.0","downloadUrl":")" + package + R"("})", "application/json");
+    });
+    server.get("/files/Vantorix-999.0.tar.gz", [](const httplib::Request&, httplib::Response& response) {
+        response.set_content("package", "application/gzip");
+    });
+    server.post("/api/feedback", [](const httplib::Request&, httplib::Response& response) {
+        response.status = 201;
+        response.set_content(R"({"success":true,"id":"abc"})", "application/json");
+    });
+    fs::create_directory(home.path() / "Downloads");
+    const auto saved = run({"check-update", "--download"});
+    const std::string path = (home.path() / "Downloads" / "Vantorix-999.0.tar.gz").string();
+    EXPECT_EQ(saved.out, "New version found 999.0\n" + package + "\n" + path + "\n") << saved.err;
+    EXPECT_EQ(testing::fileContents(path), "package");
+    if (std::string_view(VANTORIX_BUILT_SERVICE_URL).empty()) {
+        EXPECT_EQ(run({"check-update"}, false).out, "This build is updated by your system's package manager.\n");
+    }
+
+    const auto sent = run({"feedback", "--type", "bug", "--title", "Graph freezes", "--content", "It stops after an hour."});
+    EXPECT_EQ(sent.out, "Submitted successfully. Feedback ID: abc\n") << sent.err;
+    const auto invalid = run({"feedback", "--title", "Bug", "--content", "The graph stops after an hour.", "--json"});
+    EXPECT_EQ(invalid.exitStatus, 1);
+    EXPECT_EQ(invalid.err, "Title length must be 5–100\n");
+    EXPECT_EQ(nlohmann::json::parse(invalid.out)["error"]["code"], "invalidFeedback");
+    EXPECT_EQ(server.requests().size(), 3u) << "an invalid form sends nothing";
 }
 
 }  // namespace

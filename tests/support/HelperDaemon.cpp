@@ -6,7 +6,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -95,37 +94,26 @@ HelperDaemon::~HelperDaemon() {
 
 int connectTo(const std::string& socketPath) {
     const auto address = addressOf(socketPath);
-    if (!address) return -1;
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return -1;
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&*address), sizeof(*address)) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
+    const int fd = address ? ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0) : -1;
+    if (fd >= 0 && ::connect(fd, reinterpret_cast<const sockaddr*>(&*address), sizeof(*address)) == 0) return fd;
+    if (fd >= 0) ::close(fd);
+    return -1;
 }
 
 int connectAs(uid_t uid, const std::string& socketPath) {
     const auto address = addressOf(socketPath);
-    if (!address) return -1;
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return -1;
+    const int fd = address ? ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0) : -1;
     // The peer's credentials are taken at connect(): a child connects the descriptor it shares.
-    const pid_t pid = ::fork();
+    const pid_t pid = fd >= 0 ? ::fork() : -1;
     if (pid == 0) {
         const bool connected = ::setgroups(0, nullptr) == 0 && ::setresgid(uid, uid, uid) == 0 &&
                                ::setresuid(uid, uid, uid) == 0 &&
                                ::connect(fd, reinterpret_cast<const sockaddr*>(&*address), sizeof(*address)) == 0;
         ::_exit(connected ? 0 : 1);
     }
-    int status = -1;
-    while (pid > 0 && ::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    if (pid < 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
+    if (pid > 0 && waitForExit(pid, std::chrono::seconds(10)) == 0) return fd;
+    if (fd >= 0) ::close(fd);
+    return -1;
 }
 
 bool sendAll(int fd, std::string_view bytes) {

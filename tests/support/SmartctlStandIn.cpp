@@ -58,11 +58,7 @@ void SmartctlStandIn::setBehaviour(const StandInBehaviour& behaviour) {
         case StandInBehaviour::Mode::flood: script << "exec head -c 100000000 /dev/zero\n"; break;
     }
     const std::string next = path_ + ".next";
-    {
-        std::ofstream out(next, std::ios::trunc);
-        out << script.str();
-        if (!out) throw std::runtime_error("cannot write " + next);
-    }
+    if (!(std::ofstream(next, std::ios::trunc) << script.str())) throw std::runtime_error("cannot write " + next);
     ::chmod(next.c_str(), 0755);
     std::filesystem::rename(next, path_);
 }
@@ -70,19 +66,10 @@ void SmartctlStandIn::setBehaviour(const StandInBehaviour& behaviour) {
 std::vector<std::vector<std::string>> SmartctlStandIn::starts() const {
     std::vector<std::vector<std::string>> result;
     std::ifstream in(log_);
-    std::string line;
-    while (std::getline(in, line)) {
-        std::vector<std::string> arguments;
-        std::string argument;
-        for (const char c : line) {
-            if (c == kSeparator) {
-                arguments.push_back(argument);
-                argument.clear();
-            } else {
-                argument += c;
-            }
-        }
-        result.push_back(arguments);
+    for (std::string line; std::getline(in, line);) {
+        std::istringstream fields(line);
+        result.emplace_back();
+        for (std::string argument; std::getline(fields, argument, kSeparator);) result.back().push_back(argument);
     }
     return result;
 }

@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <netinet/in.h>
@@ -24,6 +25,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using ::testing::HasSubstr;
 using testing::LoopVolume;
 using testing::RunningProcess;
 
@@ -38,9 +40,10 @@ void writeDirect(const std::string& path, std::size_t bytes, std::size_t offset)
     ::close(fd);
 }
 
-// `serve` for a folder of a volume whose label, mount point and folder are bytes that are not UTF-8,
-// with SMART through the real helper, whose smartctl prints a saved NVMe answer.
-class Exporter : public ::testing::Test {
+// A loop volume whose label, mount point and folder are bytes that are not UTF-8, and whose "drive"
+// is the real helper running a smartctl stand-in that prints a saved NVMe answer with exit status 4
+// ("some SMART command failed": a bit that still comes with usable JSON).
+class LiveVolume : public ::testing::Test {
 protected:
     void SetUp() override {
         if (const auto reason = LoopVolume::unavailableReason(); !reason.empty()) GTEST_SKIP() << reason;
@@ -48,9 +51,27 @@ protected:
         volume_ = LoopVolume::create("vx-\xff\xfe", 256ull << 20, &error, "mnt\xff");  // for 160 MiB written
         ASSERT_TRUE(volume_) << error;
         fs::create_directory(volume_->mountPoint() + "/dir\xfe");
-        standIn_ = testing::SmartctlStandIn::create(testing::printing(testing::kHelperFixture));
-        helper_ = testing::HelperDaemon::start({standIn_->path(), {}}, &error);
-        ASSERT_TRUE(helper_) << error;
+        standIn_ = testing::SmartctlStandIn::create({testing::StandInBehaviour::Mode::print, testing::kHelperFixture, "", 4});
+        helper_ = testing::startHelper(standIn_->path());
+        ASSERT_TRUE(helper_);
+    }
+    void TearDown() override {
+        if (exporter_) {
+            exporter_->signal(SIGTERM);
+            EXPECT_EQ(exporter_->waitForExit(10s), 128 + SIGTERM) << exporter_->standardError();
+        }
+    }
+    testing::Environment environment(const std::string& language = "en_US") const {
+        return {{"LANGUAGE", language}, {"LC_ALL", std::nullopt}, {"VANTORIX_LOG", "off"},
+                {"VANTORIX_HELPER_SOCKET", helper_->socketPath()}};
+    }
+    testing::ProcessResult smart(const std::vector<std::string>& args, const std::string& language = "en_US") const {
+        std::vector<std::string> argv{VANTORIX_CLI_PATH, "smart"};
+        argv.insert(argv.end(), args.begin(), args.end());
+        return testing::runProcess(argv, environment(language));
+    }
+    // `serve` for the volume's folder.
+    void startExporter() {
         port_ = testing::freeLoopbackPort();
         started_ = std::chrono::steady_clock::now();
         exporter_ = RunningProcess::start({VANTORIX_CLI_PATH, "serve", "--listen", "127.0.0.1:" + std::to_string(port_),
@@ -58,12 +79,6 @@ protected:
                                           {{"VANTORIX_HELPER_SOCKET", helper_->socketPath()}});
         ASSERT_TRUE(testing::eventually([&] { return static_cast<bool>(client().Get("/metrics")); }))
             << exporter_->standardError();
-    }
-    void TearDown() override {
-        if (exporter_) {
-            exporter_->signal(SIGTERM);
-            EXPECT_EQ(exporter_->waitForExit(10s), 128 + SIGTERM) << exporter_->standardError();
-        }
     }
     httplib::Client client() const {
         httplib::Client c("127.0.0.1", port_);
@@ -87,8 +102,76 @@ protected:
     std::unique_ptr<RunningProcess> exporter_;
 };
 
-TEST_F(Exporter, PrometheusSeesTheBytesWrittenAndBurstsAboveItsOneSecondRate) {
+TEST_F(LiveVolume, SmartShowsTheDrivesDataThroughTheHelperInTheUsersLanguage) {
+    const auto human = smart({volume_->mountPoint()});
+    ASSERT_EQ(human.exitStatus, 0) << human.err;
+    EXPECT_EQ(human.out.substr(0, human.out.find("Model")),
+              "Overall Status  PASSED\n\nSerial Number                              BTNH93710FS91P0B\n");
+    const auto chinese = smart({volume_->mountPoint()}, "zh_CN:en");
+    EXPECT_EQ(chinese.out.substr(0, chinese.out.find("型号")),
+              "总体状态  PASSED\n\n序列号                                     BTNH93710FS91P0B\n");
+    const auto json = smart({volume_->mountPoint(), "--json"});
+    ASSERT_EQ(json.exitStatus, 0) << json.err;
+    const auto document = nlohmann::json::parse(json.out);
+    EXPECT_EQ(document["sourceCommand"], standIn_->path() + " --json -a -n standby " + volume_->device());
+    ASSERT_EQ(document["details"].size(), 34U);
+    const auto& first = document["details"][0];
+    EXPECT_EQ(first["keyPath"], "serial_number");
+    EXPECT_EQ(first["id"].get<std::string>().size(), 36U);
+    // The loop device has no partition: one name to try. A request within a second of the last
+    // run's end shares that run, so a command may not start smartctl again.
+    const std::vector<std::string> arguments{"--json", "-a", "-n", "standby", volume_->device()};
+    const auto starts = standIn_->starts();
+    ASSERT_FALSE(starts.empty());
+    EXPECT_LE(starts.size(), 3U);
+    for (const auto& start : starts) EXPECT_EQ(start, arguments);
+
+    // The performance test's report carries the drive's SMART data.
+    const auto run = testing::runProcess({VANTORIX_CLI_PATH, "bench", volume_->mountPoint(), "--json", "--payload-bytes",
+                                          "4000000", "--random-seconds", "0.1"},
+                                         environment());
+    ASSERT_EQ(run.exitStatus, 0) << run.err;
+    fs::path path;  // its JSON path shows the mount point's byte as U+FFFD
+    for (const auto& entry : fs::directory_iterator(volume_->mountPoint())) {
+        if (entry.path().extension() == ".html") path = entry.path();
+    }
+    std::ifstream report(path);
+    const std::string html{std::istreambuf_iterator<char>(report), std::istreambuf_iterator<char>()};
+    EXPECT_THAT(html, HasSubstr("<strong>Overall Status:</strong> PASSED"));
+    EXPECT_THAT(html, HasSubstr("BTNH93710FS91P0B"));
+}
+
+TEST_F(LiveVolume, SmartWatchPublishesEveryRefreshWithFreshRowsAndTheChangeOnce) {
+    auto watch = testing::RunningProcess::start({VANTORIX_CLI_PATH, "smart", volume_->mountPoint(), "--watch", "--json"},
+                                                environment());
+    const auto next = [&] {
+        const auto line = watch->readLine(10s);
+        EXPECT_TRUE(line.has_value()) << watch->standardError();
+        return line ? nlohmann::json::parse(*line) : nlohmann::json();
+    };
+    // Every interpretation makes fresh row ids, so the unchanged answer is published again.
+    const auto first = next()["smart"], second = next()["smart"];
+    EXPECT_EQ(first["overallStatus"], "PASSED");
+    EXPECT_EQ(second["details"][0]["value"], first["details"][0]["value"]);
+    EXPECT_NE(second["details"][0]["id"], first["details"][0]["id"]);
+
+    // Another drive's answer: its serial number, the first row, shows from the first refresh after
+    // the change (or the one after, when a request still shared the run before it) and stays.
+    standIn_->setBehaviour(testing::printing(std::string(VANTORIX_TEST_DATA_DIR) + "/smartctl/scrutiny-smart-nvme-failed.json"));
+    std::vector<std::string> serials;
+    for (int i = 0; i < 4; ++i) serials.push_back(next()["smart"]["details"][0]["value"].get<std::string>());
+    const auto changed = std::find(serials.begin(), serials.end(), "S466NX0M776250H");
+    ASSERT_NE(changed, serials.end());
+    EXPECT_LE(changed - serials.begin(), 1);
+    EXPECT_TRUE(std::all_of(changed, serials.end(), [](const std::string& s) { return s == "S466NX0M776250H"; }));
+
+    watch->signal(SIGINT);
+    EXPECT_EQ(watch->waitForExit(10s), 130);
+}
+
+TEST_F(LiveVolume, ExporterPrometheusSeesTheBytesWrittenAndBurstsAboveItsOneSecondRate) {
     if (!fs::exists("/usr/bin/prometheus") || !fs::exists("/usr/bin/promtool")) GTEST_SKIP() << "Prometheus is not installed";
+    startExporter();
     const fs::path dir = fs::path(volume_->mountPoint()).parent_path() / "prometheus";
     fs::create_directories(dir);
     const int prometheusPort = testing::freeLoopbackPort();
@@ -171,7 +254,8 @@ TEST_F(Exporter, PrometheusSeesTheBytesWrittenAndBurstsAboveItsOneSecondRate) {
     fs::remove_all(dir);
 }
 
-TEST_F(Exporter, EveryScrapeIsAnsweredDespiteSlowClientsAndAVanishedVolumeIsDropped) {
+TEST_F(LiveVolume, ExporterEveryScrapeIsAnsweredDespiteSlowClientsAndAVanishedVolumeIsDropped) {
+    startExporter();
     // A hundred clients that send a byte of their request head now and then, and 200 scrapes at once.
     std::atomic<bool> stop{false};
     std::vector<std::thread> slow;

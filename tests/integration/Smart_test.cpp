@@ -4,24 +4,30 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "composition/SmartPipeline.h"
 #include "integration/HelperTestClient.h"
+#include "platform/linux/UnixSocketHelperConnection.h"
 #include "support/HelperSocketStandIn.h"
 #include "support/LoopVolume.h"
+#include "support/ManualMainExecutor.h"
 #include "support/Process.h"
 
 namespace vantorix {
 namespace {
 
 namespace fs = std::filesystem;
-using Environment = std::map<std::string, std::optional<std::string>>;
 using namespace std::chrono_literals;
 using ::testing::HasSubstr;
 using ::testing::Not;
+using testing::Environment;
+using testing::HelperSocketStandIn;
 
 const Environment kEnglish{{"LANGUAGE", std::nullopt}, {"LC_ALL", std::nullopt}, {"LC_MESSAGES", std::nullopt},
                            {"LANG", "en_US.UTF-8"}, {"VANTORIX_LOG", "off"}};
@@ -100,97 +106,6 @@ Environment with(Environment environment, const Environment& more) {
     return environment;
 }
 
-// The live path: a loop volume whose "drive" is a helper running a smartctl stand-in.
-class SmartCliLive : public ::testing::Test {
-protected:
-    void SetUp() override {
-        if (const auto reason = testing::LoopVolume::unavailableReason(); !reason.empty()) GTEST_SKIP() << reason;
-        std::string error;
-        volume_ = testing::LoopVolume::create("VTXSMART", 32ull << 20, &error);  // for a 4 MB test
-        ASSERT_NE(volume_, nullptr) << error;
-        testing::StandInBehaviour behaviour = testing::printing(kNvme);
-        behaviour.exitStatus = 4;  // "some SMART command failed": a bit that still comes with usable JSON
-        standIn_ = testing::SmartctlStandIn::create(behaviour);
-        daemon_ = testing::HelperDaemon::start({standIn_->path(), {}}, &error);
-        ASSERT_NE(daemon_, nullptr) << error;
-        environment_ = with(kEnglish, {{"VANTORIX_HELPER_SOCKET", daemon_->socketPath()}});
-    }
-
-    std::unique_ptr<testing::LoopVolume> volume_;
-    std::unique_ptr<testing::SmartctlStandIn> standIn_;
-    std::unique_ptr<testing::HelperDaemon> daemon_;
-    Environment environment_;
-};
-
-TEST_F(SmartCliLive, ShowsTheDrivesDataThroughTheHelperInTheUsersLanguage) {
-    const auto human = smart({volume_->mountPoint()}, environment_);
-    ASSERT_EQ(human.exitStatus, 0) << human.err;
-    EXPECT_EQ(human.out.substr(0, human.out.find("Model")),
-              "Overall Status  PASSED\n\nSerial Number                              BTNH93710FS91P0B\n");
-    const auto chinese = smart({volume_->mountPoint()}, with(environment_, kChinese));
-    EXPECT_EQ(chinese.out.substr(0, chinese.out.find("型号")),
-              "总体状态  PASSED\n\n序列号                                     BTNH93710FS91P0B\n");
-    const auto json = smart({volume_->mountPoint(), "--json"}, environment_);
-    ASSERT_EQ(json.exitStatus, 0) << json.err;
-    const auto document = nlohmann::json::parse(json.out);
-    EXPECT_EQ(document["sourceCommand"], standIn_->path() + " --json -a -n standby " + volume_->device());
-    ASSERT_EQ(document["details"].size(), 34U);
-    const auto& first = document["details"][0];
-    EXPECT_EQ(first["keyPath"].get<std::string>() + "|" + first["displayName"].get<std::string>() + "|" +
-                  first["value"].get<std::string>(),
-              "serial_number|Serial Number|BTNH93710FS91P0B");
-    EXPECT_EQ(first["id"].get<std::string>().size(), 36U);
-    // The loop device has no partition: one name to try. A request within a second of the last
-    // run's end shares that run, so a command may not start smartctl again.
-    const std::vector<std::string> arguments{"--json", "-a", "-n", "standby", volume_->device()};
-    const auto starts = standIn_->starts();
-    ASSERT_FALSE(starts.empty());
-    EXPECT_LE(starts.size(), 3U);
-    for (const auto& start : starts) EXPECT_EQ(start, arguments);
-
-    // The performance test's report carries the drive's SMART data.
-    const auto run = testing::runProcess({VANTORIX_CLI_PATH, "bench", volume_->mountPoint(), "--json", "--payload-bytes",
-                                          "4000000", "--random-seconds", "0.1"},
-                                         environment_);
-    ASSERT_EQ(run.exitStatus, 0) << run.err;
-    std::ifstream report(nlohmann::json::parse(run.out)["reportPath"].get<std::string>());
-    const std::string html{std::istreambuf_iterator<char>(report), std::istreambuf_iterator<char>()};
-    EXPECT_THAT(html, HasSubstr("<strong>Overall Status:</strong> PASSED"));
-    EXPECT_THAT(html, HasSubstr("BTNH93710FS91P0B"));
-}
-
-TEST_F(SmartCliLive, WatchPublishesEveryRefreshWithFreshRowsAndTheChangeOnce) {
-    auto watch = testing::RunningProcess::start({VANTORIX_CLI_PATH, "smart", volume_->mountPoint(), "--watch", "--json"},
-                                                environment_);
-    const auto next = [&] {
-        const auto line = watch->readLine(10s);
-        EXPECT_TRUE(line.has_value()) << watch->standardError();
-        return line ? nlohmann::json::parse(*line) : nlohmann::json();
-    };
-    const auto first = next();
-    const auto second = next();
-    ASSERT_EQ(first["smart"]["overallStatus"], "PASSED");
-    // Every interpretation makes fresh row ids, so the unchanged answer is published again.
-    EXPECT_EQ(second["smart"]["overallStatus"], "PASSED");
-    EXPECT_EQ(second["smart"]["details"].size(), first["smart"]["details"].size());
-    EXPECT_EQ(second["smart"]["details"][0]["value"], first["smart"]["details"][0]["value"]);
-    EXPECT_NE(second["smart"]["details"][0]["id"], first["smart"]["details"][0]["id"]);
-
-    // Another drive's answer: its serial number, the first row, shows from the first refresh after
-    // the change (or the one after, when a request still shared the run before it) and stays.
-    standIn_->setBehaviour(testing::printing(std::string(VANTORIX_TEST_DATA_DIR) + "/smartctl/scrutiny-smart-nvme-failed.json"));
-    std::vector<std::string> serials;
-    for (int i = 0; i < 4; ++i) serials.push_back(next()["smart"]["details"][0]["value"].get<std::string>());
-    const auto changed = std::find(serials.begin(), serials.end(), "S466NX0M776250H");
-    ASSERT_NE(changed, serials.end());
-    EXPECT_LE(changed - serials.begin(), 1);
-    EXPECT_TRUE(std::all_of(changed, serials.end(), [](const std::string& s) { return s == "S466NX0M776250H"; }));
-
-    watch->signal(SIGINT);
-    EXPECT_EQ(watch->waitForExit(10s), 130);
-    EXPECT_THAT(watch->standardError(), HasSubstr("Watching the SMART data of VTXSMART (" + volume_->deviceName() + ")"));
-}
-
 // With and without a helper; with --json, standard output carries the one JSON document.
 TEST(SmartCliHelper, HelperCommandsReportTheHelperTheyFind) {
     if (::geteuid() != 0) GTEST_SKIP() << "the helper runs as root";
@@ -227,8 +142,8 @@ TEST(SmartCliHelper, HelperCommandsReportTheHelperTheyFind) {
 // user's language, instead of waiting for the reply time-out.
 TEST(SmartCliHelper, FailuresOfTheHelperSayWhyAtOnce) {
     if (::geteuid() != 0) GTEST_SKIP() << "the client talks only to a helper running as root";
-    testing::HelperSocketStandIn closer(testing::HelperSocketStandIn::Behaviour::closeAtOnce, 0);
-    testing::HelperSocketStandIn impostor(testing::HelperSocketStandIn::Behaviour::neverAnswer, 65534);
+    HelperSocketStandIn closer(HelperSocketStandIn::Behaviour::closeAtOnce, 0);
+    HelperSocketStandIn impostor(HelperSocketStandIn::Behaviour::neverAnswer, 65534);
     const Environment nobody{{"VANTORIX_HELPER_SOCKET", "/nonexistent/helper.sock"}};
     const Environment closes{{"VANTORIX_HELPER_SOCKET", closer.path()}};
     const std::vector<std::tuple<Environment, std::vector<std::string>, std::string>> cases = {
@@ -288,6 +203,91 @@ TEST(SmartCliHelper, WithoutSystemdARootProcessRunsItsOwnHelperAndLeavesNothingB
     EXPECT_EQ(watch->waitForExit(10s), 130);
     EXPECT_NE(::kill(helpers[0], 0), 0);  // gone, and reaped
     EXPECT_EQ(helperFolders(), before);
+}
+
+class SmartPipelineIntegration : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (::geteuid() != 0) GTEST_SKIP() << "the helper and its peer check need root";
+    }
+    // The SMART fetch as the programs put it together, pointed at a helper listening at `socketPath`.
+    SmartPipeline pipelineAt(const std::string& socketPath) {
+        return SmartPipeline::over(std::make_shared<ExternalHelperService>(socketPath), main_);
+    }
+
+    std::shared_ptr<ManualMainExecutor> main_ = std::make_shared<ManualMainExecutor>();
+};
+
+// The helper hands back what smartctl, run here the same way, says; this machine's virtual disk has
+// no SMART, and that is the drive's lack, not a failure of the helper.
+TEST_F(SmartPipelineIntegration, RealSmartctlAnswersThroughTheHelperAsItDoesRunDirectly) {
+    const std::string smartctl = "/usr/sbin/smartctl";
+    if (::access(smartctl.c_str(), X_OK) != 0) GTEST_SKIP() << "no " << smartctl;
+    const auto daemon = testing::startHelper(smartctl);
+    ASSERT_NE(daemon, nullptr);
+    const std::string disk = testing::rootDiskName();
+    const std::string device = "/dev/" + disk;
+    const auto reply = testing::HelperClient(daemon->socketPath()).ask(testing::fetchFrame(disk));
+    const auto* run = testing::result(reply);
+    ASSERT_NE(run, nullptr);
+    const auto direct = testing::runProcess({smartctl, "--json", "-a", "-n", "standby", device});
+    EXPECT_EQ(run->commandDescription, smartctl + " --json -a -n standby " + device);
+    EXPECT_EQ(run->terminationStatus, direct.exitStatus);
+    EXPECT_EQ(run->standardError, direct.err);
+    const auto document = nlohmann::json::parse(run->jsonData);
+    EXPECT_EQ(document["smartctl"]["argv"].back(), device);
+    EXPECT_EQ(document["smartctl"]["exit_status"], run->terminationStatus);
+
+    const auto outcome = pipelineAt(daemon->socketPath()).provider->fetch(disk);
+    EXPECT_FALSE(outcome.info.has_value());
+    EXPECT_FALSE(outcome.helperFailure.has_value());
+}
+
+// What the helper's side does decides how a request ends: a helper that never answers costs the
+// time-out, one that closes the connection fails the request as soon as it does. Either way the
+// connection is dropped and each request makes a fresh one.
+TEST_F(SmartPipelineIntegration, EachRequestEndsAsTheHelpersSideDecides) {
+    const std::pair<HelperSocketStandIn::Behaviour, HelperRequestFailure> cases[] = {
+        {HelperSocketStandIn::Behaviour::neverAnswer, HelperRequestFailure::timedOut},
+        {HelperSocketStandIn::Behaviour::closeAtOnce, HelperRequestFailure::brokenStream}};
+    for (const auto& [behaviour, failure] : cases) {
+        SCOPED_TRACE(static_cast<int>(behaviour));
+        HelperSocketStandIn helper(behaviour, 0);
+        const auto pipeline = pipelineAt(helper.path());
+        for (int round = 1; round <= 2; ++round) {
+            const auto run = pipeline.client->fetchSmartData("sda");
+            ASSERT_FALSE(run.ok());
+            EXPECT_EQ(run.error(), failure);
+        }
+        // One look by the helper manager (does a root helper listen?), then one connection per
+        // request, each sent its request.
+        const auto counts = helper.waitFor([](const auto& seen) { return seen.connections >= 3; }, 10s);
+        EXPECT_EQ(counts.connections, 3U);
+        if (behaviour == HelperSocketStandIn::Behaviour::neverAnswer) {
+            EXPECT_GT(helper.waitFor([](const auto& seen) { return seen.bytes > 0; }, 10s).bytes, 0U);
+        }
+    }
+}
+
+TEST_F(SmartPipelineIntegration, NothingIsSentToAListenerThatIsNotRoot) {
+    HelperSocketStandIn impostor(HelperSocketStandIn::Behaviour::neverAnswer, 65534);
+    auto connection = UnixSocketHelperConnection::create(impostor.path());
+    std::promise<HelperConnection::FetchAnswer> answered;
+    std::atomic<bool> invalidated{false};
+    connection->setInvalidationHandler([&] { invalidated = true; });
+    connection->fetchSmartData("sda", [&](HelperConnection::FetchAnswer answer) { answered.set_value(std::move(answer)); });
+    auto future = answered.get_future();
+    ASSERT_EQ(future.wait_for(10s), std::future_status::ready);
+    const auto answer = future.get();
+    const auto* failure = std::get_if<ConnectionError>(&answer);
+    ASSERT_NE(failure, nullptr);
+    EXPECT_EQ(failure->failure, ConnectionFailure::peerNotRoot);
+    EXPECT_THAT(failure->description, HasSubstr("runs as user 65534, not as user 0; nothing was sent to it"));
+    EXPECT_TRUE(invalidated);  // set before the answer, on the connection's thread
+    // Once the client has hung up, whatever it sent has arrived.
+    const auto counts = impostor.waitFor([](const auto& seen) { return seen.closed >= 1; }, 10s);
+    EXPECT_EQ(counts, (HelperSocketStandIn::Counts{1, 0, 1}));
+    EXPECT_FALSE(helperListensAt(impostor.path()));
 }
 
 }  // namespace

@@ -1,17 +1,64 @@
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <sstream>
 
 #include "integration/HelperTestClient.h"
 #include "support/LoopVolume.h"
+#include "support/Process.h"
 
 namespace vantorix::testing {
 namespace {
 
+namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using protocol::HelperFailure;
+
+const std::string kSocketActivate = "/usr/bin/systemd-socket-activate";
+
+std::string slurp(const std::string& path) {
+    std::ifstream in(path);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+TEST(HelperActivation, SocketActivatedDaemonAnswersAndLeavesWhenIdle) {
+    if (::access(kSocketActivate.c_str(), X_OK) != 0) GTEST_SKIP() << "no " << kSocketActivate << " (package systemd)";
+    auto standIn = SmartctlStandIn::create(printing(kHelperFixture));
+    const std::string socket = fs::path(standIn->path()).parent_path() / "activated.sock";
+    // systemd-socket-activate listens, then on the first connection becomes the daemon (same pid).
+    auto activator = RunningProcess::start(
+        {kSocketActivate, "-l", socket, VANTORIX_HELPER_PATH, "--smartctl", standIn->path(), "--exit-idle-ms", "500"});
+    ASSERT_TRUE(eventually([&] { return fs::exists(socket); }));
+    auto client = std::make_unique<HelperClient>(socket);
+
+    const auto version = client->ask(versionFrame());
+    ASSERT_TRUE(version && std::holds_alternative<protocol::VersionReply>(*version));
+    EXPECT_EQ(std::get<protocol::VersionReply>(*version).version + "\n", runProcess({VANTORIX_HELPER_PATH, "--version"}).out);
+    const auto reply = client->ask(fetchFrame(rootDiskName()));
+    ASSERT_NE(result(reply), nullptr);
+    EXPECT_EQ(result(reply)->jsonData, slurp(kHelperFixture));
+    EXPECT_EQ(standIn->starts().size(), 1U);
+
+    // With no client left and nothing running, it exits by itself (systemd would start it again).
+    client.reset();
+    EXPECT_EQ(activator->waitForExit(10s), 0);
+}
+
+TEST(HelperActivation, RefusesToStartWithoutASocket) {
+    const auto result = runProcess({VANTORIX_HELPER_PATH}, {{"LISTEN_FDS", std::nullopt}, {"LISTEN_PID", std::nullopt}});
+    EXPECT_EQ(result.exitStatus, 2);
+    EXPECT_NE(result.err.find("--socket PATH"), std::string::npos) << result.err;
+    // A file at the socket path that is not a socket is left alone.
+    char path[] = "/tmp/vantorix-not-a-socket-XXXXXX";
+    ::close(::mkstemp(path));
+    EXPECT_EQ(runProcess({VANTORIX_HELPER_PATH, "--socket", path}).exitStatus, 1);
+    EXPECT_TRUE(fs::is_regular_file(path));
+    fs::remove(path);
+}
 
 std::vector<std::unique_ptr<HelperClient>> clientsAsking(const HelperDaemon& daemon, const std::vector<std::string>& names) {
     std::vector<std::unique_ptr<HelperClient>> clients;
@@ -78,7 +125,7 @@ TEST(HelperFaults, FloodsAndMissingProgramsFailWithTheirErrors) {
 TEST(HelperFaults, FiftyClientsOfOneDeviceShareRunsInBoundedMemory) {
     // 3 MiB of output: fifty private copies of its reply would take about 200 MiB.
     auto standIn = SmartctlStandIn::create(printing(""));
-    const std::string output = std::filesystem::path(standIn->path()).parent_path() / "output.json";
+    const std::string output = fs::path(standIn->path()).parent_path() / "output.json";
     std::ofstream(output) << std::string(3U << 20U, 'y');
     standIn->setBehaviour(printing(output));
     auto daemon = startHelper(standIn->path());
@@ -108,9 +155,47 @@ TEST(HelperFaults, SigtermKillsRunsAndRemovesTheSocket) {
     ASSERT_TRUE(eventually([&] { return !childrenOf(daemon->pid()).empty(); }));
     const pid_t child = childrenOf(daemon->pid()).front();
     EXPECT_EQ(daemon->stop(), 0);
-    EXPECT_FALSE(std::filesystem::exists("/proc/" + std::to_string(child)));
-    EXPECT_FALSE(std::filesystem::exists(daemon->socketPath()));
+    EXPECT_FALSE(fs::exists("/proc/" + std::to_string(child)));
+    EXPECT_FALSE(fs::exists(daemon->socketPath()));
     EXPECT_TRUE(peerClosed(client.fd, 1s));
+}
+
+TEST(HelperRequests, ChildRunsWithAFixedEnvironmentAndNothingInherited) {
+    auto standIn = SmartctlStandIn::create(printing(""));  // only for its temporary folder
+    const std::string script = fs::path(standIn->path()).parent_path() / "inspect";
+    std::ofstream(script) << "#!/bin/sh\n"
+                             "echo \"pid $$\"\n"
+                             "echo \"group $(cut -d' ' -f5 /proc/$$/stat)\"\n"
+                             "echo \"environment $(tr '\\0' ' ' < /proc/$$/environ)\"\n"
+                             "ls -l /proc/$$/fd\n";  // no pipeline: its pipe would show among the shell's
+    fs::permissions(script, fs::perms::owner_all | fs::perms::others_exec |
+                                             fs::perms::others_read);
+    auto daemon = startHelper(script);
+    ASSERT_NE(daemon, nullptr);
+    HelperClient client(daemon->socketPath());  // open while the child runs: it must not inherit it
+    const auto reply = client.ask(fetchFrame(rootDiskName()));
+    ASSERT_NE(result(reply), nullptr);
+    std::map<std::string, std::string> facts;
+    std::istringstream lines(result(reply)->jsonData);
+    for (std::string line; std::getline(lines, line);) {
+        if (const auto arrow = line.find(" -> "); arrow != std::string::npos) {  // "lr-x------ … 0 -> /dev/null"
+            const auto number = line.rfind(' ', arrow - 1) + 1;
+            facts["fd " + line.substr(number, arrow - number)] = line.substr(arrow + 4);
+        } else if (const auto space = line.find(' '); space != std::string::npos) {
+            facts[line.substr(0, space)] = line.substr(space + 1);
+        }
+    }
+    EXPECT_EQ(facts["environment"], "PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C ");
+    EXPECT_EQ(facts["group"], facts["pid"]);  // a process group of its own
+    EXPECT_EQ(facts["fd 0"], "/dev/null");
+    EXPECT_EQ(facts["fd 1"].rfind("pipe:", 0), 0U) << facts["fd 1"];
+    EXPECT_EQ(facts["fd 2"].rfind("pipe:", 0), 0U) << facts["fd 2"];
+    for (const auto& [key, target] : facts) {
+        // Beyond 0 to 2, only the script the shell keeps open.
+        if (key.rfind("fd ", 0) == 0 && key != "fd 0" && key != "fd 1" && key != "fd 2") {
+            EXPECT_EQ(target, script) << key;
+        }
+    }
 }
 
 }  // namespace
