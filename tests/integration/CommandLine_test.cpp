@@ -1,30 +1,45 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <array>
+#include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <nlohmann/json.hpp>
 #include <regex>
 #include <set>
+#include <thread>
 
-#include "services/HttpTestServer.h"
-#include "services/ServiceTestSupport.h"
+#include "monitor/DiskIOMonitor.h"
+#include "platform/linux/LinuxVolumeInfoSource.h"
+#include "platform/linux/SysfsBlockDevices.h"
+#include "support/BlockDevice.h"
+#include "support/LoopVolume.h"
+#include "support/ManualMainExecutor.h"
 #include "support/Process.h"
+#include "support/ScopedEnvironment.h"
 
 namespace vantorix {
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using testing::LoopVolume;
+using json = nlohmann::json;
+using Precision = DiskIOMonitor::SamplingPrecision;
 
-testing::ProcessResult cli(const std::vector<std::string>& args, const std::string& language) {
+testing::ProcessResult cli(const std::vector<std::string>& args, const std::string& language = "en_US") {
     std::vector<std::string> argv{VANTORIX_CLI_PATH};
     argv.insert(argv.end(), args.begin(), args.end());
-    return testing::runProcess(argv, {{"LANGUAGE", language}, {"LC_ALL", std::nullopt}, {"LANG", "C.UTF-8"}});
+    return testing::runProcess(argv, {{"LANGUAGE", language}, {"LC_ALL", std::nullopt}, {"LANG", "C.UTF-8"},
+                                      {"VANTORIX_SERVICE_URL", std::nullopt}});
 }
 
+// Help, in the user's language; a stock build names no web service, so updates are the package
+// manager's.
 TEST(CommandLine, HelpOfEveryCommandIsInTheUsersLanguage) {
-    const std::vector<std::string> english{"Usage", "Options", "Positionals", "Subcommands", "REQUIRED", "OPTIONS",
-                                           "Print this help message"};
     for (const std::string command : {"", "info", "monitor", "bench", "smart", "helper", "check-update", "feedback", "serve"}) {
         SCOPED_TRACE(command);
         std::vector<std::string> args{"--help"};
@@ -35,14 +50,17 @@ TEST(CommandLine, HelpOfEveryCommandIsInTheUsersLanguage) {
                   std::string::npos)
             << chinese.out;
         EXPECT_NE(chinese.out.find("\n选项：\n  -h,--help                   显示此帮助信息并退出\n"), std::string::npos);
-        for (const auto& word : english) EXPECT_EQ(chinese.out.find(word), std::string::npos) << word << "\n" << chinese.out;
-        const auto untranslated = cli(args, "en_US");
-        EXPECT_NE(untranslated.out.find("\nOptions:\n  -h,--help                   Print this help message and exit\n"),
-                  std::string::npos)
-            << untranslated.out;
+        for (const char* word : {"Usage", "Options", "Positionals", "Subcommands", "REQUIRED", "OPTIONS", "Print"}) {
+            EXPECT_EQ(chinese.out.find(word), std::string::npos) << word << "\n" << chinese.out;
+        }
+        const std::string english = "\nOptions:\n  -h,--help                   Print this help message and exit\n";
+        EXPECT_NE(cli(args, "en_US").out.find(english), std::string::npos);
     }
     EXPECT_NE(cli({"--help"}, "zh_CN").out.find("\n子命令：\n  info "), std::string::npos);
     EXPECT_NE(cli({"info", "--help"}, "zh_CN").out.find("\n位置参数：\n  path TEXT 必需"), std::string::npos);
+    if (std::string_view(VANTORIX_BUILT_SERVICE_URL).empty()) {
+        EXPECT_EQ(cli({"check-update"}, "zh_CN").out, "此版本通过系统的软件包管理器更新。\n");
+    }
 }
 
 // Refused arguments: exit status 2, nothing on standard output, and one short line in the user's
@@ -64,9 +82,9 @@ TEST(CommandLine, RefusedArgumentsSayWhyInOneShortLine) {
     };
     for (const auto& [command, option, number] : std::vector<std::array<std::string, 3>>{
              {"monitor", "--duration", "nan"}, {"monitor", "--duration", "inf"}, {"monitor", "--duration", "0"},
-             {"monitor", "--duration", "-1"}, {"bench", "--random-seconds", "1e308"}, {"bench", "--random-seconds", "nan"},
-             {"bench", "--seconds", "nan"}, {"bench", "--payload-bytes", "0"}, {"bench", "--payload-bytes", "-1"},
-             {"bench", "--payload-bytes", "99999999999999999999999"}}) {
+             {"monitor", "--duration", "-1"}, {"bench", "--random-seconds", "1e308"}, {"bench", "--seconds", "nan"},
+             {"bench", "--random-seconds", "nan"}, {"bench", "--payload-bytes", "0"},
+             {"bench", "--payload-bytes", "-1"}, {"bench", "--payload-bytes", "99999999999999999999999"}}) {
         cases.push_back({{command, "/", option, number}, "en_US", option + ": must be "});
     }
     for (const auto& [args, language, error] : cases) {
@@ -110,7 +128,7 @@ TEST(CommandLine, APathThatLeadsNowhereSaysWhy) {
     for (const std::string command : {"info", "monitor", "bench"}) {
         const auto result = cli({command, "/nonexistent/vantorix-\xff", "--json"}, "en_US");
         EXPECT_EQ(result.exitStatus, 1);
-        const auto document = nlohmann::json::parse(result.out);
+        const auto document = json::parse(result.out);
         ASSERT_EQ(document.size(), 1u);
         ASSERT_EQ(document["error"].size(), 2u);
         EXPECT_TRUE(std::regex_match(document["error"]["code"].get<std::string>(), std::regex("[a-z][A-Za-z]+")));
@@ -121,45 +139,211 @@ TEST(CommandLine, APathThatLeadsNowhereSaysWhy) {
 }
 
 
-// The web-service commands against a loopback server, with a home of their own; a stock build,
-// which names no service, leaves updates to the package manager.
-TEST(CommandLine, CheckUpdateAndFeedbackSayWhatHappened) {
-    testing::HttpTestServer server;
-    testing::TemporaryFolder home;
-    const auto run = [&](std::vector<std::string> args, bool withService = true) {
-        args.insert(args.begin(), VANTORIX_CLI_PATH);
-        const auto service = withService ? std::optional(server.url("")) : std::nullopt;
-        return testing::runProcess(args, {{"LANGUAGE", "en_US"}, {"LC_ALL", std::nullopt}, {"HOME", home.string()},
-                                          {"XDG_CONFIG_HOME", std::nullopt}, {"XDG_DOWNLOAD_DIR", std::nullopt},
-                                          {"VANTORIX_SERVICE_URL", service}, {"VANTORIX_PRODUCT_ID", std::nullopt}});
-    };
-    const std::string package = server.url("/files/Vantorix-999.0.tar.gz");
-    server.get("/api/products/vx7k2m9q4r8t1w5y3z6b0c2d4", [&](const httplib::Request&, httplib::Response& response) {
-        response.set_content(R"({"id":"p1","currentVersion":"999.0","downloadUrl":")" + package + R"("})", "application/json");
-    });
-    server.get("/files/Vantorix-999.0.tar.gz", [](const httplib::Request&, httplib::Response& response) {
-        response.set_content("package", "application/gzip");
-    });
-    server.post("/api/feedback", [](const httplib::Request&, httplib::Response& response) {
-        response.status = 201;
-        response.set_content(R"({"success":true,"id":"abc"})", "application/json");
-    });
-    fs::create_directory(home.path() / "Downloads");
-    const auto saved = run({"check-update", "--download"});
-    const std::string path = (home.path() / "Downloads" / "Vantorix-999.0.tar.gz").string();
-    EXPECT_EQ(saved.out, "New version found 999.0\n" + package + "\n" + path + "\n") << saved.err;
-    EXPECT_EQ(testing::fileContents(path), "package");
-    if (std::string_view(VANTORIX_BUILT_SERVICE_URL).empty()) {
-        EXPECT_EQ(run({"check-update"}, false).out, "This build is updated by your system's package manager.\n");
+// A volume whose label and folders are bytes that are not UTF-8: the JSON stays valid (parsing
+// refuses anything else), with U+FFFD where those bytes were.
+TEST(VolumeInfoIntegration, InfoOnASubfolderDescribesTheLoopVolume) {
+    if (const auto reason = LoopVolume::unavailableReason(); !reason.empty()) GTEST_SKIP() << reason;
+    std::string error;
+    const auto volume = LoopVolume::create("VTX\xff\xfeTEST", 32ull << 20, &error, "mnt\xff");
+    ASSERT_TRUE(volume) << error;
+    const auto sub = volume->mountPoint() + "/projects/a\xfe";
+    fs::create_directories(sub);
+
+    const auto before = testing::deviceCounters(volume->deviceName());
+    const auto run = cli({"info", sub, "--json"});
+    const auto after = testing::deviceCounters(volume->deviceName());
+    ASSERT_EQ(run.exitStatus, 0) << run.err;
+    const auto info = json::parse(run.out);
+    EXPECT_EQ(info["displayName"], "VTX\uFFFD\uFFFDTEST");
+    EXPECT_EQ(info["device"], volume->deviceName());
+    const auto& mountPoint = volume->mountPoint();
+    EXPECT_EQ(info["url"], mountPoint.substr(0, mountPoint.size() - 1) + "\uFFFD/projects/a\uFFFD");
+    EXPECT_EQ(info["fileSystemDescription"], "EXT4");
+    struct statvfs vfs {};  // what df shows
+    ASSERT_EQ(::statvfs(sub.c_str(), &vfs), 0);
+    EXPECT_EQ(info["totalCapacityBytes"].get<std::uint64_t>(), std::uint64_t{vfs.f_blocks} * vfs.f_frsize);
+    EXPECT_EQ(info["availableCapacityBytes"].get<std::uint64_t>(), std::uint64_t{vfs.f_bavail} * vfs.f_frsize);
+    EXPECT_EQ(info["connectionTypeDescription"], "Virtual Interface");
+    EXPECT_TRUE(info.contains("linkCeiling") && info["linkCeiling"].is_null());  // a loop device has no link
+    const auto& stats = info["statistics"];
+    const std::array<std::uint64_t, 4> read{stats["bytesRead"], stats["bytesWritten"], stats["readOperations"],
+                                            stats["writeOperations"]};
+    for (std::size_t i = 0; i < 4; ++i) EXPECT_TRUE(before[i] <= read[i] && read[i] <= after[i]) << i;
+
+    // The human form in Chinese carries the same facts.
+    const auto human = cli({"info", sub}, "zh_CN:en");
+    ASSERT_EQ(human.exitStatus, 0) << human.err;
+    EXPECT_NE(human.out.find("TEST"), std::string::npos);
+    EXPECT_NE(human.out.find("文件系统"), std::string::npos);
+    EXPECT_NE(human.out.find(volume->deviceName()), std::string::npos);
+}
+
+TEST(VolumeInfoIntegration, VolumesWithoutABlockDeviceResolveButHaveNoStatistics) {
+    for (const std::string path : {"/proc", "/dev/shm"}) {
+        SCOPED_TRACE(path);
+        const auto run = cli({"info", path, "--json"});
+        EXPECT_EQ(run.exitStatus, 1);
+        EXPECT_EQ(run.err.substr(0, run.err.find('\n')), "Unable to fetch statistics for the selected volume.");
+        const auto info = json::parse(run.out);
+        EXPECT_TRUE(info["statistics"].is_null());
+        EXPECT_EQ(info["error"]["code"], "statisticsUnavailable");
+        EXPECT_FALSE(info["device"].get<std::string>().empty());
+    }
+}
+
+std::uint64_t bytesWrittenOf(const std::string& deviceName) { return testing::deviceCounters(deviceName)[1]; }
+
+// Waits until the device's write counter has not moved for a while, so that a reading taken
+// now also holds a moment later.
+void waitUntilQuiet(const std::string& deviceName) {
+    auto last = bytesWrittenOf(deviceName);
+    for (int stable = 0, rounds = 0; stable < 3 && rounds < 100; ++rounds) {
+        std::this_thread::sleep_for(100ms);
+        const auto now = bytesWrittenOf(deviceName);
+        stable = now == last ? stable + 1 : 0;
+        last = now;
+    }
+}
+
+class MonitorOnLoopVolume : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (const auto reason = LoopVolume::unavailableReason(); !reason.empty()) GTEST_SKIP() << reason;
+        std::string error;
+        volume_ = LoopVolume::create("VTX\xffMON", 160ull << 20, &error, "mnt\xff");  // for 64 MiB written
+        ASSERT_TRUE(volume_) << error;
+        monitor_ = DiskIOMonitor::create(
+            {std::make_shared<SysfsBlockDevices>(), std::make_shared<LinuxVolumeInfoSource>(), main_});
+    }
+    void TearDown() override {
+        if (monitor_) {
+            monitor_->stopMonitoring(false);
+            main_->drain();
+        }
+    }
+    const DiskIOMonitor::State& state() { return monitor_->state(); }
+    bool runUntil(const std::function<bool()>& done) { return main_->runUntil(done, 30s); }
+    static std::uint64_t sumWrites(const DiskIOMonitor::State& s) {
+        std::uint64_t sum = 0;
+        for (const auto& sample : s.samples) sum += sample.writeBytes;
+        return sum;
     }
 
-    const auto sent = run({"feedback", "--type", "bug", "--title", "Graph freezes", "--content", "It stops after an hour."});
-    EXPECT_EQ(sent.out, "Submitted successfully. Feedback ID: abc\n") << sent.err;
-    const auto invalid = run({"feedback", "--title", "Bug", "--content", "The graph stops after an hour.", "--json"});
-    EXPECT_EQ(invalid.exitStatus, 1);
-    EXPECT_EQ(invalid.err, "Title length must be 5–100\n");
-    EXPECT_EQ(nlohmann::json::parse(invalid.out)["error"]["code"], "invalidFeedback");
-    EXPECT_EQ(server.requests().size(), 3u) << "an invalid form sends nothing";
+    std::unique_ptr<LoopVolume> volume_;
+    std::shared_ptr<ManualMainExecutor> main_ = std::make_shared<ManualMainExecutor>();
+    std::shared_ptr<DiskIOMonitor> monitor_;
+};
+
+// Monitors while 64 MiB are written with O_DIRECT, changing the precision halfway; then, monitoring
+// again, the device goes.
+TEST_F(MonitorOnLoopVolume, SamplesAddUpToTheDeviceCountersAndARemovedDeviceEndsTheRun) {
+    testing::ScopedLanguage english("en_US.UTF-8");
+    monitor_->setSamplingPrecision(Precision::ms100);
+    monitor_->selectVolume(volume_->mountPoint());
+    ASSERT_TRUE(runUntil([&] { return state().selectedVolume.has_value(); }));
+    ASSERT_EQ(state().selectedVolume->deviceName, volume_->deviceName());
+    waitUntilQuiet(volume_->deviceName());
+    const auto before = bytesWrittenOf(volume_->deviceName());
+    monitor_->startMonitoring();
+    ASSERT_TRUE(runUntil([&] { return state().samples.size() >= 2; }));
+
+    std::thread writer([&] {
+        EXPECT_TRUE(testing::writeDirect(volume_->mountPoint() + "/first.bin", 32));
+        EXPECT_TRUE(testing::writeDirect(volume_->mountPoint() + "/second.bin", 32));
+    });
+    ASSERT_TRUE(runUntil([&] { return state().totalWriteBytes >= 16u << 20; }));
+    monitor_->setSamplingPrecision(Precision::ms10);
+    writer.join();
+    waitUntilQuiet(volume_->deviceName());
+    const auto written = bytesWrittenOf(volume_->deviceName()) - before;
+    // Until the monitor has caught up with the device.
+    EXPECT_TRUE(runUntil([&] { return state().totalWriteBytes >= written; }));
+    monitor_->stopMonitoring(true);
+    ASSERT_TRUE(runUntil([&] { return !state().isMonitoring; }));
+    main_->drain();
+    EXPECT_FALSE(state().errorMessage) << *state().errorMessage;
+    EXPECT_EQ(state().samplingPrecision, Precision::ms10);
+    EXPECT_EQ(sumWrites(state()), written);
+    EXPECT_EQ(state().totalWriteBytes, written);
+    EXPECT_GE(written, 64u << 20);
+
+    monitor_->startMonitoring();
+    ASSERT_TRUE(runUntil([&] { return state().isMonitoring && state().samples.size() >= 5; }));
+    ASSERT_TRUE(volume_->removeDevice());
+    ASSERT_TRUE(runUntil([&] { return !state().isMonitoring; }));
+    main_->drain();
+    EXPECT_EQ(state().errorMessage, "Unable to fetch statistics for the selected volume.");
+    EXPECT_GE(state().samples.size(), 5u);
+    EXPECT_EQ(state().totalWriteBytes, sumWrites(state()));
+}
+
+// One line a second, then on Ctrl-C the summary of the whole run, valid JSON with U+FFFD for the
+// bytes of the label and folder that are not UTF-8.
+TEST_F(MonitorOnLoopVolume, CommandLinePrintsALineASecondAndOnInterruptASummary) {
+    auto run = testing::RunningProcess::start({VANTORIX_CLI_PATH, "monitor", volume_->mountPoint(), "--precision", "10",
+                                               "--json"});
+    for (int second = 0; second < 2; ++second) {
+        const auto line = run->readLine(30s);
+        ASSERT_TRUE(line) << run->standardError();
+        EXPECT_TRUE(json::parse(*line).contains("writeSpeed")) << *line;
+    }
+    run->signal(SIGINT);
+    std::string last;
+    while (const auto line = run->readLine(30s)) last = *line;
+    EXPECT_EQ(run->waitForExit(30s), 130);
+    const auto summary = json::parse(last)["summary"];
+    EXPECT_EQ(summary["device"], volume_->deviceName());
+    EXPECT_EQ(summary["displayName"], "VTX\uFFFDMON");
+    EXPECT_EQ(summary["url"], volume_->mountPoint().substr(0, volume_->mountPoint().size() - 1) + "\uFFFD");
+    EXPECT_EQ(summary["precisionMilliseconds"], 10);
+    EXPECT_GE(summary["samples"].get<int>(), 100);
+    EXPECT_EQ(summary["historyWriteBytes"], summary["totalWriteBytes"]);
+}
+
+std::string contents(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// The chart of a run is exported as a CSV and a PNG beside it, or the run says why not (status 1);
+// what is not a regular file is never opened for writing and waited on: refused before monitoring
+// starts (status 2), or, when it appeared meanwhile, when the export comes.
+TEST_F(MonitorOnLoopVolume, CommandLineExportsTheChartOrSaysWhyNot) {
+    const std::string dir = fs::path(volume_->mountPoint()).parent_path(), csv = dir + "/run.csv";
+    const std::string missing = dir + "/missing/run.csv", fifo = dir + "/fifo.csv";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    const std::vector<std::tuple<std::string, std::string, int, std::string>> cases = {
+        {csv, "10", 0, "CSV saved to: " + csv + "\nPNG saved to: " + dir + "/run.png\n"},
+        {missing, "10", 1, "Export failed: Could not write the file “" + missing + "”"},
+        {dir + "/short.csv", "1000", 1, "Fewer than 2 samples: the chart was not exported."},
+        {fifo, "10", 2, "--csv: Cannot write to " + fifo + ". It is a named pipe (FIFO), not a regular file.\n"},
+        {"/dev/null", "10", 2, "--csv: Cannot write to /dev/null. It is a character device, not a regular file.\n"},
+    };
+    for (const auto& [path, precision, status, message] : cases) {
+        const auto run = cli({"monitor", volume_->mountPoint(), "--precision", precision, "--duration",
+                              precision == "1000" ? "0.3" : "1.2", "--csv", path});
+        EXPECT_EQ(run.exitStatus, status);
+        EXPECT_NE((run.out + run.err).find(message), std::string::npos) << run.out << run.err;
+    }
+    EXPECT_FALSE(fs::exists(dir + "/short.csv"));
+    const std::string text = contents(csv);
+    EXPECT_EQ(text.substr(0, text.find('\n')),
+              "timestamp,elapsed_seconds,read_bytes,write_bytes,read_bytes_per_sec,write_bytes_per_sec");
+    // A line for each sample: about 120, fewer when a loaded machine delays the sampling timer.
+    EXPECT_GE(std::count(text.begin(), text.end(), '\n'), 50);
+    // A PNG of 3840 × 2160: its signature, then the width and height of its header, big-endian.
+    const std::string header("\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR\0\0\x0f\x00\0\0\x08\x70", 24);
+    EXPECT_EQ(contents(dir + "/run.png").substr(0, 24), header);
+
+    const std::string later = dir + "/later.csv";
+    auto running = testing::RunningProcess::start({VANTORIX_CLI_PATH, "monitor", volume_->mountPoint(), "--precision",
+                                                   "10", "--duration", "2", "--json", "--csv", later},
+                                                  {{"LANGUAGE", "en_US"}, {"LC_ALL", std::nullopt}});
+    ASSERT_TRUE(running->readLine(20s));
+    ASSERT_EQ(::mkfifo(later.c_str(), 0600), 0);
+    EXPECT_EQ(running->waitForExit(30s), 1);
+    EXPECT_NE(running->standardError().find("“" + later + "”: It is a named pipe (FIFO), not a regular file"), std::string::npos)
+        << running->standardError();
 }
 
 }  // namespace

@@ -21,7 +21,7 @@ namespace vantorix::testing {
 
 inline const std::string kHelperFixture = std::string(VANTORIX_TEST_DATA_DIR) + "/smartctl/scrutiny-smart-nvme.json";
 
-inline StandInBehaviour printing(const std::string& outputFile) { return {StandInBehaviour::Mode::print, outputFile, "", 0}; }
+inline StandInBehaviour printing(const std::string& file) { return {StandInBehaviour::Mode::print, file, "", 0}; }
 
 inline std::unique_ptr<HelperDaemon> startHelper(const std::string& smartctl, std::vector<std::string> extra = {}) {
     std::string error;
@@ -36,8 +36,7 @@ inline std::string fetchFrame(const std::string& name) {
 inline std::string versionFrame() { return protocol::framed(protocol::encodedRequest(protocol::VersionRequest{})); }
 
 // The daemon's peak resident memory stays below this (about 23 MB in a release build, 70 MB under
-// AddressSanitizer); a 100 MB flood kept, fifty private copies of a 4 MiB reply or the tree of a
-// deeply nested request go far past it.
+// AddressSanitizer); a 100 MB flood kept or fifty private copies of a 4 MiB reply go far past it.
 constexpr std::uint64_t kPeakKilobytes = 96U * 1024U;
 
 // One client connection, closed with the object.

@@ -66,7 +66,7 @@ std::unique_ptr<HelperDaemon> HelperDaemon::start(const Options& options, std::s
     daemon->process_ = RunningProcess::start(arguments);
     for (const auto deadline = Clock::now() + std::chrono::seconds(5); Clock::now() < deadline;) {
         if (const auto status = daemon->process_->waitForExit(std::chrono::milliseconds(10))) {
-            *error = "the helper exited with status " + std::to_string(*status) + ": " + daemon->process_->standardError();
+            *error = "the helper exited (" + std::to_string(*status) + "): " + daemon->process_->standardError();
             return nullptr;
         }
         if (const int fd = connectTo(daemon->socketPath_); fd >= 0) {

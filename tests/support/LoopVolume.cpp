@@ -42,8 +42,8 @@ std::unique_ptr<LoopVolume> LoopVolume::create(const std::string& label, std::ui
         if (result.exitStatus != 0) *error = argv[0] + " failed: " + result.err;
         return result;
     };
-    if (sized || step({"/sbin/mkfs.ext4", "-q", "-F", "-E", "lazy_itable_init=0,lazy_journal_init=0", "-L", label, image})
-                         .exitStatus != 0) {
+    const std::string lazyInit = "lazy_itable_init=0,lazy_journal_init=0";
+    if (sized || step({"/sbin/mkfs.ext4", "-q", "-F", "-E", lazyInit, "-L", label, image}).exitStatus != 0) {
         return nullptr;
     }
     const auto attached = step({"/sbin/losetup", "--find", "--show", image});

@@ -41,7 +41,9 @@ public:
         while (!done()) {
             const Clock::time_point now = Clock::now();
             if (now >= deadline) return false;
-            if (auto item = work_.take(std::min(deadline, now + std::chrono::milliseconds(5)))) detail::runMainWork(*item);
+            if (auto item = work_.take(std::min(deadline, now + std::chrono::milliseconds(5)))) {
+                detail::runMainWork(*item);
+            }
         }
         return true;
     }

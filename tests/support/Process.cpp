@@ -43,7 +43,8 @@ pid_t spawn(const std::vector<std::string>& argv, const Environment& environment
     std::map<std::string, std::string> merged;
     for (char** e = environ; *e != nullptr; ++e) {
         const std::string entry(*e);
-        if (const auto eq = entry.find('='); eq != std::string::npos) merged[entry.substr(0, eq)] = entry.substr(eq + 1);
+        const auto eq = entry.find('=');
+        if (eq != std::string::npos) merged[entry.substr(0, eq)] = entry.substr(eq + 1);
     }
     for (const auto& [name, value] : environment) {
         if (value) merged[name] = *value;
