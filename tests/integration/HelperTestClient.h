@@ -3,17 +3,14 @@
 // Helpers shared by the tests that drive the real vantorix-smartctl-helper over its socket.
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "protocol/SmartctlHelperProtocol.h"
@@ -24,13 +21,7 @@ namespace vantorix::testing {
 
 inline const std::string kHelperFixture = std::string(VANTORIX_TEST_DATA_DIR) + "/smartctl/scrutiny-smart-nvme.json";
 
-inline StandInBehaviour acting(StandInBehaviour::Mode mode, const std::string& outputFile = {}) {
-    StandInBehaviour behaviour;
-    behaviour.mode = mode;
-    behaviour.outputFile = outputFile;
-    return behaviour;
-}
-inline StandInBehaviour printing(const std::string& outputFile) { return acting(StandInBehaviour::Mode::print, outputFile); }
+inline StandInBehaviour printing(const std::string& file) { return {StandInBehaviour::Mode::print, file, "", 0}; }
 
 inline std::unique_ptr<HelperDaemon> startHelper(const std::string& smartctl, std::vector<std::string> extra = {}) {
     std::string error;
@@ -45,8 +36,7 @@ inline std::string fetchFrame(const std::string& name) {
 inline std::string versionFrame() { return protocol::framed(protocol::encodedRequest(protocol::VersionRequest{})); }
 
 // The daemon's peak resident memory stays below this (about 23 MB in a release build, 70 MB under
-// AddressSanitizer); a 100 MB flood kept, fifty private copies of a 4 MiB reply or the tree of a
-// deeply nested request go far past it.
+// AddressSanitizer); a 100 MB flood kept or fifty private copies of a 4 MiB reply go far past it.
 constexpr std::uint64_t kPeakKilobytes = 96U * 1024U;
 
 // One client connection, closed with the object.
@@ -63,9 +53,7 @@ struct HelperClient {
         const auto payload = readFrame(fd, limit);
         return payload ? protocol::parsedReply(*payload) : std::nullopt;
     }
-    std::optional<protocol::Reply> ask(const std::string& frame) const {
-        return send(frame) ? reply() : std::nullopt;
-    }
+    std::optional<protocol::Reply> ask(const std::string& frame) const { return send(frame) ? reply() : std::nullopt; }
 
     int fd;
 };
@@ -80,15 +68,6 @@ inline const SmartctlExecutionResult* result(const std::optional<protocol::Reply
     return reply ? std::get_if<SmartctlExecutionResult>(&*reply) : nullptr;
 }
 
-// Whether the condition holds within 5 s.
-inline bool eventually(const std::function<bool()>& condition) {
-    for (const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-         std::chrono::steady_clock::now() < until; std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
-        if (condition()) return true;
-    }
-    return false;
-}
-
 // The children of a process (zombies included), from /proc.
 inline std::vector<pid_t> childrenOf(pid_t pid) {
     std::vector<pid_t> children;
@@ -98,18 +77,6 @@ inline std::vector<pid_t> childrenOf(pid_t pid) {
         for (pid_t child = 0; in >> child;) children.push_back(child);
     }
     return children;
-}
-
-// Names of block devices the helper accepts here (in /sys/class/block, with a /dev node), sorted.
-inline std::vector<std::string> blockDeviceNames() {
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator("/sys/class/block")) {
-        struct stat st {};
-        const auto name = entry.path().filename().string();
-        if (::lstat(("/dev/" + name).c_str(), &st) == 0 && S_ISBLK(st.st_mode)) names.push_back(name);
-    }
-    std::sort(names.begin(), names.end());
-    return names;
 }
 
 }  // namespace vantorix::testing

@@ -1,23 +1,18 @@
 #include "support/HelperDaemon.h"
 
-#include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <thread>
 
 namespace vantorix::testing {
 namespace {
@@ -65,96 +60,60 @@ std::unique_ptr<HelperDaemon> HelperDaemon::start(const Options& options, std::s
     ::chmod(pattern, 0755);
     daemon->directory_ = pattern;
     daemon->socketPath_ = daemon->directory_ + "/helper.sock";
-
-    std::vector<std::string> arguments{options.program.empty() ? VANTORIX_HELPER_PATH : options.program, "--socket", daemon->socketPath_, "--smartctl", options.smartctl};
+    std::vector<std::string> arguments{options.program.empty() ? VANTORIX_HELPER_PATH : options.program, "--socket",
+                                       daemon->socketPath_, "--smartctl", options.smartctl};
     arguments.insert(arguments.end(), options.extraArguments.begin(), options.extraArguments.end());
-    std::vector<char*> argv;
-    for (auto& argument : arguments) argv.push_back(argument.data());
-    argv.push_back(nullptr);
-
-    const pid_t pid = ::fork();
-    if (pid < 0) {
-        *error = std::string("fork: ") + std::strerror(errno);
-        return nullptr;
-    }
-    if (pid == 0) {
-        const int devNull = ::open("/dev/null", O_RDONLY);
-        ::dup2(devNull, 0);
-        ::execv(argv[0], argv.data());
-        std::fprintf(stderr, "exec %s: %s\n", argv[0], std::strerror(errno));
-        ::_exit(127);
-    }
-    daemon->pid_ = pid;
-    const auto deadline = Clock::now() + std::chrono::seconds(5);
-    while (Clock::now() < deadline) {
-        if (const auto status = waitForExit(pid, std::chrono::milliseconds(0))) {
-            daemon->exitStatus_ = *status;
-            *error = "the helper exited with status " + std::to_string(*status);
+    daemon->process_ = RunningProcess::start(arguments);
+    for (const auto deadline = Clock::now() + std::chrono::seconds(5); Clock::now() < deadline;) {
+        if (const auto status = daemon->process_->waitForExit(std::chrono::milliseconds(10))) {
+            *error = "the helper exited (" + std::to_string(*status) + "): " + daemon->process_->standardError();
             return nullptr;
         }
         if (const int fd = connectTo(daemon->socketPath_); fd >= 0) {
             ::close(fd);
             return daemon;
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     *error = "the helper did not listen on " + daemon->socketPath_ + " within 5 s";
     return nullptr;
 }
 
 int HelperDaemon::stop() {
-    if (exitStatus_) return *exitStatus_;
-    ::kill(pid_, SIGTERM);
-    auto status = waitForExit(pid_, std::chrono::seconds(5));
-    if (!status) {
-        ::kill(pid_, SIGKILL);
-        status = waitForExit(pid_, std::chrono::seconds(5));
-    }
-    exitStatus_ = status.value_or(-1);
-    return *exitStatus_;
+    if (const auto status = process_->waitForExit(std::chrono::milliseconds(0))) return *status;
+    process_->signal(SIGTERM);
+    if (const auto status = process_->waitForExit(std::chrono::seconds(5))) return *status;
+    process_->signal(SIGKILL);
+    return process_->waitForExit(std::chrono::seconds(5)).value_or(-1);
 }
 
 HelperDaemon::~HelperDaemon() {
-    if (pid_ > 0) stop();
-    if (!directory_.empty()) {
-        std::error_code ignored;
-        std::filesystem::remove_all(directory_, ignored);
-    }
+    if (process_) stop();
+    std::error_code ignored;
+    std::filesystem::remove_all(directory_, ignored);
 }
 
 int connectTo(const std::string& socketPath) {
     const auto address = addressOf(socketPath);
-    if (!address) return -1;
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return -1;
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&*address), sizeof(*address)) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
+    const int fd = address ? ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0) : -1;
+    if (fd >= 0 && ::connect(fd, reinterpret_cast<const sockaddr*>(&*address), sizeof(*address)) == 0) return fd;
+    if (fd >= 0) ::close(fd);
+    return -1;
 }
 
 int connectAs(uid_t uid, const std::string& socketPath) {
     const auto address = addressOf(socketPath);
-    if (!address) return -1;
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return -1;
+    const int fd = address ? ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0) : -1;
     // The peer's credentials are taken at connect(): a child connects the descriptor it shares.
-    const pid_t pid = ::fork();
+    const pid_t pid = fd >= 0 ? ::fork() : -1;
     if (pid == 0) {
         const bool connected = ::setgroups(0, nullptr) == 0 && ::setresgid(uid, uid, uid) == 0 &&
                                ::setresuid(uid, uid, uid) == 0 &&
                                ::connect(fd, reinterpret_cast<const sockaddr*>(&*address), sizeof(*address)) == 0;
         ::_exit(connected ? 0 : 1);
     }
-    int status = -1;
-    while (pid > 0 && ::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    if (pid < 0 || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
+    if (pid > 0 && waitForExit(pid, std::chrono::seconds(10)) == 0) return fd;
+    if (fd >= 0) ::close(fd);
+    return -1;
 }
 
 bool sendAll(int fd, std::string_view bytes) {
@@ -220,18 +179,6 @@ std::string rootDiskName() {
         return std::filesystem::exists(device / "partition") ? device.parent_path().filename() : device.filename();
     }
     return {};
-}
-
-std::optional<int> waitForExit(pid_t pid, std::chrono::milliseconds limit) {
-    const auto deadline = Clock::now() + limit;
-    while (true) {
-        int status = 0;
-        const pid_t reaped = ::waitpid(pid, &status, WNOHANG);
-        if (reaped == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        if (reaped < 0) return -1;
-        if (Clock::now() >= deadline) return std::nullopt;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
 }
 
 }  // namespace vantorix::testing

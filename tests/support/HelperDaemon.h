@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "support/Process.h"
+
 namespace vantorix::testing {
 
 // The real vantorix-smartctl-helper, as built, listening on a socket in a temporary folder.
@@ -23,7 +25,7 @@ public:
 
     // Starts the daemon with --socket <tmp>/helper.sock --smartctl <smartctl> plus extraArguments,
     // and waits (at most 5 s) until its socket accepts connections. The folder is open to every user,
-    // like the daemon's own. nullptr (with *error) on failure.
+    // like the daemon's own. Its standard error goes to a file. nullptr (with *error) on failure.
     static std::unique_ptr<HelperDaemon> start(const Options& options, std::string* error);
     // Stops the daemon (see stop()) and removes its temporary folder.
     ~HelperDaemon();
@@ -31,7 +33,7 @@ public:
     HelperDaemon& operator=(const HelperDaemon&) = delete;
 
     const std::string& socketPath() const { return socketPath_; }
-    pid_t pid() const { return pid_; }
+    pid_t pid() const { return process_->pid(); }
 
     // SIGTERM, then waits (5 s, then SIGKILL) and reaps: the exit status (128 + signal when killed).
     int stop();
@@ -40,8 +42,7 @@ private:
     HelperDaemon() = default;
     std::string directory_;
     std::string socketPath_;
-    pid_t pid_ = -1;
-    std::optional<int> exitStatus_;
+    std::unique_ptr<RunningProcess> process_;
 };
 
 // A small blocking client for tests: raw bytes, frames and time limits.
@@ -65,8 +66,5 @@ bool peerHungUp(int fd, std::chrono::milliseconds limit);
 std::uint64_t statusKilobytes(pid_t pid, const std::string& field);
 // The whole disk behind "/" (for "/dev/nvme0n1p2", "nvme0n1"), from mountinfo and sysfs.
 std::string rootDiskName();
-
-// The exit status of a child process, waiting at most the limit; nothing when it is still running.
-std::optional<int> waitForExit(pid_t pid, std::chrono::milliseconds limit);
 
 }  // namespace vantorix::testing

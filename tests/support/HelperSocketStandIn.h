@@ -2,18 +2,20 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <thread>
 
 namespace vantorix::testing {
 
-// A process that listens where the helper would, but is not the helper: in a child process running
-// as `uid`, it listens on a Unix socket in a temporary folder and either closes every connection
-// as soon as it accepts it, or keeps every connection and reads what comes without ever answering.
-// It reports the connections it accepted and the bytes it read. Killed, reaped and removed with
-// the object.
+// Something that listens where the helper would, but is not the helper: a Unix socket in a
+// temporary folder, bound and listened on as `uid` (what a client's peer check sees), that either
+// closes every connection as soon as it accepts it, or keeps every connection and reads what comes
+// without ever answering. It counts the connections it accepted and the bytes it read. Stopped and
+// removed with the object.
 class HelperSocketStandIn {
 public:
     enum class Behaviour { closeAtOnce, neverAnswer };
@@ -31,16 +33,18 @@ public:
         std::uint64_t closed = 0;       // closed by it (closeAtOnce) or by the client
         friend bool operator==(const Counts&, const Counts&) = default;
     };
-    // What it has reported so far.
-    Counts counts();
-    // Waits (at most `limit`) until `done` holds for what it reported; what it reported then.
+    Counts counts() const { return {connections_, bytes_, closed_}; }
+    // Waits (at most `limit`) until `done` holds for the counts; the counts then.
     Counts waitFor(const std::function<bool(const Counts&)>& done, std::chrono::milliseconds limit);
 
 private:
+    void serve(Behaviour behaviour);
+
     std::string directory_, path_;
-    pid_t pid_ = -1;
-    int report_ = -1;
-    std::string reports_;
+    int listener_ = -1;
+    std::atomic<bool> stop_{false};
+    std::atomic<std::uint64_t> connections_{0}, bytes_{0}, closed_{0};
+    std::thread server_;
 };
 
 }  // namespace vantorix::testing

@@ -33,7 +33,6 @@ public:
 private:
     LoopVolume() = default;
     std::string directory_;
-    std::string image_;
     std::string device_;
     std::string mountPoint_;
     bool mounted_ = false;

@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -29,16 +30,16 @@ std::string slurp(const std::string& path) {
     return text.str();
 }
 
-// The null-terminated array of pointers that execve() takes, into `strings`.
-std::vector<char*> pointers(std::vector<std::string>& strings) {
-    std::vector<char*> result;
-    for (auto& s : strings) result.push_back(s.data());
-    result.push_back(nullptr);
-    return result;
+// A temporary file, open (close-on-exec) at the descriptor returned; its path replaces `pattern`.
+int temporaryFile(std::string& pattern) {
+    const int fd = ::mkostemp(pattern.data(), O_CLOEXEC);
+    if (fd < 0) throw std::runtime_error("mkostemp failed");
+    return fd;
 }
 
-// This process's environment with the overrides applied, as "NAME=value" strings.
-std::vector<std::string> mergedEnvironment(const std::map<std::string, std::optional<std::string>>& environment) {
+// Starts the program with the environment applied, standard input from /dev/null and standard
+// output and error on the descriptors given.
+pid_t spawn(const std::vector<std::string>& argv, const Environment& environment, int out, int err) {
     std::map<std::string, std::string> merged;
     for (char** e = environ; *e != nullptr; ++e) {
         const std::string entry(*e);
@@ -49,75 +50,53 @@ std::vector<std::string> mergedEnvironment(const std::map<std::string, std::opti
         if (value) merged[name] = *value;
         else merged.erase(name);
     }
-    std::vector<std::string> envStrings;
-    for (const auto& [name, value] : merged) envStrings.push_back(name + "=" + value);
-    return envStrings;
-}
-
-}  // namespace
-
-ProcessResult runProcess(const std::vector<std::string>& argv,
-                         const std::map<std::string, std::optional<std::string>>& environment) {
-    char outPath[] = "/tmp/vantorix-test-out-XXXXXX";
-    char errPath[] = "/tmp/vantorix-test-err-XXXXXX";
-    const int outFd = ::mkstemp(outPath);
-    const int errFd = ::mkstemp(errPath);
-    if (outFd < 0 || errFd < 0) throw std::runtime_error("mkstemp failed");
-
-    std::vector<std::string> envStrings = mergedEnvironment(environment);
-    std::vector<std::string> args = argv;
-    const auto envp = pointers(envStrings);
-    const auto argp = pointers(args);
-
+    std::vector<std::string> arguments = argv, variables;
+    for (const auto& [name, value] : merged) variables.push_back(name + "=" + value);
+    std::vector<char*> argp, envp;
+    for (auto& argument : arguments) argp.push_back(argument.data());
+    for (auto& variable : variables) envp.push_back(variable.data());
+    argp.push_back(nullptr);
+    envp.push_back(nullptr);
     const pid_t pid = ::fork();
     if (pid == 0) {
-        const int devNull = ::open("/dev/null", O_RDONLY);
-        ::dup2(devNull, 0);
-        ::dup2(outFd, 1);
-        ::dup2(errFd, 2);
+        ::dup2(::open("/dev/null", O_RDONLY), 0);
+        ::dup2(out, 1);
+        ::dup2(err, 2);
         ::execve(argp[0], argp.data(), envp.data());
         std::fprintf(stderr, "exec %s: %s\n", argp[0], std::strerror(errno));
         ::_exit(127);
     }
+    return pid;
+}
+
+}  // namespace
+
+ProcessResult runProcess(const std::vector<std::string>& argv, const Environment& environment) {
+    std::string outPath = "/tmp/vantorix-test-out-XXXXXX", errPath = "/tmp/vantorix-test-err-XXXXXX";
+    const int out = temporaryFile(outPath), err = temporaryFile(errPath);
     ProcessResult result;
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    result.exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    ::close(outFd);
-    ::close(errFd);
+    result.exitStatus = waitForExit(spawn(argv, environment, out, err), std::chrono::hours(1)).value_or(-1);
+    ::close(out);
+    ::close(err);
     result.out = slurp(outPath);
     result.err = slurp(errPath);
-    ::unlink(outPath);
-    ::unlink(errPath);
+    ::unlink(outPath.c_str());
+    ::unlink(errPath.c_str());
     return result;
 }
 
 ProcessResult runShell(const std::string& command) { return runProcess({"/bin/sh", "-c", command}); }
 
 std::unique_ptr<RunningProcess> RunningProcess::start(const std::vector<std::string>& argv,
-                                                     const std::map<std::string, std::optional<std::string>>& environment,
-                                                     bool errorsToOutput) {
+                                                     const Environment& environment, bool errorsToOutput) {
     std::unique_ptr<RunningProcess> process(new RunningProcess());
-    char errPath[] = "/tmp/vantorix-test-err-XXXXXX";
-    const int errFd = ::mkstemp(errPath);
+    process->errPath_ = "/tmp/vantorix-test-err-XXXXXX";
+    const int err = temporaryFile(process->errPath_);
     int out[2];
-    if (errFd < 0 || ::pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("mkstemp or pipe failed");
-    process->errPath_ = errPath;
-    std::vector<std::string> envStrings = mergedEnvironment(environment);
-    std::vector<std::string> args = argv;
-    const auto envp = pointers(envStrings);
-    const auto argp = pointers(args);
-    process->pid_ = ::fork();
-    if (process->pid_ == 0) {
-        const int devNull = ::open("/dev/null", O_RDONLY);
-        ::dup2(devNull, 0);
-        ::dup2(out[1], 1);
-        ::dup2(errorsToOutput ? out[1] : errFd, 2);
-        ::execve(argp[0], argp.data(), envp.data());
-        ::_exit(127);
-    }
+    if (::pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+    process->pid_ = spawn(argv, environment, out[1], errorsToOutput ? out[1] : err);
     ::close(out[1]);
-    ::close(errFd);
+    ::close(err);
     process->out_ = out[0];
     return process;
 }
@@ -158,20 +137,31 @@ void RunningProcess::closeOutput() {
 }
 
 std::optional<int> RunningProcess::waitForExit(std::chrono::milliseconds limit) {
-    if (status_) return status_;
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    do {
-        int status = 0;
-        if (::waitpid(pid_, &status, WNOHANG) == pid_) {
-            status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            return status_;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    } while (std::chrono::steady_clock::now() < deadline);
-    return std::nullopt;
+    if (!status_) status_ = testing::waitForExit(pid_, limit);
+    return status_;
 }
 
 std::string RunningProcess::standardError() const { return slurp(errPath_); }
+
+std::optional<int> waitForExit(pid_t pid, std::chrono::milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (true) {
+        int status = 0;
+        const pid_t reaped = ::waitpid(pid, &status, WNOHANG);
+        if (reaped == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        if (reaped < 0) return -1;
+        if (std::chrono::steady_clock::now() >= deadline) return std::nullopt;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
+
+bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
+    for (const auto until = std::chrono::steady_clock::now() + limit; std::chrono::steady_clock::now() < until;
+         std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
+        if (condition()) return true;
+    }
+    return condition();
+}
 
 int freeLoopbackPort() {
     const int fd = ::socket(AF_INET, SOCK_STREAM, 0);

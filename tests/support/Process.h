@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -17,10 +18,11 @@ struct ProcessResult {
     std::string err;
 };
 
-// Runs a program (no shell) and collects its output. `environment` entries override (or, with
-// nullopt, remove) variables of this process's environment.
-ProcessResult runProcess(const std::vector<std::string>& argv,
-                         const std::map<std::string, std::optional<std::string>>& environment = {});
+// Variables that override (or, with nullopt, remove) those of this process's environment.
+using Environment = std::map<std::string, std::optional<std::string>>;
+
+// Runs a program (no shell) with standard input from /dev/null and collects its output.
+ProcessResult runProcess(const std::vector<std::string>& argv, const Environment& environment = {});
 
 // Runs a command through /bin/sh -c; for test set-up steps.
 ProcessResult runShell(const std::string& command);
@@ -31,14 +33,14 @@ ProcessResult runShell(const std::string& command);
 class RunningProcess {
 public:
     static std::unique_ptr<RunningProcess> start(const std::vector<std::string>& argv,
-                                                 const std::map<std::string, std::optional<std::string>>& environment = {},
-                                                 bool errorsToOutput = false);
+                                                 const Environment& environment = {}, bool errorsToOutput = false);
     ~RunningProcess();
     RunningProcess(const RunningProcess&) = delete;
     RunningProcess& operator=(const RunningProcess&) = delete;
 
     pid_t pid() const { return pid_; }
-    // The next line of standard output (without its newline), or nothing when none comes in time.
+    // The next line of standard output (without its newline), or nothing when none comes in time
+    // or the output has ended.
     std::optional<std::string> readLine(std::chrono::milliseconds limit);
     void signal(int number) const;
     // Closes the reading end of the pipe, as a reader that goes away does: the program's next
@@ -57,6 +59,13 @@ private:
     std::string pending_;
     std::optional<int> status_;
 };
+
+// The exit status of a child process (128 + signal when killed), waiting at most the limit; nothing
+// when it is still running.
+std::optional<int> waitForExit(pid_t pid, std::chrono::milliseconds limit);
+
+// Whether the condition holds within the limit, checked every 10 ms.
+bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit = std::chrono::seconds(10));
 
 // A loopback TCP port no one listens on now (the kernel's choice for a socket bound to port 0).
 int freeLoopbackPort();

@@ -1,6 +1,13 @@
 #pragma once
 
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <memory>
+#include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -21,19 +28,67 @@ struct StandInBehaviour {
 // (sleeps for good) or flood (about 100 MB to standard output).
 class SmartctlStandIn {
 public:
-    static std::unique_ptr<SmartctlStandIn> create(const StandInBehaviour& behaviour);
-    ~SmartctlStandIn();
+    static std::unique_ptr<SmartctlStandIn> create(const StandInBehaviour& behaviour) {
+        std::unique_ptr<SmartctlStandIn> standIn(new SmartctlStandIn());
+        char pattern[] = "/tmp/vantorix-smartctl-XXXXXX";
+        if (::mkdtemp(pattern) == nullptr) throw std::runtime_error("mkdtemp failed");
+        ::chmod(pattern, 0755);
+        standIn->directory_ = pattern;
+        standIn->path_ = standIn->directory_ + "/smartctl";
+        standIn->log_ = standIn->directory_ + "/starts.log";
+        standIn->setBehaviour(behaviour);
+        return standIn;
+    }
+    ~SmartctlStandIn() {
+        std::error_code ignored;
+        std::filesystem::remove_all(directory_, ignored);
+    }
     SmartctlStandIn(const SmartctlStandIn&) = delete;
     SmartctlStandIn& operator=(const SmartctlStandIn&) = delete;
 
     // The program to hand to --smartctl.
     const std::string& path() const { return path_; }
     // Rewrites the script atomically (a new file renamed over the old one).
-    void setBehaviour(const StandInBehaviour& behaviour);
+    void setBehaviour(const StandInBehaviour& behaviour) {
+        std::ostringstream script;
+        script << "#!/bin/sh\n"
+               // One write per start, so that starts at the same moment do not interleave.
+               << "line=$(printf '%s\\037' \"$@\")\n"
+               << "printf '%s\\n' \"$line\" >> " << quoted(log_) << "\n";
+        switch (behaviour.mode) {
+            case StandInBehaviour::Mode::print:
+                if (!behaviour.outputFile.empty()) script << "cat " << quoted(behaviour.outputFile) << "\n";
+                if (!behaviour.standardError.empty()) script << "printf '%s' " << quoted(behaviour.standardError) << " >&2\n";
+                script << "exit " << behaviour.exitStatus << "\n";
+                break;
+            case StandInBehaviour::Mode::hang: script << "exec sleep 1000\n"; break;
+            case StandInBehaviour::Mode::flood: script << "exec head -c 100000000 /dev/zero\n"; break;
+        }
+        const std::string next = path_ + ".next";
+        if (!(std::ofstream(next, std::ios::trunc) << script.str())) throw std::runtime_error("cannot write " + next);
+        ::chmod(next.c_str(), 0755);
+        std::filesystem::rename(next, path_);
+    }
     // The arguments (without argv[0]) of every start so far, in order.
-    std::vector<std::vector<std::string>> starts() const;
+    std::vector<std::vector<std::string>> starts() const {
+        std::vector<std::vector<std::string>> result;
+        std::ifstream in(log_);
+        for (std::string line; std::getline(in, line);) {
+            std::istringstream fields(line);
+            result.emplace_back();
+            for (std::string argument; std::getline(fields, argument, kSeparator);) result.back().push_back(argument);
+        }
+        return result;
+    }
 
 private:
+    static constexpr char kSeparator = '\x1f';  // between the arguments of one start; a start is one line
+    // The text as one single-quoted shell word.
+    static std::string quoted(const std::string& text) {
+        std::string out = "'";
+        for (const char c : text) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        return out + "'";
+    }
     SmartctlStandIn() = default;
     std::string directory_;
     std::string path_;

@@ -38,17 +38,53 @@ public:
 
     explicit SubstituteHelperService(Script script) : script_(std::move(script)) {}
 
-    Calls calls() const;
+    Calls calls() const {
+        std::lock_guard lock(mutex_);
+        return calls_;
+    }
 
-    HelperServiceBackend backend() const override;
+    HelperServiceBackend backend() const override {
+        std::lock_guard lock(mutex_);
+        return script_.backend;
+    }
     std::string mechanism() const override { return "substitute helper service"; }
     std::string definitionName() const override { return "the substitute unit file"; }
-    std::optional<std::string> definitionPath() override;
-    HelperExecutable helperExecutable() override;
-    HelperServiceState state() override;
-    Result<Unit, HelperServiceError> enable() override;
-    Result<Unit, HelperServiceError> disable() override;
-    std::string socketPath() override;
+    std::optional<std::string> definitionPath() override {
+        std::lock_guard lock(mutex_);
+        ++calls_.definitionLookups;
+        return script_.definitionPath;
+    }
+    HelperExecutable helperExecutable() override {
+        std::lock_guard lock(mutex_);
+        return script_.helperExecutable;
+    }
+    HelperServiceState state() override {
+        std::lock_guard lock(mutex_);
+        ++calls_.stateReads;
+        return script_.state;
+    }
+    Result<Unit, HelperServiceError> enable() override {
+        std::lock_guard lock(mutex_);
+        ++calls_.enables;
+        if (script_.enableError) return Failure{*script_.enableError};
+        script_.state = script_.stateAfterEnabling;
+        script_.helperExecutable.exists = script_.executableExistsAfterEnabling;
+        return Unit{};
+    }
+    Result<Unit, HelperServiceError> disable() override {
+        std::lock_guard lock(mutex_);
+        ++calls_.disables;
+        if (script_.disableError) {
+            if (script_.stateAfterFailedDisable) script_.state = *script_.stateAfterFailedDisable;
+            return Failure{*script_.disableError};
+        }
+        script_.state = HelperServiceState::notEnabled;
+        return Unit{};
+    }
+    std::string socketPath() override {
+        std::lock_guard lock(mutex_);
+        return script_.socketPath;
+    }
 
 private:
     mutable std::mutex mutex_;

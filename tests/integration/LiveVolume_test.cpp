@@ -1,0 +1,298 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "integration/HelperTestClient.h"
+#include "support/BlockDevice.h"
+#include "support/LoopVolume.h"
+#include "support/Process.h"
+#include "text/Utf8.h"
+
+namespace vantorix {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+using testing::LoopVolume;
+using testing::RunningProcess;
+
+// Overwrites the file in place with O_DIRECT, so the device sees the data and almost nothing else.
+void overwriteDirect(const std::string& path, std::size_t bytes, std::size_t offset) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_DIRECT);
+    ASSERT_GE(fd, 0);
+    void* buffer = std::aligned_alloc(4096, bytes);
+    std::memset(buffer, 0x5a, bytes);
+    EXPECT_EQ(::pwrite(fd, buffer, bytes, static_cast<off_t>(offset)), static_cast<ssize_t>(bytes));
+    std::free(buffer);
+    ::close(fd);
+}
+
+// A loop volume whose label, mount point and folder are bytes that are not UTF-8, and whose "drive"
+// is the real helper running a smartctl stand-in that prints a saved NVMe answer with exit status 4
+// ("some SMART command failed": a bit that still comes with usable JSON).
+class LiveVolume : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (const auto reason = LoopVolume::unavailableReason(); !reason.empty()) GTEST_SKIP() << reason;
+        std::string error;
+        volume_ = LoopVolume::create("vx-\xff\xfe", 256ull << 20, &error, "mnt\xff");  // for 160 MiB written
+        ASSERT_TRUE(volume_) << error;
+        fs::create_directory(volume_->mountPoint() + "/dir\xfe");
+        using testing::StandInBehaviour;
+        standIn_ = testing::SmartctlStandIn::create({StandInBehaviour::Mode::print, testing::kHelperFixture, "", 4});
+        helper_ = testing::startHelper(standIn_->path());
+        ASSERT_TRUE(helper_);
+    }
+    void TearDown() override {
+        if (exporter_) {
+            exporter_->signal(SIGTERM);
+            EXPECT_EQ(exporter_->waitForExit(10s), 128 + SIGTERM) << exporter_->standardError();
+        }
+    }
+    testing::Environment environment(const std::string& language = "en_US") const {
+        return {{"LANGUAGE", language}, {"LC_ALL", std::nullopt}, {"VANTORIX_LOG", "off"},
+                {"VANTORIX_HELPER_SOCKET", helper_->socketPath()}};
+    }
+    testing::ProcessResult smart(const std::vector<std::string>& args, const std::string& language = "en_US") const {
+        std::vector<std::string> argv{VANTORIX_CLI_PATH, "smart"};
+        argv.insert(argv.end(), args.begin(), args.end());
+        return testing::runProcess(argv, environment(language));
+    }
+    // `serve` for the volume's folder.
+    void startExporter() {
+        port_ = testing::freeLoopbackPort();
+        started_ = std::chrono::steady_clock::now();
+        exporter_ = RunningProcess::start({VANTORIX_CLI_PATH, "serve", "--listen", "127.0.0.1:" + std::to_string(port_),
+                                           "--precision", "100", "--volume", volume_->mountPoint() + "/dir\xfe"},
+                                          {{"VANTORIX_HELPER_SOCKET", helper_->socketPath()}});
+        ASSERT_TRUE(testing::eventually([&] { return static_cast<bool>(client().Get("/metrics")); }))
+            << exporter_->standardError();
+    }
+    httplib::Client client() const {
+        httplib::Client c("127.0.0.1", port_);
+        c.set_connection_timeout(5);
+        c.set_read_timeout(10);
+        return c;
+    }
+    // The labels of the volume's series: its mount point, whatever folder was given, with U+FFFD for
+    // the byte that is not UTF-8.
+    std::string labels() const {
+        const std::string& mountPoint = volume_->mountPoint();
+        return "{device=\"" + volume_->deviceName() + "\",mountpoint=\"" + mountPoint.substr(0, mountPoint.size() - 1) +
+               "\uFFFD\"}";
+    }
+
+    std::unique_ptr<LoopVolume> volume_;
+    std::unique_ptr<testing::SmartctlStandIn> standIn_;
+    std::unique_ptr<testing::HelperDaemon> helper_;
+    int port_ = 0;
+    std::chrono::steady_clock::time_point started_;
+    std::unique_ptr<RunningProcess> exporter_;
+};
+
+TEST_F(LiveVolume, SmartShowsTheDrivesDataThroughTheHelperInTheUsersLanguage) {
+    const auto human = smart({volume_->mountPoint()});
+    ASSERT_EQ(human.exitStatus, 0) << human.err;
+    EXPECT_EQ(human.out.substr(0, human.out.find("Model")),
+              "Overall Status  PASSED\n\nSerial Number                              BTNH93710FS91P0B\n");
+    const auto chinese = smart({volume_->mountPoint()}, "zh_CN:en");
+    EXPECT_EQ(chinese.out.substr(0, chinese.out.find("型号")),
+              "总体状态  PASSED\n\n序列号                                     BTNH93710FS91P0B\n");
+    const auto json = smart({volume_->mountPoint(), "--json"});
+    ASSERT_EQ(json.exitStatus, 0) << json.err;
+    const auto document = nlohmann::json::parse(json.out);
+    EXPECT_EQ(document["sourceCommand"], standIn_->path() + " --json -a -n standby " + volume_->device());
+    ASSERT_EQ(document["details"].size(), 34U);
+    const auto& first = document["details"][0];
+    EXPECT_EQ(first["keyPath"], "serial_number");
+    EXPECT_EQ(first["id"].get<std::string>().size(), 36U);
+    // The loop device has no partition: one name to try. A request within a second of the last
+    // run's end shares that run, so a command may not start smartctl again.
+    const std::vector<std::string> arguments{"--json", "-a", "-n", "standby", volume_->device()};
+    const auto starts = standIn_->starts();
+    ASSERT_FALSE(starts.empty());
+    EXPECT_LE(starts.size(), 3U);
+    for (const auto& start : starts) EXPECT_EQ(start, arguments);
+
+    // The performance test's report carries the drive's SMART data.
+    const auto run = testing::runProcess({VANTORIX_CLI_PATH, "bench", volume_->mountPoint(), "--json", "--payload-bytes",
+                                          "4000000", "--random-seconds", "0.1"},
+                                         environment());
+    ASSERT_EQ(run.exitStatus, 0) << run.err;
+    fs::path path;  // its JSON path shows the mount point's byte as U+FFFD
+    for (const auto& entry : fs::directory_iterator(volume_->mountPoint())) {
+        if (entry.path().extension() == ".html") path = entry.path();
+    }
+    std::ifstream report(path);
+    const std::string html{std::istreambuf_iterator<char>(report), std::istreambuf_iterator<char>()};
+    EXPECT_THAT(html, HasSubstr("<strong>Overall Status:</strong> PASSED"));
+    EXPECT_THAT(html, HasSubstr("BTNH93710FS91P0B"));
+}
+
+TEST_F(LiveVolume, SmartWatchPublishesEveryRefreshWithFreshRowsAndTheChangeOnce) {
+    auto watch = testing::RunningProcess::start({VANTORIX_CLI_PATH, "smart", volume_->mountPoint(), "--watch", "--json"},
+                                                environment());
+    const auto next = [&] {
+        const auto line = watch->readLine(10s);
+        EXPECT_TRUE(line.has_value()) << watch->standardError();
+        return line ? nlohmann::json::parse(*line) : nlohmann::json();
+    };
+    // Every interpretation makes fresh row ids, so the unchanged answer is published again.
+    const auto first = next()["smart"], second = next()["smart"];
+    EXPECT_EQ(first["overallStatus"], "PASSED");
+    EXPECT_EQ(second["details"][0]["value"], first["details"][0]["value"]);
+    EXPECT_NE(second["details"][0]["id"], first["details"][0]["id"]);
+
+    // Another drive's answer: its serial number, the first row, shows from the first refresh after
+    // the change (or the one after, when a request still shared the run before it) and stays.
+    standIn_->setBehaviour(testing::printing(std::string(VANTORIX_TEST_DATA_DIR) + "/smartctl/scrutiny-smart-nvme-failed.json"));
+    std::string serials;
+    for (int i = 0; i < 4; ++i) serials += next()["smart"]["details"][0]["value"] == "S466NX0M776250H" ? '+' : '-';
+    EXPECT_TRUE(serials == "++++" || serials == "-+++") << serials;
+    watch->signal(SIGINT);
+    EXPECT_EQ(watch->waitForExit(10s), 130);
+}
+
+// helper status and enable, with the volume's helper and with none; with --json, standard output
+// carries the one JSON document.
+TEST_F(LiveVolume, HelperCommandsReportTheHelperTheyFind) {
+    const auto helper = [&](const std::string& command, const std::string& socket, int status) {
+        auto environment = this->environment();
+        environment["VANTORIX_HELPER_SOCKET"] = socket;
+        const auto run = testing::runProcess({VANTORIX_CLI_PATH, "helper", command, "--json"}, environment);
+        EXPECT_EQ(run.exitStatus, status) << command << run.err;
+        return nlohmann::json::parse(run.out);
+    };
+    EXPECT_EQ(helper("status", "/nonexistent/helper.sock", 0)["status"], "needsAdministrator");
+    EXPECT_THAT(helper("enable", "/nonexistent/helper.sock", 1)["message"].get<std::string>(),
+                HasSubstr("No Vantorix SMART helper running as root answers at"));
+    const auto present = helper("status", helper_->socketPath(), 0);
+    EXPECT_EQ(present["status"], "enabled");
+    EXPECT_EQ(present["helperVersion"], VANTORIX_VERSION);
+    EXPECT_EQ(helper("enable", helper_->socketPath(), 0)["success"], true);
+}
+
+TEST_F(LiveVolume, ExporterPrometheusSeesTheBytesWrittenAndBurstsAboveItsOneSecondRate) {
+    if (!fs::exists("/usr/bin/prometheus") || !fs::exists("/usr/bin/promtool")) GTEST_SKIP() << "Prometheus is not installed";
+    startExporter();
+    const fs::path dir = fs::path(volume_->mountPoint()).parent_path() / "prometheus";
+    fs::create_directories(dir);
+    const int prometheusPort = testing::freeLoopbackPort();
+    std::ofstream(dir / "prometheus.yml") << "global:\n  scrape_interval: 1s\n  scrape_timeout: 1s\n"
+                                             "scrape_configs:\n  - job_name: vantorix\n    static_configs:\n"
+                                             "      - targets: ['127.0.0.1:" << port_ << "']\n";
+    auto prometheus = RunningProcess::start({"/usr/bin/prometheus", "--config.file=" + (dir / "prometheus.yml").string(),
+                                             "--storage.tsdb.path=" + (dir / "data").string(),
+                                             "--web.listen-address=127.0.0.1:" + std::to_string(prometheusPort)});
+    httplib::Client api("127.0.0.1", prometheusPort);
+    const auto ready = [&] {
+        const auto r = api.Get("/-/ready");
+        return r && r->status == 200;
+    };
+    ASSERT_TRUE(testing::eventually(ready, 30s)) << prometheus->standardError();
+
+    // The file is written once before the measured stretch; then bursts overwrite it in place.
+    const std::string file = volume_->mountPoint() + "/data";
+    constexpr std::size_t kBurst = 8u << 20;
+    constexpr std::size_t kBursts = 20;
+    ASSERT_TRUE(testing::writeDirect(file, kBurst * kBursts >> 20U));
+    ::sync();
+
+    const auto query = [&](const std::string& promql, double at) -> std::optional<double> {
+        auto r = api.Get("/api/v1/query", httplib::Params{{"query", promql}, {"time", std::to_string(at)}}, {});
+        if (!r || r->status != 200) return std::nullopt;
+        const auto body = nlohmann::json::parse(r->body, nullptr, false);
+        const auto& result = body["data"]["result"];
+        if (!result.is_array() || result.empty()) return std::nullopt;
+        return std::stod(result[0]["value"][1].get<std::string>());
+    };
+    const auto now = [] { return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count(); };
+    const std::string device = "{device=\"" + volume_->deviceName() + "\"}";
+    // Prometheus has scraped all that the device has written so far.
+    const auto settled = [&] {
+        const auto seen = query("vantorix_volume_written_bytes_total" + device, now());
+        return seen && *seen == static_cast<double>(testing::deviceCounters(volume_->deviceName())[1]);
+    };
+    ASSERT_TRUE(testing::eventually(settled, 60s));
+    const double before = now();
+    const auto start = std::chrono::steady_clock::now();
+    for (std::size_t i = 0; i < kBursts; ++i) {
+        overwriteDirect(file, kBurst, i * kBurst);
+        std::this_thread::sleep_until(start + static_cast<int>(i + 1) * 2500ms);
+    }
+    ASSERT_TRUE(testing::eventually(settled, 60s));
+    const double after = now();
+    const std::string range = "[" + std::to_string(static_cast<int>(after - before) + 2) + "s";
+
+    const auto written0 = query("vantorix_volume_written_bytes_total" + device, before);
+    const auto written1 = query("vantorix_volume_written_bytes_total" + device, after);
+    ASSERT_TRUE(written0 && written1);
+    const double moved = *written1 - *written0;
+    EXPECT_NEAR(moved, double(kBurst) * kBursts, 0.01 * kBurst * kBursts) << moved;
+
+    const auto burst = query("max_over_time(vantorix_volume_write_peak_bytes_per_second" + device + range + "])",
+                             after);
+    const auto rate =
+        query("max_over_time(irate(vantorix_volume_written_bytes_total" + device + "[3s])" + range + ":1s])", after);
+    ASSERT_TRUE(burst && rate);
+    EXPECT_GE(*burst, *rate);
+    EXPECT_GT(*rate, 0);
+
+    // promtool accepts what the exporter serves, SMART figures included; smartctl ran at most once a minute.
+    auto metrics = client().Get("/metrics");
+    ASSERT_TRUE(metrics);
+    for (const std::string& line : {"passed" + labels() + " 1", "temperature_celsius" + labels() + " 36",
+                                    "power_on_seconds" + labels() + " 8643600"}) {
+        EXPECT_NE(metrics->body.find("\nvantorix_smart_" + line + "\n"), std::string::npos) << line;
+    }
+    const auto minutes = std::chrono::duration_cast<std::chrono::minutes>(std::chrono::steady_clock::now() - started_).count();
+    EXPECT_GE(standIn_->starts().size(), 1u);
+    EXPECT_LE(standIn_->starts().size(), static_cast<std::size_t>(minutes + 1));
+    std::ofstream(dir / "metrics.txt") << metrics->body;
+    const auto check = testing::runShell("promtool check metrics < " + (dir / "metrics.txt").string());
+    EXPECT_EQ(check.exitStatus, 0) << check.out << check.err;
+
+    prometheus->signal(SIGTERM);
+    EXPECT_TRUE(prometheus->waitForExit(20s));
+    fs::remove_all(dir);
+}
+
+// 200 scrapes at once are all answered, with the volume's series (valid UTF-8, U+FFFD in its labels);
+// a volume that goes the way a pulled disk does is dropped and the exporter carries on.
+TEST_F(LiveVolume, ExporterAnswersEveryScrapeAndDropsAVanishedVolume) {
+    startExporter();
+    std::atomic<int> answered{0};
+    std::vector<std::thread> scrapers;
+    for (int i = 0; i < 200; ++i) {
+        scrapers.emplace_back([&] {
+            const auto r = client().Get("/metrics");
+            const std::string series = "\nvantorix_volume_written_bytes_total" + labels() + " ";
+            const bool served = r && r->status == 200 && r->body.find(series) != std::string::npos;
+            if (served && text::isValidUtf8(r->body)) ++answered;
+        });
+    }
+    for (auto& t : scrapers) t.join();
+    EXPECT_EQ(answered, 200);
+    const auto missing = client().Get("/nothing");
+    EXPECT_TRUE(missing && missing->status == 404);
+
+    ASSERT_TRUE(volume_->removeDevice());
+    EXPECT_TRUE(testing::eventually([&] {
+        const auto r = client().Get("/metrics");
+        return r && r->status == 200 && r->body.find("vantorix_volumes 0\n") != std::string::npos;
+    }));
+}
+
+}  // namespace
+}  // namespace vantorix
