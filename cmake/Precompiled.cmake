@@ -1,7 +1,7 @@
 # Precompiled headers: the heavy third-party headers that every file of a target includes (GoogleTest,
-# Qt's widgets, CLI11, nlohmann JSON, Asio) are parsed once per target instead of once per file. Only
-# headers from outside the project go in, so that the layering check still sees every include of
-# src/.
+# Qt's widgets) are parsed once per target instead of once per file. Only headers from outside the
+# project go in, so that the layering check still sees every include of src/. (For the command line's
+# CLI11 and JSON and the helper's Asio, building the header costs what it saves.)
 #
 # vantorix_precompile(<target> <header>...)
 option(VANTORIX_PRECOMPILE_HEADERS "Precompile the heavy third-party headers of the larger targets" ON)
