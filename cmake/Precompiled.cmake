@@ -1,5 +1,5 @@
-# Precompiled headers: the heavy third-party headers that every file of a target includes (GoogleTest,
-# Qt's widgets) are parsed once per target instead of once per file. Only headers from outside the
+# Precompiled headers: the heavy third-party headers that every file of a target includes (Qt's
+# widgets) are parsed once per target instead of once per file. Only headers from outside the
 # project go in, so that the layering check still sees every include of src/. (For the command line's
 # CLI11 and JSON and the helper's Asio, building the header costs what it saves.)
 #
@@ -11,10 +11,6 @@ function(vantorix_precompile target)
     target_precompile_headers(${target} PRIVATE ${ARGN})
   endif()
 endfunction()
-
-# What most test files include.
-set(VANTORIX_TEST_HEADERS <gtest/gtest.h> <gmock/gmock.h> <algorithm> <atomic> <chrono> <filesystem> <fstream>
-    <functional> <map> <memory> <optional> <sstream> <string> <thread> <vector>)
 
 # ccache caches files compiled with a precompiled header only when told to overlook the header's
 # defines and time macros.
