@@ -13,6 +13,7 @@ public:
         if (!dark) return;
         QPalette palette(QColor(235, 235, 240), QColor(36, 36, 38));  // window text, window
         palette.setColor(QPalette::Base, QColor(48, 48, 52));
+        palette.setColor(QPalette::AlternateBase, QColor(56, 56, 61));
         palette.setColor(QPalette::Text, QColor(235, 235, 240));
         palette.setColor(QPalette::Button, QColor(58, 58, 62));
         palette.setColor(QPalette::ButtonText, QColor(235, 235, 240));
