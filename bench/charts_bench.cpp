@@ -71,7 +71,12 @@ void BM_ChartCsv60000(benchmark::State& state) {
         benchmark::DoNotOptimize(text.data());
     }
 }
-BENCHMARK(BM_ChartCsv60000)->Arg(1)->Arg(100)->Unit(benchmark::kMillisecond)->Repetitions(5)->ReportAggregatesOnly(true);
+BENCHMARK(BM_ChartCsv60000)
+    ->Arg(1)
+    ->Arg(100)
+    ->Unit(benchmark::kMillisecond)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly(true);
 
 }  // namespace
 }  // namespace vantorix

@@ -27,8 +27,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cmath>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -40,10 +40,10 @@
 #include <vector>
 
 #include "benchmark/DiskPerformanceTester.h"
-#include "support/ManualMainExecutor.h"
 #include "monitor/DiskIOMonitor.h"
-#include "support/ScriptedBlockDevices.h"
 #include "platform/linux/PosixFileSystem.h"
+#include "support/ManualMainExecutor.h"
+#include "support/ScriptedBlockDevices.h"
 #include "ui/DashboardRootView.h"
 #include "ui/DiskIOChartSection.h"
 #include "ui/DiskIOGraphCanvas.h"
@@ -212,7 +212,8 @@ int run(const Options& options) {
     attachment.bus = BusKind::pciExpress;
     attachment.vendor = "Bench";
     attachment.model = "Frame Disk 1TB";
-    devices->add("bench0", [] { return BlockStatistics{}; }, attachment);
+    devices->add(
+        "bench0", [] { return BlockStatistics{}; }, attachment);
     auto monitor = DiskIOMonitor::create({devices, std::make_shared<BenchVolume>(), monitorMain});
     auto dashboardMain = std::make_shared<TimedMainExecutor>();
     auto tester = DiskPerformanceTester::create({dashboardMain, std::make_shared<PosixFileSystem>()});
@@ -325,10 +326,11 @@ int run(const Options& options) {
     }
 
     const auto& state = monitor->state();
-    std::printf("Dashboard frame at 1 ms: %zu samples held, %zu per batch, %d frames after %d warm-up, "
-                "window %dx%d%s\n",
-                state.samples.size(), kBatch, options.frames, options.warmUp, window.width(), window.height(),
-                options.hover ? ", pointer over the graph" : "");
+    std::printf(
+        "Dashboard frame at 1 ms: %zu samples held, %zu per batch, %d frames after %d warm-up, "
+        "window %dx%d%s\n",
+        state.samples.size(), kBatch, options.frames, options.warmUp, window.width(), window.height(),
+        options.hover ? ", pointer over the graph" : "");
     std::printf("  %-18s %8s %8s %8s %8s %8s   (ms)\n", "", "median", "p90", "p99", "max", "mean");
     for (const Figures* figures : {&apply, &react, &install, &geometry, &relayout, &paint, &total}) figures->print();
     std::printf("  off the main thread, from the batch to the graph's picture being ready (wall time):\n");

@@ -49,7 +49,8 @@ struct EightVolumes {
 
 void BM_ScrapeEightVolumes(benchmark::State& state) {
     EightVolumes volumes;
-    const auto format = state.range(0) == 0 ? exporter::ExpositionFormat::prometheusText : exporter::ExpositionFormat::openMetrics;
+    const auto format = state.range(0) == 0 ? exporter::ExpositionFormat::prometheusText
+                                            : exporter::ExpositionFormat::openMetrics;
     std::size_t bytes = 0;
     for (auto _ : state) {
         const auto body = exporter::render(volumes.collector->scrape("prometheus"), format);

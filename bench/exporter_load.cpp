@@ -61,7 +61,9 @@ bool exchange(int fd, bool keepAlive) {
         answer.append(buffer, static_cast<std::size_t>(n));
         const auto head = answer.find("\r\n\r\n");
         const auto length = answer.find("Content-Length: ");
-        if (head != std::string::npos && length < head && answer.size() >= head + 4 + std::stoul(answer.substr(length + 16))) break;
+        if (head != std::string::npos && length < head &&
+            answer.size() >= head + 4 + std::stoul(answer.substr(length + 16)))
+            break;
     }
     return answer.rfind("HTTP/1.1 200 OK", 0) == 0 && answer.find("vantorix_volumes ") != std::string::npos;
 }
@@ -134,7 +136,8 @@ int main(int argc, char** argv) {
                     continue;
                 }
                 // A byte a second until the server gives up on the connection.
-                while (Clock::now() < end && ::send(fd, "G", 1, MSG_NOSIGNAL) == 1) std::this_thread::sleep_for(std::chrono::seconds(1));
+                while (Clock::now() < end && ::send(fd, "G", 1, MSG_NOSIGNAL) == 1)
+                    std::this_thread::sleep_for(std::chrono::seconds(1));
                 ::close(fd);
             }
         });
@@ -158,7 +161,8 @@ int main(int argc, char** argv) {
                         break;
                     }
                     ++heldAnswered;
-                    std::this_thread::sleep_until(std::min(end, Clock::now() + std::chrono::milliseconds(pause(random))));
+                    std::this_thread::sleep_until(
+                        std::min(end, Clock::now() + std::chrono::milliseconds(pause(random))));
                 }
                 ::close(fd);
             }
@@ -189,17 +193,20 @@ int main(int argc, char** argv) {
 
     std::sort(latencies.begin(), latencies.end());
     const auto percentile = [&](double p) {
-        return latencies.empty() ? 0.0 : latencies[static_cast<std::size_t>(p * static_cast<double>(latencies.size() - 1))];
+        return latencies.empty() ? 0.0
+                                 : latencies[static_cast<std::size_t>(p * static_cast<double>(latencies.size() - 1))];
     };
-    std::printf("%d s, %d scrapers, %d slow clients: %ld scrapes, %ld answered (%ld not), latency ms p50 %.2f p99 %.2f max %.2f\n",
-                seconds, scrapers, slowClients, made.load(), answered.load(), made.load() - answered.load(), percentile(0.5),
-                percentile(0.99), latencies.empty() ? 0.0 : latencies.back());
+    std::printf(
+        "%d s, %d scrapers, %d slow clients: %ld scrapes, %ld answered (%ld not), latency ms p50 %.2f p99 %.2f max %.2f\n",
+        seconds, scrapers, slowClients, made.load(), answered.load(), made.load() - answered.load(), percentile(0.5),
+        percentile(0.99), latencies.empty() ? 0.0 : latencies.back());
     if (holders > 0) {
-        std::printf("%d keep-alive holders from %s: %ld requests, %ld answered, %ld found their connection closed, %ld connections refused\n",
-                    holders, from, held.load(), heldAnswered.load(), heldClosed.load(), heldRefused.load());
+        std::printf(
+            "%d keep-alive holders from %s: %ld requests, %ld answered, %ld found their connection closed, %ld connections refused\n",
+            holders, from, held.load(), heldAnswered.load(), heldClosed.load(), heldRefused.load());
     }
-    std::printf("slow clients refused: %ld; exporter CPU %.1f%% of one core; RSS %ld KiB before, %ld KiB peak, %ld KiB after\n",
-                slowRefused.load(), 100 * (after.cpuSeconds - before.cpuSeconds) / wall, before.rssKiB, peakRss,
-                after.rssKiB);
+    std::printf(
+        "slow clients refused: %ld; exporter CPU %.1f%% of one core; RSS %ld KiB before, %ld KiB peak, %ld KiB after\n",
+        slowRefused.load(), 100 * (after.cpuSeconds - before.cpuSeconds) / wall, before.rssKiB, peakRss, after.rssKiB);
     return answered == made ? 0 : 1;
 }

@@ -12,16 +12,16 @@
 // running and answer a fetch. --helper: another build of the daemon (one with AddressSanitizer).
 // Needs root: it connects as other uids.
 #include <fcntl.h>
+#include <linux/sockios.h>
 #include <poll.h>
 #include <signal.h>
-#include <linux/sockios.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -98,7 +98,8 @@ bool running(const HelperDaemon& daemon) { return !waitForExit(daemon.pid(), 0ms
 
 // Prints the peak and, once the daemon answers again and a second has passed, the settled memory.
 void report(const char* attack, const HelperDaemon& daemon, const std::string& outcome) {
-    for (const auto until = Clock::now() + 10s; Clock::now() < until && !served(daemon.socketPath(), versionFrame(), false);) {
+    for (const auto until = Clock::now() + 10s;
+         Clock::now() < until && !served(daemon.socketPath(), versionFrame(), false);) {
         std::this_thread::sleep_for(50ms);
     }
     std::this_thread::sleep_for(1s);
@@ -134,8 +135,8 @@ int takeFrames(std::string& received) {
     int frames = 0;
     while (received.size() >= 4) {
         const auto* bytes = reinterpret_cast<const unsigned char*>(received.data());
-        const std::size_t length =
-            std::size_t{bytes[0]} << 24U | std::size_t{bytes[1]} << 16U | std::size_t{bytes[2]} << 8U | bytes[3];
+        const std::size_t length = std::size_t{bytes[0]} << 24U | std::size_t{bytes[1]} << 16U |
+                                   std::size_t{bytes[2]} << 8U | bytes[3];
         if (received.size() < 4 + length) break;
         received.erase(0, 4 + length);
         ++frames;
@@ -234,11 +235,11 @@ void versionFlood(const Settings& settings) {
     Victim victim;
     victim.start(daemon.process->socketPath(), rootDiskName());
     PipelineCounts counts;
-    pump(pipelines, daemon.process->socketPath(), burst, 16, true, Clock::now() + std::chrono::seconds(settings.seconds),
-         counts);
+    pump(pipelines, daemon.process->socketPath(), burst, 16, true,
+         Clock::now() + std::chrono::seconds(settings.seconds), counts);
     const std::string outcome = victim.finish() + "; uid 65534: " + std::to_string(counts.connects) + " connects, " +
-                                std::to_string(counts.refused) + " closed unanswered, " + std::to_string(counts.replies) +
-                                " replies";
+                                std::to_string(counts.refused) + " closed unanswered, " +
+                                std::to_string(counts.replies) + " replies";
     report("64 connections of one uid pipelining helperVersion", *daemon.process, outcome);
 }
 
@@ -264,7 +265,8 @@ std::string fuzzedFrame(std::mt19937_64& random, const std::vector<std::string>&
         for (auto& c : text) c = static_cast<char>(random());
         return text;
     };
-    const std::vector<std::string> methods{"fetchSmartData", "fetchSmartData", "helperVersion", "", "fetchSMARTData", bytes(6)};
+    const std::vector<std::string> methods{"fetchSmartData", "fetchSmartData", "helperVersion", "",
+                                           "fetchSMARTData", bytes(6)};
     std::string device;
     switch (below(5)) {
         case 0: device = devices[below(devices.size())]; break;
@@ -279,7 +281,8 @@ std::string fuzzedFrame(std::mt19937_64& random, const std::vector<std::string>&
         case 0: json = versionFrame().substr(4); break;
         case 1: json = json.substr(0, below(json.size() + 1)); break;
         case 2:
-            for (int i = 0, n = static_cast<int>(below(8)); i <= n; ++i) json[below(json.size())] = static_cast<char>(random());
+            for (int i = 0, n = static_cast<int>(below(8)); i <= n; ++i)
+                json[below(json.size())] = static_cast<char>(random());
             break;
         case 3: json.insert(below(json.size()), bytes(below(16))); break;
         case 4: {
@@ -290,7 +293,8 @@ std::string fuzzedFrame(std::mt19937_64& random, const std::vector<std::string>&
                 open += objects ? "{\"a\":" : "[";
                 close += objects ? "}" : "]";
             }
-            json = below(2) == 0 ? open + "1" + close : "{\"method\":\"helperVersion\",\"x\":" + open + "1" + close + "}";
+            json = below(2) == 0 ? open + "1" + close
+                                 : "{\"method\":\"helperVersion\",\"x\":" + open + "1" + close + "}";
             break;
         }
         case 5: json = bytes(below(5000)); break;
@@ -315,7 +319,8 @@ void fuzz(const Settings& settings) {
     const std::string socket = daemon.process->socketPath();
     std::mt19937_64 random(settings.seed);
     std::vector<std::string> devices{rootDiskName()};
-    for (const auto& entry : std::filesystem::directory_iterator("/sys/class/block")) devices.push_back(entry.path().filename());
+    for (const auto& entry : std::filesystem::directory_iterator("/sys/class/block"))
+        devices.push_back(entry.path().filename());
     struct Connection {
         int fd = -1;
         std::string unsent, received;
@@ -392,7 +397,8 @@ int main(int argc, char** argv) {
         }
     }
     if (settings.fixture.empty() || ::geteuid() != 0) {
-        std::fprintf(stderr, "usage (as root): %s FIXTURE [--helper PATH] [--seconds N] [--fuzz FRAMES] [--seed N]\n", argv[0]);
+        std::fprintf(stderr, "usage (as root): %s FIXTURE [--helper PATH] [--seconds N] [--fuzz FRAMES] [--seed N]\n",
+                     argv[0]);
         return 2;
     }
     ::signal(SIGPIPE, SIG_IGN);

@@ -98,6 +98,7 @@ int main(int argc, char** argv) {
     std::printf("%d fetches of %zu bytes for /dev/%s\n", iterations, bytes, device.c_str());
     std::printf("through the helper: median %.3f ms, p99 %.3f ms\n", helperMedian, helperP99);
     std::printf("stand-in directly:  median %.3f ms, p99 %.3f ms\n", directMedian, directP99);
-    std::printf("added by the helper: median %.3f ms, p99 %.3f ms\n", helperMedian - directMedian, helperP99 - directP99);
+    std::printf("added by the helper: median %.3f ms, p99 %.3f ms\n", helperMedian - directMedian,
+                helperP99 - directP99);
     return 0;
 }

@@ -39,14 +39,14 @@
 #include <thread>
 #include <vector>
 
-#include "support/ManualMainExecutor.h"
 #include "concurrency/ThreadAttributes.h"
 #include "monitor/AggregationCoordinator.h"
-#include "monitor/StatisticsSession.h"
 #include "monitor/DiskIOMonitor.h"
 #include "monitor/DiskSample.h"
+#include "monitor/StatisticsSession.h"
 #include "platform/linux/LinuxVolumeInfoSource.h"
 #include "platform/linux/SysfsBlockDevices.h"
+#include "support/ManualMainExecutor.h"
 #include "volumes/DiskVolumeResolver.h"
 
 namespace vantorix {
@@ -306,11 +306,11 @@ std::set<std::string> threadsNamed(const std::string& name) {
 
 // What the scheduler says about one thread.
 struct ThreadStats {
-    double cpuNs = 0;       // time on a CPU
-    double waitNs = 0;      // time runnable but waiting for a CPU
-    double slices = 0;      // times it was scheduled in
+    double cpuNs = 0;        // time on a CPU
+    double waitNs = 0;       // time runnable but waiting for a CPU
+    double slices = 0;       // times it was scheduled in
     double involuntary = 0;  // times it was preempted
-    double voluntary = 0;   // times it went to sleep
+    double voluntary = 0;    // times it went to sleep
     double nice = 0;
     double timerSlackNs = -1;
 };
@@ -405,7 +405,8 @@ void BM_TickIntervalsAt1ms(benchmark::State& state) {
         monitor->selectVolume(*mount);
         main->runUntil([&] { return monitor->state().selectedVolume || monitor->state().errorMessage; }, 10s);
         if (!monitor->state().selectedVolume) {
-            state.SkipWithError(("cannot select " + *mount + ": " + monitor->state().errorMessage.value_or("timeout")).c_str());
+            state.SkipWithError(
+                ("cannot select " + *mount + ": " + monitor->state().errorMessage.value_or("timeout")).c_str());
             return;
         }
         monitor->startMonitoring();
@@ -419,8 +420,8 @@ void BM_TickIntervalsAt1ms(benchmark::State& state) {
         const ThreadStats before = queueTid.empty() ? ThreadStats{} : threadStats(queueTid);
         const std::size_t samplesBefore = monitor->state().samples.size();
         // The main thread is this one: it applies the deliveries as they come.
-        main->runUntil([] { return false; }, std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                                 std::chrono::duration<double>(seconds)));
+        main->runUntil([] { return false; },
+                       std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(seconds)));
         const ThreadStats during = queueTid.empty() ? ThreadStats{} : threadStats(queueTid);
         const std::size_t samplesDuring = monitor->state().samples.size() - samplesBefore;
 

@@ -101,7 +101,7 @@ int main(int argc, char** argv) {
     if (!figures) return failed("run", figures.error());
     const double elapsed = figures->seconds > 0 ? figures->seconds : 1e-9;
     fmt::print("{{\"bytes\":{},\"operations\":{},\"seconds\":{:.6f},\"bytesPerSecond\":{:.1f},\"iops\":{:.1f}}}\n",
-               figures->bytes, figures->operations, figures->seconds,
-               static_cast<double>(figures->bytes) / elapsed, static_cast<double>(figures->operations) / elapsed);
+               figures->bytes, figures->operations, figures->seconds, static_cast<double>(figures->bytes) / elapsed,
+               static_cast<double>(figures->operations) / elapsed);
     return 0;
 }

@@ -16,15 +16,14 @@ namespace vantorix {
 namespace {
 
 std::string largestFixture() {
-    std::ifstream file(std::string(VANTORIX_TEST_DATA_DIR) + "/smartctl/scrutiny-smart-ata-full.json", std::ios::binary);
+    std::ifstream file(std::string(VANTORIX_TEST_DATA_DIR) + "/smartctl/scrutiny-smart-ata-full.json",
+                       std::ios::binary);
     std::ostringstream text;
     text << file.rdbuf();
     return text.str();
 }
 
-void setLanguage(const benchmark::State& state) {
-    ::setenv("LANGUAGE", state.range(0) == 0 ? "en_US" : "zh_CN", 1);
-}
+void setLanguage(const benchmark::State& state) { ::setenv("LANGUAGE", state.range(0) == 0 ? "en_US" : "zh_CN", 1); }
 
 void BM_SmartParseAndInterpretLargestFixture(benchmark::State& state) {
     setLanguage(state);
@@ -36,8 +35,13 @@ void BM_SmartParseAndInterpretLargestFixture(benchmark::State& state) {
     }
     state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(json.size()));
 }
-BENCHMARK(BM_SmartParseAndInterpretLargestFixture)->Arg(0)->Arg(1)->ArgName("zh")->Unit(benchmark::kMicrosecond)
-    ->Repetitions(9)->ReportAggregatesOnly(true);
+BENCHMARK(BM_SmartParseAndInterpretLargestFixture)
+    ->Arg(0)
+    ->Arg(1)
+    ->ArgName("zh")
+    ->Unit(benchmark::kMicrosecond)
+    ->Repetitions(9)
+    ->ReportAggregatesOnly(true);
 
 void BM_SmartInterpretParsedLargestFixture(benchmark::State& state) {
     setLanguage(state);
@@ -47,8 +51,13 @@ void BM_SmartInterpretParsedLargestFixture(benchmark::State& state) {
         benchmark::DoNotOptimize(info);
     }
 }
-BENCHMARK(BM_SmartInterpretParsedLargestFixture)->Arg(0)->Arg(1)->ArgName("zh")->Unit(benchmark::kMicrosecond)
-    ->Repetitions(9)->ReportAggregatesOnly(true);
+BENCHMARK(BM_SmartInterpretParsedLargestFixture)
+    ->Arg(0)
+    ->Arg(1)
+    ->ArgName("zh")
+    ->Unit(benchmark::kMicrosecond)
+    ->Repetitions(9)
+    ->ReportAggregatesOnly(true);
 
 }  // namespace
 }  // namespace vantorix

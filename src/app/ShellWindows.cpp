@@ -15,7 +15,7 @@ ShellWindow::ShellWindow(const dashboard::WindowSpec& spec, QWidget* content, QW
     setWindowTitle(QString::fromStdString(spec.title));
     setWindowIcon(QIcon(QStringLiteral(":/app/vantorix.svg")));
     resize(spec.defaultWidth, spec.defaultHeight);
-    setAttribute(Qt::WA_DeleteOnClose);   // closing discards the content; opening again builds it afresh
+    setAttribute(Qt::WA_DeleteOnClose);  // closing discards the content; opening again builds it afresh
     setAttribute(Qt::WA_QuitOnClose, false);
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);

@@ -8,8 +8,8 @@
 
 #include "app/ShellWindows.h"
 #include "dashboard/ShellTexts.h"
-#include "ui/Appearance.h"
 #include "ui/AboutVantorixView.h"
+#include "ui/Appearance.h"
 #include "ui/DashboardRootView.h"
 #include "ui/DesktopFileOpener.h"
 #include "ui/FeedbackFormView.h"
@@ -39,9 +39,10 @@ private:
 VantorixApp::VantorixApp() : VantorixApp(Options{}) {}
 
 VantorixApp::VantorixApp(Options options)
-    : options_(std::move(options)), mainExecutor_(std::make_shared<ui::QtMainExecutor>()),
+    : options_(std::move(options)),
+      mainExecutor_(std::make_shared<ui::QtMainExecutor>()),
       smart_(options_.helperService ? SmartPipeline::over(options_.helperService, mainExecutor_)
-                                     : SmartPipeline::system(mainExecutor_, RegistrationPolicy{true})) {
+                                    : SmartPipeline::system(mainExecutor_, RegistrationPolicy{true})) {
     ui::completeFontFallbacks();
     // The monitor first, then the tester; both live as long as the application.
     System system = System::thisMachine();
@@ -50,8 +51,9 @@ VantorixApp::VantorixApp(Options options)
     monitor_ = system.makeMonitor(mainExecutor_);
     tester_ = system.makeTester(mainExecutor_, options_.testParameters);
     smartRefresh_ = smart_.attachRefresh(monitor_, mainExecutor_);
-    const services::ServiceConfiguration services =
-        options_.serviceConfiguration ? *options_.serviceConfiguration : services::ServiceConfiguration::current();
+    const services::ServiceConfiguration services = options_.serviceConfiguration
+                                                        ? *options_.serviceConfiguration
+                                                        : services::ServiceConfiguration::current();
     updateChecker_ = services::UpdateChecker::create({system.http, mainExecutor_, services, VANTORIX_VERSION});
     feedbackSubmitter_ = services::FeedbackSubmitter::create({system.http, mainExecutor_, services});
     options_.downloadsFolder = system.downloadsFolder;
@@ -114,8 +116,9 @@ void VantorixApp::openWindow(const std::string& identifier) {
     const bool about = identifier == dashboard::aboutWindow().identifier;
     QWidget* content = nullptr;
     if (about) {
-        content = new ui::AboutVantorixView({updateChecker_, options_.serviceConfiguration->contactLink, VANTORIX_VERSION,
-                                             VANTORIX_BUILD_NUMBER, options_.downloadsFolder, options_.fileOpener});
+        content = new ui::AboutVantorixView({updateChecker_, options_.serviceConfiguration->contactLink,
+                                             VANTORIX_VERSION, VANTORIX_BUILD_NUMBER, options_.downloadsFolder,
+                                             options_.fileOpener});
     } else {
         content = new ui::FeedbackFormView(feedbackSubmitter_);
     }
@@ -149,7 +152,8 @@ void VantorixApp::buildMenus() {
         action->setCheckable(true);
         action->setData(DiskIOMonitor::rawValue(entry.value));
         precisionGroup_->addAction(action);
-        connect(action, &QAction::triggered, this, [this, precision = entry.value] { monitor_->setSamplingPrecision(precision); });
+        connect(action, &QAction::triggered, this,
+                [this, precision = entry.value] { monitor_->setSamplingPrecision(precision); });
     }
     connect(precisionMenu_, &QMenu::aboutToShow, this, &VantorixApp::refreshPrecisionChecks);
     refreshPrecisionChecks();

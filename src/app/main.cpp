@@ -30,13 +30,16 @@ std::optional<int> parseCommandLine(int argc, char** argv, vantorix::app::Vantor
     parser.addOption({{QStringLiteral("h"), QStringLiteral("help")}, localized("显示此帮助", "Show this help")});
     parser.addOption({{QStringLiteral("v"), QStringLiteral("version")}, localized("显示版本", "Show the version")});
     const QCommandLineOption precisionOption(
-        QStringLiteral("precision"), localized("采样间隔（毫秒）：1、10、100 或 1000", "Sampling interval in milliseconds: 1, 10, 100 or 1000"),
+        QStringLiteral("precision"),
+        localized("采样间隔（毫秒）：1、10、100 或 1000", "Sampling interval in milliseconds: 1, 10, 100 or 1000"),
         QStringLiteral("ms"));
-    const QCommandLineOption monitorOption(QStringLiteral("monitor"),
-                                           localized("启动后立即开始监控所选的卷", "Start monitoring the chosen volume at once"));
+    const QCommandLineOption monitorOption(
+        QStringLiteral("monitor"),
+        localized("启动后立即开始监控所选的卷", "Start monitoring the chosen volume at once"));
     parser.addOption(precisionOption);
     parser.addOption(monitorOption);
-    parser.addPositionalArgument(QStringLiteral("folder"), localized("要查看的卷上的一个文件夹", "A folder on the volume to look at"),
+    parser.addPositionalArgument(QStringLiteral("folder"),
+                                 localized("要查看的卷上的一个文件夹", "A folder on the volume to look at"),
                                  QStringLiteral("[folder]"));
     const auto fail = [](const QString& message) {
         std::cerr << message.toStdString() << '\n';
@@ -44,7 +47,9 @@ std::optional<int> parseCommandLine(int argc, char** argv, vantorix::app::Vantor
     };
     if (!parser.parse(QCoreApplication::arguments())) return fail(parser.errorText());
     if (parser.isSet(QStringLiteral("help"))) {
-        std::cout << parser.helpText().replace(QCoreApplication::arguments().constFirst(), QStringLiteral("vantorix")).toStdString();
+        std::cout << parser.helpText()
+                         .replace(QCoreApplication::arguments().constFirst(), QStringLiteral("vantorix"))
+                         .toStdString();
         return 0;
     }
     if (parser.isSet(QStringLiteral("version"))) {
@@ -55,19 +60,24 @@ std::optional<int> parseCommandLine(int argc, char** argv, vantorix::app::Vantor
         bool number = false;
         const auto value = parser.value(precisionOption).toLongLong(&number);
         launch.precision = number ? vantorix::DiskIOMonitor::precisionFromRawValue(value) : std::nullopt;
-        if (!launch.precision) return fail(localized("采样间隔必须是 1、10、100 或 1000 毫秒", "The sampling interval must be 1, 10, 100 or 1000 ms"));
+        if (!launch.precision)
+            return fail(localized("采样间隔必须是 1、10、100 或 1000 毫秒",
+                                  "The sampling interval must be 1, 10, 100 or 1000 ms"));
     }
     const QStringList positional = parser.positionalArguments();
     if (positional.size() > 1) return fail(localized("只能指定一个文件夹", "Give at most one folder"));
     if (!positional.isEmpty()) launch.folder = positional.front().toStdString();
     launch.startMonitoring = parser.isSet(monitorOption);
-    if (launch.startMonitoring && !launch.folder) return fail(localized("--monitor 需要指定一个文件夹", "--monitor needs a folder"));
+    if (launch.startMonitoring && !launch.folder)
+        return fail(localized("--monitor 需要指定一个文件夹", "--monitor needs a folder"));
     if (qEnvironmentVariableIsEmpty("DISPLAY") && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY") &&
         qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
-        std::cerr << localized("没有可用的图形显示（DISPLAY 和 WAYLAND_DISPLAY 均未设置）。在终端中请使用 vantorix-cli。",
-                               "No graphical display is available (neither DISPLAY nor WAYLAND_DISPLAY is set). On a terminal, use vantorix-cli.")
-                         .toStdString()
-                  << '\n';
+        std::cerr
+            << localized(
+                   "没有可用的图形显示（DISPLAY 和 WAYLAND_DISPLAY 均未设置）。在终端中请使用 vantorix-cli。",
+                   "No graphical display is available (neither DISPLAY nor WAYLAND_DISPLAY is set). On a terminal, use vantorix-cli.")
+                   .toStdString()
+            << '\n';
         return 1;
     }
     return std::nullopt;

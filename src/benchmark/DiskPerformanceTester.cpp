@@ -48,8 +48,9 @@ std::string spaceShortfall(std::uint64_t needed, std::uint64_t available, bool s
     const std::string neededText = payloadSizeText(needed);
     const std::string availableText = payloadSizeText(available);
     if (text::isEnglish()) {
-        return shrank ? fmt::format("The free space shrank after the test started: the test needs {}, but only {} are free",
-                                    neededText, availableText)
+        return shrank ? fmt::format(
+                            "The free space shrank after the test started: the test needs {}, but only {} are free",
+                            neededText, availableText)
                       : fmt::format("The test needs {}, but only {} are free", neededText, availableText);
     }
     return shrank ? fmt::format("测试开始后可用空间减少了：测试需要 {}，但只有 {} 可用", neededText, availableText)
@@ -86,7 +87,7 @@ public:
         std::shared_ptr<Directory> folder;  // the volume's folder, held for the whole run
         std::shared_ptr<TemporaryFileRegistry> registry;
         std::shared_ptr<SerialQueue> cleanupQueue;
-        std::shared_ptr<std::mutex> turn;  // held by the run that has test files, one at a time
+        std::shared_ptr<std::mutex> turn;                       // held by the run that has test files, one at a time
         std::shared_ptr<std::atomic<std::uint64_t>> heldBytes;  // of test files not yet removed
         PhaseObserver observer;
         Parameters parameters;
@@ -97,7 +98,8 @@ public:
     };
 
     Run(Context context, CancellationToken cancellation)
-        : c_(std::move(context)), cancellation_(std::move(cancellation)),
+        : c_(std::move(context)),
+          cancellation_(std::move(cancellation)),
           tracker_({0, 0, static_cast<double>(c_.payload.byteCount), static_cast<double>(c_.payload.byteCount)}) {}
 
     void operator()() {
@@ -118,11 +120,11 @@ public:
             outcome = Outcome::failed;
             message = error.what();
         }
-        c_.main->post(weakly(c_.tester, [token = c_.token, outcome, result = std::move(result),
-                                         message = std::move(message),
-                                         folder = c_.folder](DiskPerformanceTester& tester) mutable {
-            tester.deliver(token, outcome, std::move(result), std::move(message), std::move(folder));
-        }));
+        c_.main->post(
+            weakly(c_.tester, [token = c_.token, outcome, result = std::move(result), message = std::move(message),
+                               folder = c_.folder](DiskPerformanceTester& tester) mutable {
+                tester.deliver(token, outcome, std::move(result), std::move(message), std::move(folder));
+            }));
     }
 
 private:
@@ -308,7 +310,8 @@ private:
         for (std::uint64_t offset = 0; offset < length; offset += kChunk) {
             checkCancellation();
             checked(handle.seek(offset), TestError::fileHandleUnavailable, "seeking in the random file");
-            writeAt(handle, offset, zeros.bytes(static_cast<std::size_t>(std::min<std::uint64_t>(kChunk, length - offset))),
+            writeAt(handle, offset,
+                    zeros.bytes(static_cast<std::size_t>(std::min<std::uint64_t>(kChunk, length - offset))),
                     "laying out the random file");
         }
         checked(handle.synchronize(), TestError::writeFailed, "flushing the random file");
@@ -349,7 +352,8 @@ private:
         IoBuffer buffer(randomBlockSize);
         for (std::size_t i = 0; i < randomBlockSize; i += sizeof(unsigned)) {
             const unsigned word = system();
-            for (std::size_t j = 0; j < sizeof(unsigned); ++j) buffer.data()[i + j] = static_cast<std::byte>(word >> (8 * j));
+            for (std::size_t j = 0; j < sizeof(unsigned); ++j)
+                buffer.data()[i + j] = static_cast<std::byte>(word >> (8 * j));
         }
         std::seed_seq seed{system(), system(), system(), system()};
         std::mt19937_64 generator(seed);
@@ -393,7 +397,8 @@ private:
         for (now = phaseStart; now < deadline;) {
             checkCancellation();
             checked(handle->seek(nextOffset()), TestError::fileHandleUnavailable, "seeking in the random file");
-            if (checked(handle->read(target), TestError::readFailed, "a random read") != block) failShortRead("a random read");
+            if (checked(handle->read(target), TestError::readFailed, "a random read") != block)
+                failShortRead("a random read");
             ++figures.readCount;
             tracker_.advance(BenchmarkPhase::randomRead, static_cast<double>(block));
             now = Clock::now();
@@ -440,14 +445,13 @@ private:
         const auto now = Clock::now();
         publish(phase, now);
         figures.duration = secondsBetween(phaseStart, now);
-        figures.throughput =
-            figures.duration > 0 ? static_cast<double>(c_.payload.byteCount) / figures.duration : 0.0;
+        figures.throughput = figures.duration > 0 ? static_cast<double>(c_.payload.byteCount) / figures.duration : 0.0;
     }
 
     SequentialFigures sequentialWrite(const TestFile& file) {
         auto handle = open(FileAccess::writing, file);
-        const IoBuffer zeros(static_cast<std::size_t>(
-            std::min<std::uint64_t>(c_.payload.byteCount, sequentialBlockSize)));
+        const IoBuffer zeros(
+            static_cast<std::size_t>(std::min<std::uint64_t>(c_.payload.byteCount, sequentialBlockSize)));
         if (cacheMode() == CacheMode::direct) {
             checked(handle->synchronize(), TestError::writeFailed, "committing the sequential file");
         }
@@ -468,16 +472,15 @@ private:
 
     SequentialFigures sequentialRead(const TestFile& file) {
         auto handle = open(FileAccess::reading, file);
-        IoBuffer buffer(static_cast<std::size_t>(
-            std::min<std::uint64_t>(c_.payload.byteCount, sequentialBlockSize)));
+        IoBuffer buffer(static_cast<std::size_t>(std::min<std::uint64_t>(c_.payload.byteCount, sequentialBlockSize)));
         started(BenchmarkPhase::sequentialRead);
         const auto phaseStart = Clock::now();
-        auto figures = sequential(BenchmarkPhase::sequentialRead, TimelineSample::Phase::sequentialRead,
-                                  [&](std::size_t chunk) {
-                                      if (checked(handle->read(buffer.target(chunk)), TestError::readFailed, "a sequential read") != chunk) {
-                                          failShortRead("a sequential read");
-                                      }
-                                  });
+        auto figures = sequential(
+            BenchmarkPhase::sequentialRead, TimelineSample::Phase::sequentialRead, [&](std::size_t chunk) {
+                if (checked(handle->read(buffer.target(chunk)), TestError::readFailed, "a sequential read") != chunk) {
+                    failShortRead("a sequential read");
+                }
+            });
         finishPhase(BenchmarkPhase::sequentialRead, phaseStart, figures);
         (void)handle->close();
         finished(BenchmarkPhase::sequentialRead, c_.payload.byteCount);
@@ -552,13 +555,13 @@ private:
             progress.stepName = queueDepthStepName(profile, write);
             const auto stepStart = Clock::now();
             const auto report = [&](double stepFraction, Clock::time_point now) {
-                progress.fractionCompleted =
-                    std::clamp((static_cast<double>(stepIndex) + std::clamp(stepFraction, 0.0, 1.0)) / kSteps, 0.0, 1.0);
+                progress.fractionCompleted = std::clamp(
+                    (static_cast<double>(stepIndex) + std::clamp(stepFraction, 0.0, 1.0)) / kSteps, 0.0, 1.0);
                 progress.elapsedTime = secondsBetween(runStart_, now);
                 progress.estimatedRemainingTime.reset();
                 if (progress.fractionCompleted > 0) {
-                    progress.estimatedRemainingTime =
-                        progress.elapsedTime * (1 - progress.fractionCompleted) / progress.fractionCompleted;
+                    progress.estimatedRemainingTime = progress.elapsedTime * (1 - progress.fractionCompleted) /
+                                                      progress.fractionCompleted;
                 }
                 lastQueuePublish_ = now;
                 c_.main->post(weakly(c_.tester, [token = c_.token, progress](DiskPerformanceTester& tester) {
@@ -587,7 +590,9 @@ private:
             }
             checkCancellation();
             if (volumeGone) checkInPlace();
-            if (!figures) fail(write ? TestError::writeFailed : TestError::readFailed, progress.stepName.value_or("a queued job"), figures.error());
+            if (!figures)
+                fail(write ? TestError::writeFailed : TestError::readFailed, progress.stepName.value_or("a queued job"),
+                     figures.error());
             ++stepIndex;
             report(0, Clock::now());
             return figures.value();
@@ -657,7 +662,8 @@ std::shared_ptr<DiskPerformanceTester> DiskPerformanceTester::create(Dependencie
 }
 
 DiskPerformanceTester::DiskPerformanceTester(Dependencies dependencies, Parameters parameters)
-    : dependencies_(std::move(dependencies)), parameters_(parameters),
+    : dependencies_(std::move(dependencies)),
+      parameters_(parameters),
       cleanupQueue_(std::make_shared<SerialQueue>("com.vantorix.performanceTester.cleanup", QualityOfService::utility)),
       automaticExportQueue_(
           std::make_shared<SerialQueue>("com.vantorix.performanceTester.export", QualityOfService::utility)) {}
@@ -734,8 +740,9 @@ void DiskPerformanceTester::runTest(const std::optional<DiskVolumeDescriptor>& v
     if (!payload) {
         const DataSize& size = state().dataSize;
         const std::uint64_t needed = parameters_.payloadBytes ? *parameters_.payloadBytes
-                                     : size.isAvailableSpace() ? DataSize::kGigabyte
-                                                               : static_cast<std::uint64_t>(size.gigabyteCount()) * DataSize::kGigabyte;
+                                     : size.isAvailableSpace()
+                                         ? DataSize::kGigabyte
+                                         : static_cast<std::uint64_t>(size.gigabyteCount()) * DataSize::kGigabyte;
         return refuse(TestError(TestError::insufficientFreeSpace,
                                 available && *available < needed ? spaceShortfall(needed, *available, false) : ""));
     }
@@ -756,9 +763,18 @@ void DiskPerformanceTester::runTest(const std::optional<DiskVolumeDescriptor>& v
     activeTestToken_ = token;
 
     auto heldBytes = std::make_shared<std::atomic<std::uint64_t>>(0);
-    Run::Context context{weak_from_this(), dependencies_.mainExecutor, folder,           temporaryFiles_,
-                         cleanupQueue_,    turn_,                      heldBytes,        observer_,
-                         parameters_,      state().dataSize,           state().testMode, *payload,
+    Run::Context context{weak_from_this(),
+                         dependencies_.mainExecutor,
+                         folder,
+                         temporaryFiles_,
+                         cleanupQueue_,
+                         turn_,
+                         heldBytes,
+                         observer_,
+                         parameters_,
+                         state().dataSize,
+                         state().testMode,
+                         *payload,
                          token};
     retire(std::exchange(current_, {}));
     current_.volumeRoot = volume->mountPoint;
@@ -840,28 +856,28 @@ void DiskPerformanceTester::deliver(const Uuid& token, Outcome outcome, std::opt
 
 void DiskPerformanceTester::startAutomaticExport(const Result& result, const DiskVolumeDescriptor& volume,
                                                  std::shared_ptr<Directory> folder) {
-    automaticExportQueue_->async([weak = weak_from_this(), main = dependencies_.mainExecutor, folder = std::move(folder),
-                                  result, volume] {
-        std::optional<std::string> path;
-        std::string message;
-        if (!folder->isInPlace()) {
-            // Written through the folder's descriptor, the report would land on a volume no one
-            // reaches any more.
-            message = text::automaticReportExportFailed(TestError(TestError::volumeWentAway).description());
-        } else if (auto written = folder->writeNewFileAtomically(report::reportBaseName(result.finishedAt), ".html",
-                                                                 report::reportHTML(result, volume))) {
-            path = *written;
-            message = text::automaticReportSaved(*written);
-        } else {
-            message = text::automaticReportExportFailed(text::systemErrorText(written.error().code));
-        }
-        main->post(weakly(weak, [path, message](DiskPerformanceTester& tester) {
-            tester.state_.update([&](State& state) {
-                state.automaticReportMessage = message;
-                state.lastReportPath = path;
-            });
-        }));
-    });
+    automaticExportQueue_->async(
+        [weak = weak_from_this(), main = dependencies_.mainExecutor, folder = std::move(folder), result, volume] {
+            std::optional<std::string> path;
+            std::string message;
+            if (!folder->isInPlace()) {
+                // Written through the folder's descriptor, the report would land on a volume no one
+                // reaches any more.
+                message = text::automaticReportExportFailed(TestError(TestError::volumeWentAway).description());
+            } else if (auto written = folder->writeNewFileAtomically(report::reportBaseName(result.finishedAt), ".html",
+                                                                     report::reportHTML(result, volume))) {
+                path = *written;
+                message = text::automaticReportSaved(*written);
+            } else {
+                message = text::automaticReportExportFailed(text::systemErrorText(written.error().code));
+            }
+            main->post(weakly(weak, [path, message](DiskPerformanceTester& tester) {
+                tester.state_.update([&](State& state) {
+                    state.automaticReportMessage = message;
+                    state.lastReportPath = path;
+                });
+            }));
+        });
 }
 
 }  // namespace vantorix

@@ -43,7 +43,7 @@ public:
 
     static constexpr std::int64_t randomBlockSize = 4096;
     static constexpr std::uint64_t randomPhaseWorkingSetLimit = 536'870'912;  // 512 MiB
-    static constexpr std::int64_t sequentialBlockSize = 16'777'216;          // 16 MiB
+    static constexpr std::int64_t sequentialBlockSize = 16'777'216;           // 16 MiB
     // The queue-depth test's file is the payload, at most this large: beyond it the profiles
     // measure nothing new and only the preparation grows.
     static constexpr std::uint64_t queueDepthFileLimit = 68'719'476'736;  // 64 GiB
@@ -90,7 +90,9 @@ public:
 
     // Main thread only, like everything below unless said otherwise.
     const State& state() const { return state_.get(); }
-    Subscription subscribe(std::function<void(const State&)> subscriber) { return state_.subscribe(std::move(subscriber)); }
+    Subscription subscribe(std::function<void(const State&)> subscriber) {
+        return state_.subscribe(std::move(subscriber));
+    }
 
     void setDataSize(const DataSize& size);
     void setTestMode(const TestMode& mode);
@@ -125,7 +127,8 @@ private:
     void publishProgress(const Uuid& token, const ProgressState& progress);
     void deliver(const Uuid& token, Outcome outcome, std::optional<Result> result, std::string message,
                  std::shared_ptr<Directory> folder);
-    void startAutomaticExport(const Result& result, const DiskVolumeDescriptor& volume, std::shared_ptr<Directory> folder);
+    void startAutomaticExport(const Result& result, const DiskVolumeDescriptor& volume,
+                              std::shared_ptr<Directory> folder);
     void retire(RunRecord run);
     // What stopped or finished runs on the volume still hold in test files.
     std::uint64_t bytesHeldByEarlierRuns(const DiskVolumeDescriptor& volume) const;

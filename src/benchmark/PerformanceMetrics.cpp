@@ -37,8 +37,8 @@ std::vector<MetricItem> PerformanceMetrics::runningItems(const std::optional<Pro
         items.push_back({"hourglass", localized("预计剩余", "ETA"), durationText(*progress->estimatedRemainingTime),
                          Style::normal});
     } else {
-        items.push_back({"hourglass", localized("预计剩余", "ETA"), localized("计算中…", "Calculating…"),
-                         Style::placeholder});
+        items.push_back(
+            {"hourglass", localized("预计剩余", "ETA"), localized("计算中…", "Calculating…"), Style::placeholder});
     }
     return items;
 }
@@ -61,7 +61,8 @@ std::string PerformanceMetrics::iopsText(double operationsPerSecond) {
 std::vector<MetricItem> PerformanceMetrics::resultItems(const PerformanceResult& result) {
     if (result.mode.kind == TestKind::queueDepth) {
         std::vector<MetricItem> items{
-            {"externaldrive.fill", localized("样本大小", "Sample Size"), sizeText(result.actualByteCount), Style::normal},
+            {"externaldrive.fill", localized("样本大小", "Sample Size"), sizeText(result.actualByteCount),
+             Style::normal},
             {"info.circle", localized("测试方式", "Test Mode"), modeDescription(result.mode), Style::normal},
         };
         for (const auto& figure : result.queueDepthFigures) {
@@ -69,11 +70,11 @@ std::vector<MetricItem> PerformanceMetrics::resultItems(const PerformanceResult&
             const auto value = [&](double bytesPerSecond, double iops) {
                 return sequential ? speedText(bytesPerSecond) : iopsText(iops) + " IOPS";
             };
-            items.push_back({sequential ? "speedometer" : "square.grid.3x3", figure.profile,
-                             localized("读 ", "Read ") + value(figure.readBytesPerSecond, figure.readIOPS) +
-                                 localized(" · 写 ", " · Write ") + value(figure.writeBytesPerSecond, figure.writeIOPS),
-                             sequential && figure.profile == kQueueDepthProfiles[0].name ? Style::highlight
-                                                                                         : Style::normal});
+            items.push_back(
+                {sequential ? "speedometer" : "square.grid.3x3", figure.profile,
+                 localized("读 ", "Read ") + value(figure.readBytesPerSecond, figure.readIOPS) +
+                     localized(" · 写 ", " · Write ") + value(figure.writeBytesPerSecond, figure.writeIOPS),
+                 sequential && figure.profile == kQueueDepthProfiles[0].name ? Style::highlight : Style::normal});
         }
         items.push_back({"clock.badge.checkmark", localized("完成时间", "Finished"),
                          text::mediumDateTimeText(result.finishedAt), Style::normal});

@@ -51,9 +51,7 @@ std::string sizeValue(std::uint64_t bytes) {
 
 std::string unknown() { return localized("未知", "Unknown"); }
 
-std::string orUnknown(const std::optional<std::string>& value) {
-    return value && !value->empty() ? *value : unknown();
-}
+std::string orUnknown(const std::optional<std::string>& value) { return value && !value->empty() ? *value : unknown(); }
 
 std::string axisLine(double x1, double y1, double x2, double y2) {
     return "<line x1=\"" + shortestDecimal(x1) + "\" y1=\"" + shortestDecimal(y1) + "\" x2=\"" + shortestDecimal(x2) +
@@ -113,7 +111,7 @@ std::string samplesTable(const std::vector<TimelineSample>& timeline) {
     rows.reserve(timeline.size());
     for (const auto& sample : timeline) {
         const std::string phase = sample.phase == TimelineSample::Phase::sequentialWrite ? localized("写入", "Write")
-                                                                                          : localized("读取", "Read");
+                                                                                         : localized("读取", "Read");
         rows.push_back("<tr><td>" + htmlEscaped(phase) + "</td><td>" + fmt::format("{:.2f}", sample.timestamp) +
                        "</td><td>" + htmlEscaped(speedValue(sample.throughput)) + "</td></tr>");
     }
@@ -131,8 +129,8 @@ std::string queueDepthTable(const std::vector<QueueDepthFigure>& figures) {
                        "</td></tr>");
     }
     return table({localized("测试", "Test"), localized("读取", "Read"), localized("读取 IOPS", "Read IOPS"),
-                   localized("写入", "Write"), localized("写入 IOPS", "Write IOPS")},
-                  rows);
+                  localized("写入", "Write"), localized("写入 IOPS", "Write IOPS")},
+                 rows);
 }
 
 std::string interfaceText(const DiskVolumeDescriptor& volume) {
@@ -238,19 +236,20 @@ std::string chartSVG(const std::vector<TimelineSample>& timeline, const ChartLab
         }
     }
 
-    svg += "\n    <g transform=\"translate(50.0, 30.0)\">\n    <rect x=\"0\" y=\"-12\" width=\"220\" height=\"24\" "
-           "rx=\"12\" fill=\"rgba(15,23,42,0.6)\" />\n    <circle cx=\"16\" cy=\"0\" r=\"6\" fill=\"#f97316\" />\n    "
-           "<text x=\"30\" y=\"4\" font-size=\"13\" fill=\"#f8fafc\">" +
-           htmlEscaped(labels.writeLegend) +
-           "</text>\n    <circle cx=\"118\" cy=\"0\" r=\"6\" fill=\"#38bdf8\" />\n    <text x=\"132\" y=\"4\" "
-           "font-size=\"13\" fill=\"#f8fafc\">" +
-           htmlEscaped(labels.readLegend) + "</text>\n</g>\n</svg>";
+    svg +=
+        "\n    <g transform=\"translate(50.0, 30.0)\">\n    <rect x=\"0\" y=\"-12\" width=\"220\" height=\"24\" "
+        "rx=\"12\" fill=\"rgba(15,23,42,0.6)\" />\n    <circle cx=\"16\" cy=\"0\" r=\"6\" fill=\"#f97316\" />\n    "
+        "<text x=\"30\" y=\"4\" font-size=\"13\" fill=\"#f8fafc\">" +
+        htmlEscaped(labels.writeLegend) +
+        "</text>\n    <circle cx=\"118\" cy=\"0\" r=\"6\" fill=\"#38bdf8\" />\n    <text x=\"132\" y=\"4\" "
+        "font-size=\"13\" fill=\"#f8fafc\">" +
+        htmlEscaped(labels.readLegend) + "</text>\n</g>\n</svg>";
     return svg;
 }
 
 std::string smartSection(const std::optional<DiskSMARTInfo>& smart) {
-    const std::string opening =
-        "<div class=\"card\">\n    <h2>" + htmlEscaped(localized("SMART 信息", "SMART Information")) + "</h2>\n    ";
+    const std::string opening = "<div class=\"card\">\n    <h2>" +
+                                htmlEscaped(localized("SMART 信息", "SMART Information")) + "</h2>\n    ";
     if (!smart) {
         return opening + "<p>" + localized("未检测到可用的 SMART 信息。", "No SMART information was provided.") +
                "</p>\n</div>";
@@ -323,45 +322,51 @@ std::string reportHTML(const PerformanceResult& result, const DiskVolumeDescript
     for (const auto& [label, value] : metrics) {
         metricTexts.push_back(htmlEscaped(label) + "</span>\n                <strong>" + htmlEscaped(value));
     }
-    const std::string blockSize = text::byteCountText(static_cast<std::uint64_t>(std::max<std::int64_t>(result.randomBlockSize, 0)),
-                                                      ByteUnits::bytes | ByteUnits::kilobytes | ByteUnits::megabytes);
-    const std::string randomLine =
-        text::randomTestSummary(blockSize, static_cast<std::uint64_t>(std::max<std::int64_t>(result.randomOperationCount, 0)));
-    const std::string finishedLine =
-        localized("完成时间", "Finished At") + "：" + text::mediumDateTimeText(result.finishedAt);
+    const std::string blockSize = text::byteCountText(
+        static_cast<std::uint64_t>(std::max<std::int64_t>(result.randomBlockSize, 0)),
+        ByteUnits::bytes | ByteUnits::kilobytes | ByteUnits::megabytes);
+    const std::string randomLine = text::randomTestSummary(
+        blockSize, static_cast<std::uint64_t>(std::max<std::int64_t>(result.randomOperationCount, 0)));
+    const std::string finishedLine = localized("完成时间", "Finished At") + "：" +
+                                     text::mediumDateTimeText(result.finishedAt);
 
     std::string html = "<!DOCTYPE html>\n<html lang=\"" + std::string(text::isEnglish() ? "en" : "zh-Hans") +
                        "\">\n<head>\n    <meta charset=\"utf-8\" />\n    <title>" + htmlEscaped(title) +
-                       "</title>\n    <style>" + styleSheet() + "</style>\n</head>\n<body>\n    <h1>" + htmlEscaped(title) +
-                       "</h1>";
+                       "</title>\n    <style>" + styleSheet() + "</style>\n</head>\n<body>\n    <h1>" +
+                       htmlEscaped(title) + "</h1>";
     // Any other test than the standard one says how it ran, under the title.
     if (!result.mode.isDefault()) {
         html += "\n    <p class=\"mode\">" + htmlEscaped(localized("测试方式", "Test Mode")) + "：" +
                 htmlEscaped(modeDescription(result.mode)) + "</p>";
     }
-    const std::string badgeList = "\n    <div class=\"card\">\n        <h2>" + htmlEscaped(localized("摘要", "Summary")) +
+    const std::string badgeList = "\n    <div class=\"card\">\n        <h2>" +
+                                  htmlEscaped(localized("摘要", "Summary")) +
                                   "</h2>\n        <div class=\"badge\"><span>" +
-                                  join(badgeTexts, "</span></div>\n        <div class=\"badge\"><span>") + "</span></div>";
+                                  join(badgeTexts, "</span></div>\n        <div class=\"badge\"><span>") +
+                                  "</span></div>";
     if (result.mode.kind == TestKind::queueDepth) {
         html += badgeList + "\n        <p>" + htmlEscaped(finishedLine) + "</p>\n    </div>";
-        html += "\n    <div class=\"card\">\n        <h2>" + htmlEscaped(localized("队列深度测试", "Queue-Depth Profiles")) +
-                "</h2>\n        " + queueDepthTable(result.queueDepthFigures) + "\n    </div>\n    ";
+        html += "\n    <div class=\"card\">\n        <h2>" +
+                htmlEscaped(localized("队列深度测试", "Queue-Depth Profiles")) + "</h2>\n        " +
+                queueDepthTable(result.queueDepthFigures) + "\n    </div>\n    ";
         html += smartSection(volume.smartInfo);
         return html + "\n</body>\n</html>";
     }
-    html += badgeList + "\n        <div class=\"metrics\">\n            <div class=\"metric\">\n                <span>" +
-            join(metricTexts, "</strong>\n            </div>\n            <div class=\"metric\">\n                <span>") +
-            "</strong>\n            </div>\n        </div>\n        <p>" + htmlEscaped(randomLine) + "</p>\n        <p>" +
-            htmlEscaped(finishedLine) + "</p>\n    </div>";
+    html +=
+        badgeList + "\n        <div class=\"metrics\">\n            <div class=\"metric\">\n                <span>" +
+        join(metricTexts, "</strong>\n            </div>\n            <div class=\"metric\">\n                <span>") +
+        "</strong>\n            </div>\n        </div>\n        <p>" + htmlEscaped(randomLine) + "</p>\n        <p>" +
+        htmlEscaped(finishedLine) + "</p>\n    </div>";
     html += "\n    <div class=\"card\">\n        <h2>" + htmlEscaped(localized("吞吐率图表", "Throughput Chart")) +
-            "</h2>\n        <div class=\"chart-wrapper\">\n            " + chartSVG(result.timeline, ChartLabels::current()) +
-            "\n        </div>\n    </div>\n    ";
+            "</h2>\n        <div class=\"chart-wrapper\">\n            " +
+            chartSVG(result.timeline, ChartLabels::current()) + "\n        </div>\n    </div>\n    ";
     html += smartSection(volume.smartInfo);
     const std::string samplesHeading = htmlEscaped(localized("采样数据", "Sampled Data"));
-    html += "\n    <div class=\"card\">\n        <h2>" + samplesHeading +
-            "</h2>\n        <details>\n            <summary style=\"cursor: pointer; font-size: 16px; font-weight: 600;\">" +
-            samplesHeading + "</summary>\n            " + samplesTable(result.timeline) +
-            "\n        </details>\n    </div>\n</body>\n</html>";
+    html +=
+        "\n    <div class=\"card\">\n        <h2>" + samplesHeading +
+        "</h2>\n        <details>\n            <summary style=\"cursor: pointer; font-size: 16px; font-weight: 600;\">" +
+        samplesHeading + "</summary>\n            " + samplesTable(result.timeline) +
+        "\n        </details>\n    </div>\n</body>\n</html>";
     return html;
 }
 

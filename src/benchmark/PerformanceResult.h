@@ -15,7 +15,7 @@ namespace vantorix {
 struct PerformanceResult {
     Uuid id;
     DataSize dataSize = DataSize::availableSpace();  // the choice when the run started
-    std::uint64_t actualByteCount = 0;                // bytes of each sequential phase
+    std::uint64_t actualByteCount = 0;               // bytes of each sequential phase
     bool isPayloadAdjusted = false;
     double writeDuration = 0;    // seconds, sequential write including the final flush
     double writeThroughput = 0;  // bytes per second

@@ -61,9 +61,7 @@ void ProgressTracker::complete(BenchmarkPhase phase) {
     addToTotal(std::max(total - previous, 0.0));
 }
 
-double ProgressTracker::fraction() const {
-    return std::clamp(totalCompleted_ / std::max(totalWork_, 1.0), 0.0, 1.0);
-}
+double ProgressTracker::fraction() const { return std::clamp(totalCompleted_ / std::max(totalWork_, 1.0), 0.0, 1.0); }
 
 ProgressState ProgressTracker::snapshot(BenchmarkPhase phase, Clock::time_point runStart, Clock::time_point now) {
     ProgressState state;
@@ -73,8 +71,7 @@ ProgressState ProgressTracker::snapshot(BenchmarkPhase phase, Clock::time_point 
     if (state.fractionCompleted >= 1) {
         state.estimatedRemainingTime = 0.0;
     } else if (state.fractionCompleted > 0) {
-        state.estimatedRemainingTime =
-            std::max(state.elapsedTime / state.fractionCompleted - state.elapsedTime, 0.0);
+        state.estimatedRemainingTime = std::max(state.elapsedTime / state.fractionCompleted - state.elapsedTime, 0.0);
     }
     lastPublishDate_ = now;
     return state;
@@ -101,8 +98,9 @@ void TimelineSampler::finish(double elapsed) {
 }
 
 void TimelineSampler::emit(double elapsed) {
-    const double throughput =
-        pendingBytes_ == 0 ? 0.0 : static_cast<double>(pendingBytes_) / std::max(accumulatedTime_, kInterval);
+    const double throughput = pendingBytes_ == 0
+                                  ? 0.0
+                                  : static_cast<double>(pendingBytes_) / std::max(accumulatedTime_, kInterval);
     samples_.push_back(TimelineSample{Uuid::make(), phase_, elapsed, pendingBytes_, throughput});
     maximum_ = std::max(maximum_, throughput);
     pendingBytes_ = 0;

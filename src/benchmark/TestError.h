@@ -25,7 +25,9 @@ public:
     // the report could not be written.
     explicit TestError(Kind kind, std::string message = {}) : kind_(kind), message_(std::move(message)) {}
 
-    static TestError reportWriteFailure(std::string message) { return TestError(reportWriteFailed, std::move(message)); }
+    static TestError reportWriteFailure(std::string message) {
+        return TestError(reportWriteFailed, std::move(message));
+    }
     // The kind, caused by the system error `code`.
     static TestError because(Kind kind, int code);
 

@@ -18,7 +18,8 @@ std::string modeDescription(const TestMode& mode) {
                    ? fmt::format("Queue-depth profiles (io_uring, direct I/O), {} s per read and per write", seconds)
                    : fmt::format("队列深度测试（io_uring，直接 I/O），每项读取与写入各 {} 秒", seconds);
     }
-    if (mode.bypassCache) return text::localized("绕过缓存（直接 I/O），队列深度 1", "Cache bypass (direct I/O), queue depth 1");
+    if (mode.bypassCache)
+        return text::localized("绕过缓存（直接 I/O），队列深度 1", "Cache bypass (direct I/O), queue depth 1");
     return text::localized("标准（经过页面缓存），队列深度 1", "Standard (through the page cache), queue depth 1");
 }
 

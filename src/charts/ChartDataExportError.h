@@ -10,7 +10,9 @@ class ChartDataExportError {
 public:
     enum class Code { bitmapContextUnavailable, pngEncodingFailed };
 
-    static ChartDataExportError bitmapContextUnavailable() { return ChartDataExportError(Code::bitmapContextUnavailable); }
+    static ChartDataExportError bitmapContextUnavailable() {
+        return ChartDataExportError(Code::bitmapContextUnavailable);
+    }
     static ChartDataExportError pngEncodingFailed() { return ChartDataExportError(Code::pngEncodingFailed); }
 
     Code code() const { return code_; }

@@ -1,9 +1,9 @@
 #include "charts/ChartExportSupport.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <fmt/compile.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unicode/locid.h>
 #include <unicode/numberformatter.h>
 #include <unicode/unistr.h>
@@ -272,8 +272,8 @@ ChartExportSupport::Totals ChartExportSupport::totals(const SampleWindow& sample
     if (sampleIntervalMs >= 1 && samples.size() > 1)
         totals.samplingTimeMs = static_cast<double>(sampleIntervalMs) * static_cast<double>(samples.size() - 1);
     if (totals.samplingTimeMs > 0)
-        totals.averageSpeed =
-            static_cast<double>(saturatingAdd(totals.readBytes, totals.writeBytes)) / (totals.samplingTimeMs / 1000);
+        totals.averageSpeed = static_cast<double>(saturatingAdd(totals.readBytes, totals.writeBytes)) /
+                              (totals.samplingTimeMs / 1000);
     return totals;
 }
 
@@ -310,16 +310,20 @@ std::string ChartExportSupport::pngPath(const std::string& csvPath) {
     return std::filesystem::path(csvPath).replace_extension("png").string();
 }
 
-std::optional<ChartExportSupport::Outcome> ChartExportSupport::exportChart(const SampleWindow& samples, std::int64_t sampleIntervalMs,
-                                                           const std::string& csvPath, const PNGRenderer& renderPNG) {
+std::optional<ChartExportSupport::Outcome> ChartExportSupport::exportChart(const SampleWindow& samples,
+                                                                           std::int64_t sampleIntervalMs,
+                                                                           const std::string& csvPath,
+                                                                           const PNGRenderer& renderPNG) {
     if (samples.size() < 2) return std::nullopt;
     const std::string png = pngPath(csvPath);
     // The text is built as UTF-8 bytes from the start, so there is no conversion that could fail.
     const std::string csv = csvText(samples, sampleIntervalMs);
     auto image = renderPNG(samples, sampleIntervalMs);
     if (!image) return Outcome{false, text::chartExportFailed(image.error().description())};
-    if (auto failure = writeFile(csvPath, csv.data(), csv.size())) return Outcome{false, text::chartExportFailed(*failure)};
-    if (auto failure = writeFile(png, image->data(), image->size())) return Outcome{false, text::chartExportFailed(*failure)};
+    if (auto failure = writeFile(csvPath, csv.data(), csv.size()))
+        return Outcome{false, text::chartExportFailed(*failure)};
+    if (auto failure = writeFile(png, image->data(), image->size()))
+        return Outcome{false, text::chartExportFailed(*failure)};
     return Outcome{true, text::chartExportSaved(csvPath, png)};
 }
 

@@ -112,7 +112,7 @@ struct ChartExportSupport {
     // outcome. Nothing happens, and nothing is returned, with fewer than two samples. A failure
     // stops the flow where it happens: a CSV already written stays.
     static std::optional<Outcome> exportChart(const SampleWindow& samples, std::int64_t sampleIntervalMs,
-                                                  const std::string& csvPath, const PNGRenderer& renderPNG);
+                                              const std::string& csvPath, const PNGRenderer& renderPNG);
 };
 
 }  // namespace vantorix

@@ -152,7 +152,8 @@ void DiskIOGraphRendererCache::update(const SampleWindow& samples, SampleRange r
     }
 
     cancelPendingWork();
-    Result result{std::move(preserved), {lower, upper}, effectiveTarget, chunkSize, sampleIntervalMs, std::move(signature)};
+    Result result{std::move(preserved), {lower, upper},      effectiveTarget, chunkSize,
+                  sampleIntervalMs,     std::move(signature)};
     if (std::max(start, lower) >= upper) {
         postInstaller(std::move(result));
         return;
@@ -171,7 +172,8 @@ void DiskIOGraphRendererCache::update(const SampleWindow& samples, SampleRange r
         };
         if (cancelled.isCancelled() || !isCurrent()) return;
         auto bins = computeBins(samples, start, result.range.upper, result.chunkSize, factor);
-        result.bins.insert(result.bins.end(), std::make_move_iterator(bins.begin()), std::make_move_iterator(bins.end()));
+        result.bins.insert(result.bins.end(), std::make_move_iterator(bins.begin()),
+                           std::make_move_iterator(bins.end()));
         main->post([cache = std::move(cache), token, result = std::move(result)]() mutable {
             const auto self = cache.lock();
             if (!self || !self->pendingWorkToken_->is(token)) return;  // superseded: dropped

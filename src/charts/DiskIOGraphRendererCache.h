@@ -19,9 +19,9 @@ namespace vantorix {
 // One plotted point of the throughput graph: the bin of samples it stands for, reduced to its peak
 // speeds and its byte totals.
 struct IndexedSample {
-    std::int64_t index = 0;     // the middle of the bin, as an index into the sample list
-    double readSpeed = 0;       // highest per-sample read speed in the bin, bytes per second
-    double writeSpeed = 0;      // highest per-sample write speed in the bin, bytes per second
+    std::int64_t index = 0;        // the middle of the bin, as an index into the sample list
+    double readSpeed = 0;          // highest per-sample read speed in the bin, bytes per second
+    double writeSpeed = 0;         // highest per-sample write speed in the bin, bytes per second
     std::uint64_t readBytes = 0;   // sum of the bin's read bytes, saturating at 2^64 − 1
     std::uint64_t writeBytes = 0;  // sum of the bin's write bytes, saturating at 2^64 − 1
     std::int64_t sampleCount = 0;
@@ -117,8 +117,8 @@ public:
     // `range` clamped to the list's indices 0..<count, never inverted.
     static SampleRange sanitize(SampleRange range, std::int64_t count);
     // Bins of `chunkSize` samples from `start` up to `upper` (the last may be shorter).
-    static std::vector<DownsampledBin> computeBins(const SampleWindow& samples, std::int64_t start,
-                                                   std::int64_t upper, std::int64_t chunkSize, double speedFactor);
+    static std::vector<DownsampledBin> computeBins(const SampleWindow& samples, std::int64_t start, std::int64_t upper,
+                                                   std::int64_t chunkSize, double speedFactor);
 
 private:
     // The identity of the one job that may still install its result; read by the job on the queue.

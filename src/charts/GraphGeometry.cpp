@@ -79,10 +79,10 @@ SampleRange GraphGeometry::visibleRange(std::int64_t sampleCount, const Slots& s
     if (sampleCount < 1) return {0, 0};
     const double spacing = slots.spacing;
     if (!(spacing > 0) || !std::isfinite(spacing)) return {0, sampleCount};
-    const std::int64_t first =
-        std::max(toIndex(std::floor((-spacing - slots.shift) / spacing), -1, sampleCount), std::int64_t{0});
-    const std::int64_t last =
-        std::min(sampleCount - 1, toIndex(std::ceil((spacing + width - slots.shift) / spacing), -1, sampleCount));
+    const std::int64_t first = std::max(toIndex(std::floor((-spacing - slots.shift) / spacing), -1, sampleCount),
+                                        std::int64_t{0});
+    const std::int64_t last = std::min(sampleCount - 1,
+                                       toIndex(std::ceil((spacing + width - slots.shift) / spacing), -1, sampleCount));
     if (last >= first) return {first, last + 1};
     const std::int64_t only = std::min(sampleCount - 1, first);
     return {only, only + 1};
@@ -216,8 +216,8 @@ std::optional<IndexedSample> GraphGeometry::hoveredPoint(const Points& drawn, co
     return closest;
 }
 
-std::optional<IndexedSample> GraphGeometry::retargeted(const std::optional<IndexedSample>& hovered,
-                                                       const Points& drawn, std::int64_t sampleCount) {
+std::optional<IndexedSample> GraphGeometry::retargeted(const std::optional<IndexedSample>& hovered, const Points& drawn,
+                                                       std::int64_t sampleCount) {
     if (sampleCount <= 0 || !hovered) return std::nullopt;
     const std::int64_t index = std::clamp(hovered->index, std::int64_t{0}, sampleCount - 1);
     std::optional<IndexedSample> nearest;

@@ -128,7 +128,8 @@ struct GraphGeometry {
     static bool acceptsPointer(Point pointer, Size graph);
     // The drawn point (within 32 px beyond the edges) closest in x to the pointer; the earlier of
     // two equally close ones.
-    static std::optional<IndexedSample> hoveredPoint(const Points& drawn, const Slots& slots, Size graph, Point pointer);
+    static std::optional<IndexedSample> hoveredPoint(const Points& drawn, const Slots& slots, Size graph,
+                                                     Point pointer);
     // The hovered point again after the samples changed: the drawn point with its index (held
     // within the shown samples), else the drawn point whose index is nearest.
     static std::optional<IndexedSample> retargeted(const std::optional<IndexedSample>& hovered, const Points& drawn,
@@ -148,7 +149,8 @@ struct GraphGeometry {
 
         friend bool operator==(const TooltipLines&, const TooltipLines&) = default;
     };
-    static TooltipLines tooltipLines(const IndexedSample& point, const SampleWindow& shown, std::int64_t sampleIntervalMs);
+    static TooltipLines tooltipLines(const IndexedSample& point, const SampleWindow& shown,
+                                     std::int64_t sampleIntervalMs);
 
     // The bubble's size before it has been measured.
     static constexpr Size defaultTooltipSize{240, 80};

@@ -1,7 +1,7 @@
-#include <CLI/CLI.hpp>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <unistd.h>
+#include <CLI/CLI.hpp>
 
 #include <map>
 #include <mutex>
@@ -15,14 +15,14 @@
 #include "cli/LinkCeilingJson.h"
 #include "cli/OptionChecks.h"
 #include "cli/SignalWatcher.h"
-#include "cli/StandardStreams.h"
 #include "cli/SmartFetch.h"
-#include "json/JsonText.h"
-#include "smart/HelperApprovalTexts.h"
-#include "composition/SmartPipeline.h"
+#include "cli/StandardStreams.h"
 #include "cli/TextTable.h"
+#include "composition/SmartPipeline.h"
 #include "concurrency/LoopMainExecutor.h"
+#include "json/JsonText.h"
 #include "monitor/StatisticsSession.h"
+#include "smart/HelperApprovalTexts.h"
 #include "text/Formats.h"
 #include "text/Language.h"
 #include "text/Messages.h"
@@ -129,16 +129,18 @@ std::string deviceLine(BenchmarkPhase phase, const DeviceTraffic::Phase& traffic
 std::string cacheWarning(BenchmarkPhase phase) {
     if (isWritePhase(phase)) {
         return text::isEnglish()
-                   ? fmt::format("Warning: most writes of the {} stayed in the page cache and never reached the "
-                                 "disk; its speed reflects memory, not the disk.",
-                                 phaseName(phase))
+                   ? fmt::format(
+                         "Warning: most writes of the {} stayed in the page cache and never reached the "
+                         "disk; its speed reflects memory, not the disk.",
+                         phaseName(phase))
                    : fmt::format("警告：{}的大部分写入停留在页面缓存中，没有到达磁盘；其速度反映的是内存而不是磁盘。",
                                  phaseName(phase));
     }
     return text::isEnglish()
-               ? fmt::format("Warning: the {} was served mostly from the page cache; its speed reflects memory, not "
-                             "the disk.",
-                             phaseName(phase))
+               ? fmt::format(
+                     "Warning: the {} was served mostly from the page cache; its speed reflects memory, not "
+                     "the disk.",
+                     phaseName(phase))
                : fmt::format("警告：{}的数据大多来自页面缓存，其速度反映的是内存而不是磁盘。", phaseName(phase));
 }
 
@@ -147,15 +149,15 @@ std::string progressLine(const ProgressState& progress) {
                                 ? PerformanceMetrics::durationText(*progress.estimatedRemainingTime)
                                 : localized("计算中…", "Calculating…");
     return fmt::format("{}  {}  {} {}  {} {}", progressPhaseText(progress),
-                       PerformanceMetrics::progressText(progress.fractionCompleted),
-                       localized("已用时间", "Elapsed"), PerformanceMetrics::durationText(progress.elapsedTime),
-                       localized("预计剩余", "ETA"), eta);
+                       PerformanceMetrics::progressText(progress.fractionCompleted), localized("已用时间", "Elapsed"),
+                       PerformanceMetrics::durationText(progress.elapsedTime), localized("预计剩余", "ETA"), eta);
 }
 
 std::string isoTime(std::chrono::system_clock::time_point time) {
     const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
     const auto millis = std::chrono::duration_cast<std::chrono::milliseconds>(time - seconds).count();
-    return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}Z", fmt::gmtime(std::chrono::system_clock::to_time_t(seconds)), millis);
+    return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}Z", fmt::gmtime(std::chrono::system_clock::to_time_t(seconds)),
+                       millis);
 }
 
 ordered_json resultJson(const PerformanceResult& result, const DiskVolumeDescriptor& volume,
@@ -178,8 +180,9 @@ ordered_json resultJson(const PerformanceResult& result, const DiskVolumeDescrip
                                                                     : ordered_json(nullptr)},
                           {"servedFromPageCache", found->second.servedFromPageCache()}});
     }
-    const auto linkShare =
-        volume.link ? ceilingFraction(PerformanceMetrics::bestSequentialThroughput(result), *volume.link) : std::nullopt;
+    const auto linkShare = volume.link
+                               ? ceilingFraction(PerformanceMetrics::bestSequentialThroughput(result), *volume.link)
+                               : std::nullopt;
     ordered_json mode{{"kind", rawValue(result.mode.kind)}, {"bypassCache", result.mode.usesDirectIo()}};
     if (result.mode.kind == TestKind::queueDepth) mode["secondsPerProfile"] = result.mode.secondsPerProfile;
     ordered_json queueDepth = ordered_json::array();
@@ -247,11 +250,16 @@ void printQueueDepthTable(std::ostream& out, const std::vector<QueueDepthFigure>
 class BenchSession {
 public:
     BenchSession(const BenchOptions& options, Environment& environment, std::shared_ptr<LoopMainExecutor> main)
-        : options_(options), environment_(environment), out_(*environment.out), err_(*environment.err),
-          main_(std::move(main)), interactive_(environment.err == &standardError() && ::isatty(STDERR_FILENO) == 1) {}
+        : options_(options),
+          environment_(environment),
+          out_(*environment.out),
+          err_(*environment.err),
+          main_(std::move(main)),
+          interactive_(environment.err == &standardError() && ::isatty(STDERR_FILENO) == 1) {}
 
     int run() {
-        auto resolved = DiskVolumeResolver::resolve(options_.path, *environment_.system.volumes, *environment_.system.devices);
+        auto resolved = DiskVolumeResolver::resolve(options_.path, *environment_.system.volumes,
+                                                    *environment_.system.devices);
         if (!resolved) return fail(resolved.error().name(), resolved.error().description());
         volume_ = std::move(resolved).value();
 
@@ -296,12 +304,12 @@ public:
             err_ << localized("警告：", "Warning: ") << *warning << std::endl;
         }
         // The label and the path are bytes from outside: shown safely.
-        err_ << text::terminalText(text::isEnglish()
-                                    ? fmt::format("Testing {} ({}) in {}. {}. Press Ctrl-C to stop.",
-                                                  volume_->displayName, volume_->deviceName, volume_->url,
-                                                  context.description)
-                                    : fmt::format("正在测试 {}（{}），目录 {}。{}。按 Ctrl-C 停止。", volume_->displayName,
-                                                  volume_->deviceName, volume_->url, context.description))
+        err_ << text::terminalText(
+                    text::isEnglish()
+                        ? fmt::format("Testing {} ({}) in {}. {}. Press Ctrl-C to stop.", volume_->displayName,
+                                      volume_->deviceName, volume_->url, context.description)
+                        : fmt::format("正在测试 {}（{}），目录 {}。{}。按 Ctrl-C 停止。", volume_->displayName,
+                                      volume_->deviceName, volume_->url, context.description))
              << std::endl;
         try {
             subscription_ = tester_->subscribe(
@@ -340,9 +348,10 @@ private:
         if (!reason && outcome.helperFailure) {
             reason = smart::helperRequestFailedMessage(volume_->deviceName, *outcome.helperFailure);
         }
-        smartNote_ = localized("报告中将没有 SMART 数据：", "The report will have no SMART data: ") +
-                     (reason ? *reason
-                             : localized("硬盘没有提供可用的 SMART 信息。", "the drive gave no usable SMART information."));
+        smartNote_ =
+            localized("报告中将没有 SMART 数据：", "The report will have no SMART data: ") +
+            (reason ? *reason
+                    : localized("硬盘没有提供可用的 SMART 信息。", "the drive gave no usable SMART information."));
     }
 
     void observe(const DiskPerformanceTester::State& state) {
@@ -353,8 +362,8 @@ private:
         }
         endProgressLine();
         if (stopSignal_ != 0) {
-            fail("interrupted",
-                 localized("性能测试已停止，测试文件已删除。", "Performance test stopped; its test files were removed."));
+            fail("interrupted", localized("性能测试已停止，测试文件已删除。",
+                                          "Performance test stopped; its test files were removed."));
             finish(stoppedBy(stopSignal_));
         } else if (state.lastResult && !state.automaticReportMessage) {
             // Success: the report is being written; its message follows.
@@ -396,7 +405,8 @@ private:
             std::vector<std::pair<std::string, std::string>> rows;
             for (const auto& item : PerformanceMetrics::resultItems(result)) rows.emplace_back(item.title, item.value);
             if (result.mode.kind == TestKind::standard) {
-                rows.emplace_back(localized("随机操作次数", "Random Operations"), std::to_string(result.randomOperationCount));
+                rows.emplace_back(localized("随机操作次数", "Random Operations"),
+                                  std::to_string(result.randomOperationCount));
             }
             for (const auto phase : kBenchmarkPhases) {
                 const auto found = traffic.find(phase);
@@ -424,8 +434,8 @@ private:
             const auto found = traffic.find(phase);
             if (found != traffic.end() && found->second.servedFromPageCache()) err_ << cacheWarning(phase) << '\n';
         }
-        (state.lastReportPath ? (options_.json ? err_ : out_) : err_) << text::terminalLines(*state.automaticReportMessage)
-                                                                      << std::endl;
+        (state.lastReportPath ? (options_.json ? err_ : out_) : err_)
+            << text::terminalLines(*state.automaticReportMessage) << std::endl;
     }
 
     // Says why the test did not give a result: on standard error, and with --json in the error shape.
@@ -486,23 +496,33 @@ Command addBenchCommand(CLI::App& parent) {
     };
     auto parsed = std::make_shared<Parsed>();
     auto* command = parent.add_subcommand(
-        "bench", text::localized("对文件夹所在卷运行四阶段性能测试并写出 HTML 报告",
-                                 "Run the four-phase performance test on the volume behind a folder and write an HTML report"));
-    command->add_option("path", parsed->options.path, text::localized("卷上的文件夹", "A folder on the volume"))->required();
-    command->add_option("--size", parsed->options.size, text::localized("测试样本大小：full（全盘）或 GB 数，默认 1", "Test Sample Size: full (the whole free space) or a number of GB; 1 by default"))
+        "bench",
+        text::localized("对文件夹所在卷运行四阶段性能测试并写出 HTML 报告",
+                        "Run the four-phase performance test on the volume behind a folder and write an HTML report"));
+    command->add_option("path", parsed->options.path, text::localized("卷上的文件夹", "A folder on the volume"))
+        ->required();
+    command
+        ->add_option("--size", parsed->options.size,
+                     text::localized("测试样本大小：full（全盘）或 GB 数，默认 1",
+                                     "Test Sample Size: full (the whole free space) or a number of GB; 1 by default"))
         ->check(CLI::IsMember({"full", "1", "10", "100", "1000", "10000"}))
         ->default_val("1");
     command->add_flag("--json", parsed->options.json, text::localized("以 JSON 输出", "Print JSON"));
     command->add_flag("--direct", parsed->options.direct,
                       text::localized("绕过页面缓存：四个阶段都使用直接 I/O（O_DIRECT）",
                                       "Bypass the page cache: direct I/O (O_DIRECT) in all four phases"));
-    command->add_option("--profile", parsed->options.profile,
-                        text::localized("standard（四阶段测试）或 deep（io_uring 队列深度测试：SEQ1M Q8/Q1、RND4K Q32/Q1 的读取与写入，直接 I/O）",
-                                        "standard (the four-phase test) or deep (queue-depth profiles on io_uring: SEQ1M Q8/Q1 and RND4K Q32/Q1, read and write, direct I/O)"))
+    command
+        ->add_option(
+            "--profile", parsed->options.profile,
+            text::localized(
+                "standard（四阶段测试）或 deep（io_uring 队列深度测试：SEQ1M Q8/Q1、RND4K Q32/Q1 的读取与写入，直接 I/O）",
+                "standard (the four-phase test) or deep (queue-depth profiles on io_uring: SEQ1M Q8/Q1 and RND4K Q32/Q1, read and write, direct I/O)"))
         ->check(CLI::IsMember({"standard", "deep"}))
         ->default_val("standard");
-    command->add_option("--seconds", parsed->options.seconds,
-                        text::localized("deep 测试中每项读取与写入的秒数，默认 5", "Seconds of each read and each write of the deep profiles; 5 by default"))
+    command
+        ->add_option("--seconds", parsed->options.seconds,
+                     text::localized("deep 测试中每项读取与写入的秒数，默认 5",
+                                     "Seconds of each read and each write of the deep profiles; 5 by default"))
         ->check(secondsCheck(0.1, true, 3600))
         ->default_val(5);
     // Shorter runs for tests and comparisons; not shown by --help.

@@ -49,7 +49,8 @@ private:
     std::string path_;
 };
 
-int fail(const CheckUpdateOptions& options, Environment& environment, std::string_view code, const std::string& message) {
+int fail(const CheckUpdateOptions& options, Environment& environment, std::string_view code,
+         const std::string& message) {
     *environment.err << text::terminalLines(message) << '\n';
     if (options.json) printJsonError(*environment.out, code, message);
     return kFailure;
@@ -132,11 +133,12 @@ int runCheckUpdate(const CheckUpdateOptions& options, Environment& environment) 
 
 Command addCheckUpdateCommand(CLI::App& parent) {
     auto options = std::make_shared<CheckUpdateOptions>();
-    auto* command = parent.add_subcommand(
-        "check-update", localized("向 Vantorix 的网络服务查询是否有新版本", "Ask Vantorix's web service for a newer version"));
-    command->add_flag("--download", options->download,
-                      localized("有新版本时把它下载到“下载”文件夹并显示路径",
-                                "When there is a newer version, download it into the Downloads folder and print its path"));
+    auto* command = parent.add_subcommand("check-update", localized("向 Vantorix 的网络服务查询是否有新版本",
+                                                                    "Ask Vantorix's web service for a newer version"));
+    command->add_flag(
+        "--download", options->download,
+        localized("有新版本时把它下载到“下载”文件夹并显示路径",
+                  "When there is a newer version, download it into the Downloads folder and print its path"));
     command->add_flag("--json", options->json, localized("以 JSON 输出", "Print JSON"));
     return {command, [options](Environment& environment) { return runCheckUpdate(*options, environment); }};
 }

@@ -83,9 +83,9 @@ struct BenchOptions {
     // "1000", "10000". 1 GB by default: a command typed without a size should not fill the disk.
     std::string size = "1";
     bool json = false;
-    bool direct = false;              // bypass the page cache in the standard test
+    bool direct = false;               // bypass the page cache in the standard test
     std::string profile = "standard";  // or "deep": the queue-depth profiles on io_uring
-    double seconds = 5;               // each read and each write of the deep profiles
+    double seconds = 5;                // each read and each write of the deep profiles
     // Shorter runs for tests and comparisons; hidden from --help.
     std::optional<std::uint64_t> payloadBytes;
     std::optional<double> randomSeconds;

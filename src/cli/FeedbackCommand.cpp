@@ -17,8 +17,9 @@ using text::localized;
 }  // namespace
 
 int runFeedback(const FeedbackOptions& options, Environment& environment) {
-    services::FeedbackForm form{services::feedbackTypeFromWire(options.type).value_or(services::FeedbackType::suggestion),
-                                options.title, options.content, options.email};
+    services::FeedbackForm form{
+        services::feedbackTypeFromWire(options.type).value_or(services::FeedbackType::suggestion), options.title,
+        options.content, options.email};
     // The same limits as typing into the form: over-long texts are cut, not refused.
     form.applyLimits();
 
@@ -30,7 +31,8 @@ int runFeedback(const FeedbackOptions& options, Environment& environment) {
     // A form that fails the checks is not sent.
     if (auto invalid = services::validationMessage(form)) return refuse("invalidFeedback", *invalid);
 
-    const auto outcome = services::submitFeedback(*environment.system.http, services::ServiceConfiguration::current(), form);
+    const auto outcome = services::submitFeedback(*environment.system.http, services::ServiceConfiguration::current(),
+                                                  form);
     if (!outcome.accepted) return refuse("feedbackNotAccepted", outcome.message);
     if (options.json) {
         printJson(*environment.out, ordered_json{{"accepted", true},
@@ -51,7 +53,8 @@ Command addFeedbackCommand(CLI::App& parent) {
     command->add_option("--type", options->type, localized("类型", "Type"))
         ->check(CLI::IsMember({"suggestion", "bug", "feature", "other"}))
         ->capture_default_str();
-    command->add_option("--title", options->title, localized("标题（5–100 字）", "Title (5–100 characters)"))->required();
+    command->add_option("--title", options->title, localized("标题（5–100 字）", "Title (5–100 characters)"))
+        ->required();
     command->add_option("--content", options->content, localized("内容（20–2000 字）", "Content (20–2000 characters)"))
         ->required();
     command->add_option("--email", options->email, localized("联系邮箱（可选）", "Contact Email (optional)"));

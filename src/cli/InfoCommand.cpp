@@ -1,5 +1,5 @@
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
+#include <CLI/CLI.hpp>
 
 #include <nlohmann/json.hpp>
 #include <vector>
@@ -44,14 +44,13 @@ std::string counterLine(std::uint64_t bytes) {
 
 }  // namespace
 
-Environment Environment::standard() {
-    return Environment{System::thisMachine(), &standardOutput(), &standardError()};
-}
+Environment Environment::standard() { return Environment{System::thisMachine(), &standardOutput(), &standardError()}; }
 
 int runInfo(const InfoOptions& options, Environment& environment) {
     auto& out = *environment.out;
     auto& err = *environment.err;
-    auto descriptor = DiskVolumeResolver::resolve(options.path, *environment.system.volumes, *environment.system.devices);
+    auto descriptor = DiskVolumeResolver::resolve(options.path, *environment.system.volumes,
+                                                  *environment.system.devices);
     if (!descriptor.ok()) {
         err << text::terminalLines(descriptor.error().description()) << '\n';
         if (options.json) printJsonError(out, descriptor.error().name(), descriptor.error().description());
@@ -132,7 +131,8 @@ int runInfo(const InfoOptions& options, Environment& environment) {
 Command addInfoCommand(CLI::App& parent) {
     auto options = std::make_shared<InfoOptions>();
     auto* command = parent.add_subcommand(
-        "info", text::localized("显示文件夹所在卷的信息和累计读写计数", "Describe the volume behind a folder and its cumulative I/O counters"));
+        "info", text::localized("显示文件夹所在卷的信息和累计读写计数",
+                                "Describe the volume behind a folder and its cumulative I/O counters"));
     command->add_option("path", options->path, text::localized("卷上的文件夹", "A folder on the volume"))->required();
     command->add_flag("--json", options->json, text::localized("以 JSON 输出", "Print JSON"));
     return {command, [options](Environment& environment) { return runInfo(*options, environment); }};

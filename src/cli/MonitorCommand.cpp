@@ -1,6 +1,6 @@
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <unistd.h>
+#include <CLI/CLI.hpp>
 
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -121,9 +121,11 @@ constexpr std::chrono::seconds kDeliveryInterval{1};
 // Drives one monitoring run on the main loop: select, start, a line a second, stop, summary.
 class MonitorSession {
 public:
-    MonitorSession(const MonitorOptions& options, Environment& environment,
-                   std::shared_ptr<LoopMainExecutor> main)
-        : options_(options), environment_(environment), out_(*environment.out), err_(*environment.err),
+    MonitorSession(const MonitorOptions& options, Environment& environment, std::shared_ptr<LoopMainExecutor> main)
+        : options_(options),
+          environment_(environment),
+          out_(*environment.out),
+          err_(*environment.err),
           main_(std::move(main)),
           monitor_(environment.system.makeMonitor(main_, kDeliveryInterval)),
           reportQueue_("com.vantorix.cli.report", QualityOfService::utility) {}
@@ -134,8 +136,8 @@ public:
     }
 
     int run() {
-        subscription_ =
-            monitor_->subscribe(main_->failingTheLoop([this](const DiskIOMonitor::State& state) { observe(state); }));
+        subscription_ = monitor_->subscribe(
+            main_->failingTheLoop([this](const DiskIOMonitor::State& state) { observe(state); }));
         monitor_->setSamplingPrecision(options_.precision);
         monitor_->selectVolume(options_.path);
         main_->run();
@@ -188,10 +190,10 @@ private:
         const int ms = DiskIOMonitor::rawValue(options_.precision);
         // The label is bytes from outside: shown safely.
         err_ << text::terminalText(text::isEnglish()
-                                    ? fmt::format("Monitoring {} ({}) every {} ms. Press Ctrl-C to stop.",
-                                                  volume.displayName, volume.deviceName, ms)
-                                    : fmt::format("正在监控 {}（{}），每 {} 毫秒采样一次。按 Ctrl-C 停止。",
-                                                  volume.displayName, volume.deviceName, ms))
+                                       ? fmt::format("Monitoring {} ({}) every {} ms. Press Ctrl-C to stop.",
+                                                     volume.displayName, volume.deviceName, ms)
+                                       : fmt::format("正在监控 {}（{}），每 {} 毫秒采样一次。按 Ctrl-C 停止。",
+                                                     volume.displayName, volume.deviceName, ms))
              << std::endl;
     }
 
@@ -269,12 +271,12 @@ private:
     bool exportChart(const DiskIOMonitor::State& state) {
         if (!options_.csvPath) return true;
         // Runs on the main thread, where the picture's QGuiApplication must live.
-        const auto outcome =
-            ChartExportSupport::exportChart(SampleWindow(state.samples), DiskIOMonitor::rawValue(state.samplingPrecision),
-                                            *options_.csvPath, render::chartPNGRenderer());
+        const auto outcome = ChartExportSupport::exportChart(SampleWindow(state.samples),
+                                                             DiskIOMonitor::rawValue(state.samplingPrecision),
+                                                             *options_.csvPath, render::chartPNGRenderer());
         if (!outcome) {
-            reportFailure("chartExportFailed",
-                          text::localized("样本不足 2 个，未导出图表。", "Fewer than 2 samples: the chart was not exported."));
+            reportFailure("chartExportFailed", text::localized("样本不足 2 个，未导出图表。",
+                                                               "Fewer than 2 samples: the chart was not exported."));
             return false;
         }
         if (!outcome->saved) reportFailure("chartExportFailed", outcome->text);
@@ -337,18 +339,27 @@ Command addMonitorCommand(CLI::App& parent) {
     };
     auto parsed = std::make_shared<Parsed>();
     auto* command = parent.add_subcommand(
-        "monitor", text::localized("监控文件夹所在卷的实时读写", "Watch the live read and write traffic of the volume behind a folder"));
-    command->add_option("path", parsed->options.path, text::localized("卷上的文件夹", "A folder on the volume"))->required();
-    command->add_option("--precision", parsed->precision, text::localized("采样间隔（毫秒）", "Sampling interval in milliseconds"))
+        "monitor", text::localized("监控文件夹所在卷的实时读写",
+                                   "Watch the live read and write traffic of the volume behind a folder"));
+    command->add_option("path", parsed->options.path, text::localized("卷上的文件夹", "A folder on the volume"))
+        ->required();
+    command
+        ->add_option("--precision", parsed->precision,
+                     text::localized("采样间隔（毫秒）", "Sampling interval in milliseconds"))
         ->check(CLI::IsMember({1, 10, 100, 1000}))
         ->default_val(1000);
-    auto* durationOption = command->add_option(
-        "--duration", parsed->duration, text::localized("监控时长（秒），默认直到按下 Ctrl-C", "Seconds to monitor; until Ctrl-C when absent"))
-        ->check(secondsCheck(0, false, kLongestDuration));
-    command->add_flag("--json", parsed->options.json, text::localized("每行输出一个 JSON 对象", "Print one JSON object per line"));
-    command->add_option("--csv", parsed->options.csvPath,
-                        text::localized("结束时将图表数据导出为 CSV 文件，并在旁边保存同名 PNG 图表",
-                                        "At the end, export the chart data as this CSV file and the chart as a PNG beside it"))
+    auto* durationOption = command
+                               ->add_option("--duration", parsed->duration,
+                                            text::localized("监控时长（秒），默认直到按下 Ctrl-C",
+                                                            "Seconds to monitor; until Ctrl-C when absent"))
+                               ->check(secondsCheck(0, false, kLongestDuration));
+    command->add_flag("--json", parsed->options.json,
+                      text::localized("每行输出一个 JSON 对象", "Print one JSON object per line"));
+    command
+        ->add_option(
+            "--csv", parsed->options.csvPath,
+            text::localized("结束时将图表数据导出为 CSV 文件，并在旁边保存同名 PNG 图表",
+                            "At the end, export the chart data as this CSV file and the chart as a PNG beside it"))
         ->type_name("FILE")
         ->check(CLI::Validator(
             [](std::string& path) {

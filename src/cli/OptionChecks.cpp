@@ -40,12 +40,13 @@ CLI::Validator secondsCheck(double minimum, bool minimumIncluded, double maximum
             }
             if (minimumIncluded) {
                 return text::isEnglish()
-                           ? fmt::format("must be a number of seconds from {} to {}, not {}", minimum, maximum, typed(value))
+                           ? fmt::format("must be a number of seconds from {} to {}, not {}", minimum, maximum,
+                                         typed(value))
                            : fmt::format("应为 {} 到 {} 之间的秒数，而不是 {}", minimum, maximum, typed(value));
             }
             return text::isEnglish()
-                       ? fmt::format("must be a number of seconds greater than {} and at most {}, not {}", minimum, maximum,
-                                     typed(value))
+                       ? fmt::format("must be a number of seconds greater than {} and at most {}, not {}", minimum,
+                                     maximum, typed(value))
                        : fmt::format("应为大于 {} 且不超过 {} 的秒数，而不是 {}", minimum, maximum, typed(value));
         },
         "");
@@ -57,7 +58,8 @@ CLI::Validator byteCountCheck(std::uint64_t minimum, std::uint64_t maximum) {
             const auto bytes = parsed<std::uint64_t>(value);
             if (bytes && *bytes >= minimum && *bytes <= maximum) return {};
             return text::isEnglish()
-                       ? fmt::format("must be a whole number of bytes from {} to {}, not {}", minimum, maximum, typed(value))
+                       ? fmt::format("must be a whole number of bytes from {} to {}, not {}", minimum, maximum,
+                                     typed(value))
                        : fmt::format("应为 {} 到 {} 之间的整数字节数，而不是 {}", minimum, maximum, typed(value));
         },
         "");
@@ -75,8 +77,8 @@ CLI::Validator namingHiddenOption(const std::string& name, CLI::Validator check)
 std::optional<std::string> destinationProblem(const std::string& path) {
     struct stat status {};
     if (::stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode)) return std::nullopt;
-    const std::string message =
-        text::isEnglish() ? fmt::format("Cannot write to {}.", path) : fmt::format("无法写入 {}。", path);
+    const std::string message = text::isEnglish() ? fmt::format("Cannot write to {}.", path)
+                                                  : fmt::format("无法写入 {}。", path);
     return text::withCause(message, text::notRegularFileText(status.st_mode));
 }
 

@@ -21,9 +21,15 @@ struct Label {
     const char* english;
 };
 constexpr Label kLabels[] = {
-    {"Usage", "用法", "Usage"},          {"OPTIONS", "选项", "OPTIONS"},         {"SUBCOMMAND", "子命令", "SUBCOMMAND"},
-    {"SUBCOMMANDS", "子命令", "SUBCOMMANDS"}, {"Positionals", "位置参数", "Positionals"}, {"REQUIRED", "必需", "REQUIRED"},
-    {"Needs", "需要", "Needs"},          {"Excludes", "排除", "Excludes"},       {"Env", "环境变量", "Env"},
+    {"Usage", "用法", "Usage"},
+    {"OPTIONS", "选项", "OPTIONS"},
+    {"SUBCOMMAND", "子命令", "SUBCOMMAND"},
+    {"SUBCOMMANDS", "子命令", "SUBCOMMANDS"},
+    {"Positionals", "位置参数", "Positionals"},
+    {"REQUIRED", "必需", "REQUIRED"},
+    {"Needs", "需要", "Needs"},
+    {"Excludes", "排除", "Excludes"},
+    {"Env", "环境变量", "Env"},
 };
 // The groups CLI11 puts options and subcommands in unless told otherwise.
 constexpr std::string_view kDefaultOptionGroup = "Options";
@@ -85,8 +91,8 @@ std::string errorText(const CLI::Error& error) {
         if (colon != std::string_view::npos && required != std::string_view::npos && required > colon &&
             endsWith(what, " missing")) {
             const auto type = what.substr(required + 10, what.size() - required - 10 - 8);
-            return std::string(what.substr(0, colon)) + "：缺少 " + std::string(what.substr(colon + 2, required - colon - 2)) +
-                   " 个 " + std::string(type) + " 值";
+            return std::string(what.substr(0, colon)) + "：缺少 " +
+                   std::string(what.substr(colon + 2, required - colon - 2)) + " 个 " + std::string(type) + " 值";
         }
         return "参数个数不对：" + std::string(what);
     }
@@ -99,7 +105,8 @@ std::string errorText(const CLI::Error& error) {
     if (name == "ExcludesError") {
         const auto excludes = what.find(" excludes ");
         if (excludes != std::string_view::npos) {
-            return std::string(what.substr(0, excludes)) + " 不能与 " + std::string(what.substr(excludes + 10)) + " 一起使用";
+            return std::string(what.substr(0, excludes)) + " 不能与 " + std::string(what.substr(excludes + 10)) +
+                   " 一起使用";
         }
     }
     return std::string(what);
@@ -143,8 +150,9 @@ std::string failureMessage(const CLI::App* app, const CLI::Error& error) {
 
 // Every command and subcommand: the formatter, the help flag, the default option group, the
 // subcommand group.
-void localizeCommand(CLI::App& command, const std::shared_ptr<CLI::Formatter>& formatter, const std::string& optionGroup,
-                     const std::string& subcommandGroup, const std::string& helpDescription) {
+void localizeCommand(CLI::App& command, const std::shared_ptr<CLI::Formatter>& formatter,
+                     const std::string& optionGroup, const std::string& subcommandGroup,
+                     const std::string& helpDescription) {
     command.formatter(formatter);
     if (auto* help = command.get_help_ptr()) help->description(helpDescription);
     for (auto* option : command.get_options([](CLI::Option*) { return true; })) {
@@ -160,7 +168,8 @@ void localizeCommand(CLI::App& command, const std::shared_ptr<CLI::Formatter>& f
 
 void localizeParser(CLI::App& app) {
     // One formatter serves the program and all its subcommands.
-    localizeCommand(app, std::make_shared<LocalizedFormatter>(), localized("选项", "Options"), localized("子命令", "Subcommands"),
+    localizeCommand(app, std::make_shared<LocalizedFormatter>(), localized("选项", "Options"),
+                    localized("子命令", "Subcommands"),
                     localized("显示此帮助信息并退出", "Print this help message and exit"));
     app.failure_message(failureMessage);
 }

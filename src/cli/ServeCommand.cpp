@@ -1,6 +1,5 @@
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
-
+#include <CLI/CLI.hpp>
 
 #include "cli/Commands.h"
 #include "cli/SignalWatcher.h"
@@ -30,7 +29,8 @@ const char* const kLandingPage =
     "<!DOCTYPE html>\n<html><head><meta charset=\"utf-8\"><title>Vantorix exporter</title></head>\n"
     "<body><h1>Vantorix exporter</h1><p><a href=\"/metrics\">Metrics</a></p></body></html>\n";
 
-exporter::MetricsServer::Response answer(exporter::MetricsCollector& collector, const exporter::MetricsServer::Request& request) {
+exporter::MetricsServer::Response answer(exporter::MetricsCollector& collector,
+                                         const exporter::MetricsServer::Request& request) {
     if (request.path == "/metrics") {
         const auto format = exporter::negotiateFormat(request.accept);
         const auto exposition = collector.scrape(request.peer + " " + request.userAgent);
@@ -63,7 +63,7 @@ int runServe(const ServeOptions& options, Environment& environment) {
     const auto listen = parseListenAddress(options.listen);
     if (!listen) {
         const auto pattern = localized("无效的监听地址：{}（应为 地址:端口，例如 127.0.0.1:9842）",
-                                    "Invalid listen address: {} (expected ADDRESS:PORT, such as 127.0.0.1:9842)");
+                                       "Invalid listen address: {} (expected ADDRESS:PORT, such as 127.0.0.1:9842)");
         err << text::terminalText(fmt::format(fmt::runtime(pattern), options.listen)) << '\n';
         return kUsage;
     }
@@ -93,7 +93,8 @@ int runServe(const ServeOptions& options, Environment& environment) {
     exporter::MetricsCollector collector(dependencies);
     const std::size_t watched = collector.refreshVolumes();
     if (watched == 0 && !options.volumes.empty()) {
-        err << localized("指定的文件夹都不在可监控的卷上。", "None of the given folders is on a volume that can be watched.")
+        err << localized("指定的文件夹都不在可监控的卷上。",
+                         "None of the given folders is on a volume that can be watched.")
             << '\n';
         return kFailure;
     }
@@ -102,7 +103,8 @@ int runServe(const ServeOptions& options, Environment& environment) {
     serverOptions.address = listen->first;
     serverOptions.port = listen->second;
     auto server = exporter::MetricsServer::start(
-        serverOptions, [&collector](const exporter::MetricsServer::Request& request) { return answer(collector, request); });
+        serverOptions,
+        [&collector](const exporter::MetricsServer::Request& request) { return answer(collector, request); });
     if (!server) {
         const auto pattern = localized("无法监听 {}。", "Cannot listen on {}.");
         err << text::terminalLines(fmt::format(fmt::runtime(pattern), server.error())) << '\n';
@@ -148,15 +150,21 @@ Command addServeCommand(CLI::App& parent) {
     auto* command = parent.add_subcommand(
         "serve", localized("以 Prometheus 格式在 HTTP 上导出各卷的读写与 SMART 指标",
                            "Export the volumes' traffic and SMART figures over HTTP for Prometheus"));
-    command->add_option("--listen", parsed->options.listen,
-                        localized("监听的 地址:端口（默认只在本机回环上）", "ADDRESS:PORT to listen on (loopback by default)"))
+    command
+        ->add_option(
+            "--listen", parsed->options.listen,
+            localized("监听的 地址:端口（默认只在本机回环上）", "ADDRESS:PORT to listen on (loopback by default)"))
         ->default_val(parsed->options.listen);
-    command->add_option("--precision", parsed->precision, localized("采样间隔（毫秒）", "Sampling interval in milliseconds"))
+    command
+        ->add_option("--precision", parsed->precision,
+                     localized("采样间隔（毫秒）", "Sampling interval in milliseconds"))
         ->check(CLI::IsMember({1, 10, 100, 1000}))
         ->default_val(1000);
-    command->add_option("--volume", parsed->options.volumes,
-                        localized("要监控的卷上的文件夹，可重复；默认是所有已挂载的块设备文件系统",
-                                  "A folder on a volume to watch, repeatable; every mounted block-device file system by default"))
+    command
+        ->add_option(
+            "--volume", parsed->options.volumes,
+            localized("要监控的卷上的文件夹，可重复；默认是所有已挂载的块设备文件系统",
+                      "A folder on a volume to watch, repeatable; every mounted block-device file system by default"))
         ->type_name("PATH");
     return {command, [parsed](Environment& environment) {
                 parsed->options.precision = *DiskIOMonitor::precisionFromRawValue(parsed->precision);

@@ -43,18 +43,19 @@ SignalWatcher::SignalWatcher(std::function<void(int)> onSignal) : onSignal_(std:
 }
 
 SignalWatcher::SignalWatcher(std::shared_ptr<LoopMainExecutor> main, std::function<void(int)> stop)
-    : SignalWatcher([main = std::move(main), stop = std::move(stop), first = std::make_shared<FirstSignal>()](int signal) {
-          if (first->number == 0) {
-              first->at = std::chrono::steady_clock::now();
-              first->number = signal;
-              main->post([stop, first, signal] {
-                  first->taken = true;
-                  stop(signal);
-              });
-          } else if (!first->taken && std::chrono::steady_clock::now() - first->at >= kHeldUp) {
-              std::_Exit(stoppedBy(signal));
-          }
-      }) {}
+    : SignalWatcher(
+          [main = std::move(main), stop = std::move(stop), first = std::make_shared<FirstSignal>()](int signal) {
+              if (first->number == 0) {
+                  first->at = std::chrono::steady_clock::now();
+                  first->number = signal;
+                  main->post([stop, first, signal] {
+                      first->taken = true;
+                      stop(signal);
+                  });
+              } else if (!first->taken && std::chrono::steady_clock::now() - first->at >= kHeldUp) {
+                  std::_Exit(stoppedBy(signal));
+              }
+          }) {}
 
 SignalWatcher::~SignalWatcher() {
     pthread_kill(thread_.native_handle(), kQuitSignal);

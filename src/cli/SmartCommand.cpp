@@ -1,6 +1,6 @@
-#include <CLI/CLI.hpp>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
+#include <CLI/CLI.hpp>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -20,14 +20,14 @@
 #include "cli/TextTable.h"
 #include "composition/SmartPipeline.h"
 #include "concurrency/LoopMainExecutor.h"
-#include "volumes/DiskVolumeResolver.h"
+#include "protocol/SmartctlExecutionResult.h"
 #include "smart/HelperApprovalTexts.h"
 #include "smart/SmartSheetTexts.h"
-#include "protocol/SmartctlExecutionResult.h"
 #include "smart/SmartmontoolsBridge.h"
 #include "text/Language.h"
 #include "text/SystemError.h"
 #include "text/TerminalText.h"
+#include "volumes/DiskVolumeResolver.h"
 
 namespace vantorix::cli {
 namespace {
@@ -55,9 +55,9 @@ Result<std::string, std::string> readSavedOutput(const std::string& path) {
     if (!S_ISREG(status.st_mode)) {
         return close(Failure{text::withCause(cannotRead(path), text::notRegularFileText(status.st_mode))});
     }
-    const std::string tooLarge =
-        text::withCause(cannotRead(path), text::localized("文件超过 64 MiB，不是保存的 smartctl 输出",
-                                                          "It is larger than 64 MiB, too large for a saved smartctl output"));
+    const std::string tooLarge = text::withCause(
+        cannotRead(path), text::localized("文件超过 64 MiB，不是保存的 smartctl 输出",
+                                          "It is larger than 64 MiB, too large for a saved smartctl output"));
     if (static_cast<std::uint64_t>(status.st_size) > kLargestSavedOutput) return close(Failure{tooLarge});
     // A file that grows past the limit while it is read is caught as it is read.
     std::string contents;
@@ -124,7 +124,8 @@ Replay replayOf(const std::string& path, std::string contents) {
             }
             if (const auto status = tool->find("exit_status"); status != tool->end() && status->is_number_integer()) {
                 const auto value = status->get<std::int64_t>();
-                if (value >= std::numeric_limits<std::int32_t>::min() && value <= std::numeric_limits<std::int32_t>::max()) {
+                if (value >= std::numeric_limits<std::int32_t>::min() &&
+                    value <= std::numeric_limits<std::int32_t>::max()) {
                     replay.result.terminationStatus = static_cast<std::int32_t>(value);
                 }
             }
@@ -212,7 +213,8 @@ int replay(const SmartOptions& options, Environment& environment) {
 std::string noDataMessage(const std::string& deviceName, bool asleep) {
     if (asleep) {
         return text::isEnglish()
-                   ? fmt::format("The drive of {} is in standby; smartctl did not wake it to read SMART data.", deviceName)
+                   ? fmt::format("The drive of {} is in standby; smartctl did not wake it to read SMART data.",
+                                 deviceName)
                    : fmt::format("{} 所在的硬盘处于待机状态；smartctl 没有唤醒它读取 SMART 数据。", deviceName);
     }
     return text::isEnglish() ? fmt::format("The drive of {} gave no usable SMART information.", deviceName)
@@ -258,18 +260,19 @@ std::string clockText(std::chrono::system_clock::time_point time) {
 class WatchSession {
 public:
     WatchSession(const SmartOptions& options, Environment& environment, std::shared_ptr<LoopMainExecutor> main)
-        : options_(options), environment_(environment), main_(std::move(main)),
+        : options_(options),
+          environment_(environment),
+          main_(std::move(main)),
           pipeline_(SmartPipeline::system(main_, RegistrationPolicy{false})) {}
 
     int run() {
         monitor_ = environment_.system.makeMonitor(main_);
         refresh_ = pipeline_.attachRefresh(monitor_, main_);
         refresh_->setRoundObserver(main_->failingTheLoop(
-            [this](const std::string& deviceName, SmartRefresh::Round round, const SMARTInfoProvider::Outcome& fetched) {
-                observeRound(deviceName, round, fetched);
-            }));
-        subscription_ =
-            monitor_->subscribe(main_->failingTheLoop([this](const DiskIOMonitor::State& state) { observe(state); }));
+            [this](const std::string& deviceName, SmartRefresh::Round round,
+                   const SMARTInfoProvider::Outcome& fetched) { observeRound(deviceName, round, fetched); }));
+        subscription_ = monitor_->subscribe(
+            main_->failingTheLoop([this](const DiskIOMonitor::State& state) { observe(state); }));
         monitor_->selectVolume(*options_.path);
         try {
             main_->run();
@@ -311,11 +314,12 @@ private:
         const auto& volume = *state.selectedVolume;
         if (!announced_) {
             announced_ = true;
-            *environment_.err << text::terminalText(text::isEnglish()
-                                      ? fmt::format("Watching the SMART data of {} ({}). Press Ctrl-C to stop.",
-                                                    volume.displayName, volume.deviceName)
-                                      : fmt::format("正在监视 {}（{}）的 SMART 数据。按 Ctrl-C 停止。", volume.displayName,
-                                                    volume.deviceName))
+            *environment_.err << text::terminalText(
+                                     text::isEnglish()
+                                         ? fmt::format("Watching the SMART data of {} ({}). Press Ctrl-C to stop.",
+                                                       volume.displayName, volume.deviceName)
+                                         : fmt::format("正在监视 {}（{}）的 SMART 数据。按 Ctrl-C 停止。",
+                                                       volume.displayName, volume.deviceName))
                               << std::endl;
             last_ = volume.smartInfo;
             return;
@@ -339,8 +343,8 @@ private:
             return;
         }
         if (!info) {
-            out << "[" << clockText(now) << "] " << text::localized("SMART 数据已不可用。", "SMART data is no longer available.")
-                << std::endl;
+            out << "[" << clockText(now) << "] "
+                << text::localized("SMART 数据已不可用。", "SMART data is no longer available.") << std::endl;
             printedValues_.clear();
             return;
         }
@@ -357,7 +361,8 @@ private:
             out << "[" << clockText(now) << "]\n";
             printInfo(out, *info);
         } else if (changed.empty()) {
-            out << "[" << clockText(now) << "] " << text::localized("已刷新，没有数值变化。", "Refreshed; no value changed.") << '\n';
+            out << "[" << clockText(now) << "] "
+                << text::localized("已刷新，没有数值变化。", "Refreshed; no value changed.") << '\n';
         } else {
             out << "[" << clockText(now) << "] " << text::localized("已变化：", "Changed:") << '\n';
             printRows(out, changed);
@@ -366,7 +371,8 @@ private:
     }
 
     // After the first round without data, says why when it is the helper's fault and ends.
-    void observeRound(const std::string& deviceName, SmartRefresh::Round round, const SMARTInfoProvider::Outcome& fetched) {
+    void observeRound(const std::string& deviceName, SmartRefresh::Round round,
+                      const SMARTInfoProvider::Outcome& fetched) {
         if (done_ || ++rounds_ > 1 || publications_ > 0) return;
         if (round != SmartRefresh::Round::identical && round != SmartRefresh::Round::published) return;
         if (const auto reason = helperUnavailableReason(pipeline_, approval_)) {
@@ -375,7 +381,8 @@ private:
             return;
         }
         if (fetched.helperFailure && !fetched.info) {
-            fail(options_, environment_, "helperFailed", smart::helperRequestFailedMessage(deviceName, *fetched.helperFailure));
+            fail(options_, environment_, "helperFailed",
+                 smart::helperRequestFailedMessage(deviceName, *fetched.helperFailure));
             finish(kFailure);
             return;
         }
@@ -433,17 +440,20 @@ int runSmart(const SmartOptions& options, Environment& environment) {
 Command addSmartCommand(CLI::App& parent) {
     auto options = std::make_shared<SmartOptions>();
     auto* command = parent.add_subcommand(
-        "smart", text::localized("显示文件夹所在卷的硬盘 SMART 信息，或重放保存的 smartctl --json 输出",
-                                 "Show the SMART data of the drive behind a folder, or replay a saved smartctl --json output"));
+        "smart",
+        text::localized("显示文件夹所在卷的硬盘 SMART 信息，或重放保存的 smartctl --json 输出",
+                        "Show the SMART data of the drive behind a folder, or replay a saved smartctl --json output"));
     auto* path = command->add_option("path", options->path, text::localized("卷上的文件夹", "A folder on the volume"));
-    auto* file = command->add_option("--json-file", options->jsonFile,
-                                     text::localized("smartctl --json 的输出文件", "A file with smartctl --json output"))
+    auto* file = command
+                     ->add_option("--json-file", options->jsonFile,
+                                  text::localized("smartctl --json 的输出文件", "A file with smartctl --json output"))
                      ->type_name("FILE");
     path->excludes(file);
     command->add_flag("--json", options->json, text::localized("以 JSON 输出", "Print JSON"));
-    command->add_flag("--watch", options->watch,
-                      text::localized("每秒刷新，显示每次发布的变化，直到按下 Ctrl-C",
-                                      "Refresh once a second and print every published change until Ctrl-C"))
+    command
+        ->add_flag("--watch", options->watch,
+                   text::localized("每秒刷新，显示每次发布的变化，直到按下 Ctrl-C",
+                                   "Refresh once a second and print every published change until Ctrl-C"))
         ->needs(path);
     command->callback([path, file] {
         if (path->count() == 0 && file->count() == 0) {

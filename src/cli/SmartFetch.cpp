@@ -1,7 +1,7 @@
 #include "cli/SmartFetch.h"
 
-#include "concurrency/Task.h"
 #include "concurrency/NotificationCenter.h"
+#include "concurrency/Task.h"
 #include "smart/HelperApprovalTexts.h"
 
 namespace vantorix::cli {
@@ -9,14 +9,13 @@ namespace vantorix::cli {
 SMARTInfoProvider::Outcome fetchSmartInfo(const SmartPipeline& pipeline, LoopMainExecutor& main,
                                           const std::string& deviceName, CancellationSource& cancellation) {
     SMARTInfoProvider::Outcome outcome;
-    Task task("com.vantorix.cli.smartFetch", QualityOfService::userInitiated,
-              [&](const CancellationToken& token) {
-                  // The task's own token is cancelled only when the handle goes; the caller's source
-                  // is the one the user's Ctrl-C cancels.
-                  (void)token;
-                  outcome = pipeline.provider->fetch(deviceName, cancellation.token());
-                  main.stop();
-              });
+    Task task("com.vantorix.cli.smartFetch", QualityOfService::userInitiated, [&](const CancellationToken& token) {
+        // The task's own token is cancelled only when the handle goes; the caller's source
+        // is the one the user's Ctrl-C cancels.
+        (void)token;
+        outcome = pipeline.provider->fetch(deviceName, cancellation.token());
+        main.stop();
+    });
     try {
         main.run();
     } catch (...) {
@@ -30,8 +29,9 @@ SMARTInfoProvider::Outcome fetchSmartInfo(const SmartPipeline& pipeline, LoopMai
 }
 
 ApprovalListener::ApprovalListener()
-    : subscription_(NotificationCenter::defaultCenter().addObserver(
-          std::string(PrivilegedHelperManager::kApprovalNotification), [requested = requested_] { *requested = true; })) {}
+    : subscription_(
+          NotificationCenter::defaultCenter().addObserver(std::string(PrivilegedHelperManager::kApprovalNotification),
+                                                          [requested = requested_] { *requested = true; })) {}
 
 std::optional<std::string> helperUnavailableReason(const SmartPipeline& pipeline, const ApprovalListener& approval) {
     const auto& environment = pipeline.manager->runtimeEnvironment();
@@ -41,7 +41,8 @@ std::optional<std::string> helperUnavailableReason(const SmartPipeline& pipeline
     if (pipeline.manager->cachedInstallationState().value_or(true)) return std::nullopt;
     auto& service = *pipeline.helperService;
     if (approval.requested()) return smart::helperApprovalLine(service.backend(), service.socketPath());
-    if (!service.definitionPath()) return smart::helperNotInstalledMessage(service.backend(), service.helperExecutable().path);
+    if (!service.definitionPath())
+        return smart::helperNotInstalledMessage(service.backend(), service.helperExecutable().path);
     return smart::helperFailedMessage();
 }
 

@@ -56,12 +56,13 @@ int main(int argc, char** argv) {
     CLI::App app{text::localized("Vantorix：查看并测量一个存储卷", "Vantorix: inspect and measure one storage volume"),
                  "vantorix-cli"};
     app.require_subcommand(1);
-    app.set_version_flag("--version", std::string("vantorix-cli ") + VANTORIX_VERSION + " (build " + VANTORIX_BUILD_NUMBER + ")",
+    app.set_version_flag("--version",
+                         std::string("vantorix-cli ") + VANTORIX_VERSION + " (build " + VANTORIX_BUILD_NUMBER + ")",
                          text::localized("显示程序版本并退出", "Display program version information and exit"));
 
-    const std::vector<cli::Command> commands{cli::addInfoCommand(app), cli::addMonitorCommand(app),
-                                             cli::addBenchCommand(app), cli::addSmartCommand(app),
-                                             cli::addHelperCommand(app), cli::addCheckUpdateCommand(app),
+    const std::vector<cli::Command> commands{cli::addInfoCommand(app),     cli::addMonitorCommand(app),
+                                             cli::addBenchCommand(app),    cli::addSmartCommand(app),
+                                             cli::addHelperCommand(app),   cli::addCheckUpdateCommand(app),
                                              cli::addFeedbackCommand(app), cli::addServeCommand(app)};
     cli::localizeParser(app);
     try {

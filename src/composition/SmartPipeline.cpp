@@ -23,7 +23,8 @@ SmartPipeline SmartPipeline::system(std::shared_ptr<MainExecutor> mainExecutor, 
     return over(std::move(service), std::move(mainExecutor));
 }
 
-SmartPipeline SmartPipeline::over(std::shared_ptr<HelperService> helperService, std::shared_ptr<MainExecutor> mainExecutor) {
+SmartPipeline SmartPipeline::over(std::shared_ptr<HelperService> helperService,
+                                  std::shared_ptr<MainExecutor> mainExecutor) {
     SmartPipeline pipeline;
     pipeline.helperService = helperService;
     PrivilegedHelperManager::Dependencies dependencies;
@@ -32,8 +33,10 @@ SmartPipeline SmartPipeline::over(std::shared_ptr<HelperService> helperService, 
     pipeline.manager = PrivilegedHelperManager::create(std::move(dependencies));
     // The socket is asked for at each connection: a helper that the program starts itself gets its
     // socket only when it starts.
-    auto connector = std::make_shared<UnixSocketHelperConnector>([helperService] { return helperService->socketPath(); });
-    pipeline.client = SmartctlHelperClient::create({connector, pipeline.manager, SmartctlHelperClient::kDefaultReplyTimeout});
+    auto connector = std::make_shared<UnixSocketHelperConnector>(
+        [helperService] { return helperService->socketPath(); });
+    pipeline.client = SmartctlHelperClient::create(
+        {connector, pipeline.manager, SmartctlHelperClient::kDefaultReplyTimeout});
     pipeline.provider = std::make_shared<SMARTInfoProvider>(pipeline.client, std::make_shared<SysfsBlockDevices>());
     return pipeline;
 }

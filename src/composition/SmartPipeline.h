@@ -30,9 +30,9 @@ struct SmartPipeline {
     static SmartPipeline over(std::shared_ptr<HelperService> helperService, std::shared_ptr<MainExecutor> mainExecutor);
 
     // A refresh for `monitor` that fetches through this pipeline; installed as its selection follower.
-    std::shared_ptr<SmartRefresh> attachRefresh(const std::shared_ptr<DiskIOMonitor>& monitor,
-                                                std::shared_ptr<MainExecutor> mainExecutor,
-                                                std::chrono::nanoseconds interval = SmartRefresh::kDefaultInterval) const;
+    std::shared_ptr<SmartRefresh> attachRefresh(
+        const std::shared_ptr<DiskIOMonitor>& monitor, std::shared_ptr<MainExecutor> mainExecutor,
+        std::chrono::nanoseconds interval = SmartRefresh::kDefaultInterval) const;
 };
 
 }  // namespace vantorix

@@ -32,8 +32,9 @@ struct System {
     // sysfs, /proc/self/mountinfo, POSIX files, libcurl and the XDG user folders.
     static System thisMachine();
 
-    std::shared_ptr<DiskIOMonitor> makeMonitor(std::shared_ptr<MainExecutor> mainExecutor,
-                                               std::chrono::nanoseconds deliveryInterval = DiskIOMonitor::aggregationInterval) const;
+    std::shared_ptr<DiskIOMonitor> makeMonitor(
+        std::shared_ptr<MainExecutor> mainExecutor,
+        std::chrono::nanoseconds deliveryInterval = DiskIOMonitor::aggregationInterval) const;
     std::shared_ptr<DiskPerformanceTester> makeTester(std::shared_ptr<MainExecutor> mainExecutor,
                                                       DiskPerformanceTester::Parameters parameters = {}) const;
 };

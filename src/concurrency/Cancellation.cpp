@@ -4,9 +4,7 @@
 
 namespace vantorix {
 
-bool CancellationToken::sleepFor(Clock::duration duration) const {
-    return sleepUntil(Clock::now() + duration);
-}
+bool CancellationToken::sleepFor(Clock::duration duration) const { return sleepUntil(Clock::now() + duration); }
 
 bool CancellationToken::sleepUntil(Clock::time_point deadline) const {
     if (!state_) {
@@ -14,7 +12,8 @@ bool CancellationToken::sleepUntil(Clock::time_point deadline) const {
         return true;
     }
     std::unique_lock lock(state_->mutex);
-    return !state_->wake.wait_until(lock, deadline, [this] { return state_->cancelled.load(std::memory_order_acquire); });
+    return !state_->wake.wait_until(lock, deadline,
+                                    [this] { return state_->cancelled.load(std::memory_order_acquire); });
 }
 
 void CancellationSource::cancel() noexcept {

@@ -27,9 +27,7 @@ public:
 
     CancellationToken() = default;
 
-    bool isCancelled() const noexcept {
-        return state_ && state_->cancelled.load(std::memory_order_acquire);
-    }
+    bool isCancelled() const noexcept { return state_ && state_->cancelled.load(std::memory_order_acquire); }
 
     // Sleeps for `duration` unless cancellation is requested first. True when the whole
     // duration passed without cancellation, false when cancelled (before or during the sleep).

@@ -58,9 +58,7 @@ class Published {
 public:
     using Subscriber = std::function<void(const T&)>;
 
-    Published()
-        requires std::default_initializable<T>
-        : Published(T{}) {}
+    Published() requires std::default_initializable<T> : Published(T{}) {}
     explicit Published(T initial) : value_(std::move(initial)), subscribers_(std::make_shared<Subscribers>()) {}
 
     Published(const Published&) = delete;
@@ -80,9 +78,7 @@ public:
     }
 
     // Stores `value` and notifies only when it differs from the current value; true when it did.
-    bool setIfChanged(T value)
-        requires std::equality_comparable<T>
-    {
+    bool setIfChanged(T value) requires std::equality_comparable<T> {
         assert(affinity_.holds());
         if (value_ == value) return false;
         set(std::move(value));

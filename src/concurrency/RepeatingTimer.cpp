@@ -145,7 +145,8 @@ struct RepeatingTimer::State : std::enable_shared_from_this<RepeatingTimer::Stat
         lock.unlock();
 
         if (descriptor < 0) {
-            if (active) log::logger("Concurrency").error("Timer on queue {} has no kernel timer; it never ticks", label);
+            if (active)
+                log::logger("Concurrency").error("Timer on queue {} has no kernel timer; it never ticks", label);
             return;
         }
         if (!active) {
@@ -184,7 +185,8 @@ struct RepeatingTimer::State : std::enable_shared_from_this<RepeatingTimer::Stat
             std::lock_guard lock(mutex);
             if (cancelled || !resumed || !scheduled) return;
             // Nothing due, or the timer was re-programmed meanwhile: wait on.
-            if (n != static_cast<ssize_t>(sizeof expirations) || expirations == 0 || armedGeneration != generation) return;
+            if (n != static_cast<ssize_t>(sizeof expirations) || expirations == 0 || armedGeneration != generation)
+                return;
             // Ticks that were missed collapse into this one; the deadlines keep their phase.
             const Clock::time_point deadline = nextDeadline + interval * static_cast<Clock::rep>(expirations - 1);
             lastDeadline = deadline;

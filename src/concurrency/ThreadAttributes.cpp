@@ -49,8 +49,8 @@ void configureCurrentThread(std::string_view label, QualityOfService qos) noexce
         const int nice = niceValue(qos);
         if (::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), nice) != 0) {
             const int error = errno;
-            log::logger("Concurrency").debug("Thread {} keeps its priority (nice {} refused: {})", name, nice,
-                                             std::strerror(error));
+            log::logger("Concurrency")
+                .debug("Thread {} keeps its priority (nice {} refused: {})", name, nice, std::strerror(error));
         }
     } catch (...) {
         // Naming and prioritising a thread are conveniences; a failure to log about them is not

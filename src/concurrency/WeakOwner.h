@@ -44,7 +44,7 @@ auto weakly(const std::shared_ptr<Owner>& owner, Action&& action) {
 // weakly(this, ...). Made inside the owner's constructor, before a shared_ptr owns it, the
 // closure never runs its action.
 template <class Owner, class Action>
-    requires requires(Owner* o) { o->weak_from_this(); }
+requires requires(Owner* o) { o->weak_from_this(); }
 auto weakly(Owner* self, Action&& action) {
     // The aliasing constructor keeps the pointer to the most derived type while sharing the
     // ownership that enable_shared_from_this records for the base.

@@ -2,7 +2,8 @@
 
 namespace vantorix::dashboard {
 
-std::vector<BubblePayload> messageBubbles(const DiskIOMonitor::State& monitor, const DiskPerformanceTester::State& tester) {
+std::vector<BubblePayload> messageBubbles(const DiskIOMonitor::State& monitor,
+                                          const DiskPerformanceTester::State& tester) {
     std::vector<BubblePayload> bubbles;
     if (monitor.errorMessage) bubbles.push_back({Uuid::make(), *monitor.errorMessage, BubblePayload::Style::error});
     if (tester.errorMessage) bubbles.push_back({Uuid::make(), *tester.errorMessage, BubblePayload::Style::error});

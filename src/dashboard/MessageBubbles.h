@@ -19,7 +19,8 @@ struct BubblePayload {
 
 // The bubbles in their order, each only when present: the monitor's error, the tester's error,
 // the tester's automatic report message (a success).
-std::vector<BubblePayload> messageBubbles(const DiskIOMonitor::State& monitor, const DiskPerformanceTester::State& tester);
+std::vector<BubblePayload> messageBubbles(const DiskIOMonitor::State& monitor,
+                                          const DiskPerformanceTester::State& tester);
 
 // The symbol a bubble shows before its message.
 const char* bubbleSymbol(BubblePayload::Style style);

@@ -19,8 +19,8 @@ bool contains(std::string_view text, std::string_view part) { return text.find(p
 bool namesControllerTemperature(const DiskSMARTInfo::Detail& detail) {
     const std::string path = smart::lowercased(detail.keyPath);
     static constexpr std::array<std::string_view, 3> kPaths{"nvme_smart_health_information_log.temperature",
-                                                             "smart_health_information_log.temperature",
-                                                             "temperature.controller"};
+                                                            "smart_health_information_log.temperature",
+                                                            "temperature.controller"};
     for (const auto known : kPaths) {
         if (path == known) return true;
     }
@@ -91,12 +91,13 @@ std::vector<MetricCardContent> metricCards(const DiskIOMonitor::State& state) {
          text::operationRateText(rates.read), AccentColor::mint, lastSecond},
         {Uuid::make(), localized("写操作频率", "Write Ops Rate"), "square.and.arrow.up.fill",
          text::operationRateText(rates.write), AccentColor::purple, lastSecond},
-        {Uuid::make(), localized("累计读取", "Total Read"), "externaldrive.fill", text::totalBytesText(state.totalReadBytes),
-         AccentColor::blue, localized("累计读取总量", "Read total")},
+        {Uuid::make(), localized("累计读取", "Total Read"), "externaldrive.fill",
+         text::totalBytesText(state.totalReadBytes), AccentColor::blue, localized("累计读取总量", "Read total")},
         {Uuid::make(), localized("累计写入", "Total Write"), "externaldrive.fill",
          text::totalBytesText(state.totalWriteBytes), AccentColor::pink, localized("累计写入总量", "Write total")},
         {Uuid::make(), localized("持续时间", "Monitoring Duration"), "clock.fill",
-         text::clockDurationText(state.monitoringDuration), AccentColor::teal, localized("自启动累计", "Since monitoring start")},
+         text::clockDurationText(state.monitoringDuration), AccentColor::teal,
+         localized("自启动累计", "Since monitoring start")},
     };
     if (state.selectedVolume && state.selectedVolume->smartInfo) {
         if (auto temperature = controllerTemperatureText(*state.selectedVolume->smartInfo)) {

@@ -10,7 +10,8 @@ using text::localized;
 WindowSpec aboutWindow() { return {"about-vantorix-window", localized("关于 Vantorix", "About Vantorix"), 420, 380}; }
 
 WindowSpec feedbackWindow() {
-    return {"feedback-vantorix-window", localized("感谢您留下您的建议，多多益善～", "Thanks for your feedback."), 520, 560};
+    return {"feedback-vantorix-window", localized("感谢您留下您的建议，多多益善～", "Thanks for your feedback."), 520,
+            560};
 }
 
 std::string feedbackCommandTitle() { return localized("建议与反馈", "Feedback"); }

@@ -14,7 +14,8 @@ SmartSheetContent smartSheetContent(const SmartSheetPayload& payload) {
     if (info.overallStatus && !info.overallStatus->empty()) {
         sheet.summaryRows.emplace_back(smart::overallStatusLabel(), *info.overallStatus);
     }
-    if (info.isCapable) sheet.summaryRows.emplace_back(smart::smartCapableLabel(), smart::capabilityText(*info.isCapable));
+    if (info.isCapable)
+        sheet.summaryRows.emplace_back(smart::smartCapableLabel(), smart::capabilityText(*info.isCapable));
     sheet.detailRows.reserve(info.details.size());
     for (const auto& detail : info.details) sheet.detailRows.emplace_back(detail.displayName, detail.value);
     if (sheet.detailRows.empty()) sheet.emptyNote = smart::noDetailsNote();

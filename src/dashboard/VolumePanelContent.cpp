@@ -26,7 +26,8 @@ std::string capacityOrUnknown(const std::optional<std::uint64_t>& bytes) {
 
 }  // namespace
 
-std::optional<std::string> linkCeilingShareText(const PerformanceResult& result, const std::optional<LinkCeiling>& link) {
+std::optional<std::string> linkCeilingShareText(const PerformanceResult& result,
+                                                const std::optional<LinkCeiling>& link) {
     if (!link) return std::nullopt;
     return ceilingShareText(PerformanceMetrics::bestSequentialThroughput(result), *link);
 }
@@ -38,8 +39,8 @@ VolumePanelContent volumePanelContent(const DiskIOMonitor::State& monitor, const
     panel.isVolumeSelected = volume.has_value();
     panel.selectedVolumeName = volume ? volume->displayName : localized("尚未选择卷", "No volume selected");
     if (volume) panel.deviceName = volume->deviceName;
-    panel.connectionTypeDescription =
-        volume ? volume->connectionTypeDescription : localized("连接信息不可用", "Connection unavailable");
+    panel.connectionTypeDescription = volume ? volume->connectionTypeDescription
+                                             : localized("连接信息不可用", "Connection unavailable");
     if (volume) {
         panel.connectionSpeedDescription = volume->connectionSpeedDescription;
         panel.link = volume->link;
@@ -48,8 +49,9 @@ VolumePanelContent volumePanelContent(const DiskIOMonitor::State& monitor, const
         panel.linkCeilingDescription = linkCeilingText(*panel.link);
         panel.linkWarning = slowLinkWarning(*panel.link);
     }
-    panel.fileSystemDescription = volume && volume->fileSystemDescription ? *volume->fileSystemDescription
-                                                                          : localized("文件系统未知", "File system unknown");
+    panel.fileSystemDescription = volume && volume->fileSystemDescription
+                                      ? *volume->fileSystemDescription
+                                      : localized("文件系统未知", "File system unknown");
     if (volume) {
         panel.totalCapacityBytes = volume->totalCapacityBytes;
         panel.availableCapacityBytes = volume->availableCapacityBytes;
@@ -85,21 +87,24 @@ VolumePanelContent volumePanelContent(const DiskIOMonitor::State& monitor, const
     if (panel.linkWarning) {
         panel.infoItems.push_back({"linkWarning", PerformanceMetrics::warningIcon(), *panel.linkWarning});
     }
-    panel.infoItems.insert(panel.infoItems.end(), {
-        {"fileSystem", "doc.text.fill", panel.fileSystemDescription},
-        {"capacity", "chart.pie.fill",
-         localized("可用容量：", "Available Capacity: ") + panel.availableCapacityDescription + " / " +
-             panel.totalCapacityDescription},
-        {"hardware", "building.2.fill", panel.hardwareVendorDescription + " · " + panel.hardwareModelDescription},
-    });
+    panel.infoItems.insert(
+        panel.infoItems.end(),
+        {
+            {"fileSystem", "doc.text.fill", panel.fileSystemDescription},
+            {"capacity", "chart.pie.fill",
+             localized("可用容量：", "Available Capacity: ") + panel.availableCapacityDescription + " / " +
+                 panel.totalCapacityDescription},
+            {"hardware", "building.2.fill", panel.hardwareVendorDescription + " · " + panel.hardwareModelDescription},
+        });
 
     panel.chooseVolumeButton = {localized("选择卷", "Choose Volume"), "externaldrive", true, AccentColor::blue};
     panel.monitoringButton = panel.isMonitoring
                                  ? PanelButton{localized("停止监控", "Stop"), "pause.fill", true, AccentColor::orange}
                                  : PanelButton{localized("开始监控", "Start"), "play.fill", true, AccentColor::green};
     panel.smartButton = {localized("SMART 信息", "SMART Info"), "wrench.and.screwdriver.fill", true, AccentColor::teal};
-    panel.smartHint = panel.smartInfo ? localized("查看系统提供的 SMART 详细信息", "View SMART details provided by the system")
-                                      : localized("当前卷未提供 SMART 数据", "SMART data is not available for this volume");
+    panel.smartHint = panel.smartInfo
+                          ? localized("查看系统提供的 SMART 详细信息", "View SMART details provided by the system")
+                          : localized("当前卷未提供 SMART 数据", "SMART data is not available for this volume");
     panel.exportButton = {localized("导出图表", "Export Chart"), "square.and.arrow.down", panel.exportEnabled,
                           AccentColor::purple};
     const bool canRun = panel.isPerformanceTestAvailable && panel.isVolumeSelected;

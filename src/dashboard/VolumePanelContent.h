@@ -79,7 +79,8 @@ struct VolumePanelContent {
 // "62% of the link ceiling" / "达到链路上限的 62%" for the run's best sequential speed
 // (PerformanceMetrics::bestSequentialThroughput) on `link`;
 // nothing without a link ceiling or a measured speed.
-std::optional<std::string> linkCeilingShareText(const PerformanceResult& result, const std::optional<LinkCeiling>& link);
+std::optional<std::string> linkCeilingShareText(const PerformanceResult& result,
+                                                const std::optional<LinkCeiling>& link);
 
 VolumePanelContent volumePanelContent(const DiskIOMonitor::State& monitor, const DiskPerformanceTester::State& tester,
                                       const PerformancePayloadContext& payload);

@@ -54,7 +54,8 @@ public:
                 if (open()) familyName.remove_suffix(std::string_view("_info").size());
                 break;
         }
-        fmt::format_to(std::back_inserter(out_), "# HELP {} {}\n# TYPE {} {}\n", familyName, help, familyName, typeName);
+        fmt::format_to(std::back_inserter(out_), "# HELP {} {}\n# TYPE {} {}\n", familyName, help, familyName,
+                       typeName);
     }
 
     void sample(std::string_view name, std::string_view labels, double value) {
@@ -118,7 +119,8 @@ ExpositionFormat negotiateFormat(std::string_view accept) {
         const auto semicolon = range.find(';');
         if (!equalsIgnoringCase(text::trimmed(range.substr(0, semicolon)), "application/openmetrics-text")) continue;
         double quality = 1;
-        std::string_view parameters = semicolon == std::string_view::npos ? std::string_view() : range.substr(semicolon + 1);
+        std::string_view parameters = semicolon == std::string_view::npos ? std::string_view()
+                                                                          : range.substr(semicolon + 1);
         while (!parameters.empty()) {
             const auto next = parameters.find(';');
             const auto parameter = text::trimmed(parameters.substr(0, next));
@@ -144,7 +146,8 @@ std::string render(const Exposition& exposition, ExpositionFormat format) {
     keys.reserve(volumes.size());
     for (const auto& volume : volumes) keys.push_back(volumeLabels(volume.labels));
 
-    w.family("vantorix_sampling_interval_seconds", Type::gauge, "Interval between two readings of the block-layer counters.");
+    w.family("vantorix_sampling_interval_seconds", Type::gauge,
+             "Interval between two readings of the block-layer counters.");
     w.sample("vantorix_sampling_interval_seconds", "", exposition.samplingIntervalSeconds);
     w.family("vantorix_volumes", Type::gauge, "Number of volumes watched.");
     w.sample("vantorix_volumes", "", static_cast<double>(volumes.size()));
@@ -168,9 +171,11 @@ std::string render(const Exposition& exposition, ExpositionFormat format) {
               [](const VolumeFigures& v) { return static_cast<double>(v.readBytes); });
     perVolume("vantorix_volume_written_bytes_total", Type::counter, "Bytes written to the volume's block device.",
               [](const VolumeFigures& v) { return static_cast<double>(v.writtenBytes); });
-    perVolume("vantorix_volume_reads_completed_total", Type::counter, "Read operations completed by the volume's block device.",
+    perVolume("vantorix_volume_reads_completed_total", Type::counter,
+              "Read operations completed by the volume's block device.",
               [](const VolumeFigures& v) { return static_cast<double>(v.reads); });
-    perVolume("vantorix_volume_writes_completed_total", Type::counter, "Write operations completed by the volume's block device.",
+    perVolume("vantorix_volume_writes_completed_total", Type::counter,
+              "Write operations completed by the volume's block device.",
               [](const VolumeFigures& v) { return static_cast<double>(v.writes); });
     perVolume("vantorix_volume_read_peak_bytes_per_second", Type::gauge,
               "Highest read throughput over one sampling interval since this scraper's previous scrape.",
@@ -185,8 +190,9 @@ std::string render(const Exposition& exposition, ExpositionFormat format) {
     const std::string sum = std::string(histogram) + "_sum";
     const std::string count = std::string(histogram) + "_count";
     for (std::size_t i = 0; i < volumes.size(); ++i) {
-        for (const auto& [direction, h] : {std::pair<std::string_view, const ThroughputHistogram*>{"read", &volumes[i].readHistogram},
-                                           {"write", &volumes[i].writeHistogram}}) {
+        for (const auto& [direction, h] :
+             {std::pair<std::string_view, const ThroughputHistogram*>{"read", &volumes[i].readHistogram},
+              {"write", &volumes[i].writeHistogram}}) {
             const std::string labels = keys[i] + "," + label("direction", direction);
             std::uint64_t cumulative = 0;
             for (std::size_t b = 0; b < h->counts.size(); ++b) {
@@ -217,7 +223,8 @@ std::string render(const Exposition& exposition, ExpositionFormat format) {
         if (!value) return std::nullopt;
         return *value ? 1.0 : 0.0;
     };
-    smart("vantorix_smart_passed", Type::gauge, "1 when the drive's SMART overall self-assessment passed, 0 when it failed.",
+    smart("vantorix_smart_passed", Type::gauge,
+          "1 when the drive's SMART overall self-assessment passed, 0 when it failed.",
           [&](const SmartFigures& s) { return flag(s.passed); });
     smart("vantorix_smart_capable", Type::gauge, "1 when the drive supports SMART.",
           [&](const SmartFigures& s) { return flag(s.capable); });

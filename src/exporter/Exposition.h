@@ -12,8 +12,8 @@ namespace vantorix::exporter {
 // Throughput over one sampling interval, counted into fixed buckets (bytes per second): 1, 2.5
 // and 5 of every decade from 1 MB/s to 10 GB/s, and the implicit +Inf.
 struct ThroughputHistogram {
-    static constexpr std::array<double, 13> kUpperBounds{1e6, 2.5e6, 5e6, 1e7, 2.5e7, 5e7, 1e8,
-                                                          2.5e8, 5e8, 1e9, 2.5e9, 5e9, 1e10};
+    static constexpr std::array<double, 13> kUpperBounds{1e6,   2.5e6, 5e6, 1e7,   2.5e7, 5e7, 1e8,
+                                                         2.5e8, 5e8,   1e9, 2.5e9, 5e9,   1e10};
     std::array<std::uint64_t, kUpperBounds.size() + 1> counts{};  // per bucket, not cumulative; last is +Inf
     double sum = 0;
     std::uint64_t count = 0;

@@ -87,7 +87,8 @@ std::size_t MetricsCollector::refreshVolumes() {
         return std::any_of(volumes_.begin(), volumes_.end(), same) || std::any_of(added.begin(), added.end(), same);
     };
     for (const auto& path : wanted) {
-        const auto known = std::find_if(volumes_.begin(), volumes_.end(), [&](const auto& v) { return v->path == path; });
+        const auto known = std::find_if(volumes_.begin(), volumes_.end(),
+                                        [&](const auto& v) { return v->path == path; });
         if (known != volumes_.end() && std::find(gone.begin(), gone.end(), (*known)->id) == gone.end()) continue;
         auto descriptor = DiskVolumeResolver::resolve(path, *dependencies_.files, *dependencies_.devices);
         if (!descriptor) {
@@ -148,7 +149,8 @@ void MetricsCollector::sample(Clock::time_point now) {
                 const double elapsed = seconds(now - volume->previousAt);
                 // Unsigned differences: the counters wrap modulo 2^64.
                 reading.readRate = static_cast<double>(snapshot->bytesRead() - volume->previous->bytesRead()) / elapsed;
-                reading.writeRate = static_cast<double>(snapshot->bytesWritten() - volume->previous->bytesWritten()) / elapsed;
+                reading.writeRate = static_cast<double>(snapshot->bytesWritten() - volume->previous->bytesWritten()) /
+                                    elapsed;
                 reading.interval = true;
             }
             volume->previous = *snapshot;
@@ -170,7 +172,8 @@ void MetricsCollector::sample(Clock::time_point now) {
         volume.readHistogram.observe(reading.readRate);
         volume.writeHistogram.observe(reading.writeRate);
         for (auto& scraper : scrapers_) {
-            auto [peak, fresh] = scraper.peaks.try_emplace(volume.id, Scraper::Peak{reading.readRate, reading.writeRate});
+            auto [peak, fresh] = scraper.peaks.try_emplace(volume.id,
+                                                           Scraper::Peak{reading.readRate, reading.writeRate});
             if (!fresh) {
                 peak->second.read = std::max(peak->second.read, reading.readRate);
                 peak->second.write = std::max(peak->second.write, reading.writeRate);
@@ -199,8 +202,8 @@ void MetricsCollector::refreshSmart(Clock::time_point now) {
     }
     for (const auto& volume : due) {
         // A drive that fails the same way every minute says so in the log once.
-        const log::RoundScope round(fmt::format("exporter SMART {} {}", volume->labels.device,
-                                                static_cast<const void*>(this)));
+        const log::RoundScope round(
+            fmt::format("exporter SMART {} {}", volume->labels.device, static_cast<const void*>(this)));
         const auto reading = dependencies_.smart(volume->labels.device);
         if (!reading.figures) continue;  // asleep or unavailable: what was known stays
         auto figures = *reading.figures;
@@ -214,11 +217,13 @@ Exposition MetricsCollector::scrape(const std::string& scraperKey) {
     Exposition exposition;
     exposition.samplingIntervalSeconds = intervalSeconds_;
     std::lock_guard guard(lock_);
-    auto scraper = std::find_if(scrapers_.begin(), scrapers_.end(), [&](const Scraper& s) { return s.key == scraperKey; });
+    auto scraper = std::find_if(scrapers_.begin(), scrapers_.end(),
+                                [&](const Scraper& s) { return s.key == scraperKey; });
     if (scraper == scrapers_.end()) {
         if (scrapers_.size() >= kMaximumScrapers) {
-            scrapers_.erase(std::min_element(scrapers_.begin(), scrapers_.end(),
-                                             [](const Scraper& a, const Scraper& b) { return a.lastSeen < b.lastSeen; }));
+            scrapers_.erase(
+                std::min_element(scrapers_.begin(), scrapers_.end(),
+                                 [](const Scraper& a, const Scraper& b) { return a.lastSeen < b.lastSeen; }));
         }
         scrapers_.push_back(Scraper{scraperKey, 0, {}});
         scraper = scrapers_.end() - 1;

@@ -81,8 +81,8 @@ private:
     double intervalSeconds_;
     mutable std::mutex lock_;
     std::vector<std::shared_ptr<Volume>> volumes_;  // under lock_; sessions used on the sampling thread only
-    std::vector<Scraper> scrapers_;                // under lock_
-    std::vector<Reading> readings_;                // sample()'s own, kept to spare an allocation a tick
+    std::vector<Scraper> scrapers_;                 // under lock_
+    std::vector<Reading> readings_;                 // sample()'s own, kept to spare an allocation a tick
     std::uint64_t nextVolumeId_ = 1;
     std::uint64_t scrapeCounter_ = 0;
 };

@@ -37,7 +37,8 @@ std::string_view reason(int status) {
 
 bool isToken(std::string_view text) {
     return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
-        return std::isalnum(static_cast<unsigned char>(c)) || std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos;
+        return std::isalnum(static_cast<unsigned char>(c)) ||
+               std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos;
     });
 }
 
@@ -91,7 +92,8 @@ Head parseHead(std::string_view head) {
             const auto target = line.substr(firstSpace + 1, lastSpace - firstSpace - 1);
             const auto version = line.substr(lastSpace + 1);
             const auto visible = [](char c) { return static_cast<unsigned char>(c) > ' ' && c != '\x7f'; };
-            if (!isToken(method) || target.empty() || !std::all_of(target.begin(), target.end(), visible)) return fail(400);
+            if (!isToken(method) || target.empty() || !std::all_of(target.begin(), target.end(), visible))
+                return fail(400);
             // HTTP-version is "HTTP/" DIGIT "." DIGIT; a later 1.x is answered as 1.1 is.
             const auto digit = [](char c) { return c >= '0' && c <= '9'; };
             if (version.size() != 8 || version.substr(0, 5) != "HTTP/" || !digit(version[5]) || version[6] != '.' ||
@@ -298,7 +300,9 @@ private:
         out_ = fmt::format("HTTP/1.1 {} {}\r\nContent-Type: {}\r\nContent-Length: {}\r\n{}{}\r\n", response.status,
                            reason(response.status), response.contentType, response.body.size(),
                            response.status == 405 ? "Allow: GET, HEAD\r\n" : "",
-                           !keepAlive ? "Connection: close\r\n" : confirmKeepAlive ? "Connection: keep-alive\r\n" : "");
+                           !keepAlive         ? "Connection: close\r\n"
+                           : confirmKeepAlive ? "Connection: keep-alive\r\n"
+                                              : "");
         if (!headOnly) out_ += response.body;
         asio::async_write(socket_, asio::buffer(out_),
                           [self = shared_from_this(), keepAlive](const std::error_code& error, std::size_t) {
@@ -327,13 +331,14 @@ private:
 
     void drain() {
         buffer_.resize(4096);
-        socket_.async_read_some(asio::buffer(buffer_), [self = shared_from_this()](const std::error_code& error, std::size_t) {
-            if (error || !self->open_) {
-                self->finish();
-            } else {
-                self->drain();
-            }
-        });
+        socket_.async_read_some(asio::buffer(buffer_),
+                                [self = shared_from_this()](const std::error_code& error, std::size_t) {
+                                    if (error || !self->open_) {
+                                        self->finish();
+                                    } else {
+                                        self->drain();
+                                    }
+                                });
     }
 
     Impl& server_;
@@ -391,8 +396,10 @@ bool MetricsServer::Impl::giveWay(const std::string* address) {
     std::shared_ptr<Connection> chosen;
     std::tuple<Connection::Phase, std::size_t, std::chrono::steady_clock::time_point> best;
     for (const auto& connection : connections) {
-        if (connection->phase() == Connection::Phase::answering || (address && connection->address() != *address)) continue;
-        const auto rank = std::tuple(connection->phase(), SIZE_MAX - perAddress.at(connection->address()), connection->since());
+        if (connection->phase() == Connection::Phase::answering || (address && connection->address() != *address))
+            continue;
+        const auto rank = std::tuple(connection->phase(), SIZE_MAX - perAddress.at(connection->address()),
+                                     connection->since());
         if (!chosen || rank < best) {
             chosen = connection;
             best = rank;
@@ -429,7 +436,9 @@ Result<std::unique_ptr<MetricsServer>, std::string> MetricsServer::start(Options
     if (!error) impl->acceptor.bind(endpoint, error);
     if (!error) impl->acceptor.listen(asio::socket_base::max_listen_connections, error);
     if (!error) impl->bound = impl->acceptor.local_endpoint(error);
-    if (error) return Failure{fmt::format("{}: {}", endpoint.address().to_string() + ":" + std::to_string(endpoint.port()), error.message())};
+    if (error)
+        return Failure{fmt::format("{}: {}", endpoint.address().to_string() + ":" + std::to_string(endpoint.port()),
+                                   error.message())};
     impl->accept();
     Impl* raw = impl.get();
     impl->thread = std::thread([raw] {

@@ -55,40 +55,41 @@ void ClientConnection::readHeader() {
     }
     reading_ = true;
     // What has come of the header is kept, so that a frame begun counts as a request being read.
-    socket_.async_read_some(
-        asio::buffer(header_ + headerBytes_, sizeof header_ - headerBytes_),
-        [self = shared_from_this()](const asio::error_code& error, std::size_t count) {
-            if (self->isClosed_) return;
-            if (error) {
-                self->peerStopped(error);
-                return;
-            }
-            self->headerBytes_ += count;
-            if (self->headerBytes_ < sizeof self->header_) {
-                self->readHeader();
-                return;
-            }
-            const auto length = protocol::payloadLength(self->header_, protocol::kMaximumRequestBytes);
-            if (!length) {
-                logger().debug("Connection {}: a request over {} bytes; closing it", self->id_,
-                               protocol::kMaximumRequestBytes);
-                self->close();
-                return;
-            }
-            self->payload_.resize(*length);
-            self->readPayload();
-        });
+    socket_.async_read_some(asio::buffer(header_ + headerBytes_, sizeof header_ - headerBytes_),
+                            [self = shared_from_this()](const asio::error_code& error, std::size_t count) {
+                                if (self->isClosed_) return;
+                                if (error) {
+                                    self->peerStopped(error);
+                                    return;
+                                }
+                                self->headerBytes_ += count;
+                                if (self->headerBytes_ < sizeof self->header_) {
+                                    self->readHeader();
+                                    return;
+                                }
+                                const auto length = protocol::payloadLength(self->header_,
+                                                                            protocol::kMaximumRequestBytes);
+                                if (!length) {
+                                    logger().debug("Connection {}: a request over {} bytes; closing it", self->id_,
+                                                   protocol::kMaximumRequestBytes);
+                                    self->close();
+                                    return;
+                                }
+                                self->payload_.resize(*length);
+                                self->readPayload();
+                            });
 }
 
 void ClientConnection::readPayload() {
-    asio::async_read(socket_, asio::buffer(payload_), [self = shared_from_this()](const asio::error_code& error, std::size_t) {
-        if (self->isClosed_) return;
-        if (error) {
-            self->peerStopped(error);
-            return;
-        }
-        self->frameArrived();
-    });
+    asio::async_read(socket_, asio::buffer(payload_),
+                     [self = shared_from_this()](const asio::error_code& error, std::size_t) {
+                         if (self->isClosed_) return;
+                         if (error) {
+                             self->peerStopped(error);
+                             return;
+                         }
+                         self->frameArrived();
+                     });
 }
 
 void ClientConnection::peerStopped(const asio::error_code& error) {
@@ -131,10 +132,10 @@ void ClientConnection::frameArrived() {
             answer(sequence, framedReply(path.error()));
         } else {
             std::weak_ptr<ClientConnection> weak = weak_from_this();
-            context_.runs.request(name, *path,
-                                  RunCoalescer::Waiter{weak, [weak, sequence](const FramedReply& reply) {
-                                                           if (auto self = weak.lock()) self->answer(sequence, reply);
-                                                       }});
+            context_.runs.request(name, *path, RunCoalescer::Waiter{weak, [weak, sequence](const FramedReply& reply) {
+                                                                        if (auto self = weak.lock())
+                                                                            self->answer(sequence, reply);
+                                                                    }});
         }
     }
     readHeader();

@@ -81,9 +81,9 @@ std::string sanitizedName(std::string_view name) {
 
 Result<std::string, protocol::HelperError> validatedDevicePath(std::string_view name, const DeviceRoots& roots) {
     if (const auto problem = syntaxProblem(name)) {
-        return Failure{protocol::helperError(
-            HelperFailure::invalidDeviceName,
-            fmt::format("\"{}\" is not a device name: {}.", sanitizedName(name), *problem))};
+        return Failure{
+            protocol::helperError(HelperFailure::invalidDeviceName,
+                                  fmt::format("\"{}\" is not a device name: {}.", sanitizedName(name), *problem))};
     }
     const std::string bare(name);
     const auto notFound = [&bare](std::string_view why) {

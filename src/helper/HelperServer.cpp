@@ -81,14 +81,15 @@ void HelperServer::accept() {
             socket.close(ignored);
         } else {
             const std::uint64_t id = nextId_++;
-            auto connection = std::make_shared<ClientConnection>(std::move(socket), context_, id,
-                                                                 [this](std::uint64_t closedId) { connectionClosed(closedId); });
+            auto connection = std::make_shared<ClientConnection>(
+                std::move(socket), context_, id, [this](std::uint64_t closedId) { connectionClosed(closedId); });
             connections_.emplace(id, Client{connection, *uid});
             connection->start();
             if (connections_.size() == kMaximumConnections && !std::exchange(reportedFull_, true)) {
-                logger().notice("{} clients are connected, the most at once; newcomers now take the place of "
-                                "connections of the users holding the most",
-                                kMaximumConnections);
+                logger().notice(
+                    "{} clients are connected, the most at once; newcomers now take the place of "
+                    "connections of the users holding the most",
+                    kMaximumConnections);
             }
         }
         accept();
@@ -111,7 +112,8 @@ bool HelperServer::admit(uid_t uid) {
     // idle (or busy) the longest. Busy ones give way too, or users who keep every connection busy
     // could keep the others out.
     const auto rank = [&held](const Client& client) {
-        return std::tuple(client.connection->idle(), held[client.uid], -client.connection->idleSince().time_since_epoch().count());
+        return std::tuple(client.connection->idle(), held[client.uid],
+                          -client.connection->idleSince().time_since_epoch().count());
     };
     const Client* chosen = nullptr;
     for (const auto& [id, client] : connections_) {

@@ -53,8 +53,8 @@ Result<int, std::string> activatedSocket() {
     if (count < 0) return Failure{systemError("Cannot take the sockets systemd passed", -count)};
     if (count == 0) return -1;
     if (count != 1 || ::sd_is_socket_unix(SD_LISTEN_FDS_START, SOCK_STREAM, 1, nullptr, 0) <= 0) {
-        return Failure{fmt::format("systemd passed {} descriptors; the helper needs exactly one listening Unix stream socket",
-                                   count)};
+        return Failure{fmt::format(
+            "systemd passed {} descriptors; the helper needs exactly one listening Unix stream socket", count)};
     }
     return SD_LISTEN_FDS_START;
 }
@@ -62,7 +62,8 @@ Result<int, std::string> activatedSocket() {
 Result<std::unique_ptr<SocketFile>, std::string> SocketFile::create(const std::string& path) {
     sockaddr_un address{};
     if (!fillAddress(path, address)) {
-        return Failure{fmt::format("\"{}\" cannot be a socket path (1 to {} bytes)", path, sizeof(address.sun_path) - 1)};
+        return Failure{
+            fmt::format("\"{}\" cannot be a socket path (1 to {} bytes)", path, sizeof(address.sun_path) - 1)};
     }
     const auto slash = path.find_last_of('/');
     if (slash != std::string::npos && slash > 0 && !makeFolders(path.substr(0, slash))) {
@@ -72,7 +73,8 @@ Result<std::unique_ptr<SocketFile>, std::string> SocketFile::create(const std::s
     if (::lstat(path.c_str(), &st) == 0) {
         if (!S_ISSOCK(st.st_mode)) return Failure{fmt::format("{} exists and is not a socket", path)};
         if (somebodyListens(address)) return Failure{fmt::format("Another process listens on {}", path)};
-        if (::unlink(path.c_str()) != 0) return Failure{systemError(fmt::format("Cannot remove the stale socket {}", path), errno)};
+        if (::unlink(path.c_str()) != 0)
+            return Failure{systemError(fmt::format("Cannot remove the stale socket {}", path), errno)};
     }
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) return Failure{systemError("Cannot make a socket", errno)};
@@ -91,7 +93,8 @@ Result<std::unique_ptr<SocketFile>, std::string> SocketFile::create(const std::s
     }
     file.reset(new SocketFile(path, fd, st.st_ino));
     // Any local user may ask; what runs is decided here alone.
-    if (::chmod(path.c_str(), 0666) != 0) return Failure{systemError(fmt::format("Cannot open {} to all users", path), errno)};
+    if (::chmod(path.c_str(), 0666) != 0)
+        return Failure{systemError(fmt::format("Cannot open {} to all users", path), errno)};
     if (::listen(fd, SOMAXCONN) != 0) return Failure{systemError(fmt::format("Cannot listen on {}", path), errno)};
     return file;
 }

@@ -1,7 +1,7 @@
 #include "helper/RunCoalescer.h"
 
-#include <asio/post.hpp>
 #include <fmt/format.h>
+#include <asio/post.hpp>
 
 #include <algorithm>
 #include <utility>
@@ -68,7 +68,8 @@ void RunCoalescer::request(const std::string& name, const std::string& devicePat
 
 bool RunCoalescer::idle() const {
     if (running_ > 0 || !queue_.empty()) return false;
-    return std::none_of(devices_.begin(), devices_.end(), [](const auto& entry) { return entry.second->unreaped != nullptr; });
+    return std::none_of(devices_.begin(), devices_.end(),
+                        [](const auto& entry) { return entry.second->unreaped != nullptr; });
 }
 
 void RunCoalescer::stop() {
@@ -118,9 +119,7 @@ void RunCoalescer::finished(const std::string& name, const SmartctlRun::Outcome&
     startWaitingRuns();
 }
 
-void RunCoalescer::reaped(const std::string& name) {
-    devices_.at(name)->unreaped.reset();
-}
+void RunCoalescer::reaped(const std::string& name) { devices_.at(name)->unreaped.reset(); }
 
 void RunCoalescer::startWaitingRuns() {
     while (running_ < kMaximumRuns && !queue_.empty()) {

@@ -60,13 +60,13 @@ private:
     struct Device {
         explicit Device(asio::io_context& io) : expiry(io) {}
         std::string path;
-        std::vector<Waiter> waiters;             // of the run in flight, or of the queued run
-        std::shared_ptr<SmartctlRun> run;        // in flight
-        std::shared_ptr<SmartctlRun> unreaped;   // answered, its child not reaped yet
+        std::vector<Waiter> waiters;            // of the run in flight, or of the queued run
+        std::shared_ptr<SmartctlRun> run;       // in flight
+        std::shared_ptr<SmartctlRun> unreaped;  // answered, its child not reaped yet
         bool queued = false;
-        FramedReply lastReply;                   // shared for the share window after the run ended
+        FramedReply lastReply;  // shared for the share window after the run ended
         std::chrono::steady_clock::time_point endedAt;
-        asio::steady_timer expiry;               // drops lastReply when the window closes
+        asio::steady_timer expiry;  // drops lastReply when the window closes
     };
 
     void launch(const std::string& name, Device& device);

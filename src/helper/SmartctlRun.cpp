@@ -7,8 +7,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <asio/post.hpp>
 #include <fmt/format.h>
+#include <asio/post.hpp>
 
 #include <algorithm>
 #include <cerrno>
@@ -72,8 +72,8 @@ int spawn(const std::vector<std::string>& argv, const Pipe& output, const Pipe& 
     if (error == 0) error = ::posix_spawn_file_actions_adddup2(&actions, errors.write, 2);
     if (error == 0) error = ::posix_spawn_file_actions_addclosefrom_np(&actions, 3);
     if (error == 0) {
-        error = ::posix_spawnattr_setflags(
-            &attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+        error = ::posix_spawnattr_setflags(&attributes,
+                                           POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
     }
     if (error == 0) error = ::posix_spawnattr_setpgroup(&attributes, 0);
     if (error == 0) error = ::posix_spawnattr_setsigmask(&attributes, &empty);
@@ -99,7 +99,8 @@ std::string joined(const std::vector<std::string>& argv) {
 
 }  // namespace
 
-SmartctlRun::SmartctlRun(asio::io_context& io, std::vector<std::string> argv, const RunLimits& limits, Handlers handlers)
+SmartctlRun::SmartctlRun(asio::io_context& io, std::vector<std::string> argv, const RunLimits& limits,
+                         Handlers handlers)
     : io_(io),
       argv_(std::move(argv)),
       limits_(limits),
@@ -182,8 +183,8 @@ void SmartctlRun::launch() {
         logger().error("smartctl for {} (pid {}) ran longer than {} ms; killed", self->argv_.back(), self->pid_,
                        self->limits_.timeout.count());
         self->killChild(protocol::helperError(
-            HelperFailure::timedOut, fmt::format("smartctl did not finish within {} ms and was stopped.",
-                                                 self->limits_.timeout.count())));
+            HelperFailure::timedOut,
+            fmt::format("smartctl did not finish within {} ms and was stopped.", self->limits_.timeout.count())));
     });
 }
 
@@ -218,35 +219,36 @@ void SmartctlRun::read(Capture& capture) {
 }
 
 void SmartctlRun::watchChild() {
-    process_.async_wait(asio::posix::descriptor_base::wait_read, [self = shared_from_this()](const asio::error_code& error) {
-        if (error) return;  // the io_context is shutting down
-        int status = 0;
-        const pid_t reaped = ::waitpid(self->pid_, &status, WNOHANG);
-        if (reaped == 0) {
-            self->watchChild();
-            return;
-        }
-        self->exited_ = true;
-        self->process_.close();
-        if (reaped < 0) self->terminationStatus_ = -1;
-        else if (WIFEXITED(status)) self->terminationStatus_ = WEXITSTATUS(status);
-        else self->terminationStatus_ = 128 + WTERMSIG(status);
-        if (!self->answered_) {
-            self->completeIfDone();
-            return;
-        }
-        const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
-                                                                                   self->startedAt_);
-        logger().debug("Stopped smartctl for {} (pid {}) reaped {} ms after its start", self->argv_.back(), self->pid_,
-                       elapsed.count());
-        if (auto reapedHandler = std::exchange(self->handlers_.reaped, nullptr)) reapedHandler();
-    });
+    process_.async_wait(asio::posix::descriptor_base::wait_read,
+                        [self = shared_from_this()](const asio::error_code& error) {
+                            if (error) return;  // the io_context is shutting down
+                            int status = 0;
+                            const pid_t reaped = ::waitpid(self->pid_, &status, WNOHANG);
+                            if (reaped == 0) {
+                                self->watchChild();
+                                return;
+                            }
+                            self->exited_ = true;
+                            self->process_.close();
+                            if (reaped < 0) self->terminationStatus_ = -1;
+                            else if (WIFEXITED(status)) self->terminationStatus_ = WEXITSTATUS(status);
+                            else self->terminationStatus_ = 128 + WTERMSIG(status);
+                            if (!self->answered_) {
+                                self->completeIfDone();
+                                return;
+                            }
+                            const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                std::chrono::steady_clock::now() - self->startedAt_);
+                            logger().debug("Stopped smartctl for {} (pid {}) reaped {} ms after its start",
+                                           self->argv_.back(), self->pid_, elapsed.count());
+                            if (auto reapedHandler = std::exchange(self->handlers_.reaped, nullptr)) reapedHandler();
+                        });
 }
 
 void SmartctlRun::completeIfDone() {
     if (answered_ || !exited_ || !output_.ended || !errors_.ended) return;
-    const auto elapsed =
-        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - startedAt_);
+    const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
+                                                                               startedAt_);
     logger().debug("smartctl for {} finished after {} ms with exit status {}: {} bytes of output, {} bytes of errors",
                    argv_.back(), elapsed.count(), terminationStatus_, output_.bytes.size(), errors_.bytes.size());
     SmartctlExecutionResult result;

@@ -43,8 +43,8 @@ public:
     };
 
     // argv[0] is the program. The handlers are never called from inside start().
-    static std::shared_ptr<SmartctlRun> start(asio::io_context& io, std::vector<std::string> argv, const RunLimits& limits,
-                                              Handlers handlers);
+    static std::shared_ptr<SmartctlRun> start(asio::io_context& io, std::vector<std::string> argv,
+                                              const RunLimits& limits, Handlers handlers);
     ~SmartctlRun();
     SmartctlRun(const SmartctlRun&) = delete;
     SmartctlRun& operator=(const SmartctlRun&) = delete;

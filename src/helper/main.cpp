@@ -92,8 +92,8 @@ int main(int argc, char** argv) {
 
     returnFreedMemory();
     openStandardDescriptors();
-    ::signal(SIGPIPE, SIG_IGN);   // smartctl gets default dispositions back when it starts
-    ::signal(SIGCHLD, SIG_DFL);   // an inherited SIG_IGN would reap children behind the pidfds' back
+    ::signal(SIGPIPE, SIG_IGN);  // smartctl gets default dispositions back when it starts
+    ::signal(SIGCHLD, SIG_DFL);  // an inherited SIG_IGN would reap children behind the pidfds' back
 
     asio::io_context io;
     asio::local::stream_protocol::acceptor acceptor(io);
@@ -112,7 +112,9 @@ int main(int argc, char** argv) {
         acceptor.assign(asio::local::stream_protocol(), socketFile->release());
         logger().notice("vantorix-smartctl-helper {} listening on {}", VANTORIX_VERSION, socketPath);
     } else {
-        return fail(kUsage, "no socket to listen on: start it through vantorix-smartctl-helper.socket (systemd), or pass --socket PATH");
+        return fail(
+            kUsage,
+            "no socket to listen on: start it through vantorix-smartctl-helper.socket (systemd), or pass --socket PATH");
     }
 
     asio::signal_set signals(io, SIGTERM, SIGINT);

@@ -55,11 +55,9 @@ protected:
         else if (msg.level == spdlog::level::warn) priority = LOG_WARNING;
         const auto& name = msg.logger_name;
         const auto& text = msg.payload;
-        sd_journal_send("MESSAGE=%.*s", static_cast<int>(text.size()), text.data(),
-                        "PRIORITY=%d", priority,
-                        "SYSLOG_IDENTIFIER=vantorix",
-                        "VANTORIX_SUBSYSTEM=%.*s", static_cast<int>(kSubsystem.size()), kSubsystem.data(),
-                        "VANTORIX_CATEGORY=%.*s", static_cast<int>(name.size()), name.data(),
+        sd_journal_send("MESSAGE=%.*s", static_cast<int>(text.size()), text.data(), "PRIORITY=%d", priority,
+                        "SYSLOG_IDENTIFIER=vantorix", "VANTORIX_SUBSYSTEM=%.*s", static_cast<int>(kSubsystem.size()),
+                        kSubsystem.data(), "VANTORIX_CATEGORY=%.*s", static_cast<int>(name.size()), name.data(),
                         nullptr);
     }
     void flush_() override {}
@@ -73,8 +71,7 @@ protected:
     void sink_it_(const spdlog::details::log_msg& msg) override {
         std::lock_guard lock(state_->mutex);
         state_->records.push_back(Record{std::string(msg.logger_name.begin(), msg.logger_name.end()),
-                                         fromSpdlog(msg.level),
-                                         std::string(msg.payload.begin(), msg.payload.end())});
+                                         fromSpdlog(msg.level), std::string(msg.payload.begin(), msg.payload.end())});
     }
     void flush_() override {}
 
@@ -185,8 +182,7 @@ std::string_view levelName(Level level) {
 }
 
 Logger::Logger(std::string category)
-    : category_(std::move(category)),
-      logger_(std::make_shared<spdlog::logger>(category_, Hub::instance().sink())) {
+    : category_(std::move(category)), logger_(std::make_shared<spdlog::logger>(category_, Hub::instance().sink())) {
     Hub::instance().registerLogger(logger_);
 }
 

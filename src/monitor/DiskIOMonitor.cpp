@@ -150,8 +150,7 @@ void DiskIOMonitor::beginSampling(DiskVolumeDescriptor descriptor) {
     }
     currentStatisticsSession_ = std::move(session.value());
     previousSnapshot_ = first.value();
-    monitorLog().debug("Monitoring {} every {} ms", currentStatisticsSession_->deviceName(),
-                       rawValue(queuePrecision_));
+    monitorLog().debug("Monitoring {} every {} ms", currentStatisticsSession_->deviceName(), rawValue(queuePrecision_));
 
     timer_ = std::make_unique<RepeatingTimer>(*monitorQueue_);
     timer_->schedule(RepeatingTimer::Clock::now(), timerInterval(queuePrecision_), timerLeeway(queuePrecision_));

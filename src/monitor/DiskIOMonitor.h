@@ -33,8 +33,8 @@ namespace vantorix {
 class DiskIOMonitor : public std::enable_shared_from_this<DiskIOMonitor> {
 public:
     enum class SamplingPrecision : int { ms1 = 1, ms10 = 10, ms100 = 100, ms1000 = 1000 };
-    static constexpr std::array<SamplingPrecision, 4> allPrecisions{SamplingPrecision::ms1, SamplingPrecision::ms10,
-                                                                    SamplingPrecision::ms100, SamplingPrecision::ms1000};
+    static constexpr std::array<SamplingPrecision, 4> allPrecisions{
+        SamplingPrecision::ms1, SamplingPrecision::ms10, SamplingPrecision::ms100, SamplingPrecision::ms1000};
     // Exactly 1, 10, 100 and 1000 name a precision.
     static std::optional<SamplingPrecision> precisionFromRawValue(long long milliseconds);
     static int rawValue(SamplingPrecision precision) { return static_cast<int>(precision); }
@@ -95,7 +95,9 @@ public:
     DiskIOMonitor& operator=(const DiskIOMonitor&) = delete;
 
     const State& state() const { return state_.get(); }
-    Subscription subscribe(std::function<void(const State&)> subscriber) { return state_.subscribe(std::move(subscriber)); }
+    Subscription subscribe(std::function<void(const State&)> subscriber) {
+        return state_.subscribe(std::move(subscriber));
+    }
     void setSelectionFollower(std::shared_ptr<SelectionFollower> follower) { follower_ = std::move(follower); }
 
     // Makes the volume behind `url` (a path or a file URL) the selection; stops a running run first.
@@ -119,10 +121,10 @@ public:
 
 private:
     explicit DiskIOMonitor(Dependencies dependencies);
-    void beginSampling(DiskVolumeDescriptor descriptor);   // monitor queue
-    void tick();                                           // monitor queue
-    void process(const BlockStatistics& snapshot);          // monitor queue
-    void failOnMonitorQueue(const MonitorError& error);    // monitor queue
+    void beginSampling(DiskVolumeDescriptor descriptor);  // monitor queue
+    void tick();                                          // monitor queue
+    void process(const BlockStatistics& snapshot);        // monitor queue
+    void failOnMonitorQueue(const MonitorError& error);   // monitor queue
     AggregationCoordinator& coordinator();
 
     Dependencies dependencies_;

@@ -195,9 +195,8 @@ public:
         return out;
     }
 
-    friend bool operator==(const RingBufferView& a, const RingBufferView& b)
-        requires std::equality_comparable<Element>
-    {
+    friend bool operator==(const RingBufferView& a,
+                           const RingBufferView& b) requires std::equality_comparable<Element> {
         return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin());
     }
 
@@ -205,8 +204,11 @@ private:
     friend class FixedRingBuffer<Element>;
 
     RingBufferView(std::shared_ptr<const Segments> segments, size_type offset, size_type size, unsigned shift) noexcept
-        : segments_(std::move(segments)), table_(segments_ ? segments_->data() : nullptr), offset_(offset),
-          size_(size), shift_(shift) {}
+        : segments_(std::move(segments)),
+          table_(segments_ ? segments_->data() : nullptr),
+          offset_(offset),
+          size_(size),
+          shift_(shift) {}
 
     static const Element& slot(const SegmentRef* table, size_type position, unsigned shift) noexcept {
         return table[position >> shift].slots[position & ((size_type{1} << shift) - 1)];
@@ -218,7 +220,7 @@ private:
 
     std::shared_ptr<const Segments> segments_;
     const SegmentRef* table_ = nullptr;  // segments_->data(): the list never changes
-    size_type offset_ = 0;  // slot of the oldest element in the first segment
+    size_type offset_ = 0;               // slot of the oldest element in the first segment
     size_type size_ = 0;
     unsigned shift_ = 0;  // log2 of the segment length
 };
@@ -257,8 +259,11 @@ public:
     FixedRingBuffer(const FixedRingBuffer&) = delete;
     FixedRingBuffer& operator=(const FixedRingBuffer&) = delete;
     FixedRingBuffer(FixedRingBuffer&& other) noexcept
-        : capacity_(other.capacity_), shift_(other.shift_), segments_(std::move(other.segments_)),
-          head_(std::exchange(other.head_, 0)), count_(std::exchange(other.count_, 0)) {}
+        : capacity_(other.capacity_),
+          shift_(other.shift_),
+          segments_(std::move(other.segments_)),
+          head_(std::exchange(other.head_, 0)),
+          count_(std::exchange(other.count_, 0)) {}
     FixedRingBuffer& operator=(FixedRingBuffer&& other) noexcept {
         capacity_ = other.capacity_;
         shift_ = other.shift_;

@@ -34,7 +34,9 @@ std::shared_ptr<SmartRefresh> SmartRefresh::create(std::weak_ptr<DiskIOMonitor> 
 
 SmartRefresh::SmartRefresh(std::weak_ptr<DiskIOMonitor> monitor, std::shared_ptr<MainExecutor> mainExecutor,
                            Fetch fetch, std::chrono::nanoseconds interval)
-    : monitor_(std::move(monitor)), mainExecutor_(std::move(mainExecutor)), fetch_(std::move(fetch)),
+    : monitor_(std::move(monitor)),
+      mainExecutor_(std::move(mainExecutor)),
+      fetch_(std::move(fetch)),
       smartRefreshIntervalNanoseconds_(interval) {}
 
 SmartRefresh::~SmartRefresh() { cancel(); }
@@ -129,8 +131,7 @@ void SmartRefresh::refreshOnce(const std::shared_ptr<Context>& context, const Ca
         case Round::kept:
             logger().debug("SMART refresh kept the current data for device {}; the drive is in standby", deviceName);
             break;
-        case Round::paused:
-            break;
+        case Round::paused: break;
     }
 }
 

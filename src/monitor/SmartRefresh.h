@@ -27,11 +27,11 @@ public:
 
     // How one round ended, as the main thread saw it.
     enum class Round {
-        published,   // new data (or, when the fetch found none, no data) replaced the selection's
-        identical,   // the fetch found what the selection carries
-        discarded,   // the selection changed meanwhile
-        kept,        // the drive sleeps: the selection keeps the data it has
-        paused,      // a performance test runs on the volume: no fetch was made
+        published,  // new data (or, when the fetch found none, no data) replaced the selection's
+        identical,  // the fetch found what the selection carries
+        discarded,  // the selection changed meanwhile
+        kept,       // the drive sleeps: the selection keeps the data it has
+        paused,     // a performance test runs on the volume: no fetch was made
     };
     using RoundObserver =
         std::function<void(const std::string& deviceName, Round round, const SMARTInfoProvider::Outcome& fetched)>;

@@ -17,8 +17,8 @@ MonitorError statisticsError(const BlockDeviceError& error) {
     return MonitorError::sysfsReadFailed(error.detail());
 }
 
-Result<std::unique_ptr<StatisticsSession>, MonitorError> StatisticsSession::create(std::shared_ptr<BlockDevices> devices,
-                                                                                   std::string deviceName) {
+Result<std::unique_ptr<StatisticsSession>, MonitorError> StatisticsSession::create(
+    std::shared_ptr<BlockDevices> devices, std::string deviceName) {
     auto file = devices->openStatistics(deviceName);
     if (!file.ok()) {
         statisticsLog().error("Cannot read the counters of block device {}: {}", deviceName, file.error().detail());

@@ -15,11 +15,11 @@ namespace vantorix {
 // The bus a block device is attached by: the first device of a known bus found walking up from the
 // block device (a stacked device, such as dm-crypt or md, is followed down to its first member).
 enum class BusKind {
-    unknown,        // nothing known above the device
-    pciExpress,     // a PCI function with a PCI Express link, or an NVMe controller on PCIe
-    pci,            // a PCI function without link attributes
-    nvmeFabrics,    // an NVMe controller reached over a network transport
-    sata,           // a libata port
+    unknown,      // nothing known above the device
+    pciExpress,   // a PCI function with a PCI Express link, or an NVMe controller on PCIe
+    pci,          // a PCI function without link attributes
+    nvmeFabrics,  // an NVMe controller reached over a network transport
+    sata,         // a libata port
     usb,
     thunderbolt,
     virtio,
@@ -47,8 +47,8 @@ struct BlockAttachment {
     std::optional<std::string> usbVersion;  // the version a USB device declares, as sysfs writes it (" 3.20")
     std::optional<unsigned> thunderboltGeneration;
 
-    std::optional<std::string> vendor;  // a name: the SCSI vendor, the USB manufacturer string
-    std::optional<std::string> model;   // the SCSI or NVMe model, the USB product string, an SD card's name
+    std::optional<std::string> vendor;       // a name: the SCSI vendor, the USB manufacturer string
+    std::optional<std::string> model;        // the SCSI or NVMe model, the USB product string, an SD card's name
     std::optional<std::uint16_t> vendorId;   // the PCI, virtio or USB vendor id
     std::optional<std::uint16_t> productId;  // the USB product id
     std::optional<std::string> serial;
@@ -62,9 +62,10 @@ struct BlockDevice {
     std::string name;  // the kernel's name: "sda1", "nvme0n1", "dm-0"
     unsigned major = 0;
     unsigned minor = 0;
-    std::optional<std::string> wholeDisk;       // the disk a partition belongs to: "sda1" → "sda"
-    std::vector<std::string> members;           // what a stacked device is built on (`slaves/`), by name
-    std::optional<std::string> nvmeController;  // the controller of an NVMe namespace (not of its partitions): "nvme0n1" → "nvme0"
+    std::optional<std::string> wholeDisk;  // the disk a partition belongs to: "sda1" → "sda"
+    std::vector<std::string> members;      // what a stacked device is built on (`slaves/`), by name
+    std::optional<std::string>
+        nvmeController;  // the controller of an NVMe namespace (not of its partitions): "nvme0n1" → "nvme0"
     BlockAttachment attachment;
 
     friend bool operator==(const BlockDevice&, const BlockDevice&) = default;
@@ -78,8 +79,8 @@ struct BlockDeviceError {
         malformed,   // it was read but is not what the kernel writes
     };
     Kind kind = Kind::notFound;
-    std::string path;      // the sysfs path concerned
-    int errorNumber = 0;   // the system's error, when there is one
+    std::string path;     // the sysfs path concerned
+    int errorNumber = 0;  // the system's error, when there is one
 
     // "/sys/class/block/sdz/stat: No such file or directory", "/sys/class/block/sda/stat: malformed".
     std::string detail() const;

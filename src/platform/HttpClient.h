@@ -40,12 +40,12 @@ struct HttpDownload {
 
 struct HttpError {
     enum class Kind {
-        invalidUrl,         // the URL cannot be used (malformed, or a scheme other than http and https)
-        connectionFailed,   // refused, unreachable, name not resolved, TLS failure
+        invalidUrl,        // the URL cannot be used (malformed, or a scheme other than http and https)
+        connectionFailed,  // refused, unreachable, name not resolved, TLS failure
         timedOut,
-        tooLarge,           // the answer's body exceeds what is held in memory
-        badStatus,          // a download answered with a status outside 200-299
-        fileError,          // the download's file could not be written
+        tooLarge,   // the answer's body exceeds what is held in memory
+        badStatus,  // a download answered with a status outside 200-299
+        fileError,  // the download's file could not be written
         other,
     };
     Kind kind = Kind::other;

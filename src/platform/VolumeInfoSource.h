@@ -10,9 +10,9 @@ namespace vantorix {
 
 // What the file system says about the volume that holds a path.
 struct FileSystemStatistics {
-    std::string mountSource;    // e.g. "/dev/nvme0n1p2"; symbolic links resolved
-    std::string typeName;       // e.g. "ext4"
-    std::string mountPoint;     // e.g. "/home"
+    std::string mountSource;  // e.g. "/dev/nvme0n1p2"; symbolic links resolved
+    std::string typeName;     // e.g. "ext4"
+    std::string mountPoint;   // e.g. "/home"
     std::uint64_t blockSize = 0;
     std::uint64_t totalBlocks = 0;
     std::uint64_t availableBlocks = 0;  // available to an unprivileged user

@@ -22,7 +22,9 @@ std::string base64Encoded(std::string_view bytes) {
     std::string out;
     out.reserve((bytes.size() + 2) / 3 * 4);
     std::size_t i = 0;
-    const auto byte = [&bytes](std::size_t at) { return static_cast<std::uint32_t>(static_cast<std::uint8_t>(bytes[at])); };
+    const auto byte = [&bytes](std::size_t at) {
+        return static_cast<std::uint32_t>(static_cast<std::uint8_t>(bytes[at]));
+    };
     for (; i + 3 <= bytes.size(); i += 3) {
         const std::uint32_t group = byte(i) << 16U | byte(i + 1) << 8U | byte(i + 2);
         for (unsigned shift : {18U, 12U, 6U, 0U}) out += kAlphabet[(group >> shift) & 0x3FU];

@@ -70,9 +70,9 @@ const std::string* stringMember(const json& object, std::string_view name) {
 
 ordered_json archived(const SmartctlExecutionResult& result) {
     return ordered_json{{"jsonData", base64Encoded(result.jsonData)},
-                {"commandDescription", result.commandDescription},
-                {"standardError", base64Encoded(result.standardError)},
-                {"terminationStatus", result.terminationStatus}};
+                        {"commandDescription", result.commandDescription},
+                        {"standardError", base64Encoded(result.standardError)},
+                        {"terminationStatus", result.terminationStatus}};
 }
 
 // The record, when the three required members are there with their types and an optional
@@ -153,16 +153,18 @@ std::optional<ParsedRequest> parsedRequest(std::string_view payload) {
         }
         return ParsedRequest(Request(FetchRequest{*name}));
     }
-    return ParsedRequest(helperError(HelperFailure::unknownMethod,
-                                     "Unknown method \"" + *method + "\"; the helper answers \"" +
-                                         std::string(kFetchMethod) + "\" and \"" + std::string(kVersionMethod) + "\"."));
+    return ParsedRequest(helperError(HelperFailure::unknownMethod, "Unknown method \"" + *method +
+                                                                       "\"; the helper answers \"" +
+                                                                       std::string(kFetchMethod) + "\" and \"" +
+                                                                       std::string(kVersionMethod) + "\"."));
 }
 
 std::string encodedReply(const Reply& reply) {
     if (const auto* result = std::get_if<SmartctlExecutionResult>(&reply)) {
         return dumped(ordered_json{{"result", archived(*result)}});
     }
-    if (const auto* version = std::get_if<VersionReply>(&reply)) return dumped(ordered_json{{"version", version->version}});
+    if (const auto* version = std::get_if<VersionReply>(&reply))
+        return dumped(ordered_json{{"version", version->version}});
     const auto& error = std::get<HelperError>(reply);
     return dumped(
         ordered_json{{"error", {{"domain", error.domain}, {"code", error.code}, {"description", error.description}}}});

@@ -57,7 +57,7 @@ struct HelperError {
 
 // The helper's own failures, each a code of kHelperErrorDomain.
 enum class HelperFailure : std::int64_t {
-    malformedRequest = 1,   // a JSON object that is not a request: no method, wrong member types
+    malformedRequest = 1,  // a JSON object that is not a request: no method, wrong member types
     unknownMethod = 2,
     invalidDeviceName = 3,  // not a bare kernel device name
     deviceNotFound = 4,     // no such block or NVMe device, or its /dev node is not a device

@@ -194,9 +194,9 @@ private:
             painter_.setPen(ink_.label());
             const double textLeft = left + kDisc + 20;
             const double textWidth = metrics.horizontalAdvance(label);
-            painter_.drawText(QRectF(textLeft, firstDisc.center().y() - metrics.height(), textWidth + 4,
-                                     2 * metrics.height()),
-                              Qt::AlignLeft | Qt::AlignVCenter, label);
+            painter_.drawText(
+                QRectF(textLeft, firstDisc.center().y() - metrics.height(), textWidth + 4, 2 * metrics.height()),
+                Qt::AlignLeft | Qt::AlignVCenter, label);
             return textLeft + textWidth;
         };
         const double readEnd = entry(plot.x, kRead, qText(Support::readLegendText()));
@@ -268,8 +268,8 @@ Result<std::vector<std::uint8_t>, ChartDataExportError> encodePNG(const QImage& 
 }
 
 Result<std::vector<std::uint8_t>, ChartDataExportError> chartPNGData(const SampleWindow& samples,
-                                                                      std::int64_t sampleIntervalMs, int width,
-                                                                      int height, Appearance appearance) {
+                                                                     std::int64_t sampleIntervalMs, int width,
+                                                                     int height, Appearance appearance) {
     auto image = chartImage(samples, sampleIntervalMs, width, height, appearance);
     if (!image) return Failure{image.error()};
     return encodePNG(*image);

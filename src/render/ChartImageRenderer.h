@@ -19,10 +19,10 @@ enum class Appearance { light, dark };
 // time, with axes, legend and a summary box, on a transparent background. Makes the offscreen
 // QGuiApplication first if the process has none (see OffscreenGui.h), so call it on the main thread.
 Result<std::vector<std::uint8_t>, ChartDataExportError> chartPNGData(const SampleWindow& samples,
-                                                                      std::int64_t sampleIntervalMs,
-                                                                      int width = ChartExportSupport::imageWidth,
-                                                                      int height = ChartExportSupport::imageHeight,
-                                                                      Appearance appearance = Appearance::light);
+                                                                     std::int64_t sampleIntervalMs,
+                                                                     int width = ChartExportSupport::imageWidth,
+                                                                     int height = ChartExportSupport::imageHeight,
+                                                                     Appearance appearance = Appearance::light);
 
 // chartPNGData in the form the export flow takes.
 ChartExportSupport::PNGRenderer chartPNGRenderer(Appearance appearance = Appearance::light);

@@ -38,7 +38,8 @@ void forEachClusterEnd(std::string_view text, Visit&& visit) {
     // Making a break iterator loads rules; one per thread is kept and reused.
     thread_local std::unique_ptr<icu::BreakIterator> iterator = [] {
         UErrorCode status = U_ZERO_ERROR;
-        std::unique_ptr<icu::BreakIterator> made(icu::BreakIterator::createCharacterInstance(icu::Locale::getRoot(), status));
+        std::unique_ptr<icu::BreakIterator> made(
+            icu::BreakIterator::createCharacterInstance(icu::Locale::getRoot(), status));
         return U_SUCCESS(status) ? std::move(made) : nullptr;
     }();
     UErrorCode status = U_ZERO_ERROR;
@@ -185,8 +186,8 @@ FeedbackOutcome interpretFeedbackAnswer(const Result<HttpResponse, HttpError>& a
     return kept(text::feedbackServerError(static_cast<int>(response.status)));
 }
 
-FeedbackOutcome submitFeedback(HttpClient& client, const ServiceConfiguration& configuration,
-                               const FeedbackForm& form, std::chrono::milliseconds timeout) {
+FeedbackOutcome submitFeedback(HttpClient& client, const ServiceConfiguration& configuration, const FeedbackForm& form,
+                               std::chrono::milliseconds timeout) {
     if (auto message = validationMessage(form)) return kept(std::move(*message));
     const auto endpoint = feedbackEndpoint(configuration);
     auto body = requestBody(form, configuration.productId);
@@ -222,8 +223,8 @@ bool FeedbackSubmitter::submit(const FeedbackForm& form, std::function<void(cons
     submitting_ = true;
     // The work holds what it uses, the queue included, and the submitter only weakly.
     queue_->async([self = weak_from_this(), queue = queue_, client = dependencies_.client,
-                   main = dependencies_.mainExecutor, configuration = dependencies_.configuration,
-                   timeout = timeout_, form, done = std::move(done)]() mutable {
+                   main = dependencies_.mainExecutor, configuration = dependencies_.configuration, timeout = timeout_,
+                   form, done = std::move(done)]() mutable {
         FeedbackOutcome outcome = submitFeedback(*client, configuration, form, timeout);
         main->post([self, outcome = std::move(outcome), done = std::move(done)] {
             const auto submitter = self.lock();

@@ -58,9 +58,9 @@ std::optional<std::string> requestBody(const FeedbackForm& form, std::string_vie
 std::optional<std::string> feedbackEndpoint(const ServiceConfiguration& configuration);
 
 struct FeedbackOutcome {
-    std::string message;      // for the "Notice" alert
-    bool resetForm = false;   // true only after an accepted submission
-    bool accepted = false;    // 201 with success true
+    std::string message;     // for the "Notice" alert
+    bool resetForm = false;  // true only after an accepted submission
+    bool accepted = false;   // 201 with success true
     std::optional<std::string> feedbackId;
 };
 
@@ -70,8 +70,8 @@ FeedbackOutcome interpretFeedbackAnswer(const Result<HttpResponse, HttpError>& a
 inline constexpr std::chrono::milliseconds kFeedbackTimeout{std::chrono::seconds(60)};
 
 // Validation, then the request and its answer, blocking. A validation failure sends nothing.
-FeedbackOutcome submitFeedback(HttpClient& client, const ServiceConfiguration& configuration,
-                               const FeedbackForm& form, std::chrono::milliseconds timeout = kFeedbackTimeout);
+FeedbackOutcome submitFeedback(HttpClient& client, const ServiceConfiguration& configuration, const FeedbackForm& form,
+                               std::chrono::milliseconds timeout = kFeedbackTimeout);
 
 // The Feedback window's submission, off the main thread, answered on it.
 class FeedbackSubmitter : public std::enable_shared_from_this<FeedbackSubmitter> {

@@ -16,8 +16,7 @@ struct ServiceConfiguration {
 
     // The build's values with the environment's overrides (`lookup` reads a variable; the
     // process environment when not given).
-    static ServiceConfiguration current(
-        const std::function<std::optional<std::string>(const char*)>& lookup = nullptr);
+    static ServiceConfiguration current(const std::function<std::optional<std::string>(const char*)>& lookup = nullptr);
 };
 
 }  // namespace vantorix::services

@@ -7,10 +7,11 @@ namespace vantorix::services {
 using text::localized;
 
 std::string aboutDescription() {
-    return localized("Vantorix 描述文件夹所在的卷，实时监视它的读写流量，测试它的性能并生成报告，"
-                     "还能显示硬盘的 SMART 健康状况。",
-                     "Vantorix describes the volume behind a folder, watches its live read and write traffic, "
-                     "benchmarks it with a report, and shows the drive's SMART health.");
+    return localized(
+        "Vantorix 描述文件夹所在的卷，实时监视它的读写流量，测试它的性能并生成报告，"
+        "还能显示硬盘的 SMART 健康状况。",
+        "Vantorix describes the volume behind a folder, watches its live read and write traffic, "
+        "benchmarks it with a report, and shows the drive's SMART health.");
 }
 std::string aboutCredit() { return localized("© 2026 Vantorix 开发团队", "© 2026 the Vantorix developers"); }
 std::string checkUpdateButton() { return localized("检查更新", "Check Update"); }

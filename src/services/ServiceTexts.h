@@ -9,7 +9,7 @@ namespace vantorix::services {
 std::string aboutDescription();
 std::string aboutCredit();
 std::string checkUpdateButton();
-std::string checkingUpdate();  // beside the busy indicator while a check runs
+std::string checkingUpdate();     // beside the busy indicator while a check runs
 std::string downloadingUpdate();  // while a download runs
 std::string downloadPromptTitle();
 std::string downloadButton();

@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "concurrency/SerialQueue.h"
-#include "services/ServiceUrls.h"
 #include "platform/WebUrl.h"
+#include "services/ServiceUrls.h"
 #include "text/Language.h"
 #include "text/Messages.h"
 #include "text/Trim.h"
@@ -48,7 +48,8 @@ Result<std::optional<std::string>, std::string> optionalString(const nlohmann::j
     const auto member = object.find(name);
     if (member == object.end() || member->is_null()) return std::optional<std::string>();
     if (!member->is_string()) {
-        return Failure{fmt::format(fmt::runtime(localized("成员“{}”不是字符串", "the member “{}” is not a string")), name)};
+        return Failure{
+            fmt::format(fmt::runtime(localized("成员“{}”不是字符串", "the member “{}” is not a string")), name)};
     }
     return std::optional<std::string>(member->get<std::string>());
 }
@@ -98,8 +99,8 @@ std::optional<std::string> plainBaseName(std::string_view name) {
 
     if (clean.size() > kMaximumNameBytes) {
         const auto dot = clean.rfind('.');
-        const std::string extension =
-            dot != std::string::npos && clean.size() - dot <= 16 ? clean.substr(dot) : std::string();
+        const std::string extension = dot != std::string::npos && clean.size() - dot <= 16 ? clean.substr(dot)
+                                                                                           : std::string();
         std::string stem = clean.substr(0, kMaximumNameBytes - extension.size());
         // Cut back to the start of a character: the name is valid UTF-8, so only the cut can be not.
         for (std::size_t end = stem.size(); end > 0 && !previousCodePoint(stem, 0, end);) stem.resize(end);
@@ -150,7 +151,8 @@ Result<ProductDTO, std::string> decodeProduct(std::string_view body) {
         return Failure{localized("缺少必需的成员“id”", "the required member “id” is missing")};
     }
     if (!id->is_string()) {
-        return Failure{fmt::format(fmt::runtime(localized("成员“{}”不是字符串", "the member “{}” is not a string")), "id")};
+        return Failure{
+            fmt::format(fmt::runtime(localized("成员“{}”不是字符串", "the member “{}” is not a string")), "id")};
     }
     ProductDTO product;
     product.id = id->get<std::string>();
@@ -245,15 +247,16 @@ Result<std::string, std::string> downloadUpdate(HttpClient& client, const std::s
     const HttpDownload& download = fetched.value();
 
     // Like a browser, name the file after the URL that finally answered when the server suggests none.
-    const std::string name = safeDownloadName(download.suggestedFileName, download.finalUrl.empty() ? url : download.finalUrl);
+    const std::string name = safeDownloadName(download.suggestedFileName,
+                                              download.finalUrl.empty() ? url : download.finalUrl);
     const std::string target = (fs::path(folder) / name).string();
     // rename() replaces a file of that name in one step, so there is never a moment without one.
     if (std::rename(download.temporaryPath.c_str(), target.c_str()) != 0) {
         const int error = errno;
         std::remove(download.temporaryPath.c_str());
-        return Failure{text::downloadFailed(
-            fmt::format(fmt::runtime(localized("无法把下载的文件移到“{}”：{}", "Could not move the downloaded file to “{}”: {}")),
-                        target, std::generic_category().message(error)))};
+        return Failure{text::downloadFailed(fmt::format(
+            fmt::runtime(localized("无法把下载的文件移到“{}”：{}", "Could not move the downloaded file to “{}”: {}")),
+            target, std::generic_category().message(error)))};
     }
     return target;
 }

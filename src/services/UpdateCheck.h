@@ -51,8 +51,8 @@ struct UpdatePrompt {
 struct UpdateCheckOutcome {
     enum class Status { updateAvailable, upToDate, packageManaged, failed };
     Status status = Status::failed;
-    std::optional<UpdatePrompt> prompt;    // with updateAvailable
-    std::optional<std::string> message;    // otherwise
+    std::optional<UpdatePrompt> prompt;  // with updateAvailable
+    std::optional<std::string> message;  // otherwise
 };
 
 // The whole check, blocking: request, answer, decoding, validation, comparison.

@@ -67,7 +67,8 @@ bool PrivilegedHelperManager::runInstallationWorkflow() {
         return *cached;
     }
     if (inspectRegistration()) {
-        logger().notice("Privileged helper already enabled ({}); caching installation flag.", helperService().mechanism());
+        logger().notice("Privileged helper already enabled ({}); caching installation flag.",
+                        helperService().mechanism());
         stateQueue_.sync([this] { cachedInstallationState_ = true; });
         return true;
     }
@@ -112,21 +113,20 @@ bool PrivilegedHelperManager::inspectRegistration() {
     logger().notice("Helper state ({}): {}", service.mechanism(), stateDescription(state));
     logger().notice("Helper program {} present on disk? {}", programText(executable), executable.exists);
     switch (state) {
-        case HelperServiceState::notEnabled:
-            logger().notice("Helper not enabled yet.");
-            return false;
+        case HelperServiceState::notEnabled: logger().notice("Helper not enabled yet."); return false;
         case HelperServiceState::enabled:
             logger().notice("Helper is enabled; it is started on demand and should answer normally.");
             if (executable.exists) return true;
-            logger().error("Helper enabled but its program {} is missing; will trigger reinstall.", programText(executable));
+            logger().error("Helper enabled but its program {} is missing; will trigger reinstall.",
+                           programText(executable));
             return false;
         case HelperServiceState::needsAdministrator:
             logger().notice("Helper needs an administrator to enable it; awaiting approval.");
             promptForApproval();
             return false;
         case HelperServiceState::unitNotInstalled:
-            logger().error("Helper unit not installed ({}): {} is missing; check the installation.", service.mechanism(),
-                           service.definitionName());
+            logger().error("Helper unit not installed ({}): {} is missing; check the installation.",
+                           service.mechanism(), service.definitionName());
             return false;
     }
     return false;
@@ -145,8 +145,9 @@ Result<Unit, PrivilegedHelperError> PrivilegedHelperManager::registerHelper() {
             logger().notice("Helper already enabled and its program present; skipping re-installation.");
             return Unit{};
         }
-        logger().notice("Stale helper registration: enabled, but its program {} is missing; disabling it to force a reinstall.",
-                        programText(executable));
+        logger().notice(
+            "Stale helper registration: enabled, but its program {} is missing; disabling it to force a reinstall.",
+            programText(executable));
         auto removal = service.disable();
         if (removal.ok()) {
             logger().notice("Successfully disabled the stale helper registration; proceeding with a fresh one.");
@@ -157,10 +158,12 @@ Result<Unit, PrivilegedHelperError> PrivilegedHelperManager::registerHelper() {
                 freshState = service.state();
                 logger().notice("Helper state observed after the failed disable: {}", stateDescription(*freshState));
             } else {
-                logger().error("Unable to refresh the helper state after the failed disable: {}", located.error().description());
+                logger().error("Unable to refresh the helper state after the failed disable: {}",
+                               located.error().description());
             }
             if (!freshState || !isUninstalled(*freshState) || stillPresent) {
-                logger().error("Failed to disable the stale helper registration before reinstalling: {}", removal.error().description);
+                logger().error("Failed to disable the stale helper registration before reinstalling: {}",
+                               removal.error().description);
                 return Failure{PrivilegedHelperError::registrationFailed(removal.error())};
             }
             logger().notice("Disabling reported a failure but the helper is already gone; continuing with reinstall.");

@@ -27,7 +27,8 @@ namespace vantorix {
 class PrivilegedHelperManager : public std::enable_shared_from_this<PrivilegedHelperManager> {
 public:
     // Posted on the main thread when an administrator has to enable the helper.
-    static constexpr std::string_view kApprovalNotification = "com.vantorix.notifications.privilegedHelperRequiresApproval";
+    static constexpr std::string_view kApprovalNotification =
+        "com.vantorix.notifications.privilegedHelperRequiresApproval";
 
     struct Dependencies {
         std::shared_ptr<HelperService> helperService;

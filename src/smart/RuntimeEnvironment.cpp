@@ -22,7 +22,8 @@ RuntimeEnvironment RuntimeEnvironment::evaluate(const EnvironmentReader& environ
     if (environment("VANTORIX_DISABLE_PRIVILEGED_OPERATIONS") == "1") {
         reasons.emplace_back("Manual override: VANTORIX_DISABLE_PRIVILEGED_OPERATIONS");
     }
-    if (environment("FLATPAK_ID").has_value() || flatpakInfoPresent) reasons.emplace_back("running in a Flatpak sandbox");
+    if (environment("FLATPAK_ID").has_value() || flatpakInfoPresent)
+        reasons.emplace_back("running in a Flatpak sandbox");
     if (environment("SNAP").has_value()) reasons.emplace_back("running in a Snap sandbox");
     result.allowsPrivilegedOperations = reasons.empty();
     return result;

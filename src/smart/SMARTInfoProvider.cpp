@@ -92,7 +92,8 @@ bool SMARTInfoProvider::reportsSleepingDrive(const SmartctlExecutionResult& resu
     return false;
 }
 
-SMARTInfoProvider::Outcome SMARTInfoProvider::fetch(std::string_view deviceName, const CancellationToken& cancellation) {
+SMARTInfoProvider::Outcome SMARTInfoProvider::fetch(std::string_view deviceName,
+                                                    const CancellationToken& cancellation) {
     const std::string original(deviceName);
     logger().debug("Starting smartctl-only SMART fetch for device {}", original);
     const auto candidates = candidateNames(original, *devices_);
@@ -110,9 +111,10 @@ SMARTInfoProvider::Outcome SMARTInfoProvider::fetch(std::string_view deviceName,
         }
         if (result.driveAsleep) {
             // The other names lead to the same drive; asking again would only be refused again.
-            logger().debug("smartctl left device {} alone because the drive is in standby; keeping the SMART data "
-                           "already known",
-                           candidate);
+            logger().debug(
+                "smartctl left device {} alone because the drive is in standby; keeping the SMART data "
+                "already known",
+                candidate);
             return {std::nullopt, true, {}, std::nullopt};
         }
         if (result.helperFailure) helperFailure = result.helperFailure;

@@ -47,7 +47,8 @@ Map build() {
         {"nvme_smart_health_information_log", "NVMe 健康信息", "NVMe Health Information", true},
         {"nvme_smart_health_information_log.critical_warning", "关键警告", "Critical Warning", true},
         {"nvme_smart_health_information_log.temperature", "主控温度", "Controller Temperature", true},
-        {"nvme_smart_health_information_log.temperature_sensors[].temperature", "温度传感器读数", "Temperature Sensor Reading", true},
+        {"nvme_smart_health_information_log.temperature_sensors[].temperature", "温度传感器读数",
+         "Temperature Sensor Reading", true},
         {"nvme_smart_health_information_log.temperature_sensors", "温度传感器", "Temperature Sensors", true},
         {"nvme_smart_health_information_log.available_spare", "备用容量百分比", "Available Spare (%)", true},
         {"nvme_smart_health_information_log.percentage_used", "寿命已用 (%)", "Percentage Used (%)", true},
@@ -55,8 +56,10 @@ Map build() {
         {"nvme_smart_health_information_log.data_units_written", "写入数据单元", "Data Units Written", true},
         {"nvme_smart_health_information_log.host_reads", "主机读取次数", "Host Reads", true},
         {"nvme_smart_health_information_log.host_writes", "主机写入次数", "Host Writes", true},
-        {"nvme_smart_health_information_log.host_reads_32mib", "主机读取（32MiB 块）", "Host Reads (32MiB Units)", true},
-        {"nvme_smart_health_information_log.host_writes_32mib", "主机写入（32MiB 块）", "Host Writes (32MiB Units)", true},
+        {"nvme_smart_health_information_log.host_reads_32mib", "主机读取（32MiB 块）", "Host Reads (32MiB Units)",
+         true},
+        {"nvme_smart_health_information_log.host_writes_32mib", "主机写入（32MiB 块）", "Host Writes (32MiB Units)",
+         true},
         {"nvme_smart_health_information_log.controller_busy_time", "控制器忙时", "Controller Busy Time", true},
         {"nvme_smart_health_information_log.warning_temp_time", "高温警告时长", "Warning Temperature Time", true},
         {"nvme_smart_health_information_log.critical_comp_time", "关键温度时长", "Critical Temperature Time", true},
@@ -116,8 +119,10 @@ Map build() {
         {"nvme_firmware_update_capabilities.value", "能力值", "Capability Value", false},
         {"nvme_firmware_update_capabilities.slots", "固件槽位", "Firmware Slots", false},
         {"nvme_firmware_update_capabilities.first_slot_is_read_only", "槽位只读", "First Slot Read-only", false},
-        {"nvme_firmware_update_capabilities.activiation_without_reset", "无需重启激活", "Activate Without Reset", false},
-        {"nvme_firmware_update_capabilities.multiple_update_detection", "多重更新检测", "Multiple Update Detection", false},
+        {"nvme_firmware_update_capabilities.activiation_without_reset", "无需重启激活", "Activate Without Reset",
+         false},
+        {"nvme_firmware_update_capabilities.multiple_update_detection", "多重更新检测", "Multiple Update Detection",
+         false},
         {"nvme_firmware_update_capabilities.other", "其他能力标志", "Other Capability Flags", false},
         {"nvme_optional_admin_commands", "可选管理指令", "Optional Admin Commands", false},
         {"nvme_optional_admin_commands.value", "指令位图", "Command Bitmap", false},
@@ -139,7 +144,8 @@ Map build() {
         {"nvme_optional_nvm_commands.write_uncorrectable", "支持不可校写入", "Write Uncorrectable", false},
         {"nvme_optional_nvm_commands.dataset_management", "支持数据集管理", "Dataset Management", false},
         {"nvme_optional_nvm_commands.write_zeroes", "支持写入零", "Write Zeroes", false},
-        {"nvme_optional_nvm_commands.save_select_feature_nonzero", "非零选择特性", "Save/Select Feature Non-zero", false},
+        {"nvme_optional_nvm_commands.save_select_feature_nonzero", "非零选择特性", "Save/Select Feature Non-zero",
+         false},
         {"nvme_optional_nvm_commands.reservations", "支持保留集", "Reservations", false},
         {"nvme_optional_nvm_commands.timestamp", "支持时间戳", "Timestamp Supported", false},
         {"nvme_optional_nvm_commands.verify", "支持 Verify", "Verify Supported", false},
@@ -192,7 +198,8 @@ Map build() {
         {"exit_status", "命令退出状态", "Command Exit Status", false},
         {"power_on_time.minutes", "累计运行（分钟）", "Power-on Time (Minutes)", false},
         {"nvme_smart_health_information_log.nsid", "命名空间 ID", "Namespace ID", false},
-        {"nvme_smart_health_information_log.available_spare_threshold", "备用阈值 (%)", "Available Spare Threshold (%)", false},
+        {"nvme_smart_health_information_log.available_spare_threshold", "备用阈值 (%)", "Available Spare Threshold (%)",
+         false},
         {"ata_smart_attributes", "ATA SMART 属性", "ATA SMART Attributes", false},
         {"ata_smart_attributes.table[]", "属性项", "Attribute Entry", false},
         {"ata_smart_attributes.table[].raw.hex", "原始十六进制", "Raw Hex", false},
@@ -244,7 +251,7 @@ std::string normalizedKeyPath(std::string_view keyPath) {
 const SMARTKeyDescriptor* descriptor(std::string_view keyPath) {
     const auto& map = entries();
     const auto found = keyPath.find('[') == std::string_view::npos ? map.find(keyPath)
-                                                                    : map.find(normalizedKeyPath(keyPath));
+                                                                   : map.find(normalizedKeyPath(keyPath));
     return found == map.end() ? nullptr : &found->second;
 }
 

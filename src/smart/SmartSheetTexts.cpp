@@ -18,7 +18,8 @@ std::string capabilityText(bool capable) {
 }
 
 std::string noDetailsNote() {
-    return text::localized("系统未提供额外的 SMART 详细属性。", "The system did not expose additional SMART attributes.");
+    return text::localized("系统未提供额外的 SMART 详细属性。",
+                           "The system did not expose additional SMART attributes.");
 }
 
 }  // namespace vantorix::smart

@@ -50,8 +50,8 @@ std::string formattedNumber(const nlohmann::ordered_json& value, bool english) {
             text = toUtf8(formatter.formatInt(static_cast<std::int64_t>(unsignedValue), status), status);
         } else {
             // Beyond int64: through ICU's decimal number, which keeps every digit.
-            text = toUtf8(formatter.formatDecimal(icu::StringPiece(plain.data(), static_cast<std::int32_t>(plain.size())),
-                                                  status),
+            text = toUtf8(formatter.formatDecimal(
+                              icu::StringPiece(plain.data(), static_cast<std::int32_t>(plain.size())), status),
                           status);
         }
     } else if (value.is_number_integer()) {
@@ -82,8 +82,8 @@ std::string lowercased(std::string_view text) {
         const auto codePoint = vantorix::text::nextCodePoint(text, offset);
         if (!codePoint || u_hasBinaryProperty(static_cast<UChar32>(*codePoint), UCHAR_CHANGES_WHEN_LOWERCASED)) {
             result.clear();
-            icu::UnicodeString unicode =
-                icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<std::int32_t>(text.size())));
+            icu::UnicodeString unicode = icu::UnicodeString::fromUTF8(
+                icu::StringPiece(text.data(), static_cast<std::int32_t>(text.size())));
             unicode.toLower(icu::Locale::getRoot());
             unicode.toUTF8String(result);
             return result;
@@ -114,10 +114,8 @@ std::string formattedValue(const nlohmann::ordered_json& value, bool english) {
             return value.get<bool>() ? "是" : "否";
         case nlohmann::ordered_json::value_t::number_integer:
         case nlohmann::ordered_json::value_t::number_unsigned:
-        case nlohmann::ordered_json::value_t::number_float:
-            return formattedNumber(value, english);
-        case nlohmann::ordered_json::value_t::null:
-            return "<null>";
+        case nlohmann::ordered_json::value_t::number_float: return formattedNumber(value, english);
+        case nlohmann::ordered_json::value_t::null: return "<null>";
         default:
             // Containers are walked, never formatted; this keeps the function total.
             return value.type_name();

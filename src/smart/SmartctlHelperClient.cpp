@@ -128,7 +128,8 @@ Result<SmartctlExecutionResult, HelperRequestFailure> SmartctlHelperClient::fetc
     }
     const auto connection = remoteProxy();
     if (!connection) {
-        logger().error("Unable to create a connection to the privileged helper when fetching SMART info for device {}", name);
+        logger().error("Unable to create a connection to the privileged helper when fetching SMART info for device {}",
+                       name);
         return Failure{HelperRequestFailure::noConnection};
     }
 
@@ -152,7 +153,8 @@ Result<SmartctlExecutionResult, HelperRequestFailure> SmartctlHelperClient::fetc
     }
     if (const auto* error = std::get_if<HelperError>(&*answer)) {
         if (error->domain == protocol::kHelperErrorDomain) {
-            logger().error("Privileged helper domain error (code: {}) for device {}: {}", error->code, name, error->description);
+            logger().error("Privileged helper domain error (code: {}) for device {}: {}", error->code, name,
+                           error->description);
         } else {
             logger().error("Helper reported error for device {}: {}", name, error->description);
         }

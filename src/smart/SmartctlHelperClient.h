@@ -19,13 +19,13 @@ enum class HelperRequestFailure {
     privilegedOperationsDisabled,  // the runtime policy forbids asking
     helperNotInstalled,            // the helper is not enabled and could not be
     noConnection,                  // no connection could be made
-    connectionFailed,              // the connection failed the request (ConnectionFailure), for a reason below or another
-    peerNotRoot,                   // the process listening there does not run as root: nothing was sent
-    brokenStream,                  // the helper closed the connection, or reading or writing failed
-    malformedReply,                // the reply was not one of the protocol's shapes
-    helperError,                   // the helper answered with an error
-    timedOut,                      // no answer within the reply time-out
-    cancelled,                     // the caller stopped waiting
+    connectionFailed,  // the connection failed the request (ConnectionFailure), for a reason below or another
+    peerNotRoot,       // the process listening there does not run as root: nothing was sent
+    brokenStream,      // the helper closed the connection, or reading or writing failed
+    malformedReply,    // the reply was not one of the protocol's shapes
+    helperError,       // the helper answered with an error
+    timedOut,          // no answer within the reply time-out
+    cancelled,         // the caller stopped waiting
 };
 
 // The program's side of the privileged helper: owns one connection to it, made by the first

@@ -99,22 +99,21 @@ private:
         for (const auto& it : members) {
             std::string memberPath = path + '.' + it.key();
             const auto* entry = SMARTKeyCatalogue::descriptor(memberPath);
-            std::string memberName =
-                entry ? entry->displayName(english_) : name + " \u203A " + derivedName(it.key());
+            std::string memberName = entry ? entry->displayName(english_) : name + " \u203A " + derivedName(it.key());
             visit(it.value(), std::move(memberPath), std::move(memberName), entry, depth + 1);
         }
     }
 
-    void walkArray(const json& array, const std::string& path, const std::string& name,
-                   const SMARTKeyDescriptor* entry, int depth) {
+    void walkArray(const json& array, const std::string& path, const std::string& name, const SMARTKeyDescriptor* entry,
+                   int depth) {
         std::string joined;
         for (std::size_t index = 0; index < array.size(); ++index) {
             const json& element = array[index];
             if (element.is_structured()) {
                 std::string elementPath = path + '[' + std::to_string(index) + ']';
                 const auto* elementEntry = SMARTKeyCatalogue::descriptor(elementPath);
-                std::string elementName =
-                    elementEntry ? elementEntry->displayName(english_) : name + " #" + std::to_string(index + 1);
+                std::string elementName = elementEntry ? elementEntry->displayName(english_)
+                                                       : name + " #" + std::to_string(index + 1);
                 visit(element, std::move(elementPath), std::move(elementName), elementEntry, depth + 1);
                 continue;
             }

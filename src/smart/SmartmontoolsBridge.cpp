@@ -41,8 +41,8 @@ void logMessages(const json& list, const std::string& command) {
         const std::string severity = severityMember != message.end() && severityMember->is_string()
                                          ? severityMember->get<std::string>()
                                          : std::string("notice");
-        const auto line = fmt::format("smartctl reported message (severity: {}) for command {}: {}", severity,
-                                      command, content);
+        const auto line = fmt::format("smartctl reported message (severity: {}) for command {}: {}", severity, command,
+                                      content);
         // The other messages come again with every refresh of a selected volume: debug.
         logger().write(isSevere(severity) ? log::Level::error : log::Level::debug, line);
     }
@@ -53,7 +53,7 @@ void logDiagnostics(const SmartctlExecutionResult& result, std::string_view devi
     // Debug: a drive whose smartctl sets status bits sets them with every refresh.
     if (result.terminationStatus != 0) {
         log.debug("smartctl exited with status {} for device {}; continuing to parse command: {}",
-                   result.terminationStatus, deviceName, result.commandDescription);
+                  result.terminationStatus, deviceName, result.commandDescription);
     } else {
         log.debug("smartctl exited with status 0 for device {}; command: {}", deviceName, result.commandDescription);
     }

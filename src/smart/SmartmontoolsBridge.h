@@ -5,8 +5,8 @@
 #include <optional>
 #include <string_view>
 
-#include "smart/DiskSMARTInfo.h"
 #include "protocol/SmartctlExecutionResult.h"
+#include "smart/DiskSMARTInfo.h"
 
 namespace vantorix::smart {
 

@@ -165,9 +165,9 @@ public:
     // In `zone`, or in the user's zone when it is null. The zone is set on every call so that a
     // change of the user's zone is followed.
     std::optional<std::string> format(std::chrono::system_clock::time_point time, std::unique_ptr<icu::TimeZone> zone) {
-        std::unique_ptr<icu::TimeZone> owned = zone ? std::move(zone) : std::unique_ptr<icu::TimeZone>(icu::TimeZone::createDefault());
-        const auto milliseconds =
-            std::chrono::floor<std::chrono::milliseconds>(time.time_since_epoch()).count();
+        std::unique_ptr<icu::TimeZone> owned = zone ? std::move(zone)
+                                                    : std::unique_ptr<icu::TimeZone>(icu::TimeZone::createDefault());
+        const auto milliseconds = std::chrono::floor<std::chrono::milliseconds>(time.time_since_epoch()).count();
         const std::lock_guard lock(mutex_);
         if (!format_) return std::nullopt;
         format_->adoptTimeZone(owned.release());
@@ -300,8 +300,7 @@ std::string clockDurationText(double seconds) {
 
 std::string tooltipTimeText(std::chrono::system_clock::time_point time) {
     if (auto text = tooltipDateFormatter().format(time, nullptr)) return *std::move(text);
-    const auto milliseconds =
-        std::chrono::floor<std::chrono::milliseconds>(time.time_since_epoch()).count() % 1000;
+    const auto milliseconds = std::chrono::floor<std::chrono::milliseconds>(time.time_since_epoch()).count() % 1000;
     return fmt::format("{:%Y-%m-%d %H:%M:%S}.{:03}", brokenDownTime(time, false), (milliseconds + 1000) % 1000);
 }
 
@@ -339,8 +338,8 @@ std::string decimalText(double value, int minFractionDigits, int maxFractionDigi
 std::string posixDecimalText(double value) { return decimalTextIn(kPosixLocale, value, 0, 2); }
 
 std::string upperCasedForCurrentLocale(std::string_view text) {
-    icu::UnicodeString unicode =
-        icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
+    icu::UnicodeString unicode = icu::UnicodeString::fromUTF8(
+        icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
     unicode.toUpper(icu::Locale(currentNumberLocaleId().c_str()));
     std::string result;
     unicode.toUTF8String(result);

@@ -14,7 +14,9 @@ const char* nonEmptyEnv(const char* name) {
 }
 
 // "zh_CN.UTF-8@latin" → "zh_CN".
-std::string_view withoutCodesetAndModifier(std::string_view value) { return value.substr(0, value.find_first_of(".@")); }
+std::string_view withoutCodesetAndModifier(std::string_view value) {
+    return value.substr(0, value.find_first_of(".@"));
+}
 
 // The portable locale names no language: "C", "POSIX", "C.UTF-8".
 bool isNeutral(std::string_view value) {

@@ -9,8 +9,7 @@ namespace {
 
 // Both texts are built from the same values; the language rule picks one.
 template <class... Values>
-std::string compose(fmt::format_string<Values...> chinese, fmt::format_string<Values...> english,
-                    Values&&... values) {
+std::string compose(fmt::format_string<Values...> chinese, fmt::format_string<Values...> english, Values&&... values) {
     return isEnglish() ? fmt::format(english, std::forward<Values>(values)...)
                        : fmt::format(chinese, std::forward<Values>(values)...);
 }
@@ -21,9 +20,7 @@ std::string newVersionFound(std::string_view version) {
     return compose("发现新版本 {}", "New version found {}", version);
 }
 
-std::string downloadFailed(std::string_view reason) {
-    return compose("下载失败：{}", "Download failed: {}", reason);
-}
+std::string downloadFailed(std::string_view reason) { return compose("下载失败：{}", "Download failed: {}", reason); }
 
 std::string updateCheckFailed(std::string_view reason) {
     return compose("检查更新失败：{}", "Update check failed: {}", reason);
@@ -63,9 +60,7 @@ std::string chartExportSaved(std::string_view csvPath, std::string_view pngPath)
     return compose("CSV 已保存至：{}\nPNG 已保存至：{}", "CSV saved to: {}\nPNG saved to: {}", csvPath, pngPath);
 }
 
-std::string chartExportFailed(std::string_view reason) {
-    return compose("导出失败：{}", "Export failed: {}", reason);
-}
+std::string chartExportFailed(std::string_view reason) { return compose("导出失败：{}", "Export failed: {}", reason); }
 
 std::string wholeDiskPayload(std::string_view sizeText) {
     return compose("数据量：全盘（{}）", "Payload: Full Disk ({})", sizeText);

@@ -61,7 +61,8 @@ std::string systemErrorText(int code) {
 
 std::string notRegularFileText(unsigned mode) {
     switch (mode & S_IFMT) {
-        case S_IFIFO: return localized("它是命名管道（FIFO），不是普通文件", "It is a named pipe (FIFO), not a regular file");
+        case S_IFIFO:
+            return localized("它是命名管道（FIFO），不是普通文件", "It is a named pipe (FIFO), not a regular file");
         case S_IFCHR: return localized("它是字符设备，不是普通文件", "It is a character device, not a regular file");
         case S_IFBLK: return localized("它是块设备，不是普通文件", "It is a block device, not a regular file");
         case S_IFSOCK: return localized("它是套接字，不是普通文件", "It is a socket, not a regular file");

@@ -11,8 +11,8 @@
 #include "dashboard/ShellTexts.h"
 #include "services/QrCode.h"
 #include "services/ServiceTexts.h"
-#include "ui/Appearance.h"
 #include "text/Messages.h"
+#include "ui/Appearance.h"
 
 namespace vantorix::ui {
 namespace {
@@ -149,9 +149,10 @@ void AboutVantorixView::drawQrCode() {
     for (int y = 0; y < pixels; ++y) {
         uchar* row = image.scanLine(y);
         for (int x = 0; x < pixels; ++x)
-            row[x] = bitmap[static_cast<std::size_t>(y) * static_cast<std::size_t>(pixels) + static_cast<std::size_t>(x)]
-                         ? 0
-                         : 255;
+            row[x] =
+                bitmap[static_cast<std::size_t>(y) * static_cast<std::size_t>(pixels) + static_cast<std::size_t>(x)]
+                    ? 0
+                    : 255;
     }
     QPixmap pixmap = QPixmap::fromImage(image);
     pixmap.setDevicePixelRatio(ratio);
@@ -216,16 +217,15 @@ void AboutVantorixView::startDownload(const services::UpdatePrompt& prompt) {
     setBusy(services::downloadingUpdate());
     const std::string folder = dependencies_.downloadsFolder();
     // The download goes on, and its file opens, even when the window is closed meanwhile.
-    dependencies_.checker->download(
-        prompt, folder,
-        [this, alive = std::weak_ptr<bool>(alive_), opener = dependencies_.opener](
-            const Result<std::string, std::string>& outcome) {
-            if (outcome && opener) opener->open(outcome.value());
-            if (alive.expired()) return;
-            setBusy("");
-            if (outcome) Q_EMIT downloaded(QString::fromStdString(outcome.value()));
-            else showMessage(outcome.error());
-        });
+    dependencies_.checker->download(prompt, folder,
+                                    [this, alive = std::weak_ptr<bool>(alive_),
+                                     opener = dependencies_.opener](const Result<std::string, std::string>& outcome) {
+                                        if (outcome && opener) opener->open(outcome.value());
+                                        if (alive.expired()) return;
+                                        setBusy("");
+                                        if (outcome) Q_EMIT downloaded(QString::fromStdString(outcome.value()));
+                                        else showMessage(outcome.error());
+                                    });
 }
 
 }  // namespace vantorix::ui

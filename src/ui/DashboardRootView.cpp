@@ -41,8 +41,11 @@ std::optional<std::string> environment(const char* name) {
 }  // namespace
 
 DashboardRootView::DashboardRootView(Dependencies dependencies, QWidget* parent)
-    : QWidget(parent), dependencies_(std::move(dependencies)), panel_(new VolumeControlPanel(this)),
-      bubbles_(new ErrorBubbleStack(this)), metrics_(new MetricsDashboardSection(this)),
+    : QWidget(parent),
+      dependencies_(std::move(dependencies)),
+      panel_(new VolumeControlPanel(this)),
+      bubbles_(new ErrorBubbleStack(this)),
+      metrics_(new MetricsDashboardSection(this)),
       chart_(new DiskIOChartSection(dependencies_.mainExecutor, this)) {
     setObjectName(QStringLiteral("dashboardRootView"));
     auto* layout = new QHBoxLayout(this);
@@ -147,8 +150,8 @@ void DashboardRootView::toggleMonitoring() {
 
 void DashboardRootView::exportChart() {
     if (dependencies_.monitor->state().samples.size() < 2 || openDialog_) return;
-    const QString suggested = QDir(QDir::homePath())
-                                  .filePath(qText(ChartExportSupport::suggestedFileName(std::chrono::system_clock::now())));
+    const QString suggested =
+        QDir(QDir::homePath()).filePath(qText(ChartExportSupport::suggestedFileName(std::chrono::system_clock::now())));
     auto* dialog = new QFileDialog(this, qText(dashboard::exportFinishedTitle()), suggested,
                                    QStringLiteral("CSV (*.csv)"));
     dialog->setObjectName(QStringLiteral("exportDialog"));
@@ -187,7 +190,8 @@ void DashboardRootView::showSmartInfo() {
     const auto& volume = dependencies_.monitor->state().selectedVolume;
     if (!volume || !volume->smartInfo) return;
     if (smartSheet_) smartSheet_->close();
-    auto* sheet = new SmartInfoSheet(dashboard::SmartSheetPayload{Uuid::make(), volume->displayName, *volume->smartInfo}, this);
+    auto* sheet = new SmartInfoSheet(
+        dashboard::SmartSheetPayload{Uuid::make(), volume->displayName, *volume->smartInfo}, this);
     smartSheet_ = sheet;
     sheet->open();
 }
@@ -200,7 +204,8 @@ void DashboardRootView::stopPerformanceTest() { dependencies_.tester->stopTest()
 
 void DashboardRootView::showHelperApprovalAlert() {
     if (approvalAlert_) return;
-    const auto backend = dependencies_.helperService ? dependencies_.helperService->backend() : HelperServiceBackend::systemd;
+    const auto backend = dependencies_.helperService ? dependencies_.helperService->backend()
+                                                     : HelperServiceBackend::systemd;
     const std::string socket = dependencies_.helperService ? dependencies_.helperService->socketPath() : "";
     auto* alert = new QMessageBox(QMessageBox::Information, qText(smart::helperApprovalTitle()),
                                   qText(smart::helperApprovalMessage(backend, socket)), QMessageBox::NoButton, this);

@@ -64,8 +64,11 @@ struct Grid {
 
     Grid(std::vector<double> slots, const std::vector<GraphGeometry::AxisTick>& throughputTicks,
          const std::vector<GraphGeometry::AxisTick>& timeTicks, QSizeF plot, const QColor& text)
-        : slotXs(std::move(slots)), width(plot.width()), height(plot.height()),
-          slotPen(withOpacity(text, slotGridOpacity), thinLine), tickPen(withOpacity(text, tickGridOpacity), thinLine) {
+        : slotXs(std::move(slots)),
+          width(plot.width()),
+          height(plot.height()),
+          slotPen(withOpacity(text, slotGridOpacity), thinLine),
+          tickPen(withOpacity(text, tickGridOpacity), thinLine) {
         for (const auto& tick : throughputTicks) tickYs.push_back(height - tick.position * height);
         for (const auto& tick : timeTicks) tickXs.push_back(tick.position * width);
     }
@@ -302,7 +305,9 @@ std::optional<DiskIOGraphCanvas::DeviceMapping> DiskIOGraphCanvas::mappingOf(con
 }
 
 DiskIOGraphCanvas::DiskIOGraphCanvas(std::shared_ptr<MainExecutor> mainExecutor, QWidget* parent)
-    : QWidget(parent), cache_(DiskIOGraphRendererCache::create(mainExecutor)), mainExecutor_(std::move(mainExecutor)),
+    : QWidget(parent),
+      cache_(DiskIOGraphRendererCache::create(mainExecutor)),
+      mainExecutor_(std::move(mainExecutor)),
       plotBuffers_(std::make_shared<PlotBuffers>()),
       plotQueue_(std::make_unique<SerialQueue>("com.vantorix.graph.plot", QualityOfService::userInitiated)) {
     pointsSubscription_ = cache_->subscribe([this](const DiskIOGraphRendererCache::Points&) { pointsPublished(); });
@@ -355,8 +360,7 @@ void DiskIOGraphCanvas::setOffset(double offset) {
 }
 
 GraphGeometry::View DiskIOGraphCanvas::view() const {
-    GraphGeometry::View view =
-        GraphGeometry::viewOf(static_cast<std::int64_t>(samples_.size()), scale_, offset_);
+    GraphGeometry::View view = GraphGeometry::viewOf(static_cast<std::int64_t>(samples_.size()), scale_, offset_);
     view.magnifyBy = magnifyBy_;
     view.dragTranslation = dragTranslation_;
     return view;
@@ -505,22 +509,21 @@ bool DiskIOGraphCanvas::event(QEvent* event) {
     if (event->type() != QEvent::NativeGesture) return QWidget::event(event);
     const auto* gesture = static_cast<QNativeGestureEvent*>(event);
     switch (gesture->gestureType()) {
-    case Qt::BeginNativeGesture:
-        pinching_ = true;
-        pinchFactor_ = 1;
-        break;
-    case Qt::ZoomNativeGesture:
-        // The platform reports how much the pinch's scale grew since the previous event.
-        pinchFactor_ += gesture->value();
-        pinch(pinchFactor_);
-        // A zoom without begin and end (some platforms) commits as soon as it takes hold.
-        if (!pinching_ && magnifyBy_ != 1) commitPinch();
-        break;
-    case Qt::EndNativeGesture:
-        if (pinching_) commitPinch();
-        break;
-    default:
-        return QWidget::event(event);
+        case Qt::BeginNativeGesture:
+            pinching_ = true;
+            pinchFactor_ = 1;
+            break;
+        case Qt::ZoomNativeGesture:
+            // The platform reports how much the pinch's scale grew since the previous event.
+            pinchFactor_ += gesture->value();
+            pinch(pinchFactor_);
+            // A zoom without begin and end (some platforms) commits as soon as it takes hold.
+            if (!pinching_ && magnifyBy_ != 1) commitPinch();
+            break;
+        case Qt::EndNativeGesture:
+            if (pinching_) commitPinch();
+            break;
+        default: return QWidget::event(event);
     }
     event->accept();
     return true;
@@ -597,8 +600,8 @@ void DiskIOGraphCanvas::mouseReleaseEvent(QMouseEvent* event) {
     pressPosition_.reset();
     dragging_ = false;
     if (!dragged) return;
-    const GraphGeometry::View committed =
-        GraphGeometry::viewOf(static_cast<std::int64_t>(samples_.size()), scale_, offset_);
+    const GraphGeometry::View committed = GraphGeometry::viewOf(static_cast<std::int64_t>(samples_.size()), scale_,
+                                                                offset_);
     const double offset = GraphGeometry::committedOffset(committed, graphRect_.width(), translation);
     dragTranslation_ = 0;
     if (offset == offset_) {

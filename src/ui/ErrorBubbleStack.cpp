@@ -34,8 +34,9 @@ void ErrorBannerView::paintEvent(QPaintEvent*) {
     painter.setRenderHint(QPainter::Antialiasing);
     QPainterPath shape;
     shape.addRoundedRect(QRectF(rect()), 8, 8);
-    painter.fillPath(shape, accentColor(style_ == dashboard::BubblePayload::Style::error ? dashboard::AccentColor::red
-                                                                                          : dashboard::AccentColor::green));
+    painter.fillPath(shape,
+                     accentColor(style_ == dashboard::BubblePayload::Style::error ? dashboard::AccentColor::red
+                                                                                  : dashboard::AccentColor::green));
 }
 
 ErrorBubbleStack::ErrorBubbleStack(QWidget* parent) : QWidget(parent) {

@@ -119,11 +119,11 @@ void FeedbackFormView::setSubmitting(bool submitting) {
 
 void FeedbackFormView::submit() {
     // A press while a request is in flight does nothing.
-    const bool taken = submitter_->submit(form(), [this, alive = std::weak_ptr<bool>(alive_)](
-                                                       const services::FeedbackOutcome& outcome) {
-        if (alive.expired()) return;
-        finish(outcome);
-    });
+    const bool taken = submitter_->submit(
+        form(), [this, alive = std::weak_ptr<bool>(alive_)](const services::FeedbackOutcome& outcome) {
+            if (alive.expired()) return;
+            finish(outcome);
+        });
     if (taken && submitter_->isSubmitting()) setSubmitting(true);
 }
 

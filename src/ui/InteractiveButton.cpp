@@ -121,7 +121,8 @@ void InteractiveButton::paintEvent(QPaintEvent*) {
     const double alpha = enabled ? opacity_ : 0.25;
     const auto mix = [&](int a, int w) { return alpha * a + (1 - alpha) * w; };
     const double luminance = (0.2126 * mix(accent.red(), window.red()) + 0.7152 * mix(accent.green(), window.green()) +
-                              0.0722 * mix(accent.blue(), window.blue())) / 255.0;
+                              0.0722 * mix(accent.blue(), window.blue())) /
+                             255.0;
     const QColor base = luminance > 0.62 ? QColor(0, 0, 0, 217) : QColor(Qt::white);
     const QColor ink = withOpacity(base, enabled ? 1.0 : 0.55);
     const QFont font = labelFont();
@@ -133,8 +134,8 @@ void InteractiveButton::paintEvent(QPaintEvent*) {
     painter.drawPixmap(QPoint(left, (height() - kSymbolSize) / 2), symbol);
     painter.setFont(font);
     painter.setPen(ink);
-    painter.drawText(QRect(left + kSymbolSize + kSymbolGap, 0, textWidth + 2, height()), Qt::AlignLeft | Qt::AlignVCenter,
-                     text());
+    painter.drawText(QRect(left + kSymbolSize + kSymbolGap, 0, textWidth + 2, height()),
+                     Qt::AlignLeft | Qt::AlignVCenter, text());
 }
 
 }  // namespace vantorix::ui

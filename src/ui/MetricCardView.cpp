@@ -20,7 +20,11 @@ QString qText(const std::string& text) { return QString::fromStdString(text); }
 }  // namespace
 
 MetricCardView::MetricCardView(QWidget* parent)
-    : QFrame(parent), symbol_(new QLabel(this)), title_(new QLabel(this)), value_(new QLabel(this)), footer_(new QLabel(this)) {
+    : QFrame(parent),
+      symbol_(new QLabel(this)),
+      title_(new QLabel(this)),
+      value_(new QLabel(this)),
+      footer_(new QLabel(this)) {
     setObjectName(QStringLiteral("metricCard"));
     setMinimumWidth(kCardMinimumWidth);
     auto* layout = new QVBoxLayout(this);

@@ -15,9 +15,14 @@ QString qText(const std::string& text) { return QString::fromStdString(text); }
 }  // namespace
 
 PerformanceMetricsStrip::PerformanceMetricsStrip(QWidget* parent)
-    : QWidget(parent), heading_(new QLabel(this)), payload_(new QLabel(this)), itemsBox_(new QWidget(this)),
-      items_(new QGridLayout(itemsBox_)), warningRow_(new QWidget(this)),
-      warningSymbol_(new QLabel(warningRow_)), warning_(new QLabel(warningRow_)) {
+    : QWidget(parent),
+      heading_(new QLabel(this)),
+      payload_(new QLabel(this)),
+      itemsBox_(new QWidget(this)),
+      items_(new QGridLayout(itemsBox_)),
+      warningRow_(new QWidget(this)),
+      warningSymbol_(new QLabel(warningRow_)),
+      warning_(new QLabel(warningRow_)) {
     setObjectName(QStringLiteral("performanceMetricsStrip"));
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
@@ -48,7 +53,8 @@ PerformanceMetricsStrip::PerformanceMetricsStrip(QWidget* parent)
 }
 
 void PerformanceMetricsStrip::setContent(const MetricItem& heading, const std::string& payloadDescription,
-                                         const std::vector<MetricItem>& items, const std::optional<std::string>& warning) {
+                                         const std::vector<MetricItem>& items,
+                                         const std::optional<std::string>& warning) {
     heading_->setText(qText(heading.title));
     payload_->setText(qText(payloadDescription));
     const QColor text = palette().color(QPalette::WindowText);
@@ -91,7 +97,8 @@ void PerformanceMetricsStrip::setContent(const MetricItem& heading, const std::s
         }
         const bool highlight = item.style == MetricItem::Style::highlight;
         const QColor ink = item.style == MetricItem::Style::placeholder ? withOpacity(text, 0.5) : text;
-        symbol->setPixmap(symbolPixmap(item.icon, highlight ? accentColor(dashboard::AccentColor::indigo) : withOpacity(text, 0.7),
+        symbol->setPixmap(symbolPixmap(item.icon,
+                                       highlight ? accentColor(dashboard::AccentColor::indigo) : withOpacity(text, 0.7),
                                        14, devicePixelRatioF()));
         title->setText(qText(item.title));
         value->setText(qText(item.value));

@@ -16,8 +16,8 @@ class PerformanceMetricsStrip final : public QWidget {
     Q_OBJECT
 public:
     explicit PerformanceMetricsStrip(QWidget* parent = nullptr);
-    void setContent(const MetricItem& heading, const std::string& payloadDescription, const std::vector<MetricItem>& items,
-                    const std::optional<std::string>& warning);
+    void setContent(const MetricItem& heading, const std::string& payloadDescription,
+                    const std::vector<MetricItem>& items, const std::optional<std::string>& warning);
     // "title: value" of each item shown, for tests and accessibility.
     QStringList itemTexts() const;
     QString warningText() const { return warningRow_->isHidden() ? QString() : warning_->text(); }

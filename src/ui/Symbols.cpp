@@ -20,7 +20,8 @@ QIcon sourceIcon(std::string_view symbol) {
     static const bool registered = (registerSymbolResources(), true);
     (void)registered;
     const auto names = dashboard::symbolIcon(symbol);
-    QIcon themed = QIcon::fromTheme(QString::fromUtf8(names.themeName.data(), static_cast<qsizetype>(names.themeName.size())));
+    QIcon themed = QIcon::fromTheme(
+        QString::fromUtf8(names.themeName.data(), static_cast<qsizetype>(names.themeName.size())));
     if (!themed.isNull()) return themed;
     return QIcon(QStringLiteral(":/symbols/") +
                  QString::fromUtf8(names.fallback.data(), static_cast<qsizetype>(names.fallback.size())) +
@@ -72,7 +73,8 @@ QIcon symbolIcon(std::string_view symbol, const QColor& color, int logicalSize) 
 
 void chooseIconTheme() {
     const QString current = QIcon::themeName();
-    if ((current.isEmpty() || current == QLatin1String("hicolor")) && QDir(QStringLiteral("/usr/share/icons/Adwaita")).exists()) {
+    if ((current.isEmpty() || current == QLatin1String("hicolor")) &&
+        QDir(QStringLiteral("/usr/share/icons/Adwaita")).exists()) {
         QIcon::setThemeName(QStringLiteral("Adwaita"));
     }
 }

@@ -51,7 +51,8 @@ void TooltipBubble::paint(QPainter& painter, QPointF origin, const GraphGeometry
     painter.setPen(colours.bubbleSecondaryText);
     painter.drawText(QPointF(left, firstBaseline), QString::fromStdString(lines.primary));
     painter.setPen(colours.bubbleText);
-    painter.drawText(QPointF(left, firstBaseline + metrics.height() + lineGap), QString::fromStdString(lines.secondary));
+    painter.drawText(QPointF(left, firstBaseline + metrics.height() + lineGap),
+                     QString::fromStdString(lines.secondary));
     painter.restore();
 }
 

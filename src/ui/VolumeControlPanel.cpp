@@ -27,9 +27,15 @@ void apply(InteractiveButton* target, const dashboard::PanelButton& content) {
 }  // namespace
 
 VolumeControlPanel::VolumeControlPanel(QWidget* parent)
-    : QFrame(parent), heading_(new QLabel(this)), facts_(new QGridLayout()),
-      chooseVolume_(button("chooseVolumeButton", this)), monitoring_(button("monitoringButton", this)), smart_(button("smartButton", this)), smartHint_(new QLabel(this)),
-      export_(button("exportButton", this)), performance_(button("performanceButton", this)),
+    : QFrame(parent),
+      heading_(new QLabel(this)),
+      facts_(new QGridLayout()),
+      chooseVolume_(button("chooseVolumeButton", this)),
+      monitoring_(button("monitoringButton", this)),
+      smart_(button("smartButton", this)),
+      smartHint_(new QLabel(this)),
+      export_(button("exportButton", this)),
+      performance_(button("performanceButton", this)),
       strip_(new PerformanceMetricsStrip(this)) {
     setObjectName(QStringLiteral("volumeControlPanel"));
     auto* layout = new QVBoxLayout(this);

@@ -26,11 +26,23 @@ public:
     bool ok() const noexcept { return state_.index() == 0; }
     explicit operator bool() const noexcept { return ok(); }
 
-    T& value() & { assert(ok()); return std::get<0>(state_); }
-    const T& value() const& { assert(ok()); return std::get<0>(state_); }
-    T&& value() && { assert(ok()); return std::get<0>(std::move(state_)); }
+    T& value() & {
+        assert(ok());
+        return std::get<0>(state_);
+    }
+    const T& value() const& {
+        assert(ok());
+        return std::get<0>(state_);
+    }
+    T&& value() && {
+        assert(ok());
+        return std::get<0>(std::move(state_));
+    }
 
-    const E& error() const { assert(!ok()); return std::get<1>(state_); }
+    const E& error() const {
+        assert(!ok());
+        return std::get<1>(state_);
+    }
 
     T* operator->() { return &value(); }
     const T* operator->() const { return &value(); }

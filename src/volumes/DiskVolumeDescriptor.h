@@ -11,7 +11,7 @@ namespace vantorix {
 
 // The selected volume, as the resolver describes it. Compared field by field.
 struct DiskVolumeDescriptor {
-    std::string url;  // absolute path of the chosen folder, symbolic links resolved
+    std::string url;         // absolute path of the chosen folder, symbolic links resolved
     std::string mountPoint;  // where the file system that holds the folder is mounted
     std::string deviceName;  // the kernel's name of the mounted block device ("sda1", "dm-0")
     std::string displayName;

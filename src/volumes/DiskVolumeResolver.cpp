@@ -147,7 +147,8 @@ DiskVolumeResolver::ConnectionMetadata DiskVolumeResolver::connectionMetadata(co
             break;
         case BusKind::thunderbolt:
             if (const auto generation = attachment.thunderboltGeneration) {
-                result.type = localized(fmt::format("雷雳 {}", *generation), fmt::format("Thunderbolt {}", *generation));
+                result.type = localized(fmt::format("雷雳 {}", *generation),
+                                        fmt::format("Thunderbolt {}", *generation));
                 result.speed = thunderboltSpeed(*generation);
             } else {
                 result.type = localized("雷雳", "Thunderbolt");

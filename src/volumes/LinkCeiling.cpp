@@ -52,8 +52,12 @@ constexpr PcieLink kThunderboltTunnel{8 * kGiga, 4, std::nullopt, std::nullopt};
 // "PCIe 3.0", or the rate itself for a speed that has no generation yet.
 std::string pcieGeneration(std::uint64_t transfersPerSecond) {
     static constexpr std::array<std::pair<std::uint64_t, std::string_view>, 6> kGenerations{{
-        {2'500'000'000, "1.0"}, {5 * kGiga, "2.0"}, {8 * kGiga, "3.0"},
-        {16 * kGiga, "4.0"},    {32 * kGiga, "5.0"}, {64 * kGiga, "6.0"},
+        {2'500'000'000, "1.0"},
+        {5 * kGiga, "2.0"},
+        {8 * kGiga, "3.0"},
+        {16 * kGiga, "4.0"},
+        {32 * kGiga, "5.0"},
+        {64 * kGiga, "6.0"},
     }};
     for (const auto& [rate, name] : kGenerations) {
         if (rate == transfersPerSecond) return fmt::format("PCIe {}", name);
@@ -119,8 +123,7 @@ std::optional<std::string> usbWarning(const UsbLink& link) {
 }
 
 std::optional<std::string> sataWarning(const SataLink& link) {
-    if (!link.portLimitBitsPerSecond || link.bitsPerSecond == 0 ||
-        link.bitsPerSecond >= *link.portLimitBitsPerSecond) {
+    if (!link.portLimitBitsPerSecond || link.bitsPerSecond == 0 || link.bitsPerSecond >= *link.portLimitBitsPerSecond) {
         return std::nullopt;
     }
     const std::string now = sataRateText(link.bitsPerSecond);
@@ -257,7 +260,12 @@ std::optional<LinkRateText> parseLinkRateText(std::string_view raw) {
 
     std::string_view rest = text::trimmed(value.substr(end));
     static constexpr std::array<std::pair<std::string_view, std::uint64_t>, 6> kUnits{{
-        {"gt/s", kGiga}, {"gb/s", kGiga}, {"gbps", kGiga}, {"mt/s", kMega}, {"mb/s", kMega}, {"mbps", kMega},
+        {"gt/s", kGiga},
+        {"gb/s", kGiga},
+        {"gbps", kGiga},
+        {"mt/s", kMega},
+        {"mb/s", kMega},
+        {"mbps", kMega},
     }};
     const auto unit = std::find_if(kUnits.begin(), kUnits.end(),
                                    [&](const auto& entry) { return startsWithIgnoringCase(rest, entry.first); });

@@ -35,7 +35,7 @@ struct SataLink {
 };
 
 struct UsbLink {
-    std::uint64_t bitsPerSecond = 0;   // the speed the device enumerated at
+    std::uint64_t bitsPerSecond = 0;      // the speed the device enumerated at
     std::optional<std::uint16_t> bcdUsb;  // the USB version the device declares: 0x0320 for 3.20
 
     friend bool operator==(const UsbLink&, const UsbLink&) = default;

@@ -11,8 +11,8 @@ std::string MonitorError::description() const {
         case Code::sysfsReadFailed: return text::sysfsReadFailed(detail_);
         case Code::invalidSelection: return text::localized("请选择一个有效的卷。", "Please select a valid volume.");
         case Code::blockDeviceNotFound: {
-            const std::string message =
-                text::localized("无法找到所选路径对应的块设备。", "Failed to find the block device of the selected path.");
+            const std::string message = text::localized("无法找到所选路径对应的块设备。",
+                                                        "Failed to find the block device of the selected path.");
             return systemError_ != 0 ? text::withSystemError(message, systemError_) : message;
         }
         case Code::statisticsUnavailable:

@@ -14,7 +14,9 @@ public:
     static MonitorError sysfsReadFailed(std::string detail) { return {Code::sysfsReadFailed, std::move(detail)}; }
     static MonitorError invalidSelection() { return {Code::invalidSelection, {}}; }
     // `systemError`: the errno that says why the path led to no device (ENOENT, ELOOP, …), or 0.
-    static MonitorError blockDeviceNotFound(int systemError = 0) { return {Code::blockDeviceNotFound, {}, systemError}; }
+    static MonitorError blockDeviceNotFound(int systemError = 0) {
+        return {Code::blockDeviceNotFound, {}, systemError};
+    }
     static MonitorError statisticsUnavailable() { return {Code::statisticsUnavailable, {}}; }
     static MonitorError monitorStopped() { return {Code::monitorStopped, {}}; }
 

@@ -12,12 +12,12 @@
 #include <sstream>
 
 #include "app/VantorixApp.h"
-#include "support/SubstituteHelperService.h"
 #include "support/ScopedEnvironment.h"
+#include "support/SubstituteHelperService.h"
 #include "ui/DashboardRootView.h"
 #include "ui/InteractiveButton.h"
-#include "ui/VolumeControlPanel.h"
 #include "ui/ScopedScheme.h"
+#include "ui/VolumeControlPanel.h"
 
 namespace vantorix::app {
 namespace {
@@ -27,7 +27,8 @@ using ::testing::HasSubstr;
 // Saves a picture of a window for people to look at.
 void screenshot(QWidget* widget, const std::string& name) {
     QDir().mkpath(QStringLiteral(VANTORIX_SCREENSHOT_DIR));
-    widget->grab().save(QStringLiteral(VANTORIX_SCREENSHOT_DIR "/") + QString::fromStdString(name) + QStringLiteral(".png"));
+    widget->grab().save(QStringLiteral(VANTORIX_SCREENSHOT_DIR "/") + QString::fromStdString(name) +
+                        QStringLiteral(".png"));
 }
 
 // The application with a substitute helper service: an administrator has yet to enable the SMART
@@ -185,7 +186,8 @@ TEST(VantorixApp, DashboardChoosesAVolumeAndAlerts) {
         QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
     }
     for (auto* button : panel->findChildren<ui::InteractiveButton*>()) {
-        EXPECT_TRUE(!button->isVisible() || !button->isEnabled() || reached.contains(button)) << button->text().toStdString();
+        EXPECT_TRUE(!button->isVisible() || !button->isEnabled() || reached.contains(button))
+            << button->text().toStdString();
     }
     EXPECT_GE(reached.size(), 3);
     screenshot(app.mainWindow(), "main-selected-en");

@@ -84,7 +84,8 @@ TEST(DiskPerformanceTester, SuccessfulRunsPublishTheResultRemoveTheFilesAndWrite
         ASSERT_TRUE(state.lastResult) << state.errorMessage.value_or("");
         const auto& result = *state.lastResult;
         EXPECT_EQ(result.actualByteCount, c.actual);
-        for (const double figure : {result.randomWriteIOPS, result.randomReadIOPS, result.writeThroughput, result.readThroughput}) {
+        for (const double figure :
+             {result.randomWriteIOPS, result.randomReadIOPS, result.writeThroughput, result.readThroughput}) {
             EXPECT_GT(figure, 0);
         }
         // The sequential phases' timeline, and the peaks taken from it.
@@ -103,7 +104,8 @@ TEST(DiskPerformanceTester, SuccessfulRunsPublishTheResultRemoveTheFilesAndWrite
         const auto reads = values(h.files->operations(), Operation::read);
         ASSERT_GE(writes.size(), c.chunks.size() + 1);
         EXPECT_EQ(writes.front(), c.firstWrite);
-        EXPECT_EQ(std::vector<std::uint64_t>(writes.end() - static_cast<long>(c.chunks.size()), writes.end()), c.chunks);
+        EXPECT_EQ(std::vector<std::uint64_t>(writes.end() - static_cast<long>(c.chunks.size()), writes.end()),
+                  c.chunks);
         EXPECT_EQ(std::vector<std::uint64_t>(reads.end() - static_cast<long>(c.chunks.size()), reads.end()), c.chunks);
         for (const auto offset : values(h.files->operations(), Operation::seek)) {
             EXPECT_LE(offset, c.lastOffset);
@@ -139,9 +141,13 @@ TEST(DiskPerformanceTester, FailuresNameTheirCauseAndLeaveNothingBehind) {
         const char* message;  // empty: the run succeeds
     };
     const Case cases[] = {
-        {"full", [](Harness& h) { h.files->writeError = ENOSPC; }, {TestKind::standard, true, 0.01},
+        {"full",
+         [](Harness& h) { h.files->writeError = ENOSPC; },
+         {TestKind::standard, true, 0.01},
          "Write phase failed. Please check the disk status. No space left on device."},
-        {"space gone since the start", [](Harness& h) { h.files->capacity = 20'000'000; }, {},
+        {"space gone since the start",
+         [](Harness& h) { h.files->capacity = 20'000'000; },
+         {},
          "Not enough free space to run the performance test. The free space shrank after the test started: the test "
          "needs 33.6 MB, but only 20 MB are free."},
         {"space given out only after a commit", [](Harness& h) { h.files->fullUntilCommit = true; }, {}, ""},
@@ -153,7 +159,8 @@ TEST(DiskPerformanceTester, FailuresNameTheirCauseAndLeaveNothingBehind) {
                  if (state.progressState && state.progressState->stepName == "SEQ1M Q8T1 Read") files->gone = true;
              });
          },
-         {TestKind::queueDepth, true, 0.3}, gone},
+         {TestKind::queueDepth, true, 0.3},
+         gone},
         {"no direct I/O", refuseDirect, {TestKind::standard, true, 0.01}, noBypass},
         {"no direct I/O, queue depth", refuseDirect, {TestKind::queueDepth, true, 0.01}, noBypass},
     };

@@ -68,7 +68,8 @@ private:
 
     class Folder final : public Directory {
     public:
-        Folder(std::shared_ptr<MemoryFileSystem> owner, std::string path) : owner_(std::move(owner)), path_(std::move(path)) {}
+        Folder(std::shared_ptr<MemoryFileSystem> owner, std::string path)
+            : owner_(std::move(owner)), path_(std::move(path)) {}
         const std::string& path() const override { return path_; }
         bool isInPlace() override { return !owner_->gone; }
         Result<std::uint64_t, FileError> availableBytes() override {
@@ -101,8 +102,10 @@ private:
             owner_->files_.erase(found);
             return Unit{};
         }
-        Result<std::unique_ptr<FileHandle>, FileError> open(const std::string& name, FileAccess, CacheMode cache) override {
-            if (cache == CacheMode::direct && owner_->refuseDirect) return Failure{FileError{EINVAL, "Invalid argument"}};
+        Result<std::unique_ptr<FileHandle>, FileError> open(const std::string& name, FileAccess,
+                                                            CacheMode cache) override {
+            if (cache == CacheMode::direct && owner_->refuseDirect)
+                return Failure{FileError{EINVAL, "Invalid argument"}};
             std::lock_guard lock(owner_->mutex_);
             const auto found = owner_->files_.find(path_ + "/" + name);
             if (found == owner_->files_.end()) return Failure{FileError{ENOENT, "No such file"}};
@@ -152,7 +155,8 @@ private:
         Result<std::size_t, FileError> read(std::span<std::byte> buffer) override {
             owner_.log({Operation::read, buffer.size()});
             std::lock_guard lock(owner_.mutex_);
-            const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(buffer.size(), *data_ - std::min(*data_, position_)));
+            const auto count = static_cast<std::size_t>(
+                std::min<std::uint64_t>(buffer.size(), *data_ - std::min(*data_, position_)));
             position_ += count;
             return count;
         }

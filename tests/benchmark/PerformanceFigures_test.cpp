@@ -69,17 +69,33 @@ TEST(PayloadSizing, ContextTextsInBothLanguages) {
     const char* choose = "Please choose a volume before running the test.";
     const char* full = "Not enough free space to run the performance test.";
     const Case cases[] = {
-        {"en_US.UTF-8", std::nullopt, DataSize::availableSpace(), std::nullopt, {"Payload: Full Disk", {}, false, choose}},
+        {"en_US.UTF-8",
+         std::nullopt,
+         DataSize::availableSpace(),
+         std::nullopt,
+         {"Payload: Full Disk", {}, false, choose}},
         {"en_US.UTF-8", volume, DataSize::availableSpace(), std::nullopt, {full, {}, false, full}},
         {"en_US.UTF-8", volume, DataSize::availableSpace(), whole, {"Payload: Full Disk (1.23 TB)", whole, true, {}}},
-        {"en_US.UTF-8", volume, DataSize::gigabytes(10), adjusted,
+        {"en_US.UTF-8",
+         volume,
+         DataSize::gigabytes(10),
+         adjusted,
          {"Current payload: 10 GB (will adjust to 5 GB)", adjusted, true, {}}},
-        {"zh_CN.UTF-8", std::nullopt, DataSize::availableSpace(), std::nullopt,
+        {"zh_CN.UTF-8",
+         std::nullopt,
+         DataSize::availableSpace(),
+         std::nullopt,
          {"数据量：全盘", {}, false, "请先选择需要测试的卷。"}},
-        {"zh_CN.UTF-8", volume, DataSize::availableSpace(), std::nullopt,
+        {"zh_CN.UTF-8",
+         volume,
+         DataSize::availableSpace(),
+         std::nullopt,
          {"剩余容量不足，无法运行性能测试。", {}, false, "剩余容量不足，无法运行性能测试。"}},
         {"zh_CN.UTF-8", volume, DataSize::availableSpace(), whole, {"数据量：全盘（1.23 TB）", whole, true, {}}},
-        {"zh_CN.UTF-8", volume, DataSize::gigabytes(10), adjusted,
+        {"zh_CN.UTF-8",
+         volume,
+         DataSize::gigabytes(10),
+         adjusted,
          {"当前测试数据量：10 GB（预计自动调整为 5 GB）", adjusted, true, {}}},
     };
     for (const auto& c : cases) {
@@ -111,8 +127,9 @@ TEST(PerformanceMetrics, StripTexts) {
     result.actualByteCount = 2'500'000'000ULL;
     result.writeThroughput = 1'234'567'890;
     const auto items = PerformanceMetrics::resultItems(result);
-    EXPECT_EQ(texts(items, true), (Strings{"Sample Size", "Average Write Speed", "Average Read Speed", "Random Write IOPS",
-                                           "Random Read IOPS", "Peak Write Speed", "Peak Read Speed", "Finished"}));
+    EXPECT_EQ(texts(items, true),
+              (Strings{"Sample Size", "Average Write Speed", "Average Read Speed", "Random Write IOPS",
+                       "Random Read IOPS", "Peak Write Speed", "Peak Read Speed", "Finished"}));
     const auto values = texts(items);
     EXPECT_EQ(Strings(values.begin(), values.begin() + 3), (Strings{"2.5 GB", "1.23 GB/s", "0 MB/s"}));
 }

@@ -14,19 +14,20 @@
 namespace vantorix {
 namespace {
 
+using testing::fileContents;
 using testing::samplesBy;
 using testing::samplesOf;
 using testing::ScopedEnvironment;
 using testing::ScopedLanguage;
 using testing::TemporaryFolder;
-using testing::fileContents;
 using testing::writeFile;
 using Support = ChartExportSupport;
 using PNGResult = Result<std::vector<std::uint8_t>, ChartDataExportError>;
 namespace fs = std::filesystem;
 
 constexpr std::uint64_t kMax = std::numeric_limits<std::uint64_t>::max();
-constexpr const char* kHeader = "timestamp,elapsed_seconds,read_bytes,write_bytes,read_bytes_per_sec,write_bytes_per_sec";
+constexpr const char* kHeader =
+    "timestamp,elapsed_seconds,read_bytes,write_bytes,read_bytes_per_sec,write_bytes_per_sec";
 
 TEST(ChartExportSupport, CsvHasAHeaderAndOneLinePerSample) {
     struct Case {
@@ -37,10 +38,11 @@ TEST(ChartExportSupport, CsvHasAHeaderAndOneLinePerSample) {
     };
     const Case cases[] = {
         {"no samples: the header alone", {}, 1000, {}},
-        {"three samples at 100 ms", {{1, 2}, {30, 0}, {0, 5}}, 100,
-         {"0,1,2,10,20", "0.1,30,0,300,0", "0.2,0,5,0,50"}},
+        {"three samples at 100 ms", {{1, 2}, {30, 0}, {0, 5}}, 100, {"0,1,2,10,20", "0.1,30,0,300,0", "0.2,0,5,0,50"}},
         {"per second at 1000 ms is the count itself", {{1'234'567, 0}}, 1000, {"0,1234567,0,1234567,0"}},
-        {"six fraction digits at most", {{1'234'567, 1}, {3, 0}}, 3,
+        {"six fraction digits at most",
+         {{1'234'567, 1}, {3, 0}},
+         3,
          {"0,1234567,1,411522333.333333,333.333333", "0.003,3,0,1000,0"}},
         {"no interval: elapsed and speeds 0", {{8, 9}, {8, 9}}, 0, {"0,8,9,0,0", "0,8,9,0,0"}},
         {"the largest counts", {{kMax, 0}}, 1, {"0,18446744073709551615,0,18446744073709552000000,0"}},
@@ -49,7 +51,9 @@ TEST(ChartExportSupport, CsvHasAHeaderAndOneLinePerSample) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         const std::string csv = Support::csvText(samplesOf(c.bytes), c.intervalMs);
-        if (!c.lines.empty()) { EXPECT_EQ(csv.substr(csv.find('\n') + 1, 25), "2025-03-01T08:15:30.125Z,"); }
+        if (!c.lines.empty()) {
+            EXPECT_EQ(csv.substr(csv.find('\n') + 1, 25), "2025-03-01T08:15:30.125Z,");
+        }
         std::istringstream in(csv);
         std::string line;
         std::getline(in, line);
@@ -66,12 +70,12 @@ TEST(ChartExportSupport, ReducesToAtMostThePointLimitKeepingEndsAndPeaks) {
     EXPECT_EQ(Support::pointLimit(Support::plotRect(600, 600)), 512);
 
     // 10,000 samples: chunk ⌈9998 ÷ 3458⌉ = 3, sample 0, 3,333 bins, sample 9,999.
-    const auto many = samplesBy(10'000, [](std::size_t i) { return i == 5'000 ? 9'000 : i % 7; },
-                                [](std::size_t i) { return i; });
+    const auto many = samplesBy(
+        10'000, [](std::size_t i) { return i == 5'000 ? 9'000 : i % 7; }, [](std::size_t i) { return i; });
     const auto points = Support::reducedPoints(many, 1000, 3460);
     ASSERT_EQ(points.size(), 3'335u);
     EXPECT_EQ(points[0], (Support::DownsampledPoint{0, 0, 0}));
-    EXPECT_EQ(points[1], (Support::DownsampledPoint{2, 3, 3}));  // 1..<4
+    EXPECT_EQ(points[1], (Support::DownsampledPoint{2, 3, 3}));              // 1..<4
     EXPECT_EQ(points[3'333], (Support::DownsampledPoint{9'998, 2, 9'998}));  // 9,997..<9,999
     EXPECT_EQ(points[3'334], (Support::DownsampledPoint{9'999, 9'999 % 7, 9'999}));
     EXPECT_EQ(std::max_element(points.begin(), points.end(), [](auto& a, auto& b) { return a.readSpeed < b.readSpeed; })
@@ -81,16 +85,20 @@ TEST(ChartExportSupport, ReducesToAtMostThePointLimitKeepingEndsAndPeaks) {
     // Samples, limit, points: a limit below 3 keeps all; one over the limit makes bins of 2.
     for (const auto& [samples, limit, count] : std::vector<std::tuple<std::size_t, std::int64_t, std::size_t>>{
              {300, 3460, 300}, {50, 2, 50}, {0, 512, 0}, {512, 512, 512}, {513, 512, 258}}) {
-        const auto ramp = samplesBy(samples, [](std::size_t i) { return i; }, [](std::size_t) { return 0; });
+        const auto ramp = samplesBy(
+            samples, [](std::size_t i) { return i; }, [](std::size_t) { return 0; });
         const auto reduced = Support::reducedPoints(ramp, 100, limit);
         ASSERT_EQ(reduced.size(), count) << samples;
-        if (count > 0) { EXPECT_EQ(reduced.back().index, static_cast<std::int64_t>(samples) - 1); }
+        if (count > 0) {
+            EXPECT_EQ(reduced.back().index, static_cast<std::int64_t>(samples) - 1);
+        }
     }
 }
 
 TEST(ChartExportSupport, TextsOfThePictureInBothLanguages) {
-    const auto summary = Support::totals(samplesBy(3'601, [](std::size_t) { return 1'250'000; },
-                                                   [](std::size_t i) { return i == 0 ? 9'223'372'036'854'775'807 : 0; }),
+    const auto summary = Support::totals(samplesBy(
+                                             3'601, [](std::size_t) { return 1'250'000; },
+                                             [](std::size_t i) { return i == 0 ? 9'223'372'036'854'775'807 : 0; }),
                                          1000);
     struct Case {
         const char* lang;

@@ -56,8 +56,12 @@ TEST(GraphGeometry, SlotsFillFromTheRightAndTheVisibleRangeAndGridFollowTheShift
         SCOPED_TRACE(c.name);
         const G::Slots slots = G::slots(G::viewOf(c.samples, c.scale, c.offset), c.width);
         EXPECT_EQ(G::visibleRange(c.samples, slots, c.width), c.range);
-        if (c.samples > 0) { EXPECT_DOUBLE_EQ(slots.x(0), c.oldestX); }
-        if (c.offset == 0 && c.samples > 0) { EXPECT_DOUBLE_EQ(slots.x(c.samples - 1), c.width * c.scale); }
+        if (c.samples > 0) {
+            EXPECT_DOUBLE_EQ(slots.x(0), c.oldestX);
+        }
+        if (c.offset == 0 && c.samples > 0) {
+            EXPECT_DOUBLE_EQ(slots.x(c.samples - 1), c.width * c.scale);
+        }
         const auto grid = G::slotGridPositions(slots, c.width);
         ASSERT_EQ(grid.empty(), c.width == 0);
         if (grid.empty()) continue;
@@ -82,10 +86,17 @@ TEST(GraphGeometry, WithoutVisibleSamplesNothingIsDrawnAndTheAxisHasOneTick) {
 }
 
 TEST(GraphGeometry, ZoomStaysWithinOneTo400) {
-    struct Case { double scale, factor, expected; };
+    struct Case {
+        double scale, factor, expected;
+    };
     const Case cases[] = {
-        {300, 2, 400}, {400, 1.5, 400}, {1, 0.5, 1}, {2, 0.25, 1}, {3, 2, 6},
-        {std::numeric_limits<double>::quiet_NaN(), 1, 1}, {std::numeric_limits<double>::infinity(), 1, 400},
+        {300, 2, 400},
+        {400, 1.5, 400},
+        {1, 0.5, 1},
+        {2, 0.25, 1},
+        {3, 2, 6},
+        {std::numeric_limits<double>::quiet_NaN(), 1, 1},
+        {std::numeric_limits<double>::infinity(), 1, 400},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(G::committedScale(c.scale, c.factor), c.expected) << c.scale << " × " << c.factor;
@@ -96,7 +107,11 @@ TEST(GraphGeometry, ZoomStaysWithinOneTo400) {
 }
 
 TEST(GraphGeometry, DragStopsAtTheOldestSlotAndTheNewestSample) {
-    struct Case { const char* name; std::int64_t samples; double scale, offset, translation, committedOffset, newestX; };
+    struct Case {
+        const char* name;
+        std::int64_t samples;
+        double scale, offset, translation, committedOffset, newestX;
+    };
     const Case cases[] = {
         {"scale 1: right does nothing", 256, 1, 0, 100, 0, kWidth},
         {"scale 2: right stops with the oldest slot at the left edge", 256, 2, -100, 300, 0, 2 * kWidth},
@@ -122,14 +137,14 @@ TEST(GraphGeometry, DragStopsAtTheOldestSlotAndTheNewestSample) {
 }
 
 TEST(GraphGeometry, ThroughputAxisTopsAtAPowerOfTenOrAMultipleOf100GB) {
-    struct Case { double read, write; std::vector<double> ticks; };
+    struct Case {
+        double read, write;
+        std::vector<double> ticks;
+    };
     const std::vector<Case> cases = {
-        {3e8, 1e8, {0, 2.5e8, 5e8, 7.5e8, 1e9}},
-        {1, 0, {0, 2.5e8, 5e8, 7.5e8, 1e9}},
-        {0, 2.5e9, {0, 2.5e9, 5e9, 7.5e9, 1e10}},
-        {1e10, 0, {0, 2.5e9, 5e9, 7.5e9, 1e10}},
-        {2.5e11, 0, {0, 7.5e10, 1.5e11, 2.25e11, 3e11}},
-        {0, 0, {0}},
+        {3e8, 1e8, {0, 2.5e8, 5e8, 7.5e8, 1e9}},         {1, 0, {0, 2.5e8, 5e8, 7.5e8, 1e9}},
+        {0, 2.5e9, {0, 2.5e9, 5e9, 7.5e9, 1e10}},        {1e10, 0, {0, 2.5e9, 5e9, 7.5e9, 1e10}},
+        {2.5e11, 0, {0, 7.5e10, 1.5e11, 2.25e11, 3e11}}, {0, 0, {0}},
     };
     for (const Case& c : cases) {
         const auto ticks = G::throughputTicks({point(0, c.read, c.write), point(1)});
@@ -144,7 +159,11 @@ TEST(GraphGeometry, HoverPicksTheClosestDrawnPointNearTheGraph) {
     const G::Slots slots{256, 10, 0, 0};
     const G::Points drawn = {point(0), point(1), point(2), point(9)};
     const G::Size graph{50, 40};
-    struct Case { const char* name; G::Point pointer; std::optional<std::int64_t> index; };
+    struct Case {
+        const char* name;
+        G::Point pointer;
+        std::optional<std::int64_t> index;
+    };
     const Case cases[] = {
         {"exactly between two points: the earlier", {5, 20}, 0},
         {"just past the middle", {5.5, 20}, 1},
@@ -161,17 +180,30 @@ TEST(GraphGeometry, HoverPicksTheClosestDrawnPointNearTheGraph) {
 }
 
 TEST(GraphGeometry, TooltipTextsInBothLanguages) {
-    const auto shown = samplesBy(10, [](std::size_t) { return 0; }, [](std::size_t) { return 0; });
+    const auto shown = samplesBy(
+        10, [](std::size_t) { return 0; }, [](std::size_t) { return 0; });
     const IndexedSample sample{5, 1.5e6, 0, 3'000'000, std::numeric_limits<std::uint64_t>::max(), 2};
     const std::string time = text::tooltipTimeText(shown[5].timestamp);
-    struct Case { const char* lang; IndexedSample point; std::int64_t intervalMs; G::TooltipLines lines; };
+    struct Case {
+        const char* lang;
+        IndexedSample point;
+        std::int64_t intervalMs;
+        G::TooltipLines lines;
+    };
     // Byte counts beyond 2^63 − 1 are shown as 2^63 − 1; an index past the samples has no time.
     const std::vector<Case> cases = {
-        {"en_US.UTF-8", sample, 1000, {"Time: " + time + " · Elapsed: 5 s · Window: 2 s",
-                                       "Read: 1.5 MB/s (3 MB) | Write: 0 B/s (9,223,372.04 TB)"}},
-        {"zh_CN.UTF-8", sample, 1000, {"时间: " + time + " · 相对时间: 5 秒 · 采样时长: 2 秒",
-                                       "读取: 1.5 MB/秒 (3 MB) | 写入: 0 B/秒 (9,223,372.04 TB)"}},
-        {"en_US.UTF-8", IndexedSample{10, 0, 2e3, 0, 2'000, 0}, 10,
+        {"en_US.UTF-8",
+         sample,
+         1000,
+         {"Time: " + time + " · Elapsed: 5 s · Window: 2 s", "Read: 1.5 MB/s (3 MB) | Write: 0 B/s (9,223,372.04 TB)"}},
+        {"zh_CN.UTF-8",
+         sample,
+         1000,
+         {"时间: " + time + " · 相对时间: 5 秒 · 采样时长: 2 秒",
+          "读取: 1.5 MB/秒 (3 MB) | 写入: 0 B/秒 (9,223,372.04 TB)"}},
+        {"en_US.UTF-8",
+         IndexedSample{10, 0, 2e3, 0, 2'000, 0},
+         10,
          {"Elapsed: 100 ms · Window: 10 ms", "Read: 0 B/s (0 B) | Write: 2 KB/s (2 KB)"}},
     };
     for (const Case& c : cases) {
@@ -182,7 +214,12 @@ TEST(GraphGeometry, TooltipTextsInBothLanguages) {
 }
 
 TEST(GraphGeometry, TooltipStaysBesideTheMarkerAndInsideTheGraph) {
-    struct Case { const char* name; G::Marker marker; G::Size bubble, graph; G::Point origin; };
+    struct Case {
+        const char* name;
+        G::Marker marker;
+        G::Size bubble, graph;
+        G::Point origin;
+    };
     const Case cases[] = {
         {"right of and above the upper dot", {300, 200, 150}, {200, 60}, {600, 300}, {316, 74}},
         {"just fits right of the marker", {372, 200, 150}, {200, 60}, {600, 300}, {388, 74}},
@@ -240,8 +277,9 @@ TEST(DiskIOGraphRendererCache, BinsTheVisibleRangeIntoAtMostTheTargetCount) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         Graph graph;
-        graph.show(samplesBy(c.samples, [](std::size_t i) { return i; }, [](std::size_t) { return 0; }), c.range,
-                   c.target, 1000);
+        graph.show(samplesBy(
+                       c.samples, [](std::size_t i) { return i; }, [](std::size_t) { return 0; }),
+                   c.range, c.target, 1000);
         const auto& bins = graph.cache->cachedBins();
         EXPECT_EQ(graph.cache->cachedChunkSize(), c.chunk);
         ASSERT_EQ(bins.size(), c.bins);
@@ -263,7 +301,10 @@ TEST(DiskIOGraphRendererCache, APointKeepsThePeakSpeedsAndTheByteTotalsOfItsBin)
     const double max = static_cast<double>(kMax);
     const Case cases[] = {
         {"one point per sample at 100 ms", {{100, 7}, {0, 3}}, 5, 100, {{0, 1000, 70, 100, 7, 1}, {1, 0, 30, 0, 3, 1}}},
-        {"peaks and sums of three samples at 10 ms", {{5, 1}, {9, 8}, {2, 4}, {1, 1}}, 2, 10,
+        {"peaks and sums of three samples at 10 ms",
+         {{5, 1}, {9, 8}, {2, 4}, {1, 1}},
+         2,
+         10,
          {{1, 900, 800, 14, 9, 2}, {3, 200, 400, 3, 5, 2}}},
         {"no interval: speeds 0, sums still right", {{5, 6}, {7, 8}}, 1, 0, {{1, 0, 0, 12, 14, 2}}},
         {"sums saturate at 2^64 - 1", {{kMax - 1, 1}, {2, kMax}}, 1, 1000, {{1, max, max, kMax, kMax, 2}}},
@@ -281,7 +322,8 @@ TEST(DiskIOGraphRendererCache, APointKeepsThePeakSpeedsAndTheByteTotalsOfItsBin)
 // samples, another interval or an empty range or list replace what is shown.
 TEST(DiskIOGraphRendererCache, FollowsChangesOfTheSamplesTheRangeAndTheInterval) {
     Graph graph;
-    const auto ones = samplesBy(100, [](std::size_t) { return 1; }, [](std::size_t) { return 1; });
+    const auto ones = samplesBy(
+        100, [](std::size_t) { return 1; }, [](std::size_t) { return 1; });
     graph.show(ones, {0, 48}, 10, 1000);
     ASSERT_EQ(graph.cache->cachedBins().back().range, (SampleRange{45, 48}));
     graph.cache->update(ones, {0, 48}, 10, 1000);
@@ -295,7 +337,8 @@ TEST(DiskIOGraphRendererCache, FollowsChangesOfTheSamplesTheRangeAndTheInterval)
         EXPECT_EQ(bins[i].range, (SampleRange{static_cast<std::int64_t>(5 * i), static_cast<std::int64_t>(5 * i + 5)}));
         EXPECT_EQ(bins[i].sample.readBytes, 5u) << i;
     }
-    const auto more = samplesBy(101, [](std::size_t) { return 3; }, [](std::size_t) { return 3; });
+    const auto more = samplesBy(
+        101, [](std::size_t) { return 3; }, [](std::size_t) { return 3; });
     graph.show(more, {0, 50}, 10, 1000);
     for (const auto& bin : graph.cache->cachedBins()) EXPECT_EQ(bin.sample.readBytes, 15u);
     graph.show(more, {0, 50}, 10, 100);
@@ -310,8 +353,10 @@ TEST(DiskIOGraphRendererCache, FollowsChangesOfTheSamplesTheRangeAndTheInterval)
 
 TEST(DiskIOGraphRendererCache, OnlyTheLatestRequestsResultIsInstalled) {
     Graph graph;
-    const auto first = samplesBy(20'000, [](std::size_t) { return 1; }, [](std::size_t) { return 1; });
-    const auto second = samplesBy(300, [](std::size_t) { return 7; }, [](std::size_t) { return 7; });
+    const auto first = samplesBy(
+        20'000, [](std::size_t) { return 1; }, [](std::size_t) { return 1; });
+    const auto second = samplesBy(
+        300, [](std::size_t) { return 7; }, [](std::size_t) { return 7; });
 
     // The first job finishes and its installer waits on the main thread when the second request
     // comes: it must drop its result, even though it arrives first.

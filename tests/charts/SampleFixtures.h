@@ -17,7 +17,8 @@ inline SampleWindow samplesOf(const std::vector<std::pair<std::uint64_t, std::ui
     const auto start = sys_days(year(2025) / March / 1) + hours(8) + minutes(15) + seconds(30) + milliseconds(125);
     FixedRingBuffer<DiskSample> buffer(std::max<std::size_t>(bytes.size(), 1));
     for (std::size_t i = 0; i < bytes.size(); ++i)
-        buffer.append(DiskSample{Uuid::make(), start + seconds(static_cast<long>(i)), bytes[i].first, bytes[i].second, 1, 1});
+        buffer.append(
+            DiskSample{Uuid::make(), start + seconds(static_cast<long>(i)), bytes[i].first, bytes[i].second, 1, 1});
     return SampleWindow(buffer.elements());
 }
 

@@ -3,8 +3,8 @@
 #include "WaitFor.h"
 #include "concurrency/SerialQueue.h"
 
-#include <asio/steady_timer.hpp>
 #include <gtest/gtest.h>
+#include <asio/steady_timer.hpp>
 
 #include <atomic>
 #include <chrono>
@@ -113,7 +113,8 @@ TEST(RepeatingTimer, NoTickRunsAfterCancelReturns) {
 TEST(RepeatingTimer, AQueueWaitingForAFarDeadlineStillServesEverythingElse) {
     for (const bool viaAsio : {false, true}) {
         for (const bool fromHandler : {false, true}) {
-            SCOPED_TRACE(std::string(viaAsio ? "Asio timer" : "work") + (fromHandler ? " from the handler" : " from elsewhere"));
+            SCOPED_TRACE(std::string(viaAsio ? "Asio timer" : "work") +
+                         (fromHandler ? " from the handler" : " from elsewhere"));
             SerialQueue queue("com.vantorix.test.far", QualityOfService::userInteractive);
             std::optional<asio::steady_timer> asio;
             std::atomic<bool> done{false};

@@ -10,7 +10,6 @@
 namespace vantorix::dashboard {
 namespace {
 
-
 DiskSMARTInfo::Detail detail(std::string keyPath, std::string name, std::string value) {
     return {Uuid::make(), std::move(keyPath), std::move(name), std::move(value)};
 }
@@ -19,13 +18,16 @@ TEST(VolumePanel, FallsBackInTheUsersLanguageWithoutASelection) {
     const DiskIOMonitor::State monitor;
     const DiskPerformanceTester::State tester;
     for (const auto& [lang, expected] : std::vector<std::pair<std::string, std::vector<std::string>>>{
-             {"en_US.UTF-8", {"No volume selected", "Connection unavailable", "File system unknown",
-                              "Available Capacity: Unknown / Unknown", "Unknown · Unknown",
-                              "SMART data is not available for this volume"}},
-             {"zh_CN.UTF-8", {"尚未选择卷", "连接信息不可用", "文件系统未知", "可用容量：未知 / 未知", "未知 · 未知",
-                              "当前卷未提供 SMART 数据"}}}) {
+             {"en_US.UTF-8",
+              {"No volume selected", "Connection unavailable", "File system unknown",
+               "Available Capacity: Unknown / Unknown", "Unknown · Unknown",
+               "SMART data is not available for this volume"}},
+             {"zh_CN.UTF-8",
+              {"尚未选择卷", "连接信息不可用", "文件系统未知", "可用容量：未知 / 未知", "未知 · 未知",
+               "当前卷未提供 SMART 数据"}}}) {
         testing::ScopedLanguage language(lang);
-        const auto panel = volumePanelContent(monitor, tester, performancePayloadContext(std::nullopt, tester.dataSize, std::nullopt));
+        const auto panel = volumePanelContent(monitor, tester,
+                                              performancePayloadContext(std::nullopt, tester.dataSize, std::nullopt));
         std::vector<std::string> seen;
         for (const auto& item : panel.infoItems) seen.push_back(item.value);
         seen.push_back(panel.smartHint);
@@ -43,7 +45,8 @@ TEST(VolumePanel, ButtonsFollowTheMonitorAndTheTester) {
     volume.deviceName = "sdb1";
     volume.hardwareVendor = "  SanDisk ";  // no model
     monitor.selectedVolume = volume;
-    const PerformancePayloadContext runnable{"Payload: 1 GB", EffectivePayload{1'000'000'000, false}, true, std::nullopt};
+    const PerformancePayloadContext runnable{"Payload: 1 GB", EffectivePayload{1'000'000'000, false}, true,
+                                             std::nullopt};
     const PerformancePayloadContext tooBig{"Not enough free space", std::nullopt, false, "Not enough free space"};
     struct Case {
         bool monitoring;
@@ -86,12 +89,16 @@ TEST(MetricCards, SevenCardsAndTheControllerTemperatureWhenUsable) {
     ASSERT_EQ(cards.size(), 7U);
     EXPECT_EQ(cards[6].valueText, "01:02:05");
 
-    struct Case { std::vector<DiskSMARTInfo::Detail> details; std::optional<std::string> card; };
+    struct Case {
+        std::vector<DiskSMARTInfo::Detail> details;
+        std::optional<std::string> card;
+    };
     const std::vector<Case> cases = {
         {{}, std::nullopt},
         {{detail("nvme_smart_health_information_log.temperature", "Temperature", "41")}, "41 ℃"},
         {{detail("temperature.controller", "Temp", " 41 Celsius ")}, "41 Celsius"},
-        {{detail("Temperature.Controller", "x", "unknown"), detail("a.controller_temperature", "x", "38.46 C")}, "38.5 ℃"},
+        {{detail("Temperature.Controller", "x", "unknown"), detail("a.controller_temperature", "x", "38.46 C")},
+         "38.5 ℃"},
         {{detail("x", " controller TEMPERATURE ", "N/A"), detail("y", "主控温度", "hot")}, "hot ℃"},
         {{detail("temperature.current", "Temperature", "35")}, std::nullopt},
         {{detail("temperature.controller", "x", "暂无")}, std::nullopt},
@@ -114,7 +121,8 @@ TEST(SmartSheet, ShowsSummaryRowsOnlyWhenKnownAndANoteWithoutDetails) {
     EXPECT_EQ(sheet.title, "Stick 的 SMART 信息");
     EXPECT_EQ(sheet.summaryRows, (std::vector<std::pair<std::string, std::string>>{{"是否支持 SMART", "不支持"}}));
     EXPECT_EQ(sheet.emptyNote, "系统未提供额外的 SMART 详细属性。");
-    sheet = smartSheetContent({Uuid::make(), "Stick", DiskSMARTInfo{"PASSED", std::nullopt, {detail("a", "A", "1")}, std::nullopt}});
+    sheet = smartSheetContent(
+        {Uuid::make(), "Stick", DiskSMARTInfo{"PASSED", std::nullopt, {detail("a", "A", "1")}, std::nullopt}});
     EXPECT_EQ(sheet.summaryRows, (std::vector<std::pair<std::string, std::string>>{{"总体状态", "PASSED"}}));
     EXPECT_EQ(sheet.detailRows, (std::vector<std::pair<std::string, std::string>>{{"A", "1"}}));
     EXPECT_TRUE(sheet.emptyNote.empty());
@@ -133,7 +141,11 @@ TEST(ShellTexts, PickerEntriesAndTheFolderChoosersStart) {
         EXPECT_EQ(joined(samplingPrecisionEntries()), precision);
         EXPECT_EQ(joined(testSampleSizeEntries()), size);
     }
-    struct Case { std::vector<std::string> folders; std::optional<std::string> user; std::string start; };
+    struct Case {
+        std::vector<std::string> folders;
+        std::optional<std::string> user;
+        std::string start;
+    };
     const std::vector<Case> cases = {
         {{"/run/media/ann", "/media/ann", "/mnt", "/home/ann"}, "ann", "/run/media/ann"},
         {{"/media/ann", "/media", "/home/ann"}, "ann", "/media/ann"},

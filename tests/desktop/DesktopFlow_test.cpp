@@ -29,8 +29,8 @@
 #include "ui/InteractiveButton.h"
 #include "ui/MetricCardView.h"
 #include "ui/PerformanceMetricsStrip.h"
-#include "ui/SmartInfoSheet.h"
 #include "ui/ScopedScheme.h"
+#include "ui/SmartInfoSheet.h"
 #include "ui/VolumeControlPanel.h"
 
 namespace vantorix::app {
@@ -44,7 +44,9 @@ struct Variant {
     bool dark;
 };
 
-void PrintTo(const Variant& variant, std::ostream* out) { *out << variant.language << (variant.dark ? " dark" : " light"); }
+void PrintTo(const Variant& variant, std::ostream* out) {
+    *out << variant.language << (variant.dark ? " dark" : " light");
+}
 
 std::string nameOf(const Variant& variant) {
     return variant.language.substr(0, 2) + (variant.dark ? "-dark" : "-light") +
@@ -53,7 +55,8 @@ std::string nameOf(const Variant& variant) {
 
 void screenshot(QWidget* widget, const Variant& variant, const std::string& what) {
     QDir().mkpath(QStringLiteral(VANTORIX_SCREENSHOT_DIR));
-    widget->grab().save(QString::fromStdString(std::string(VANTORIX_SCREENSHOT_DIR) + "/flow-" + what + "-" + nameOf(variant) + ".png"));
+    widget->grab().save(QString::fromStdString(std::string(VANTORIX_SCREENSHOT_DIR) + "/flow-" + what + "-" +
+                                               nameOf(variant) + ".png"));
 }
 
 bool waitFor(const std::function<bool()>& predicate, int milliseconds = 30000) {
@@ -83,7 +86,8 @@ TEST_P(DesktopFlow, ASessionOnALoopVolume) {
     auto volume = testing::LoopVolume::create("vx-desktop", 1280ULL << 20, &error);
     ASSERT_NE(volume, nullptr) << error;
     auto smartctl = testing::SmartctlStandIn::create(
-        {testing::StandInBehaviour::Mode::print, std::string(VANTORIX_TEST_DATA_DIR) + "/smartctl/scrutiny-smart-nvme.json", "", 0});
+        {testing::StandInBehaviour::Mode::print,
+         std::string(VANTORIX_TEST_DATA_DIR) + "/smartctl/scrutiny-smart-nvme.json", "", 0});
     auto daemon = testing::HelperDaemon::start({smartctl->path(), {}}, &error);
     ASSERT_NE(daemon, nullptr) << error;
     testing::ScopedEnvironment helperSocket({{"VANTORIX_HELPER_SOCKET", daemon->socketPath()}});
@@ -114,7 +118,8 @@ TEST_P(DesktopFlow, ASessionOnALoopVolume) {
     EXPECT_THAT(panel->infoTexts().front().toStdString(), HasSubstr(volume->deviceName()));
     QTest::mouseClick(panel->smartButton(), Qt::LeftButton);
     ASSERT_NE(dashboard->smartSheet(), nullptr);
-    EXPECT_EQ(dashboard->smartSheet()->rows()->findItems(QStringLiteral("INTEL SSDPEKNW010T8"), Qt::MatchExactly).size(), 1);
+    EXPECT_EQ(
+        dashboard->smartSheet()->rows()->findItems(QStringLiteral("INTEL SSDPEKNW010T8"), Qt::MatchExactly).size(), 1);
     screenshot(dashboard->smartSheet(), variant, "smart-sheet");
     dashboard->smartSheet()->accept();
 
@@ -126,7 +131,8 @@ TEST_P(DesktopFlow, ASessionOnALoopVolume) {
     const auto cards = dashboard->metrics()->visibleCards();
     ASSERT_GE(cards.size(), 7U);
     const QString idleWriteSpeed = cards[1]->value();
-    auto writer = std::async(std::launch::async, [&] { return testing::writeDirect(volume->mountPoint() + "/written", 64); });
+    auto writer = std::async(std::launch::async,
+                             [&] { return testing::writeDirect(volume->mountPoint() + "/written", 64); });
     bool sawWriteSpeed = false;
     ASSERT_TRUE(waitFor([&] {
         sawWriteSpeed = sawWriteSpeed || cards[1]->value() != idleWriteSpeed;
@@ -154,8 +160,9 @@ TEST_P(DesktopFlow, ASessionOnALoopVolume) {
     accept(dashboard->openDialog(), (folder / "run.csv").string());
     ASSERT_TRUE(waitFor([&] { return dashboard->exportAlert() != nullptr; }));
     const std::string csv = (folder / "run.csv").string(), png = (folder / "run.png").string();
-    EXPECT_EQ(dashboard->exportAlert()->text().toStdString(),
-              english ? "CSV saved to: " + csv + "\nPNG saved to: " + png : "CSV 已保存至：" + csv + "\nPNG 已保存至：" + png);
+    EXPECT_EQ(dashboard->exportAlert()->text().toStdString(), english
+                                                                  ? "CSV saved to: " + csv + "\nPNG saved to: " + png
+                                                                  : "CSV 已保存至：" + csv + "\nPNG 已保存至：" + png);
     EXPECT_TRUE(fs::exists(folder / "run.csv") && fs::exists(folder / "run.png"));
     screenshot(dashboard->exportAlert(), variant, "export-alert");
     dashboard->exportAlert()->buttons().front()->click();
@@ -183,7 +190,9 @@ TEST_P(DesktopFlow, ASessionOnALoopVolume) {
 
     // Stopped halfway, a test leaves nothing behind.
     QTest::mouseClick(panel->performanceButton(), Qt::LeftButton);
-    ASSERT_TRUE(waitFor([&] { return app.tester()->state().progressState.has_value() && entriesOf(volume->mountPoint()) != withReport; }));
+    ASSERT_TRUE(waitFor([&] {
+        return app.tester()->state().progressState.has_value() && entriesOf(volume->mountPoint()) != withReport;
+    }));
     QTest::mouseClick(panel->performanceButton(), Qt::LeftButton);
     ASSERT_TRUE(waitFor([&] { return !app.tester()->state().isRunning; }));
     app.tester()->waitForBackgroundWork();
@@ -191,7 +200,8 @@ TEST_P(DesktopFlow, ASessionOnALoopVolume) {
 
     // SIGTERM during a test ends the program as closing the window does: the files go.
     QTest::mouseClick(panel->performanceButton(), Qt::LeftButton);
-    ASSERT_TRUE(waitFor([&] { return app.tester()->state().isRunning && entriesOf(volume->mountPoint()) != withReport; }));
+    ASSERT_TRUE(
+        waitFor([&] { return app.tester()->state().isRunning && entriesOf(volume->mountPoint()) != withReport; }));
     {
         QuitOnSignals quit({SIGTERM});
         ::raise(SIGTERM);

@@ -42,21 +42,25 @@ TEST(Exposition, BothFormatsNameFamiliesAndSamplesAsScrapersExpect) {
     const std::string text = render(e, ExpositionFormat::prometheusText);
     const std::string open = render(e, ExpositionFormat::openMetrics);
     const std::string key = R"(device="loop3",mountpoint="/mnt/a \"b\"\\c�")";
-    for (const std::string& line : std::vector<std::string>{
-          "vantorix_sampling_interval_seconds 0.01", "vantorix_volumes 1",
-          R"(vantorix_volume_info{device="loop3",mountpoint="/mnt/a \"b\"\\c�",filesystem="EXT4",connection="Virtual",link_speed="",vendor="Linux",model="Loop\ndevice"} 1)",
-          "vantorix_volume_read_bytes_total{" + key + "} 1.8446744073709552e+19",
-          "vantorix_volume_written_bytes_total{" + key + "} 4096",
-          "vantorix_volume_read_peak_bytes_per_second{" + key + "} 1500000000",
-          // Cumulative buckets: 0 falls in the first, 2.5e6 on its bound, 3e6 in 5e6, 2e10 in +Inf.
-          "vantorix_volume_interval_throughput_bytes_per_second_bucket{" + key + R"(,direction="write",le="1000000"} 1)",
-          "vantorix_volume_interval_throughput_bytes_per_second_bucket{" + key + R"(,direction="write",le="2500000"} 2)",
-          "vantorix_volume_interval_throughput_bytes_per_second_bucket{" + key + R"(,direction="write",le="5000000"} 3)",
-          "vantorix_volume_interval_throughput_bytes_per_second_bucket{" + key + R"(,direction="write",le="+Inf"} 4)",
-          "vantorix_volume_interval_throughput_bytes_per_second_count{" + key + R"(,direction="write"} 4)",
-          "vantorix_volume_interval_throughput_bytes_per_second_sum{" + key + R"(,direction="write"} 20005500000)",
-          "vantorix_smart_passed{" + key + "} 0", "vantorix_smart_power_on_seconds{" + key + "} 7200",
-          "vantorix_smart_percentage_used_ratio{" + key + "} 0.07"}) {
+    for (
+        const std::string& line : std::vector<std::string>{
+            "vantorix_sampling_interval_seconds 0.01", "vantorix_volumes 1",
+            R"(vantorix_volume_info{device="loop3",mountpoint="/mnt/a \"b\"\\c�",filesystem="EXT4",connection="Virtual",link_speed="",vendor="Linux",model="Loop\ndevice"} 1)",
+            "vantorix_volume_read_bytes_total{" + key + "} 1.8446744073709552e+19",
+            "vantorix_volume_written_bytes_total{" + key + "} 4096",
+            "vantorix_volume_read_peak_bytes_per_second{" + key + "} 1500000000",
+            // Cumulative buckets: 0 falls in the first, 2.5e6 on its bound, 3e6 in 5e6, 2e10 in +Inf.
+            "vantorix_volume_interval_throughput_bytes_per_second_bucket{" + key +
+                R"(,direction="write",le="1000000"} 1)",
+            "vantorix_volume_interval_throughput_bytes_per_second_bucket{" + key +
+                R"(,direction="write",le="2500000"} 2)",
+            "vantorix_volume_interval_throughput_bytes_per_second_bucket{" + key +
+                R"(,direction="write",le="5000000"} 3)",
+            "vantorix_volume_interval_throughput_bytes_per_second_bucket{" + key + R"(,direction="write",le="+Inf"} 4)",
+            "vantorix_volume_interval_throughput_bytes_per_second_count{" + key + R"(,direction="write"} 4)",
+            "vantorix_volume_interval_throughput_bytes_per_second_sum{" + key + R"(,direction="write"} 20005500000)",
+            "vantorix_smart_passed{" + key + "} 0", "vantorix_smart_power_on_seconds{" + key + "} 7200",
+            "vantorix_smart_percentage_used_ratio{" + key + "} 0.07"}) {
         EXPECT_THAT(text, HasSubstr("\n" + line + "\n")) << line;
         EXPECT_THAT(open, HasSubstr("\n" + line + "\n")) << line;
     }
@@ -91,7 +95,8 @@ TEST(SmartHealth, StandardFiguresFromRealSmartctlOutputs) {
     const std::vector<Case> cases{
         {"scrutiny-smart-nvme-failed.json", true, std::nullopt, 35, 12798, 3, 7, std::nullopt},
         {"scrutiny-smart-fail2.json", false, std::nullopt, 25, 65592, std::nullopt, std::nullopt, 1975},
-        {"smartctl_exporter-nvme-null-SAMSUNG_MZWLL3T2HAJQ-00005-nvme0.json", false, true, 40, 18376, 0, 0, std::nullopt},
+        {"smartctl_exporter-nvme-null-SAMSUNG_MZWLL3T2HAJQ-00005-nvme0.json", false, true, 40, 18376, 0, 0,
+         std::nullopt},
     };
     for (const auto& c : cases) {
         const auto f = smartFiguresFromJson(fixture(c.file));
@@ -103,7 +108,8 @@ TEST(SmartHealth, StandardFiguresFromRealSmartctlOutputs) {
         EXPECT_EQ(f.mediaErrors, c.mediaErrors) << c.file;
         EXPECT_EQ(f.reallocatedSectors, c.reallocated) << c.file;
     }
-    for (const std::string bad : {"", "not json", "[1,2]", R"({"temperature":{"current":"hot"},"ata_smart_attributes":{"table":[5]}})"}) {
+    for (const std::string bad :
+         {"", "not json", "[1,2]", R"({"temperature":{"current":"hot"},"ata_smart_attributes":{"table":[5]}})"}) {
         const auto f = smartFiguresFromJson(bad);
         EXPECT_FALSE(f.passed || f.temperatureCelsius || f.reallocatedSectors) << bad;
     }

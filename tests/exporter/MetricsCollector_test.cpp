@@ -54,11 +54,11 @@ TEST_F(MetricsCollectorTest, BurstPeaksBelongToEachScraperAndRestartAtItsScrape)
         std::vector<std::pair<std::string, double>> scrapes;
     };
     const std::vector<Step> steps{
-        {2000, {}},                                     // 102.4 MB/s, across the wrap
-        {10000, {}},                                    // 512 MB/s
-        {4000, {{"a", 512e6}, {"b", 204.8e6}}},         // b is new: it gets the last interval
+        {2000, {}},                              // 102.4 MB/s, across the wrap
+        {10000, {}},                             // 512 MB/s
+        {4000, {{"a", 512e6}, {"b", 204.8e6}}},  // b is new: it gets the last interval
         {2000, {{"a", 102.4e6}}},
-        {6000, {{"b", 307.2e6}, {"a", 307.2e6}}},       // b's window began at its first scrape
+        {6000, {{"b", 307.2e6}, {"a", 307.2e6}}},  // b's window began at its first scrape
         {0, {{"a", 0}}},
     };
     auto now = t0;
@@ -76,7 +76,7 @@ TEST_F(MetricsCollectorTest, BurstPeaksBelongToEachScraperAndRestartAtItsScrape)
     EXPECT_EQ(collector.scrape("a").volumes.at(0).writePeak, 0);
     const auto figures = collector.scrape("a").volumes.at(0);
     EXPECT_EQ(figures.writeHistogram.count, steps.size());
-    EXPECT_EQ(figures.writeHistogram.counts[0], 1u);   // the idle interval
+    EXPECT_EQ(figures.writeHistogram.counts[0], 1u);  // the idle interval
     EXPECT_EQ(figures.labels.device, "fake0");
     EXPECT_EQ(collector.scraperCount(), 2u);
 

@@ -94,12 +94,15 @@ protected:
         auto started = MetricsServer::start(options, [](const MetricsServer::Request& request) {
             if (request.path == "/large") return MetricsServer::Response{200, "text/plain", std::string(1 << 20, 'x')};
             if (request.path != "/metrics") return MetricsServer::Response{404, "text/plain", "no\n"};
-            return MetricsServer::Response{200, "text/plain", request.peer + "|" + request.userAgent + "|" + request.accept};
+            return MetricsServer::Response{200, "text/plain",
+                                           request.peer + "|" + request.userAgent + "|" + request.accept};
         });
         ASSERT_TRUE(started) << started.error();
         server_ = std::move(started).value();
     }
-    std::unique_ptr<Client> connect(const char* from = "127.0.0.1") { return std::make_unique<Client>(server_->port(), from); }
+    std::unique_ptr<Client> connect(const char* from = "127.0.0.1") {
+        return std::make_unique<Client>(server_->port(), from);
+    }
 
     std::unique_ptr<MetricsServer> server_;
 };
@@ -114,32 +117,42 @@ TEST_F(MetricsServerTest, AnswersEachRequestWithItsStatusAndKeepsOrClosesTheConn
     const std::string ok = "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 11\r\n";
     const std::vector<Case> cases{
         {"GET /metrics?x=1 HTTP/1.1\r\nHost: t\r\nUser-Agent: t/1\r\nAccept: a/b\r\nConnection: close\r\n\r\n",
-         {"HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 17\r\nConnection: close\r\n\r\n127.0.0.1|t/1|a/b"}, false},
+         {"HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: 17\r\nConnection: close\r\n\r\n127.0.0.1|t/1|a/b"},
+         false},
         {"GET /metrics HTTP/1.1\r\nHost: t\r\n\r\n", {ok + "\r\n127.0.0.1||"}, true},
         {"HEAD /metrics HTTP/1.0\r\n\r\n", {ok + "Connection: close\r\n\r\n"}, false},
-        {"GET /metrics HTTP/1.0\r\nConnection: Keep-Alive\r\n\r\n", {ok + "Connection: keep-alive\r\n\r\n127.0.0.1||"}, true},
+        {"GET /metrics HTTP/1.0\r\nConnection: Keep-Alive\r\n\r\n",
+         {ok + "Connection: keep-alive\r\n\r\n127.0.0.1||"},
+         true},
         {"GET /metrics HTTP/1.1\r\nHost: t\r\nConnection: keep-alive, close\r\n\r\n", {"HTTP/1.1 200 "}, false},
         // LF alone, empty lines before the request line, a later 1.x, pipelining.
         {"GET /metrics HTTP/1.1\nHost: t\nUser-Agent: lf\n\n", {"HTTP/1.1 200 "}, true},
         {"\r\n\nGET /metrics HTTP/1.9\r\nHost: t\n\r\n", {"HTTP/1.1 200 "}, true},
-        {"GET /metrics HTTP/1.1\r\nHost: t\r\n\r\nGET /nothing HTTP/1.1\nHost: t\n\n", {"HTTP/1.1 200 ", "HTTP/1.1 404 Not Found\r\n"}, true},
+        {"GET /metrics HTTP/1.1\r\nHost: t\r\n\r\nGET /nothing HTTP/1.1\nHost: t\n\n",
+         {"HTTP/1.1 200 ", "HTTP/1.1 404 Not Found\r\n"},
+         true},
         {"DELETE /metrics HTTP/1.1\r\nHost: t\r\n\r\n", {"HTTP/1.1 405 Method Not Allowed\r\n"}, false},
         {"GET /metrics HTTP/1.1\r\nHost: t\r\nContent-Length: 5\r\n\r\nhello", {"HTTP/1.1 413 "}, false},
         {"GET /metrics HTTP/2.0\r\nHost: t\r\n\r\n", {"HTTP/1.1 505 "}, false},
         // The last answer arrives whole though more requests follow it unread.
-        {"GET /large HTTP/1.1\r\nHost: t\r\nConnection: close\r\n\r\n" + std::string(4000, 'x'), {"HTTP/1.1 200 "}, false},
+        {"GET /large HTTP/1.1\r\nHost: t\r\nConnection: close\r\n\r\n" + std::string(4000, 'x'),
+         {"HTTP/1.1 200 "},
+         false},
         {"hello\r\n\r\nGET /metrics HTTP/1.1\r\nHost: t\r\n\r\n", {"HTTP/1.1 400 Bad Request\r\n"}, false},
         // Malformed heads.
         {"GET /metrics HTTP/1.1\r\n\r\n", {"HTTP/1.1 400 "}, false},
         {"GET /metrics HTTP/1.1\r\nHost: a\r\nHost: b\r\n\r\n", {"HTTP/1.1 400 "}, false},
         {"GET /metrics HTTP/1.1\r\nHost : t\r\n\r\n", {"HTTP/1.1 400 "}, false},
         {"GET /metrics HTTP/1.1\r\nHost: t\r\nX: a\rb\r\n\r\n", {"HTTP/1.1 400 "}, false},
-        {"GET /metrics HTTP/1.1\r\nX: " + std::string(2000, 'x') + "\r\n\r\n", {"HTTP/1.1 431 Request Header Fields Too Large\r\n"}, false},
+        {"GET /metrics HTTP/1.1\r\nX: " + std::string(2000, 'x') + "\r\n\r\n",
+         {"HTTP/1.1 431 Request Header Fields Too Large\r\n"},
+         false},
     };
     for (const auto& [request, answers, kept] : cases) {
         auto client = connect();
         client->send(request);
-        for (const auto& answer : answers) EXPECT_THAT(client->answer(request.starts_with("HEAD")), StartsWith(answer)) << request;
+        for (const auto& answer : answers)
+            EXPECT_THAT(client->answer(request.starts_with("HEAD")), StartsWith(answer)) << request;
         if (kept) {
             EXPECT_THAT(client->scrape(), StartsWith("HTTP/1.1 200 OK")) << request;
         } else {
@@ -166,7 +179,8 @@ TEST_F(MetricsServerTest, IdleConnectionsGiveWaySoNoPeerLocksOthersOut) {
     auto newcomer = connect();
     EXPECT_THAT(newcomer->scrape(), StartsWith("HTTP/1.1 200 OK"));
     EXPECT_EQ(held[4]->rest(), "");
-    for (const std::size_t kept : {1u, 2u, 3u, 5u, 8u}) EXPECT_THAT(held[kept]->scrape(), StartsWith("HTTP/1.1 200 OK")) << kept;
+    for (const std::size_t kept : {1u, 2u, 3u, 5u, 8u})
+        EXPECT_THAT(held[kept]->scrape(), StartsWith("HTTP/1.1 200 OK")) << kept;
 }
 
 TEST_F(MetricsServerTest, ClosesHeadsThatDoNotArriveInTimeAndIdleConnections) {

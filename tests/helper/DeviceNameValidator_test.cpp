@@ -29,8 +29,8 @@ TEST(HelperDeviceNames, AcceptsOnlyBareKernelNamesOfDeviceNodesMatchingSysfs) {
     const testing::TreeCopy tree;  // empty at first: the syntax is judged before anything is looked up
     const DeviceRoots roots{(tree / "sys").string(), (tree / "dev").string()};
     fs::create_directories(roots.dev);
-    for (const auto& name : std::vector<std::string>{"../sda", "sda/../../etc", "-a", "--scan", "sda;reboot", "sda\n", "",
-                                                     std::string(65, 'a'), "sd\xC3\xA4", ".hidden", "sda b",
+    for (const auto& name : std::vector<std::string>{"../sda", "sda/../../etc", "-a", "--scan", "sda;reboot", "sda\n",
+                                                     "", std::string(65, 'a'), "sd\xC3\xA4", ".hidden", "sda b",
                                                      std::string("sda\0", 4), "/dev/sda", "$(reboot)"}) {
         EXPECT_EQ(refusal(name, roots), HelperFailure::invalidDeviceName) << sanitizedName(name);
     }
@@ -53,13 +53,13 @@ TEST(HelperDeviceNames, AcceptsOnlyBareKernelNamesOfDeviceNodesMatchingSysfs) {
         {"sda", "block", "8:0\n", S_IFBLK, 8, 0, std::nullopt},
         {std::string(64, 'x'), "block", "8:80\n", S_IFBLK, 8, 80, std::nullopt},
         {"nvme0", "nvme", "240:0\n", S_IFCHR, 240, 0, std::nullopt},
-        {"sdb", "block", "8:16\n", S_IFBLK, 8, 17, notFound},        // another device number
-        {"sdc", "block", "8:32\n", 0, 0, 0, notFound},               // a regular file
-        {"sdd", "block", "8:0\n", S_IFLNK, 0, 0, notFound},          // a symbolic link to sda
-        {"sde", "block", "8:64\n", S_IFCHR, 8, 64, notFound},        // not a block device
-        {"nvme1", "nvme", "240:1\n", S_IFBLK, 240, 1, notFound},     // not a character device
-        {"sdf", "block", "eight:zero\n", S_IFBLK, 8, 0, notFound},   // unreadable device number
-        {"onlydev", "block", "", S_IFBLK, 8, 112, notFound},         // in /dev only
+        {"sdb", "block", "8:16\n", S_IFBLK, 8, 17, notFound},       // another device number
+        {"sdc", "block", "8:32\n", 0, 0, 0, notFound},              // a regular file
+        {"sdd", "block", "8:0\n", S_IFLNK, 0, 0, notFound},         // a symbolic link to sda
+        {"sde", "block", "8:64\n", S_IFCHR, 8, 64, notFound},       // not a block device
+        {"nvme1", "nvme", "240:1\n", S_IFBLK, 240, 1, notFound},    // not a character device
+        {"sdf", "block", "eight:zero\n", S_IFBLK, 8, 0, notFound},  // unreadable device number
+        {"onlydev", "block", "", S_IFBLK, 8, 112, notFound},        // in /dev only
     };
     for (const auto& c : cases) {
         const std::string node = roots.dev + "/" + c.name;

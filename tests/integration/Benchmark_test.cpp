@@ -19,7 +19,9 @@ using json = nlohmann::json;
 namespace fs = std::filesystem;
 
 const std::map<std::string, std::optional<std::string>> kEnglish{
-    {"LANGUAGE", "en_US"}, {"LC_ALL", std::nullopt}, {"VANTORIX_LOG", "off"},
+    {"LANGUAGE", "en_US"},
+    {"LC_ALL", std::nullopt},
+    {"VANTORIX_LOG", "off"},
     {"VANTORIX_HELPER_SOCKET", "/nonexistent/vantorix.sock"}};
 
 // Each test writes at most 40 MB at a time on a volume of 96 MiB.
@@ -31,7 +33,10 @@ protected:
     }
     void makeVolume() {
         std::string error;
-        volume_ = LoopVolume::create("VTX\xff" "BENCH", 96ull << 20, &error);
+        volume_ = LoopVolume::create(
+            "VTX\xff"
+            "BENCH",
+            96ull << 20, &error);
         ASSERT_TRUE(volume_) << error;
     }
 
@@ -59,10 +64,12 @@ protected:
         std::vector<std::string> args{"--payload-bytes", "33554432", "--seconds", "120", "--random-seconds", "120"};
         if (!mode.empty()) args.push_back(mode);
         auto run = testing::RunningProcess::start(benchArguments(args), kEnglish, /*errorsToOutput=*/true);
-        EXPECT_TRUE(testing::eventually([&] {
-            run->readLine(10ms);
-            return !rootEntries().empty();
-        }, 60s));
+        EXPECT_TRUE(testing::eventually(
+            [&] {
+                run->readLine(10ms);
+                return !rootEntries().empty();
+            },
+            60s));
         return run;
     }
 
@@ -73,8 +80,8 @@ TEST_F(BenchmarkOnLoopVolume, EachModeRunsToItsFiguresAndLeavesOnlyTheReport) {
     const std::uint64_t payload = 40'000'000;
     for (const std::string mode : {"", "--direct", "--profile=deep"}) {
         SCOPED_TRACE(mode);
-        std::vector<std::string> arguments{"--json", "--payload-bytes", std::to_string(payload), "--seconds", "0.2",
-                                           "--random-seconds", "0.3"};
+        std::vector<std::string> arguments{
+            "--json", "--payload-bytes", std::to_string(payload), "--seconds", "0.2", "--random-seconds", "0.3"};
         if (!mode.empty()) arguments.push_back(mode);
         const auto run = bench(arguments);
         ASSERT_EQ(run.exitStatus, 0) << run.err;
@@ -162,8 +169,11 @@ TEST_F(BenchmarkOnLoopVolume, AVolumeUnmountedDuringTheTestFailsItAndNothingLand
 // any mode the way Ctrl-C does: the test files are removed before the program ends with 128 + the
 // signal.
 TEST_F(BenchmarkOnLoopVolume, EverySignalStopsTheCommandAndRemovesItsFiles) {
-    const std::pair<int, const char*> cases[] = {{SIGHUP, "--direct"}, {SIGQUIT, "--profile=deep"}, {SIGTERM, ""},
-                                                 {SIGINT, "--profile=deep"}, {SIGPIPE, "--direct"}};
+    const std::pair<int, const char*> cases[] = {{SIGHUP, "--direct"},
+                                                 {SIGQUIT, "--profile=deep"},
+                                                 {SIGTERM, ""},
+                                                 {SIGINT, "--profile=deep"},
+                                                 {SIGPIPE, "--direct"}};
     for (const auto& [signal, mode] : cases) {
         SCOPED_TRACE(strsignal(signal));
         const auto run = startedBench(mode);

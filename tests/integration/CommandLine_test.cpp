@@ -33,14 +33,17 @@ using Precision = DiskIOMonitor::SamplingPrecision;
 testing::ProcessResult cli(const std::vector<std::string>& args, const std::string& language = "en_US") {
     std::vector<std::string> argv{VANTORIX_CLI_PATH};
     argv.insert(argv.end(), args.begin(), args.end());
-    return testing::runProcess(argv, {{"LANGUAGE", language}, {"LC_ALL", std::nullopt}, {"LANG", "C.UTF-8"},
+    return testing::runProcess(argv, {{"LANGUAGE", language},
+                                      {"LC_ALL", std::nullopt},
+                                      {"LANG", "C.UTF-8"},
                                       {"VANTORIX_SERVICE_URL", std::nullopt}});
 }
 
 // Help, in the user's language; a stock build names no web service, so updates are the package
 // manager's.
 TEST(CommandLine, HelpOfEveryCommandIsInTheUsersLanguage) {
-    for (const std::string command : {"", "info", "monitor", "bench", "smart", "helper", "check-update", "feedback", "serve"}) {
+    for (const std::string command :
+         {"", "info", "monitor", "bench", "smart", "helper", "check-update", "feedback", "serve"}) {
         SCOPED_TRACE(command);
         std::vector<std::string> args{"--help"};
         if (!command.empty()) args.insert(args.begin(), command);
@@ -49,7 +52,8 @@ TEST(CommandLine, HelpOfEveryCommandIsInTheUsersLanguage) {
         EXPECT_NE(chinese.out.find("\n用法：vantorix-cli" + (command.empty() ? "" : " " + command) + " [选项]"),
                   std::string::npos)
             << chinese.out;
-        EXPECT_NE(chinese.out.find("\n选项：\n  -h,--help                   显示此帮助信息并退出\n"), std::string::npos);
+        EXPECT_NE(chinese.out.find("\n选项：\n  -h,--help                   显示此帮助信息并退出\n"),
+                  std::string::npos);
         for (const char* word : {"Usage", "Options", "Positionals", "Subcommands", "REQUIRED", "OPTIONS", "Print"}) {
             EXPECT_EQ(chinese.out.find(word), std::string::npos) << word << "\n" << chinese.out;
         }
@@ -77,14 +81,21 @@ TEST(CommandLine, RefusedArgumentsSayWhyInOneShortLine) {
         {{"bench", "x", "--seconds", "0"}, "zh_CN", "--seconds：应为 0.1 到 3600 之间的秒数，而不是 0" + zhHelp},
         {{"serve", "--listen"}, "zh_CN", "--listen：缺少 1 个 TEXT 值" + zhHelp},
         {{"smart", "x", "--json-file", "y"}, "zh_CN", "path 不能与 --json-file 一起使用" + zhHelp},
-        {{"monitor", "/", "--duration", "1e308"}, "en_US",
+        {{"monitor", "/", "--duration", "1e308"},
+         "en_US",
          "--duration: must be a number of seconds greater than 0 and at most 31536000, not 1e308" + help},
     };
-    for (const auto& [command, option, number] : std::vector<std::array<std::string, 3>>{
-             {"monitor", "--duration", "nan"}, {"monitor", "--duration", "inf"}, {"monitor", "--duration", "0"},
-             {"monitor", "--duration", "-1"}, {"bench", "--random-seconds", "1e308"}, {"bench", "--seconds", "nan"},
-             {"bench", "--random-seconds", "nan"}, {"bench", "--payload-bytes", "0"},
-             {"bench", "--payload-bytes", "-1"}, {"bench", "--payload-bytes", "99999999999999999999999"}}) {
+    for (const auto& [command, option, number] :
+         std::vector<std::array<std::string, 3>>{{"monitor", "--duration", "nan"},
+                                                 {"monitor", "--duration", "inf"},
+                                                 {"monitor", "--duration", "0"},
+                                                 {"monitor", "--duration", "-1"},
+                                                 {"bench", "--random-seconds", "1e308"},
+                                                 {"bench", "--seconds", "nan"},
+                                                 {"bench", "--random-seconds", "nan"},
+                                                 {"bench", "--payload-bytes", "0"},
+                                                 {"bench", "--payload-bytes", "-1"},
+                                                 {"bench", "--payload-bytes", "99999999999999999999999"}}) {
         cases.push_back({{command, "/", option, number}, "en_US", option + ": must be "});
     }
     for (const auto& [args, language, error] : cases) {
@@ -137,7 +148,6 @@ TEST(CommandLine, APathThatLeadsNowhereSaysWhy) {
     }
     EXPECT_EQ(errors.size(), 1u);
 }
-
 
 // A volume whose label and folders are bytes that are not UTF-8: the JSON stays valid (parsing
 // refuses anything else), with U+FFFD where those bytes were.
@@ -280,8 +290,8 @@ TEST_F(MonitorOnLoopVolume, SamplesAddUpToTheDeviceCountersAndARemovedDeviceEnds
 // One line a second, then on Ctrl-C the summary of the whole run, valid JSON with U+FFFD for the
 // bytes of the label and folder that are not UTF-8.
 TEST_F(MonitorOnLoopVolume, CommandLinePrintsALineASecondAndOnInterruptASummary) {
-    auto run = testing::RunningProcess::start({VANTORIX_CLI_PATH, "monitor", volume_->mountPoint(), "--precision", "10",
-                                               "--json"});
+    auto run = testing::RunningProcess::start(
+        {VANTORIX_CLI_PATH, "monitor", volume_->mountPoint(), "--precision", "10", "--json"});
     for (int second = 0; second < 2; ++second) {
         const auto line = run->readLine(30s);
         ASSERT_TRUE(line) << run->standardError();
@@ -342,7 +352,8 @@ TEST_F(MonitorOnLoopVolume, CommandLineExportsTheChartOrSaysWhyNot) {
     ASSERT_TRUE(running->readLine(20s));
     ASSERT_EQ(::mkfifo(later.c_str(), 0600), 0);
     EXPECT_EQ(running->waitForExit(30s), 1);
-    EXPECT_NE(running->standardError().find("“" + later + "”: It is a named pipe (FIFO), not a regular file"), std::string::npos)
+    EXPECT_NE(running->standardError().find("“" + later + "”: It is a named pipe (FIFO), not a regular file"),
+              std::string::npos)
         << running->standardError();
 }
 

@@ -61,7 +61,9 @@ protected:
         }
     }
     testing::Environment environment(const std::string& language = "en_US") const {
-        return {{"LANGUAGE", language}, {"LC_ALL", std::nullopt}, {"VANTORIX_LOG", "off"},
+        return {{"LANGUAGE", language},
+                {"LC_ALL", std::nullopt},
+                {"VANTORIX_LOG", "off"},
                 {"VANTORIX_HELPER_SOCKET", helper_->socketPath()}};
     }
     testing::ProcessResult smart(const std::vector<std::string>& args, const std::string& language = "en_US") const {
@@ -126,8 +128,8 @@ TEST_F(LiveVolume, SmartShowsTheDrivesDataThroughTheHelperInTheUsersLanguage) {
     for (const auto& start : starts) EXPECT_EQ(start, arguments);
 
     // The performance test's report carries the drive's SMART data.
-    const auto run = testing::runProcess({VANTORIX_CLI_PATH, "bench", volume_->mountPoint(), "--json", "--payload-bytes",
-                                          "4000000", "--random-seconds", "0.1"},
+    const auto run = testing::runProcess({VANTORIX_CLI_PATH, "bench", volume_->mountPoint(), "--json",
+                                          "--payload-bytes", "4000000", "--random-seconds", "0.1"},
                                          environment());
     ASSERT_EQ(run.exitStatus, 0) << run.err;
     fs::path path;  // its JSON path shows the mount point's byte as U+FFFD
@@ -141,8 +143,8 @@ TEST_F(LiveVolume, SmartShowsTheDrivesDataThroughTheHelperInTheUsersLanguage) {
 }
 
 TEST_F(LiveVolume, SmartWatchPublishesEveryRefreshWithFreshRowsAndTheChangeOnce) {
-    auto watch = testing::RunningProcess::start({VANTORIX_CLI_PATH, "smart", volume_->mountPoint(), "--watch", "--json"},
-                                                environment());
+    auto watch = testing::RunningProcess::start(
+        {VANTORIX_CLI_PATH, "smart", volume_->mountPoint(), "--watch", "--json"}, environment());
     const auto next = [&] {
         const auto line = watch->readLine(10s);
         EXPECT_TRUE(line.has_value()) << watch->standardError();
@@ -156,7 +158,8 @@ TEST_F(LiveVolume, SmartWatchPublishesEveryRefreshWithFreshRowsAndTheChangeOnce)
 
     // Another drive's answer: its serial number, the first row, shows from the first refresh after
     // the change (or the one after, when a request still shared the run before it) and stays.
-    standIn_->setBehaviour(testing::printing(std::string(VANTORIX_TEST_DATA_DIR) + "/smartctl/scrutiny-smart-nvme-failed.json"));
+    standIn_->setBehaviour(
+        testing::printing(std::string(VANTORIX_TEST_DATA_DIR) + "/smartctl/scrutiny-smart-nvme-failed.json"));
     std::string serials;
     for (int i = 0; i < 4; ++i) serials += next()["smart"]["details"][0]["value"] == "S466NX0M776250H" ? '+' : '-';
     EXPECT_TRUE(serials == "++++" || serials == "-+++") << serials;
@@ -184,15 +187,18 @@ TEST_F(LiveVolume, HelperCommandsReportTheHelperTheyFind) {
 }
 
 TEST_F(LiveVolume, ExporterPrometheusSeesTheBytesWrittenAndBurstsAboveItsOneSecondRate) {
-    if (!fs::exists("/usr/bin/prometheus") || !fs::exists("/usr/bin/promtool")) GTEST_SKIP() << "Prometheus is not installed";
+    if (!fs::exists("/usr/bin/prometheus") || !fs::exists("/usr/bin/promtool"))
+        GTEST_SKIP() << "Prometheus is not installed";
     startExporter();
     const fs::path dir = fs::path(volume_->mountPoint()).parent_path() / "prometheus";
     fs::create_directories(dir);
     const int prometheusPort = testing::freeLoopbackPort();
     std::ofstream(dir / "prometheus.yml") << "global:\n  scrape_interval: 1s\n  scrape_timeout: 1s\n"
                                              "scrape_configs:\n  - job_name: vantorix\n    static_configs:\n"
-                                             "      - targets: ['127.0.0.1:" << port_ << "']\n";
-    auto prometheus = RunningProcess::start({"/usr/bin/prometheus", "--config.file=" + (dir / "prometheus.yml").string(),
+                                             "      - targets: ['127.0.0.1:"
+                                          << port_ << "']\n";
+    auto prometheus = RunningProcess::start({"/usr/bin/prometheus",
+                                             "--config.file=" + (dir / "prometheus.yml").string(),
                                              "--storage.tsdb.path=" + (dir / "data").string(),
                                              "--web.listen-address=127.0.0.1:" + std::to_string(prometheusPort)});
     httplib::Client api("127.0.0.1", prometheusPort);
@@ -217,7 +223,9 @@ TEST_F(LiveVolume, ExporterPrometheusSeesTheBytesWrittenAndBurstsAboveItsOneSeco
         if (!result.is_array() || result.empty()) return std::nullopt;
         return std::stod(result[0]["value"][1].get<std::string>());
     };
-    const auto now = [] { return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count(); };
+    const auto now = [] {
+        return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    };
     const std::string device = "{device=\"" + volume_->deviceName() + "\"}";
     // Prometheus has scraped all that the device has written so far.
     const auto settled = [&] {
@@ -243,8 +251,8 @@ TEST_F(LiveVolume, ExporterPrometheusSeesTheBytesWrittenAndBurstsAboveItsOneSeco
 
     const auto burst = query("max_over_time(vantorix_volume_write_peak_bytes_per_second" + device + range + "])",
                              after);
-    const auto rate =
-        query("max_over_time(irate(vantorix_volume_written_bytes_total" + device + "[3s])" + range + ":1s])", after);
+    const auto rate = query(
+        "max_over_time(irate(vantorix_volume_written_bytes_total" + device + "[3s])" + range + ":1s])", after);
     ASSERT_TRUE(burst && rate);
     EXPECT_GE(*burst, *rate);
     EXPECT_GT(*rate, 0);
@@ -256,7 +264,8 @@ TEST_F(LiveVolume, ExporterPrometheusSeesTheBytesWrittenAndBurstsAboveItsOneSeco
                                     "power_on_seconds" + labels() + " 8643600"}) {
         EXPECT_NE(metrics->body.find("\nvantorix_smart_" + line + "\n"), std::string::npos) << line;
     }
-    const auto minutes = std::chrono::duration_cast<std::chrono::minutes>(std::chrono::steady_clock::now() - started_).count();
+    const auto minutes =
+        std::chrono::duration_cast<std::chrono::minutes>(std::chrono::steady_clock::now() - started_).count();
     EXPECT_GE(standIn_->starts().size(), 1u);
     EXPECT_LE(standIn_->starts().size(), static_cast<std::size_t>(minutes + 1));
     std::ofstream(dir / "metrics.txt") << metrics->body;

@@ -85,7 +85,8 @@ TEST(DesktopSmoke, StartsUnderXvfbAndEndsOnSignalsAndOnCloseWithoutWaitingForSma
     for (const std::string way : {"SIGTERM", "SIGINT", "close"}) {
         SCOPED_TRACE(way);
         auto app = testing::RunningProcess::start({VANTORIX_APP_PATH, "--precision", "1", "--monitor", "/"},
-                                                  {{"DISPLAY", x.display}, {"QT_QPA_PLATFORM", "xcb"},
+                                                  {{"DISPLAY", x.display},
+                                                   {"QT_QPA_PLATFORM", "xcb"},
                                                    {"VANTORIX_HELPER_SOCKET", helper->socketPath()},
                                                    {"VANTORIX_LOG", "error"}});
         const auto line = app->readLine(30s);
@@ -111,13 +112,14 @@ TEST(DesktopSmoke, StartsUnderXvfbAndEndsOnSignalsAndOnCloseWithoutWaitingForSma
     }
 }
 
-
 // The package made from this build, as a person installs it: dpkg -i, the installed programs run,
 // dpkg --purge, and nothing of it is left on the machine or running.
 TEST(Package, InstallsRunsAndPurgesWithoutATrace) {
     if (::geteuid() != 0) GTEST_SKIP() << "dpkg -i needs root";
-    if (::access("/usr/bin/dpkg", X_OK) != 0 || ::access("/usr/bin/cpack", X_OK) != 0) GTEST_SKIP() << "no dpkg or cpack";
-    if (runProcess({"/usr/bin/dpkg-query", "-W", "-f=${Status}", "vantorix"}).out.find("installed") != std::string::npos)
+    if (::access("/usr/bin/dpkg", X_OK) != 0 || ::access("/usr/bin/cpack", X_OK) != 0)
+        GTEST_SKIP() << "no dpkg or cpack";
+    if (runProcess({"/usr/bin/dpkg-query", "-W", "-f=${Status}", "vantorix"}).out.find("installed") !=
+        std::string::npos)
         GTEST_SKIP() << "a vantorix package is installed already; not touching it";
     const fs::path config = fs::path(VANTORIX_BUILD_DIR) / "CPackConfig.cmake";
     ASSERT_TRUE(fs::exists(config));
@@ -152,29 +154,33 @@ TEST(Package, InstallsRunsAndPurgesWithoutATrace) {
     for (const char* subcommand : {"info", "monitor", "bench", "smart", "helper", "check-update", "feedback", "serve"})
         EXPECT_NE(manual.out.find(std::string("vantorix-cli ") + subcommand), std::string::npos) << subcommand;
     // The desktop entry, the metainfo and the units as installed pass their checkers without a remark.
-    const auto desktop = runProcess({"/usr/bin/desktop-file-validate", "/usr/share/applications/com.vantorix.Vantorix.desktop"});
+    const auto desktop = runProcess(
+        {"/usr/bin/desktop-file-validate", "/usr/share/applications/com.vantorix.Vantorix.desktop"});
     EXPECT_EQ(desktop.exitStatus, 0);
     EXPECT_EQ(desktop.out + desktop.err, "");
     const auto metainfo = runProcess({"/usr/bin/appstreamcli", "validate", "--no-net", "--explain",
                                       "/usr/share/metainfo/com.vantorix.Vantorix.metainfo.xml"});
     EXPECT_EQ(metainfo.exitStatus, 0) << metainfo.out;
     EXPECT_EQ(metainfo.out.find("W:"), std::string::npos) << metainfo.out;
-    const auto verified = runProcess({"/usr/bin/systemd-analyze", "verify", "--man=no",
-                                      "/usr/lib/systemd/system/vantorix-smartctl-helper.socket",
-                                      "/usr/lib/systemd/system/vantorix-smartctl-helper.service",
-                                      "/usr/lib/systemd/system/vantorix-exporter.service"},
-                                     {{"SYSTEMD_LOG_LEVEL", "notice"}});
+    const auto verified = runProcess(
+        {"/usr/bin/systemd-analyze", "verify", "--man=no", "/usr/lib/systemd/system/vantorix-smartctl-helper.socket",
+         "/usr/lib/systemd/system/vantorix-smartctl-helper.service",
+         "/usr/lib/systemd/system/vantorix-exporter.service"},
+        {{"SYSTEMD_LOG_LEVEL", "notice"}});
     EXPECT_EQ(verified.exitStatus, 0);
     // Warnings (an unknown key, a bad value) leave the status at 0: there must be none.
     EXPECT_EQ(verified.out + verified.err, "");
     // The installed units start the installed programs.
-    const auto units = runShell("cat /usr/lib/systemd/system/vantorix-smartctl-helper.service "
-                                "/usr/lib/systemd/system/vantorix-exporter.service").out;
+    const auto units = runShell(
+                           "cat /usr/lib/systemd/system/vantorix-smartctl-helper.service "
+                           "/usr/lib/systemd/system/vantorix-exporter.service")
+                           .out;
     EXPECT_NE(units.find("\nExecStart=/usr/libexec/vantorix/vantorix-smartctl-helper\n"), std::string::npos) << units;
     EXPECT_NE(units.find("\nExecStart=/usr/bin/vantorix-cli serve"), std::string::npos) << units;
 
     if (const testing::VirtualDisplay x; !x.display.empty()) {
-        auto app = testing::RunningProcess::start({"/usr/bin/vantorix"}, {{"DISPLAY", x.display}, {"QT_QPA_PLATFORM", "xcb"}});
+        auto app = testing::RunningProcess::start({"/usr/bin/vantorix"},
+                                                  {{"DISPLAY", x.display}, {"QT_QPA_PLATFORM", "xcb"}});
         EXPECT_EQ(app->readLine(30s), "[Vantorix] App launched and root window created.") << app->standardError();
         app->signal(SIGTERM);
         EXPECT_EQ(app->waitForExit(10s).value_or(-1), 0);

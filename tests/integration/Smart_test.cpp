@@ -51,7 +51,8 @@ TEST(HelperActivation, SocketActivatedDaemonAnswersAndLeavesWhenIdle) {
 
     const auto version = client->ask(versionFrame());
     ASSERT_TRUE(version && std::holds_alternative<protocol::VersionReply>(*version));
-    EXPECT_EQ(std::get<protocol::VersionReply>(*version).version + "\n", runProcess({VANTORIX_HELPER_PATH, "--version"}).out);
+    EXPECT_EQ(std::get<protocol::VersionReply>(*version).version + "\n",
+              runProcess({VANTORIX_HELPER_PATH, "--version"}).out);
     const auto reply = client->ask(fetchFrame(rootDiskName()));
     ASSERT_NE(result(reply), nullptr);
     EXPECT_EQ(result(reply)->jsonData, slurp(kHelperFixture));
@@ -65,7 +66,8 @@ TEST(HelperActivation, SocketActivatedDaemonAnswersAndLeavesWhenIdle) {
     EXPECT_TRUE(fs::is_regular_file(standIn->path()));
 }
 
-std::vector<std::unique_ptr<HelperClient>> clientsAsking(const HelperDaemon& daemon, const std::vector<std::string>& names) {
+std::vector<std::unique_ptr<HelperClient>> clientsAsking(const HelperDaemon& daemon,
+                                                         const std::vector<std::string>& names) {
     std::vector<std::unique_ptr<HelperClient>> clients;
     for (const auto& name : names) {
         clients.push_back(std::make_unique<HelperClient>(daemon.socketPath()));
@@ -198,11 +200,16 @@ TEST(HelperRequests, ChildRunsWithAFixedEnvironmentAndNothingInherited) {
     }
 }
 
-
-const Environment kEnglish{{"LANGUAGE", std::nullopt}, {"LC_ALL", std::nullopt}, {"LC_MESSAGES", std::nullopt},
-                           {"LANG", "en_US.UTF-8"}, {"VANTORIX_LOG", "off"}};
-const Environment kChinese{{"LANGUAGE", "zh_CN:en"}, {"LC_ALL", std::nullopt}, {"LC_MESSAGES", std::nullopt},
-                           {"LANG", "en_US.UTF-8"}, {"VANTORIX_LOG", "off"}};
+const Environment kEnglish{{"LANGUAGE", std::nullopt},
+                           {"LC_ALL", std::nullopt},
+                           {"LC_MESSAGES", std::nullopt},
+                           {"LANG", "en_US.UTF-8"},
+                           {"VANTORIX_LOG", "off"}};
+const Environment kChinese{{"LANGUAGE", "zh_CN:en"},
+                           {"LC_ALL", std::nullopt},
+                           {"LC_MESSAGES", std::nullopt},
+                           {"LANG", "en_US.UTF-8"},
+                           {"VANTORIX_LOG", "off"}};
 
 testing::ProcessResult smart(const std::vector<std::string>& args, const Environment& environment = kEnglish) {
     std::vector<std::string> argv{VANTORIX_CLI_PATH, "smart"};
@@ -284,17 +291,22 @@ TEST(SmartCliHelper, FailuresOfTheHelperSayWhyAtOnce) {
     const Environment nobody{{"VANTORIX_HELPER_SOCKET", "/nonexistent/helper.sock"}};
     const Environment closes{{"VANTORIX_HELPER_SOCKET", closer.path()}};
     const std::vector<std::tuple<Environment, std::vector<std::string>, std::string>> cases = {
-        {with(kEnglish, nobody), {"/"},
+        {with(kEnglish, nobody),
+         {"/"},
          "Enable Permissions: No Vantorix SMART helper running as root answers at /nonexistent/helper.sock "
          "(VANTORIX_HELPER_SOCKET). Start it there as root, then please restart Vantorix.\n"},
-        {with(kChinese, nobody), {"/"}, "需要启用后台权限：/nonexistent/helper.sock（VANTORIX_HELPER_SOCKET）处没有以 root 身份运行的"},
-        {with(kEnglish, {{"VANTORIX_DISABLE_PRIVILEGED_OPERATIONS", "1"}}), {"/"},
+        {with(kChinese, nobody),
+         {"/"},
+         "需要启用后台权限：/nonexistent/helper.sock（VANTORIX_HELPER_SOCKET）处没有以 root 身份运行的"},
+        {with(kEnglish, {{"VANTORIX_DISABLE_PRIVILEGED_OPERATIONS", "1"}}),
+         {"/"},
          "Privileged operations are disabled here (Manual override: VANTORIX_DISABLE_PRIVILEGED_OPERATIONS), so SMART "
          "data cannot be read.\n"},
         {with(kEnglish, closes), {"/"}, ": it closed the connection before answering (VANTORIX_LOG=debug shows why)"},
         {with(kChinese, closes), {"/"}, "的 SMART 数据：它在应答之前关闭了连接"},
         {with(kEnglish, closes), {"/", "--watch"}, ": it closed the connection before answering"},
-        {with(kEnglish, {{"VANTORIX_HELPER_SOCKET", impostor.path()}}), {"/"},
+        {with(kEnglish, {{"VANTORIX_HELPER_SOCKET", impostor.path()}}),
+         {"/"},
          "No Vantorix SMART helper running as root answers at " + impostor.path()},
     };
     for (const auto& [environment, args, message] : cases) {
@@ -386,7 +398,8 @@ TEST_F(SmartPipelineIntegration, NothingIsSentToAListenerThatIsNotRoot) {
     std::promise<HelperConnection::FetchAnswer> answered;
     std::atomic<bool> invalidated{false};
     connection->setInvalidationHandler([&] { invalidated = true; });
-    connection->fetchSmartData("sda", [&](HelperConnection::FetchAnswer answer) { answered.set_value(std::move(answer)); });
+    connection->fetchSmartData("sda",
+                               [&](HelperConnection::FetchAnswer answer) { answered.set_value(std::move(answer)); });
     auto future = answered.get_future();
     ASSERT_EQ(future.wait_for(10s), std::future_status::ready);
     const auto answer = future.get();

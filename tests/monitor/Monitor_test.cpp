@@ -216,13 +216,14 @@ TEST(AggregationCoordinator, DeliversWhatIsPendingWhenAskedTo) {
         {"stop(true) delivers once", {start, 1, 2, stopFlushing, stopFlushing, flush}, {{1, 2}}},
         {"stop(false) delivers nothing", {start, 1, 2, stopDiscarding}, {}},
         {"reset drops pending", {1, 2, reset, 3, flush}, {{3}}},
-        {"samples after a stop wait for the next reset", {start, 1, stopFlushing, 2, reset, start, 3, stopFlushing},
+        {"samples after a stop wait for the next reset",
+         {start, 1, stopFlushing, 2, reset, start, 3, stopFlushing},
          {{1}, {3}}},
     };
     for (const Case& c : cases) {
         Recorder recorder;
-        const auto coordinator =
-            AggregationCoordinator::create(1h, 0ms, [&recorder](Payload p) { recorder.record(p); });
+        const auto coordinator = AggregationCoordinator::create(1h, 0ms,
+                                                                [&recorder](Payload p) { recorder.record(p); });
         recorder.queue = &coordinator->queue();
         for (const std::uint64_t step : c.steps) {
             switch (step) {
@@ -269,7 +270,8 @@ TEST(StatisticsSession, ReadsOneKeptFileAndOpensItAgainOnceAfterAFailure) {
 }
 
 DiskSMARTInfo info(const std::string& status) {
-    return DiskSMARTInfo{status, true, {DiskSMARTInfo::Detail{Uuid::make(), "smart_status.passed", "Passed", "Yes"}}, "smartctl"};
+    return DiskSMARTInfo{
+        status, true, {DiskSMARTInfo::Detail{Uuid::make(), "smart_status.passed", "Passed", "Yes"}}, "smartctl"};
 }
 Outcome outcome(std::optional<DiskSMARTInfo> info, bool asleep = false) {
     return Outcome{std::move(info), asleep, {}, {}};
@@ -288,7 +290,8 @@ struct ScriptedFetch {
 class SmartRefreshTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        monitor_ = DiskIOMonitor::create({std::make_shared<testing::ScriptedBlockDevices>(), std::make_shared<AnyPathOnFakeDisk>(), main_});
+        monitor_ = DiskIOMonitor::create(
+            {std::make_shared<testing::ScriptedBlockDevices>(), std::make_shared<AnyPathOnFakeDisk>(), main_});
         const auto fetch = [f = fetch_](const std::string&, const CancellationToken& token) {
             std::unique_lock lock(f->mutex);
             const std::size_t call = f->times.size();
@@ -331,7 +334,9 @@ protected:
         return fetch_->times.size();
     }
     bool runUntil(const std::function<bool()>& done) { return main_->runUntil(done, 10s); }
-    bool runUntilRounds(std::size_t count) { return runUntil([&] { return rounds_.size() >= count; }); }
+    bool runUntilRounds(std::size_t count) {
+        return runUntil([&] { return rounds_.size() >= count; });
+    }
 
     std::shared_ptr<ManualMainExecutor> main_ = std::make_shared<ManualMainExecutor>();
     std::shared_ptr<ScriptedFetch> fetch_ = std::make_shared<ScriptedFetch>();
@@ -346,8 +351,8 @@ TEST_F(SmartRefreshTest, RoundsPublishOnlyWhatDiffersFieldByField) {
     DiskSMARTInfo reinterpreted = passed;  // the same output read again: fresh row ids
     reinterpreted.details[0].id = Uuid::make();
     script({outcome(passed), outcome(passed), outcome(reinterpreted), outcome({}), outcome({}), outcome(passed),
-                 outcome(std::nullopt, true)},
-                5ms);
+            outcome(std::nullopt, true)},
+           5ms);
     const std::vector<Round> expected{Round::published, Round::identical, Round::published, Round::published,
                                       Round::identical, Round::published, Round::kept};
     select("fake0");

@@ -75,8 +75,8 @@ protected:
     std::string path_;
 };
 
-#define OPEN_OR_SKIP(file)                                                              \
-    auto file = makeFile();                                                             \
+#define OPEN_OR_SKIP(file)  \
+    auto file = makeFile(); \
     if (!file) GTEST_SKIP() << folder_ << " does not take direct I/O on this system"
 
 // Each job on a fresh file: whole blocks counted, progress reported in order, writes kept to the
@@ -90,8 +90,10 @@ TEST_F(QueuedFileTest, JobsMoveWholeBlocksWithinTheirSpanUntilTheirTimeOrByteLim
         std::uint64_t limitBlocks;  // 0: 200 ms instead
     };
     const Case cases[] = {
-        {Pattern::sequential, Direction::read, 65536, 1, 0},  {Pattern::random, Direction::write, 4096, 32, 0},
-        {Pattern::sequential, Direction::write, 65536, 1, 3}, {Pattern::sequential, Direction::write, 65536, 8, 10},
+        {Pattern::sequential, Direction::read, 65536, 1, 0},
+        {Pattern::random, Direction::write, 4096, 32, 0},
+        {Pattern::sequential, Direction::write, 65536, 1, 3},
+        {Pattern::sequential, Direction::write, 65536, 8, 10},
         {Pattern::sequential, Direction::write, 65536, 32, kBlocks},
         {Pattern::sequential, Direction::write, 65536, 8, kBlocks + 2},  // wraps to 0
         {Pattern::random, Direction::write, 65536, 32, 5},
@@ -101,8 +103,12 @@ TEST_F(QueuedFileTest, JobsMoveWholeBlocksWithinTheirSpanUntilTheirTimeOrByteLim
                                           << c.depth << ", " << c.limitBlocks << " blocks");
         OPEN_OR_SKIP(file);
         const bool timed = c.limitBlocks == 0;
-        const QueuedJob job{c.pattern, c.direction, c.block, c.depth,
-                            c.direction == Direction::read ? kSpan + kTail : kSpan, timed ? 200ms : 0ns,
+        const QueuedJob job{c.pattern,
+                            c.direction,
+                            c.block,
+                            c.depth,
+                            c.direction == Direction::read ? kSpan + kTail : kSpan,
+                            timed ? 200ms : 0ns,
                             timed ? std::nullopt : std::optional(c.limitBlocks * c.block)};
         std::vector<std::uint64_t> reported;
         auto figures = file->run(job, {}, [&](std::uint64_t bytes) { reported.push_back(bytes); });

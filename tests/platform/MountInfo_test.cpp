@@ -31,8 +31,8 @@ TEST(MountInfo, FindsTheMountHoldingAPath) {
         {254, 0, "/home/user/file", "/", "/dev/vda"},
         {7, 3, "/mnt/my disk/sub/dir", "/mnt/my disk", "/dev/loop3"},  // after two optional fields
         {7, 4, "/mnt/my disk/inner/x", "/mnt/my disk/inner", "/dev/loop4"},
-        {254, 0, "/mnt/my diskette", "/", "/dev/vda"},       // a name prefix is not a parent
-        {0, 45, "/tmp/a", "/tmp", "tmpfs2"},                 // the topmost of two mounts on one point
+        {254, 0, "/mnt/my diskette", "/", "/dev/vda"},                       // a name prefix is not a parent
+        {0, 45, "/tmp/a", "/tmp", "tmpfs2"},                                 // the topmost of two mounts on one point
         {9, 9, "/mnt/my disk/inner/y", "/mnt/my disk/inner", "/dev/loop4"},  // unknown device: longest mount
     };
     for (const auto& c : cases) {

@@ -21,7 +21,10 @@ namespace {
 namespace fs = std::filesystem;
 
 TEST(SysfsNumbers, DecimalHexadecimalAndHexLiterals) {
-    struct Case { std::string text; std::optional<std::uint64_t> decimal, hex, literal; };
+    struct Case {
+        std::string text;
+        std::optional<std::uint64_t> decimal, hex, literal;
+    };
     const std::vector<Case> cases = {
         {"1953525168", 1953525168, 0x1953525168, std::nullopt},
         {"18446744073709551615", 18446744073709551615u, std::nullopt, std::nullopt},
@@ -41,20 +44,25 @@ TEST(SysfsNumbers, DecimalHexadecimalAndHexLiterals) {
 TEST(BlockStatisticsText, ParsesEveryFieldTheKernelGives) {
     const auto stat = [](std::initializer_list<std::uint64_t> fields) {
         BlockStatistics s;
-        std::uint64_t* target[] = {&s.readsCompleted,    &s.readsMerged,       &s.sectorsRead,      &s.readMilliseconds,
-                                   &s.writesCompleted,   &s.writesMerged,      &s.sectorsWritten,   &s.writeMilliseconds,
-                                   &s.inFlight,          &s.busyMilliseconds,  &s.weightedMilliseconds,
-                                   &s.discardsCompleted, &s.discardsMerged,    &s.sectorsDiscarded, &s.discardMilliseconds,
-                                   &s.flushesCompleted,  &s.flushMilliseconds};
+        std::uint64_t* target[] = {&s.readsCompleted,   &s.readsMerged,          &s.sectorsRead,
+                                   &s.readMilliseconds, &s.writesCompleted,      &s.writesMerged,
+                                   &s.sectorsWritten,   &s.writeMilliseconds,    &s.inFlight,
+                                   &s.busyMilliseconds, &s.weightedMilliseconds, &s.discardsCompleted,
+                                   &s.discardsMerged,   &s.sectorsDiscarded,     &s.discardMilliseconds,
+                                   &s.flushesCompleted, &s.flushMilliseconds};
         std::size_t i = 0;
         for (const auto value : fields) *target[i++] = value;
         return s;
     };
-    struct Case { std::string text; std::optional<BlockStatistics> expected; };
+    struct Case {
+        std::string text;
+        std::optional<BlockStatistics> expected;
+    };
     const std::vector<Case> cases = {
         {"\t1\t2\t3\t4\t5\t6\t7\t8\t9\t10\t11\n", stat({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11})},
         {"1 2 3 4 5 6 7 8 9 10 11 12 13 14 15", stat({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15})},
-        {"1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19", stat({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17})},
+        {"1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19",
+         stat({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17})},
         {"18446744073709551615 0 18446744073709551615 0 1 0 2 0 0 0 0",
          stat({18446744073709551615u, 0, 18446744073709551615u, 0, 1, 0, 2, 0, 0, 0, 0})},
         {"1 2 3 4 5 6 7", std::nullopt},
@@ -71,18 +79,28 @@ TEST(BlockStatisticsText, ParsesEveryFieldTheKernelGives) {
 TEST(SysfsAttributeFile, ReadsTextAndPassesOverWhatIsNotAReadableTextAttribute) {
     const testing::TreeCopy dir;
     const fs::path& d = dir.root();
-    for (const auto& [name, content] : std::vector<std::pair<std::string, std::string>>{
-             {"plain", "Samsung SSD 860 \n"}, {"lines", "MAJOR=8\nMINOR=0\n\n"}, {"empty", ""},
-             {"page", std::string(kMaxAttributeSize, 'a')}, {"too-long", std::string(kMaxAttributeSize + 1, 'a')},
-             {"binary", std::string("\x01\x00\x02\n", 4)}, {"latin1", "Caf\xe9\n"},
-             {"utf8", "\xe9\x9b\xb7\xe9\x9b\xb3\n"}})
+    for (const auto& [name, content] :
+         std::vector<std::pair<std::string, std::string>>{{"plain", "Samsung SSD 860 \n"},
+                                                          {"lines", "MAJOR=8\nMINOR=0\n\n"},
+                                                          {"empty", ""},
+                                                          {"page", std::string(kMaxAttributeSize, 'a')},
+                                                          {"too-long", std::string(kMaxAttributeSize + 1, 'a')},
+                                                          {"binary", std::string("\x01\x00\x02\n", 4)},
+                                                          {"latin1", "Caf\xe9\n"},
+                                                          {"utf8", "\xe9\x9b\xb7\xe9\x9b\xb3\n"}})
         dir.write(name, content);
     fs::create_symlink("plain", d / "a-link");
 
-    struct Case { std::string name; std::optional<std::string> expected; };
+    struct Case {
+        std::string name;
+        std::optional<std::string> expected;
+    };
     const std::vector<Case> cases = {
-        {"plain", "Samsung SSD 860 "}, {"lines", "MAJOR=8\nMINOR=0"}, {"empty", ""},
-        {"page", std::string(kMaxAttributeSize, 'a')}, {"utf8", "\xe9\x9b\xb7\xe9\x9b\xb3"},
+        {"plain", "Samsung SSD 860 "},
+        {"lines", "MAJOR=8\nMINOR=0"},
+        {"empty", ""},
+        {"page", std::string(kMaxAttributeSize, 'a')},
+        {"utf8", "\xe9\x9b\xb7\xe9\x9b\xb3"},
     };
     for (const char* rejected : {"too-long", "binary", "latin1", "a-link", "missing", "..", "../plain"})
         EXPECT_EQ(readAttribute(d, rejected), std::nullopt) << rejected;

@@ -68,14 +68,15 @@ TEST(SysfsBlockDevices, AttachmentFollowsTheDevicesAbove) {
     };
     const LinkState pcieX4{"8.0 GT/s PCIe", 4};
     const std::vector<Case> cases = {
-        {"NVMe over TCP", "nvme-laptop", "nvme0n1",
-         [](auto& t) { t.write(kNvmeController + "/transport", "tcp\n"); }, BusKind::nvmeFabrics, std::nullopt, "tcp"},
+        {"NVMe over TCP", "nvme-laptop", "nvme0n1", [](auto& t) { t.write(kNvmeController + "/transport", "tcp\n"); },
+         BusKind::nvmeFabrics, std::nullopt, "tcp"},
         {"link speed known only to the port above", "nvme-laptop", "nvme0n1",
          [](auto& t) { t.write(kNvmeFunction + "/current_link_speed", "Unknown\n"); }, BusKind::pciExpress, pcieX4, ""},
         {"no width", "nvme-laptop", "nvme0n1", [](auto& t) { fs::remove(t / (kNvmeFunction + "/current_link_width")); },
          BusKind::pciExpress, LinkState{"8.0 GT/s PCIe", std::nullopt}, ""},
-        {"conventional PCI", "sata-disk", "sda", [](auto& t) { fs::remove_all(t / "devices/pci0000:00/0000:00:17.0/ata1/ata_port"); },
-         BusKind::pci, std::nullopt, ""},
+        {"conventional PCI", "sata-disk", "sda",
+         [](auto& t) { fs::remove_all(t / "devices/pci0000:00/0000:00:17.0/ata1/ata_port"); }, BusKind::pci,
+         std::nullopt, ""},
         {"USB 1.0, a partition", "usb-stick", "sdb1", [](auto& t) { t.write(kUsbStick + "/speed", "1.5\n"); },
          BusKind::usb, LinkState{"1.5", std::nullopt}, ""},
         {"SATA link down", "sata-disk", "sda", [](auto& t) { t.write(kSataLink + "/sata_spd", "<unknown>\n"); },

@@ -30,7 +30,8 @@ TEST(SystemdHelperService, MapsUnitStatesAndEnablesThroughSystemctlOrPkexec) {
         for (std::string line; std::getline(in, line);) lines.push_back(line);
         return lines;
     };
-    const std::string loaded = "LoadState=loaded\nFragmentPath=/usr/lib/systemd/system/vantorix-smartctl-helper.socket\n";
+    const std::string loaded =
+        "LoadState=loaded\nFragmentPath=/usr/lib/systemd/system/vantorix-smartctl-helper.socket\n";
     using State = HelperServiceState;
     using F = HelperServiceFailure;
     struct Case {
@@ -46,18 +47,54 @@ TEST(SystemdHelperService, MapsUnitStatesAndEnablesThroughSystemctlOrPkexec) {
     const std::string unit = "vantorix-smartctl-helper.socket";
     const std::string pkexecEnable = "pkexec " + programs.systemctl + " enable --now " + unit;
     const std::vector<Case> cases = {
-        {"missing unit", "LoadState=not-found\n", 0, true, 0, State::unitNotInstalled, std::nullopt,
+        {"missing unit",
+         "LoadState=not-found\n",
+         0,
+         true,
+         0,
+         State::unitNotInstalled,
+         std::nullopt,
          {"systemctl enable --now " + unit}},
-        {"root enables directly", loaded + "UnitFileState=disabled\nActiveState=inactive\n", 0, true, 0, State::notEnabled,
-         std::nullopt, {"systemctl enable --now " + unit}},
-        {"enabled; a read-only command changes nothing", loaded + "UnitFileState=enabled\nActiveState=active\n", 0,
-         false, 0, State::enabled, F::needsAdministrator, {}},
-        {"a user enables through pkexec", loaded + "UnitFileState=disabled\n", 1000, true, 0, State::notEnabled,
-         std::nullopt, {pkexecEnable}},
-        {"the password dialogue dismissed", loaded + "UnitFileState=disabled\n", 1000, true, 126, State::notEnabled,
-         F::needsAdministrator, {pkexecEnable}},
-        {"pkexec runs systemctl, which fails", loaded + "UnitFileState=masked\n", 1000, true, 1, State::notEnabled,
-         F::commandFailed, {pkexecEnable}},
+        {"root enables directly",
+         loaded + "UnitFileState=disabled\nActiveState=inactive\n",
+         0,
+         true,
+         0,
+         State::notEnabled,
+         std::nullopt,
+         {"systemctl enable --now " + unit}},
+        {"enabled; a read-only command changes nothing",
+         loaded + "UnitFileState=enabled\nActiveState=active\n",
+         0,
+         false,
+         0,
+         State::enabled,
+         F::needsAdministrator,
+         {}},
+        {"a user enables through pkexec",
+         loaded + "UnitFileState=disabled\n",
+         1000,
+         true,
+         0,
+         State::notEnabled,
+         std::nullopt,
+         {pkexecEnable}},
+        {"the password dialogue dismissed",
+         loaded + "UnitFileState=disabled\n",
+         1000,
+         true,
+         126,
+         State::notEnabled,
+         F::needsAdministrator,
+         {pkexecEnable}},
+        {"pkexec runs systemctl, which fails",
+         loaded + "UnitFileState=masked\n",
+         1000,
+         true,
+         1,
+         State::notEnabled,
+         F::commandFailed,
+         {pkexecEnable}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);

@@ -83,11 +83,12 @@ TEST(HelperReplies, CarryTheArchivedResultAndDecodeOnlyCompleteRecords) {
         {R"({"jsonData":"{}","commandDescription":"c","standardError":""})", std::nullopt},
     };
     for (const auto& c : cases) {
-        const auto expected =
-            c.status ? std::optional<Reply>(SmartctlExecutionResult{"{}", "c", "", *c.status}) : std::nullopt;
+        const auto expected = c.status ? std::optional<Reply>(SmartctlExecutionResult{"{}", "c", "", *c.status})
+                                       : std::nullopt;
         EXPECT_EQ(parsedReply("{\"result\":" + c.record + "}"), expected) << c.record;
     }
-    for (const std::string bad : {"{}", R"({"error":{"code":1}})", R"({"error":{"domain":"d","code":"1"}})", "[]", "x"}) {
+    for (const std::string bad :
+         {"{}", R"({"error":{"code":1}})", R"({"error":{"domain":"d","code":"1"}})", "[]", "x"}) {
         EXPECT_FALSE(parsedReply(bad).has_value()) << bad;
     }
 }

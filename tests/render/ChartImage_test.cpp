@@ -4,9 +4,9 @@
 #include "render/ChartImageRenderer.h"
 #include "support/ScopedEnvironment.h"
 
+#include <gtest/gtest.h>
 #include <QColor>
 #include <QImage>
-#include <gtest/gtest.h>
 
 namespace vantorix {
 namespace {
@@ -25,7 +25,9 @@ QImage render(const SampleWindow& samples, std::int64_t intervalMs, render::Appe
 }
 
 bool isRead(QColor c) { return c.alpha() > 240 && c.green() > 170 && c.red() < 90 && c.blue() < 120; }
-bool isWrite(QColor c) { return c.alpha() > 240 && c.red() > 230 && c.green() > 110 && c.green() < 180 && c.blue() < 40; }
+bool isWrite(QColor c) {
+    return c.alpha() > 240 && c.red() > 230 && c.green() > 110 && c.green() < 180 && c.blue() < 40;
+}
 bool isWhite(QColor c) { return c.alpha() > 100 && c.red() > 200 && c.green() > 200 && c.blue() > 200; }
 bool isBlack(QColor c) { return c.alpha() > 100 && c.red() < 60 && c.green() < 60 && c.blue() < 60; }
 
@@ -45,14 +47,14 @@ int row(double y) { return static_cast<int>(2160 - y); }
 // The throughput axis then tops out at 100 MB/s, the read line runs at 0.4 of the plot's height
 // and the write line at 0.2; the plot is 220 … 3680 across and 240 … 2000 up.
 SampleWindow knownSamples() {
-    return samplesBy(101, [](std::size_t i) { return i == 0 ? 100'000'000 : 40'000'000; },
-                     [](std::size_t) { return 20'000'000; });
+    return samplesBy(
+        101, [](std::size_t i) { return i == 0 ? 100'000'000 : 40'000'000; }, [](std::size_t) { return 20'000'000; });
 }
 
 TEST(ChartImage, DrawsLinesAxesLegendAndSummaryWhereTheyBelongOrSaysItIsWaiting) {
     // Labels in the label colour of the appearance; the summary keeps white text on its dark box.
-    for (const auto& [lang, appearance] : {std::pair{"en_US.UTF-8", render::Appearance::dark},
-                                           std::pair{"zh_CN.UTF-8", render::Appearance::light}}) {
+    for (const auto& [lang, appearance] :
+         {std::pair{"en_US.UTF-8", render::Appearance::dark}, std::pair{"zh_CN.UTF-8", render::Appearance::light}}) {
         SCOPED_TRACE(lang);
         const ScopedLanguage language(lang);
         const auto isText = appearance == render::Appearance::dark ? isWhite : isBlack;

@@ -116,9 +116,12 @@ TEST(CurlHttpClient, DownloadsArriveWholeAsReadableFilesOrLeaveNothingBehind) {
         std::string subfolder;  // download into this (missing) folder inside the temporary one
     };
     const Case cases[] = {
-        {server.url("/file"), std::nullopt, ""},          {server.url("/go"), std::nullopt, ""},
-        {server.url("/missing"), Kind::badStatus, ""},    {server.url("/cut"), Kind::connectionFailed, ""},
-        {testing::refusingUrl(), Kind::connectionFailed, ""}, {server.url("/file"), Kind::fileError, "absent"},
+        {server.url("/file"), std::nullopt, ""},
+        {server.url("/go"), std::nullopt, ""},
+        {server.url("/missing"), Kind::badStatus, ""},
+        {server.url("/cut"), Kind::connectionFailed, ""},
+        {testing::refusingUrl(), Kind::connectionFailed, ""},
+        {server.url("/file"), Kind::fileError, "absent"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.url + " " + c.subfolder);

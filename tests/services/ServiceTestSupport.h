@@ -34,7 +34,8 @@ public:
     // The names in the folder (hidden ones included).
     std::set<std::string> names() const {
         std::set<std::string> found;
-        for (const auto& entry : std::filesystem::directory_iterator(path_)) found.insert(entry.path().filename().string());
+        for (const auto& entry : std::filesystem::directory_iterator(path_))
+            found.insert(entry.path().filename().string());
         return found;
     }
 

@@ -142,18 +142,21 @@ TEST(Feedback, OnlyAValidFormIsSentAsTrimmedJson) {
         EXPECT_EQ(request.url, "https://service.example/api/feedback");
         EXPECT_EQ(request.headers, (decltype(HttpRequest::headers){{"Content-Type", "application/json"}}));
     }
-    EXPECT_EQ(nlohmann::json::parse(client.sent[0].body),
-              (nlohmann::json{{"feedbackType", "feature"}, {"title", "Dark mode"},
-                              {"content", "Please add a dark chart theme."}, {"relatedProductId", kProductId}}));
+    EXPECT_EQ(nlohmann::json::parse(client.sent[0].body), (nlohmann::json{{"feedbackType", "feature"},
+                                                                          {"title", "Dark mode"},
+                                                                          {"content", "Please add a dark chart theme."},
+                                                                          {"relatedProductId", kProductId}}));
     EXPECT_EQ(nlohmann::json::parse(client.sent[1].body).value("contactEmail", ""), "me@example.org");
     EXPECT_EQ(client.sent[1].timeout, std::chrono::milliseconds(300));
 }
 
 TEST(UpdateCheck, VersionsComparePieceByPiece) {
     const std::tuple<const char*, const char*, bool> cases[] = {
-        {"1.10", "1.9", true},  {"1.2", "1.2.0", false}, {"1.2.0", "1.2", false}, {"1.2b", "1.0", false},
-        {"1.2b", "0.9", true},  {"2..1", "2.0.9", true},  {"1.0.1", "1.0", true},  {"0.9", "1.0", false},
-        {"+2", "1", true},      {"99999999999999999999", "1", false},
+        {"1.10", "1.9", true},   {"1.2", "1.2.0", false},
+        {"1.2.0", "1.2", false}, {"1.2b", "1.0", false},
+        {"1.2b", "0.9", true},   {"2..1", "2.0.9", true},
+        {"1.0.1", "1.0", true},  {"0.9", "1.0", false},
+        {"+2", "1", true},       {"99999999999999999999", "1", false},
     };
     for (const auto& [offered, running, newer] : cases) EXPECT_EQ(isNewerVersion(offered, running), newer) << offered;
 }
@@ -161,8 +164,8 @@ TEST(UpdateCheck, VersionsComparePieceByPiece) {
 TEST(UpdateCheck, AnswersBecomeOnePromptOrOneMessage) {
     const std::string url = "https://downloads.example/Vantorix-2.0.tar.gz";
     const auto product = [](const std::string& version, const std::string& downloadUrl) {
-        return HttpResponse{200, R"({"id":"p1","currentVersion":")" + version + R"(","downloadUrl":")" + downloadUrl +
-                                     R"("})"};
+        return HttpResponse{
+            200, R"({"id":"p1","currentVersion":")" + version + R"(","downloadUrl":")" + downloadUrl + R"("})"};
     };
     struct Case {
         Result<HttpResponse, HttpError> answer;
@@ -224,8 +227,8 @@ TEST(UpdateCheck, CheckerGoneWhileItsCheckRunsCallsNothingBack) {
         response.status = 500;
     });
     auto main = std::make_shared<ManualMainExecutor>();
-    auto checker =
-        UpdateChecker::create({std::make_shared<CurlHttpClient>(), main, {server.url(""), kProductId, ""}, "1.0"});
+    auto checker = UpdateChecker::create(
+        {std::make_shared<CurlHttpClient>(), main, {server.url(""), kProductId, ""}, "1.0"});
     bool called = false;
     ASSERT_TRUE(checker->checkForUpdate([&called](const UpdateCheckOutcome&) { called = true; }));
     ASSERT_TRUE(server.waitForRequests(1, std::chrono::seconds(10)));

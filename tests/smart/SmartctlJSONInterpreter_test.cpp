@@ -66,8 +66,7 @@ TEST(SmartctlJSONInterpreter, FlattensEveryShapeOfJsonIntoNamedRows) {
          {"nvme_smart_health_information_log.temperature_sensors | Temperature Sensors | 35, 41",
           "nvme_smart_health_information_log.media_errors | NVMe Media Errors | 0"}},
         // Paths are looked up as text: a top-level member named "smartctl.version" is the hidden entry.
-        {R"({"nvme_power_states": [{"max_power": {"value": 825, "scale": 2}}], "smartctl.version": 1})",
-         {"<nothing>"}},
+        {R"({"nvme_power_states": [{"max_power": {"value": 825, "scale": 2}}], "smartctl.version": 1})", {"<nothing>"}},
         {R"({"fooBarBaz_qux": "x", "a": null, "b": "", "c": "  ", "d": -3, "e": -0.125, "f": 2.5e-3})",
          {"a | a | <null>", "d | d | -3", "e | e | -0.12", "f | f | 0", "fooBarBaz_qux | foo Bar Baz qux | x"}},
         // Empty containers give no row; a list's own row follows the rows of its container elements.
@@ -113,8 +112,8 @@ TEST(SmartctlJSONInterpreter, GivesNothingForDocumentsWithoutSmartInformation) {
         EXPECT_FALSE(interpret(json::parse(text))) << text;
     }
     // A capability alone is usable information.
-    const auto capableOnly =
-        interpret(json::parse(R"({"smart_support": {"available": false, "enabled": true}})"), "smartctl -a /dev/sda");
+    const auto capableOnly = interpret(json::parse(R"({"smart_support": {"available": false, "enabled": true}})"),
+                                       "smartctl -a /dev/sda");
     ASSERT_TRUE(capableOnly);
     EXPECT_EQ(capableOnly->isCapable, false);
     EXPECT_FALSE(capableOnly->overallStatus);

@@ -28,7 +28,8 @@ TEST(SmartmontoolsBridge, InterpretsAResultOrLogsWhyItCannot) {
             EXPECT_EQ(info->sourceCommand, "smartctl -j -a /dev/sdc");
         }
     }
-    const auto repaired = interpretResult(SmartctlExecutionResult{"{\"model_name\": \"WD\xff\xc3\"}", "c", "", 0}, "sd");
+    const auto repaired = interpretResult(SmartctlExecutionResult{"{\"model_name\": \"WD\xff\xc3\"}", "c", "", 0},
+                                          "sd");
     ASSERT_TRUE(repaired);
     EXPECT_EQ(repaired->details[0].value, "WD\uFFFD\uFFFD");
 }

@@ -39,7 +39,8 @@ protected:
 
 // Each case: the helper service's state, the outcome of two calls, and what the calls cost.
 TEST_F(PrivilegedHelperManagerTest, EnablesRepairsAndRemembersTheOutcome) {
-    const HelperServiceError approval{HelperServiceFailure::needsAdministrator, "the administrator password was not given",
+    const HelperServiceError approval{HelperServiceFailure::needsAdministrator,
+                                      "the administrator password was not given",
                                       "Error executing command as another user: Request dismissed"};
     const HelperServiceError broken{HelperServiceFailure::commandFailed, "systemctl failed", ""};
     struct Case {
@@ -55,12 +56,21 @@ TEST_F(PrivilegedHelperManagerTest, EnablesRepairsAndRemembersTheOutcome) {
     const std::vector<Case> cases = {
         {"enabled", [](Script& s) { s.state = State::enabled; }, true, 0, 0, 0},
         {"stale", stale, true, 1, 1, 0},
-        {"stale, disabling fails while enabled", [&](Script& s) { stale(s); s.disableError = broken; }, false, 0, 1, 0},
+        {"stale, disabling fails while enabled",
+         [&](Script& s) {
+             stale(s);
+             s.disableError = broken;
+         },
+         false, 0, 1, 0},
         {"not enabled", [](Script&) {}, true, 1, 0, 0},
         {"the administrator refused", [&](Script& s) { s.enableError = approval; }, false, 1, 0, 1},
         {"failing", [&](Script& s) { s.enableError = broken; }, false, 1, 0, 0},
         {"needs an administrator: one notification",
-         [&](Script& s) { s.state = State::needsAdministrator; s.enableError = approval; }, false, 1, 0, 1},
+         [&](Script& s) {
+             s.state = State::needsAdministrator;
+             s.enableError = approval;
+         },
+         false, 1, 0, 1},
         {"needs an administrator after enabling", [](Script& s) { s.stateAfterEnabling = State::needsAdministrator; },
          true, 1, 0, 1},
         {"unit file missing", [](Script& s) { s.definitionPath.reset(); }, false, 0, 0, 0},
@@ -75,7 +85,7 @@ TEST_F(PrivilegedHelperManagerTest, EnablesRepairsAndRemembersTheOutcome) {
         EXPECT_EQ(helper->ensureHelperInstalledIfNeeded(), c.installed);
         const int stateReads = service_->calls().stateReads;
         EXPECT_EQ(helper->ensureHelperInstalledIfNeeded(), c.installed);  // answered from memory
-        main_->drain();  // runs the posted approval notifications
+        main_->drain();                                                   // runs the posted approval notifications
         const auto calls = service_->calls();
         EXPECT_EQ(calls.stateReads, stateReads);
         EXPECT_EQ(calls.enables, c.enables);

@@ -3,10 +3,10 @@
 #include <atomic>
 
 #include "platform/linux/SysfsBlockDevices.h"
-#include "support/ScriptedBlockDevices.h"
 #include "smart/SMARTInfoProvider.h"
 #include "support/ManualMainExecutor.h"
 #include "support/ScopedEnvironment.h"
+#include "support/ScriptedBlockDevices.h"
 #include "support/SubstituteHelperService.h"
 
 namespace vantorix {
@@ -29,7 +29,8 @@ TEST(SMARTInfoProviderCandidates, FollowPartitionsStacksAndNvmeControllers) {
     };
     for (const auto& c : cases) {
         SysfsBlockDevices devices(std::string(VANTORIX_TEST_DATA_DIR) + "/sysfs/" + c.machine);
-        EXPECT_EQ(SMARTInfoProvider::candidateNames(c.deviceName, devices), c.candidates) << c.machine << " " << c.deviceName;
+        EXPECT_EQ(SMARTInfoProvider::candidateNames(c.deviceName, devices), c.candidates)
+            << c.machine << " " << c.deviceName;
     }
 }
 

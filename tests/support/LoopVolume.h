@@ -20,8 +20,8 @@ public:
     LoopVolume(const LoopVolume&) = delete;
     LoopVolume& operator=(const LoopVolume&) = delete;
 
-    const std::string& device() const { return device_; }          // "/dev/loop3"
-    std::string deviceName() const { return device_.substr(5); }      // "loop3"
+    const std::string& device() const { return device_; }         // "/dev/loop3"
+    std::string deviceName() const { return device_.substr(5); }  // "loop3"
     const std::string& mountPoint() const { return mountPoint_; }
 
     // Takes the volume apart step by step, as a pulled disk would vanish: unmount, detach the

@@ -88,7 +88,7 @@ ProcessResult runProcess(const std::vector<std::string>& argv, const Environment
 ProcessResult runShell(const std::string& command) { return runProcess({"/bin/sh", "-c", command}); }
 
 std::unique_ptr<RunningProcess> RunningProcess::start(const std::vector<std::string>& argv,
-                                                     const Environment& environment, bool errorsToOutput) {
+                                                      const Environment& environment, bool errorsToOutput) {
     std::unique_ptr<RunningProcess> process(new RunningProcess());
     process->errPath_ = "/tmp/vantorix-test-err-XXXXXX";
     const int err = temporaryFile(process->errPath_);
@@ -118,7 +118,8 @@ std::optional<std::string> RunningProcess::readLine(std::chrono::milliseconds li
             pending_.erase(0, newline + 1);
             return line;
         }
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
+                                                                                std::chrono::steady_clock::now());
         if (left.count() <= 0) return std::nullopt;
         pollfd ready{out_, POLLIN, 0};
         if (::poll(&ready, 1, static_cast<int>(left.count())) <= 0) continue;

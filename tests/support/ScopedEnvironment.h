@@ -40,7 +40,8 @@ private:
 class ScopedLanguage {
 public:
     explicit ScopedLanguage(const std::string& lang) {
-        for (const char* name : {"LANGUAGE", "LC_ALL", "LC_MESSAGES", "LC_NUMERIC"}) environment_.set(name, std::nullopt);
+        for (const char* name : {"LANGUAGE", "LC_ALL", "LC_MESSAGES", "LC_NUMERIC"})
+            environment_.set(name, std::nullopt);
         environment_.set("LANG", lang);
     }
 

@@ -16,9 +16,9 @@ namespace vantorix::testing {
 struct StandInBehaviour {
     enum class Mode { print, hang, flood };
     Mode mode = Mode::print;
-    std::string outputFile;      // print: copied to standard output
-    std::string standardError;   // print: written to standard error
-    int exitStatus = 0;          // print: the exit status
+    std::string outputFile;     // print: copied to standard output
+    std::string standardError;  // print: written to standard error
+    int exitStatus = 0;         // print: the exit status
 };
 
 // A program standing in for smartctl: a small /bin/sh script in a temporary folder of its own,
@@ -58,7 +58,8 @@ public:
         switch (behaviour.mode) {
             case StandInBehaviour::Mode::print:
                 if (!behaviour.outputFile.empty()) script << "cat " << quoted(behaviour.outputFile) << "\n";
-                if (!behaviour.standardError.empty()) script << "printf '%s' " << quoted(behaviour.standardError) << " >&2\n";
+                if (!behaviour.standardError.empty())
+                    script << "printf '%s' " << quoted(behaviour.standardError) << " >&2\n";
                 script << "exit " << behaviour.exitStatus << "\n";
                 break;
             case StandInBehaviour::Mode::hang: script << "exec sleep 1000\n"; break;

@@ -35,17 +35,27 @@ const std::string kEnglish = "en_US.UTF-8";
 const std::string kChinese = "zh_CN.UTF-8";
 
 TEST(ByteCountText, UnitChoiceRoundingAndCarry) {
-    struct Case { std::uint64_t bytes; ByteUnits units; std::string expected; };
+    struct Case {
+        std::uint64_t bytes;
+        ByteUnits units;
+        std::string expected;
+    };
     const std::vector<Case> cases = {
-        {0, kSpeedUnits, "0 B"}, {1'000, kSpeedUnits, "1 KB"},
+        {0, kSpeedUnits, "0 B"},
+        {1'000, kSpeedUnits, "1 KB"},
         {2'500, kSpeedUnits, "3 KB"},  // halves round away from zero, not to even
-        {999'499, kSpeedUnits, "999 KB"}, {999'500, kSpeedUnits, "1 MB"},  // 1000 KB after rounding moves up
+        {999'499, kSpeedUnits, "999 KB"},
+        {999'500, kSpeedUnits, "1 MB"},  // 1000 KB after rounding moves up
         {999'999, ByteUnits::kilobytes | ByteUnits::megabytes, "1 MB"},
         {999'999, ByteUnits::kilobytes, "1,000 KB"},  // no larger unit to move to
-        {1'250'000, kSpeedUnits, "1.3 MB"}, {999'949'999, kSpeedUnits, "999.9 MB"}, {999'950'000, kSpeedUnits, "1 GB"},
-        {2'005'000'000, kSpeedUnits, "2.01 GB"}, {kMax, kSpeedUnits, "18,446,744.07 TB"},
+        {1'250'000, kSpeedUnits, "1.3 MB"},
+        {999'949'999, kSpeedUnits, "999.9 MB"},
+        {999'950'000, kSpeedUnits, "1 GB"},
+        {2'005'000'000, kSpeedUnits, "2.01 GB"},
+        {kMax, kSpeedUnits, "18,446,744.07 TB"},
         {500'000'000, kCapacityUnits, "0.5 GB"},  // below the smallest allowed unit
-        {999'995'000'000, kCapacityUnits, "1 TB"}, {2'500'000'000'000'000, kCapacityUnits, "2.5 PB"},
+        {999'995'000'000, kCapacityUnits, "1 TB"},
+        {2'500'000'000'000'000, kCapacityUnits, "2.5 PB"},
         {kMax, ByteUnits::bytes, "18,446,744,073,709,551,615 B"},
         {999'999'999, ByteUnits::bytes | ByteUnits::gigabytes, "999,999,999 B"},
         {999'999'500, ByteUnits::kilobytes | ByteUnits::gigabytes, "1 GB"},  // carries across a gap
@@ -58,7 +68,10 @@ TEST(ByteCountText, UnitChoiceRoundingAndCarry) {
 
 TEST(ByteCountText, NumberLocaleFromLcAllThenLcNumericThenLang) {
     using Value = std::optional<std::string>;
-    struct Case { Value lcAll, lcNumeric, lang; std::string localeId, text; };
+    struct Case {
+        Value lcAll, lcNumeric, lang;
+        std::string localeId, text;
+    };
     const Value unset;
     const std::vector<Case> cases = {
         {"de_DE.UTF-8", "fr_FR.UTF-8", "en_US.UTF-8", "de_DE", "1.234.567,89 TB"},
@@ -78,10 +91,18 @@ TEST(ByteCountText, NumberLocaleFromLcAllThenLcNumericThenLang) {
 }
 
 TEST(SpeedTexts, ClampRoundAndSuffix) {
-    struct Case { double bytesPerSecond; std::string speed, cardSpeed; };
+    struct Case {
+        double bytesPerSecond;
+        std::string speed, cardSpeed;
+    };
     const std::vector<Case> cases = {
-        {0, "0 B", "0 B"}, {-5, "0 B", "0 B"}, {kNaN, "0 B", "0 B"}, {999.4, "999 B", "999 B"},
-        {999.5, "1 KB", "1 KB"}, {999'950'000, "1 GB", "1 GB"}, {1.5e12, "1.5 TB", "1,500 GB"},
+        {0, "0 B", "0 B"},
+        {-5, "0 B", "0 B"},
+        {kNaN, "0 B", "0 B"},
+        {999.4, "999 B", "999 B"},
+        {999.5, "1 KB", "1 KB"},
+        {999'950'000, "1 GB", "1 GB"},
+        {1.5e12, "1.5 TB", "1,500 GB"},
         {1e30, "9,223,372.04 TB", "9,223,372,036.85 GB"},  // clamped to 2^63
         {kInfinity, "9,223,372.04 TB", "9,223,372,036.85 GB"},
     };
@@ -95,8 +116,11 @@ TEST(SpeedTexts, ClampRoundAndSuffix) {
 }
 
 TEST(OperationRateText, OneFractionDigitRoundedHalfEven) {
-    struct Case { double rate; std::string expected; };
-    const std::vector<Case> cases = {{0, "0"},     {-0.0, "0"},      {0.04, "0"},     {0.05, "0"},
+    struct Case {
+        double rate;
+        std::string expected;
+    };
+    const std::vector<Case> cases = {{0, "0"},      {-0.0, "0"},   {0.04, "0"},     {0.05, "0"},
                                      {0.15, "0.2"}, {0.25, "0.2"}, {12.34, "12.3"}, {1234.56, "1,234.6"}};
     for (const auto& c : cases) {
         for (const auto& [lcAll, suffix] : {std::pair{kEnglish, "/s"}, std::pair{kChinese, "/秒"}}) {
@@ -107,10 +131,15 @@ TEST(OperationRateText, OneFractionDigitRoundedHalfEven) {
 }
 
 TEST(TotalBytesText, ZeroTextAndCapAtTwoToThe63) {
-    struct Case { std::uint64_t bytes; std::string english, chinese; };
+    struct Case {
+        std::uint64_t bytes;
+        std::string english, chinese;
+    };
     const std::vector<Case> cases = {
-        {0, "0 Bytes", "0 字节"}, {1'500'000, "1.5 MB", "1.5 MB"},
-        {kTwoToThe63 - 1, "9,223,372.04 TB", "9,223,372.04 TB"}, {kTwoToThe63, "9,223,372.04 TB+", "9,223,372.04 TB+"},
+        {0, "0 Bytes", "0 字节"},
+        {1'500'000, "1.5 MB", "1.5 MB"},
+        {kTwoToThe63 - 1, "9,223,372.04 TB", "9,223,372.04 TB"},
+        {kTwoToThe63, "9,223,372.04 TB+", "9,223,372.04 TB+"},
         {kMax, "9,223,372.04 TB+", "9,223,372.04 TB+"},
     };
     for (const auto& c : cases) {
@@ -122,14 +151,23 @@ TEST(TotalBytesText, ZeroTextAndCapAtTwoToThe63) {
 }
 
 TEST(DurationText, ThresholdsUnitsAndAgo) {
-    struct Case { double milliseconds; std::string english, englishAgo, chinese, chineseAgo; };
+    struct Case {
+        double milliseconds;
+        std::string english, englishAgo, chinese, chineseAgo;
+    };
     const std::vector<Case> cases = {
-        {-20, "0 ms", "0", "0 毫秒", "0"}, {kNaN, "0 ms", "0", "0 毫秒", "0"}, {0.4, "0 ms", "0", "0 毫秒", "0"},
-        {0.5, "1 ms", "1 ms ago", "1 毫秒", "1 毫秒前"}, {999.4, "999 ms", "999 ms ago", "999 毫秒", "999 毫秒前"},
+        {-20, "0 ms", "0", "0 毫秒", "0"},
+        {kNaN, "0 ms", "0", "0 毫秒", "0"},
+        {0.4, "0 ms", "0", "0 毫秒", "0"},
+        {0.5, "1 ms", "1 ms ago", "1 毫秒", "1 毫秒前"},
+        {999.4, "999 ms", "999 ms ago", "999 毫秒", "999 毫秒前"},
         {999.6, "1000 ms", "1000 ms ago", "1000 毫秒", "1000 毫秒前"},  // rounded after the threshold test
-        {1'000, "1 s", "1 s ago", "1 秒", "1 秒前"}, {1'234, "1.23 s", "1.23 s ago", "1.23 秒", "1.23 秒前"},
-        {59'999, "60 s", "60 s ago", "60 秒", "60 秒前"}, {60'000, "1 min", "1 min ago", "1 分钟", "1 分钟前"},
-        {3'599'999, "60 min", "60 min ago", "60 分钟", "60 分钟前"}, {7'200'000, "2 h", "2 h ago", "2 小时", "2 小时前"},
+        {1'000, "1 s", "1 s ago", "1 秒", "1 秒前"},
+        {1'234, "1.23 s", "1.23 s ago", "1.23 秒", "1.23 秒前"},
+        {59'999, "60 s", "60 s ago", "60 秒", "60 秒前"},
+        {60'000, "1 min", "1 min ago", "1 分钟", "1 分钟前"},
+        {3'599'999, "60 min", "60 min ago", "60 分钟", "60 分钟前"},
+        {7'200'000, "2 h", "2 h ago", "2 小时", "2 小时前"},
         {3'600'000'000, "1,000 h", "1,000 h ago", "1,000 小时", "1,000 小时前"},
     };
     for (const auto& c : cases) {
@@ -143,9 +181,12 @@ TEST(DurationText, ThresholdsUnitsAndAgo) {
 }
 
 TEST(NumberTexts, PosixDecimalIgnoresTheUsersLocale) {
-    struct Case { double value; std::string expected; };
-    const std::vector<Case> cases = {{2.5, "2.5"},     {8, "8"},   {2.345, "2.34"},     {2.355, "2.36"},
-                                     {0.004, "0"},     {-0.0, "0"}, {1234.5, "1234.5"}, {5e9, "5000000000"}};
+    struct Case {
+        double value;
+        std::string expected;
+    };
+    const std::vector<Case> cases = {{2.5, "2.5"}, {8, "8"},    {2.345, "2.34"},    {2.355, "2.36"},
+                                     {0.004, "0"}, {-0.0, "0"}, {1234.5, "1234.5"}, {5e9, "5000000000"}};
     for (const char* lcAll : {"de_DE.UTF-8", "C"}) {
         const ScopedLocale locale(lcAll);
         for (const auto& c : cases) EXPECT_EQ(posixDecimalText(c.value), c.expected) << lcAll << ' ' << c.value;
@@ -153,7 +194,9 @@ TEST(NumberTexts, PosixDecimalIgnoresTheUsersLocale) {
 }
 
 TEST(NumberTexts, DecimalPercentAndUpperCaseFollowTheNumberLocale) {
-    struct Case { std::string lcAll, decimal, fixedTwo, percent, wholePercent, upper; };
+    struct Case {
+        std::string lcAll, decimal, fixedTwo, percent, wholePercent, upper;
+    };
     const std::vector<Case> cases = {
         {"en_US.UTF-8", "1,234.5", "3.00", "12.5%", "100%", "ISO9660"},
         {"de_DE.UTF-8", "1.234,5", "3,00", "12,5\u00a0%", "100\u00a0%", "ISO9660"},

@@ -15,10 +15,17 @@ namespace {
 using testing::ScopedEnvironment;
 
 TEST(LanguageRule, FirstPreferredLanguageContainingZhSelectsChinese) {
-    struct Case { std::vector<std::string> languages; bool english; };
+    struct Case {
+        std::vector<std::string> languages;
+        bool english;
+    };
     const std::vector<Case> cases = {
-        {{"zh-Hans-CN", "en-US"}, false}, {{"en-US", "zh-Hans-CN"}, true}, {{}, true},
-        {{"ZH-TW"}, false},               {{"zh"}, false},                 {{"de-DE", "zh-Hans"}, true},
+        {{"zh-Hans-CN", "en-US"}, false},
+        {{"en-US", "zh-Hans-CN"}, true},
+        {{}, true},
+        {{"ZH-TW"}, false},
+        {{"zh"}, false},
+        {{"de-DE", "zh-Hans"}, true},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(isEnglishFor(c.languages), c.english) << (c.languages.empty() ? "(empty)" : c.languages[0]);
@@ -27,7 +34,11 @@ TEST(LanguageRule, FirstPreferredLanguageContainingZhSelectsChinese) {
 
 TEST(LanguageRule, LanguageThenLcAllThenLcMessagesThenLang) {
     using Value = std::optional<std::string>;
-    struct Case { Value language, lcAll, lcMessages, lang; std::vector<std::string> expected; bool english; };
+    struct Case {
+        Value language, lcAll, lcMessages, lang;
+        std::vector<std::string> expected;
+        bool english;
+    };
     const Value unset;
     const std::vector<Case> cases = {
         {"zh_CN:en_US", "en_US.UTF-8", unset, "en_US.UTF-8", {"zh_CN", "en_US"}, false},

@@ -37,8 +37,7 @@ TEST(Messages, EachMessageInBothLanguages) {
          "Write phase failed.设备上没有剩余空间。", "Write phase failed. No space left on device."},
         {"cause without a text of its own", [] { return systemErrorText(ENOTSUP); },
          "系统错误 95（Operation not supported）", "Operation not supported (error 95)"},
-        {"values with braces", [] { return chartExportFailed("{0} {}"); }, "导出失败：{0} {}",
-         "Export failed: {0} {}"},
+        {"values with braces", [] { return chartExportFailed("{0} {}"); }, "导出失败：{0} {}", "Export failed: {0} {}"},
     };
     for (const auto& c : cases) {
         {

@@ -1,5 +1,5 @@
-#include "text/Trim.h"
 #include "text/Utf8.h"
+#include "text/Trim.h"
 
 #include <gtest/gtest.h>
 
@@ -23,12 +23,12 @@ TEST(Utf8, IllFormedSequencesBecomeOneReplacementEach) {
         {"标题 € \U0001F468", true, "标题 € \U0001F468"},
         {std::string("a\0b", 3), true, std::string("a\0b", 3)},
         {"Bad\xff\xfeName", false, "Bad" + kReplacement + kReplacement + "Name"},
-        {"\xc0\xaf", false, kReplacement + kReplacement},                // an overlong "/"
-        {"\xed\xa0\x80", false, kReplacement + kReplacement + kReplacement},  // a surrogate
+        {"\xc0\xaf", false, kReplacement + kReplacement},                                        // an overlong "/"
+        {"\xed\xa0\x80", false, kReplacement + kReplacement + kReplacement},                     // a surrogate
         {"\xf4\x90\x80\x80", false, kReplacement + kReplacement + kReplacement + kReplacement},  // past U+10FFFF
-        {"\xe2\x82", false, kReplacement},                               // cut off: one maximal subpart
+        {"\xe2\x82", false, kReplacement},  // cut off: one maximal subpart
         {"x\xe2\x82y\xf0\x9f\x98", false, "x" + kReplacement + "y" + kReplacement},
-        {"\x80\xbf", false, kReplacement + kReplacement},                // stray continuation bytes
+        {"\x80\xbf", false, kReplacement + kReplacement},  // stray continuation bytes
     };
     for (const auto& c : cases) {
         EXPECT_EQ(isValidUtf8(c.bytes), c.valid) << c.bytes;

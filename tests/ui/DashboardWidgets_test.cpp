@@ -87,7 +87,11 @@ struct Graph {
 };
 
 TEST(DiskIOGraphCanvas, PaintsNoneSomeAndAFullWindowOfSamples) {
-    struct Case { std::size_t samples; std::size_t points; const char* screenshot; };
+    struct Case {
+        std::size_t samples;
+        std::size_t points;
+        const char* screenshot;
+    };
     const Case cases[] = {{0, 0, "graph-empty"}, {10, 10, "graph-10-samples"}, {300, 256, "graph-300-samples"}};
     const ScopedLanguage english("en_US.UTF-8");
     for (const Case& c : cases) {
@@ -105,7 +109,11 @@ TEST(DiskIOGraphCanvas, PaintsNoneSomeAndAFullWindowOfSamples) {
 // The limits of the zoom are GraphGeometry's; here, that the wheel reaches them.
 TEST(DiskIOGraphCanvas, CtrlWheelCommitsAZoom) {
     // Small steps add up until the zoom changes by 1 %.
-    struct Case { std::vector<int> angles; double expected; int signals; };
+    struct Case {
+        std::vector<int> angles;
+        double expected;
+        int signals;
+    };
     for (const Case& c : {Case{{120}, 1.1, 1}, Case{{8}, 1, 0}, Case{{8, 8}, std::pow(1.1, 16.0 / 120), 1}}) {
         Graph graph;
         graph.append(40);
@@ -118,8 +126,12 @@ TEST(DiskIOGraphCanvas, CtrlWheelCommitsAZoom) {
 
 // Where a drag stops is GraphGeometry's; here, that a drag moves the graph and commits the offset.
 TEST(DiskIOGraphCanvas, DragCommitsAReachableOffset) {
-    struct Case { const char* name; double scale, dx, shift; };
-    const Case cases[] = {{"scale 2: left by 200", 2, -200, -200}, {"under 10 px is no drag", 2, -8, 0},
+    struct Case {
+        const char* name;
+        double scale, dx, shift;
+    };
+    const Case cases[] = {{"scale 2: left by 200", 2, -200, -200},
+                          {"under 10 px is no drag", 2, -8, 0},
                           {"scale 1: nothing moves", 1, -200, 0}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -204,12 +216,11 @@ void show(VolumeControlPanel& panel, const DiskVolumeDescriptor& volume, const P
     panel.setContent(dashboard::volumePanelContent(monitor, tester, {"", std::nullopt, true, std::nullopt}));
 }
 
-
 // A drive held back by its link, after a queue-depth test: the ceiling and an orange warning among
 // the facts, and the mode, the profiles and the share of the ceiling in the strip.
 TEST(VolumeControlPanel, ShowsTheLinkCeilingWhileTheVolumeHasOneAndAQueueDepthResultInTheStrip) {
-    for (const auto& [lang, dark] : {std::pair{"en_US.UTF-8", false}, {"en_US.UTF-8", true}, {"zh_CN.UTF-8", false},
-                                     {"zh_CN.UTF-8", true}}) {
+    for (const auto& [lang, dark] :
+         {std::pair{"en_US.UTF-8", false}, {"en_US.UTF-8", true}, {"zh_CN.UTF-8", false}, {"zh_CN.UTF-8", true}}) {
         const ScopedLanguage language(lang);
         const ScopedScheme scheme(dark);
         DiskVolumeDescriptor volume = nvmeVolume(1);

@@ -11,11 +11,11 @@
 #include <string>
 #include <vector>
 
+#include "ScopedScheme.h"
 #include "platform/linux/CurlHttpClient.h"
 #include "services/HttpTestServer.h"
 #include "services/QrCode.h"
 #include "services/ServiceTestSupport.h"
-#include "ScopedScheme.h"
 #include "support/ScopedEnvironment.h"
 #include "ui/AboutVantorixView.h"
 #include "ui/FeedbackFormView.h"
@@ -32,9 +32,14 @@ using vantorix::testing::TemporaryFolder;
 constexpr const char* kContactLink = "https://u.wechat.com/vantorix-support";
 
 // Both languages in the light and the dark scheme.
-struct Look { const char* lang; bool dark; };
+struct Look {
+    const char* lang;
+    bool dark;
+};
 const Look kLooks[] = {{"en_US.UTF-8", false}, {"en_US.UTF-8", true}, {"zh_CN.UTF-8", false}, {"zh_CN.UTF-8", true}};
-std::string lookName(const Look& look) { return std::string(look.lang).substr(0, 2) + (look.dark ? "-dark" : "-light"); }
+std::string lookName(const Look& look) {
+    return std::string(look.lang).substr(0, 2) + (look.dark ? "-dark" : "-light");
+}
 bool english(const Look& look) { return std::string(look.lang).starts_with("en"); }
 
 // Saves the window with its open alert drawn on top, as a person sees the pair.
@@ -111,18 +116,20 @@ TEST(ServiceWindows, AboutChecksOnceAndDownloadsAndFeedbackIsLimitedAndSentOnce)
         Service service;
         Gate checking, submitting;
         std::string offered = "2.0";
-        service.server.get("/api/products/vx7k2m9q4r8t1w5y3z6b0c2d4", [&](const httplib::Request&, httplib::Response& response) {
-            checking.wait();
-            response.set_content(R"({"id":"p","currentVersion":")" + offered + R"(","downloadUrl":")" +
-                                     service.server.url("/files/vantorix-2.0.deb") + "\"}",
-                                 "application/json");
-        });
+        service.server.get(
+            "/api/products/vx7k2m9q4r8t1w5y3z6b0c2d4", [&](const httplib::Request&, httplib::Response& response) {
+                checking.wait();
+                response.set_content(R"({"id":"p","currentVersion":")" + offered + R"(","downloadUrl":")" +
+                                         service.server.url("/files/vantorix-2.0.deb") + "\"}",
+                                     "application/json");
+            });
         service.server.get("/files/vantorix-2.0.deb", [](const httplib::Request&, httplib::Response& response) {
             response.set_content("package", "application/octet-stream");
         });
         TemporaryFolder downloads;
         const auto opener = std::make_shared<RecordingOpener>();
-        const auto checker = services::UpdateChecker::create({service.client, service.main, service.configuration, "1.9.9"});
+        const auto checker = services::UpdateChecker::create(
+            {service.client, service.main, service.configuration, "1.9.9"});
         AboutVantorixView about({checker, kContactLink, "1.9.9", "42", [&] { return downloads.string(); }, opener});
         about.resize(420, 380);
         about.show();
@@ -158,7 +165,8 @@ TEST(ServiceWindows, AboutChecksOnceAndDownloadsAndFeedbackIsLimitedAndSentOnce)
             response.status = 201;
             response.set_content(R"({"success":true,"id":"abc"})", "application/json");
         });
-        FeedbackFormView form(services::FeedbackSubmitter::create({service.client, service.main, service.configuration}));
+        FeedbackFormView form(
+            services::FeedbackSubmitter::create({service.client, service.main, service.configuration}));
         form.resize(520, 560);
         form.show();
         ASSERT_TRUE(QTest::qWaitForWindowExposed(&form));

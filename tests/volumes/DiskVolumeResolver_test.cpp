@@ -55,7 +55,8 @@ TEST(DiskVolumeResolver, ConnectionOfEachBus) {
     const std::vector<std::pair<BlockAttachment, Metadata>> cases{
         {numbered, {"USB 3.0", "5Gbps", "0x1234", "0x00AB"}},
         {attached(BusKind::usb, LinkState{"1.5", std::nullopt}), {"USB 1.0", "1.5Mbps", std::nullopt, std::nullopt}},
-        {attached(BusKind::usb, LinkState{"20000", std::nullopt}), {"USB 3.2 Gen2x2", "20Gbps", std::nullopt, std::nullopt}},
+        {attached(BusKind::usb, LinkState{"20000", std::nullopt}),
+         {"USB 3.2 Gen2x2", "20Gbps", std::nullopt, std::nullopt}},
         {thunderbolt, {"Thunderbolt 3", "40Gbps", std::nullopt, std::nullopt}},
         {attached(BusKind::thunderbolt), {"Thunderbolt", std::nullopt, std::nullopt, std::nullopt}},
         {fabric, {"NVMe over TCP", std::nullopt, std::nullopt, std::nullopt}},

@@ -21,7 +21,6 @@
 
 namespace vantorix {
 
-
 namespace {
 
 using Kind = HttpError::Kind;
@@ -65,9 +64,7 @@ std::string withDetail(std::string_view chinese, std::string_view english, std::
     return text + text::localized("（", " (") + std::string(detail) + text::localized("）", ")");
 }
 
-HttpError invalidUrlError() {
-    return {Kind::invalidUrl, text::localized("网址无效", "The URL is not valid")};
-}
+HttpError invalidUrlError() { return {Kind::invalidUrl, text::localized("网址无效", "The URL is not valid")}; }
 
 HttpError tooLargeError() {
     return {Kind::tooLarge, text::localized("服务器的回应过大", "The server's answer is too large")};
@@ -85,48 +82,45 @@ HttpError preparationError() {
 HttpError errorFor(CURLcode code, const char* errorBuffer) {
     const std::string_view detail = errorBuffer[0] != '\0' ? errorBuffer : curl_easy_strerror(code);
     switch (code) {
-    // The URL itself was checked before the transfer, so these come from a redirect.
-    case CURLE_UNSUPPORTED_PROTOCOL:
-    case CURLE_URL_MALFORMAT:
-        return {Kind::invalidUrl,
-                text::localized("服务器转向了不允许的网址", "The server redirected to a URL that is not allowed")};
-    case CURLE_COULDNT_RESOLVE_PROXY:
-    case CURLE_COULDNT_RESOLVE_HOST:
-    case CURLE_COULDNT_CONNECT:
-    case CURLE_INTERFACE_FAILED:
-    case CURLE_PROXY:
-    case CURLE_SSL_CONNECT_ERROR:
-    case CURLE_PEER_FAILED_VERIFICATION:
-    case CURLE_SSL_CERTPROBLEM:
-    case CURLE_SSL_CIPHER:
-    case CURLE_SSL_CACERT_BADFILE:
-    case CURLE_SSL_CRL_BADFILE:
-    case CURLE_SSL_ISSUER_ERROR:
-    case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
-    case CURLE_SSL_INVALIDCERTSTATUS:
-    case CURLE_SSL_ENGINE_NOTFOUND:
-    case CURLE_SSL_ENGINE_SETFAILED:
-    case CURLE_SSL_ENGINE_INITFAILED:
-        return {Kind::connectionFailed, withDetail("无法连接到服务器", "Could not connect to the server", detail)};
-    case CURLE_PARTIAL_FILE:
-    case CURLE_RECV_ERROR:
-    case CURLE_SEND_ERROR:
-    case CURLE_GOT_NOTHING:
-    case CURLE_HTTP2:
-    case CURLE_HTTP2_STREAM:
-        return {Kind::connectionFailed,
-                text::localized("与服务器的连接中断", "The connection to the server broke off")};
-    case CURLE_OPERATION_TIMEDOUT:
-        return {Kind::timedOut, text::localized("请求超时", "The request timed out")};
-    case CURLE_FILESIZE_EXCEEDED:
-        return tooLargeError();
-    case CURLE_TOO_MANY_REDIRECTS:
-        return {Kind::other, text::localized("重定向次数过多", "The server redirected too many times")};
-    case CURLE_WEIRD_SERVER_REPLY:
-    case CURLE_BAD_CONTENT_ENCODING:
-        return {Kind::other, withDetail("服务器的回应无效", "The server's answer is not valid", detail)};
-    default:
-        return {Kind::other, withDetail("请求失败", "The request failed", detail)};
+        // The URL itself was checked before the transfer, so these come from a redirect.
+        case CURLE_UNSUPPORTED_PROTOCOL:
+        case CURLE_URL_MALFORMAT:
+            return {Kind::invalidUrl,
+                    text::localized("服务器转向了不允许的网址", "The server redirected to a URL that is not allowed")};
+        case CURLE_COULDNT_RESOLVE_PROXY:
+        case CURLE_COULDNT_RESOLVE_HOST:
+        case CURLE_COULDNT_CONNECT:
+        case CURLE_INTERFACE_FAILED:
+        case CURLE_PROXY:
+        case CURLE_SSL_CONNECT_ERROR:
+        case CURLE_PEER_FAILED_VERIFICATION:
+        case CURLE_SSL_CERTPROBLEM:
+        case CURLE_SSL_CIPHER:
+        case CURLE_SSL_CACERT_BADFILE:
+        case CURLE_SSL_CRL_BADFILE:
+        case CURLE_SSL_ISSUER_ERROR:
+        case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+        case CURLE_SSL_INVALIDCERTSTATUS:
+        case CURLE_SSL_ENGINE_NOTFOUND:
+        case CURLE_SSL_ENGINE_SETFAILED:
+        case CURLE_SSL_ENGINE_INITFAILED:
+            return {Kind::connectionFailed, withDetail("无法连接到服务器", "Could not connect to the server", detail)};
+        case CURLE_PARTIAL_FILE:
+        case CURLE_RECV_ERROR:
+        case CURLE_SEND_ERROR:
+        case CURLE_GOT_NOTHING:
+        case CURLE_HTTP2:
+        case CURLE_HTTP2_STREAM:
+            return {Kind::connectionFailed,
+                    text::localized("与服务器的连接中断", "The connection to the server broke off")};
+        case CURLE_OPERATION_TIMEDOUT: return {Kind::timedOut, text::localized("请求超时", "The request timed out")};
+        case CURLE_FILESIZE_EXCEEDED: return tooLargeError();
+        case CURLE_TOO_MANY_REDIRECTS:
+            return {Kind::other, text::localized("重定向次数过多", "The server redirected too many times")};
+        case CURLE_WEIRD_SERVER_REPLY:
+        case CURLE_BAD_CONTENT_ENCODING:
+            return {Kind::other, withDetail("服务器的回应无效", "The server's answer is not valid", detail)};
+        default: return {Kind::other, withDetail("请求失败", "The request failed", detail)};
     }
 }
 
@@ -255,7 +249,7 @@ private:
 struct FileSink {
     CURL* handle = nullptr;
     int fd = -1;
-    int error = 0;              // errno of a failed write
+    int error = 0;               // errno of a failed write
     bool refusedStatus = false;  // the answer's status is not a success; its body is not wanted
 };
 
@@ -349,7 +343,7 @@ std::optional<std::string> fileNameFromContentDisposition(std::string_view value
         std::string_view name = value.substr(nameStart, i - nameStart);
         while (!name.empty() && isSpace(name.back())) name.remove_suffix(1);
         if (i >= value.size() || value[i] == ';') continue;  // a parameter without a value
-        ++i;  // past '='
+        ++i;                                                 // past '='
         while (i < value.size() && isSpace(value[i])) ++i;
 
         std::string parameter;
@@ -392,7 +386,8 @@ Result<HttpResponse, HttpError> CurlHttpClient::send(const HttpRequest& request)
         if (!isValidHeaderName(name) || !isValidHeaderValue(value))
             return Failure{HttpError{Kind::other, text::localized("请求头无效", "A request header is not valid")}};
         // "Name;" is libcurl's way of sending a header with an empty value.
-        if (!appendHeader(headers, value.empty() ? name + ";" : name + ": " + value)) return Failure{preparationError()};
+        if (!appendHeader(headers, value.empty() ? name + ";" : name + ": " + value))
+            return Failure{preparationError()};
     }
 
     // A time-out of zero would mean none at all to libcurl; the shortest one is meant.
@@ -401,7 +396,8 @@ Result<HttpResponse, HttpError> CurlHttpClient::send(const HttpRequest& request)
     MemorySink sink;
     Options options(handle.get());
     setCommonOptions(options, request.url, errorBuffer, std::min(kConnectTimeout, timeout));
-    options.set(CURLOPT_TIMEOUT_MS, static_cast<long>(std::min<std::chrono::milliseconds::rep>(timeout.count(), LONG_MAX)))
+    options
+        .set(CURLOPT_TIMEOUT_MS, static_cast<long>(std::min<std::chrono::milliseconds::rep>(timeout.count(), LONG_MAX)))
         .set(CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(kMaximumBodyBytes))
         .set(CURLOPT_WRITEFUNCTION, &writeToMemory)
         .set(CURLOPT_WRITEDATA, &sink);
@@ -455,8 +451,7 @@ Result<HttpDownload, HttpError> CurlHttpClient::download(const std::string& url,
     char* effectiveUrl = nullptr;
     if (curl_easy_getinfo(handle.get(), CURLINFO_EFFECTIVE_URL, &effectiveUrl) == CURLE_OK && effectiveUrl != nullptr)
         result.finalUrl = effectiveUrl;
-    else
-        result.finalUrl = url;
+    else result.finalUrl = url;
     result.temporaryPath = file.keep();
     return result;
 }

@@ -26,8 +26,7 @@ public:
     CurlHttpClient();
 
     Result<HttpResponse, HttpError> send(const HttpRequest& request) override;
-    Result<HttpDownload, HttpError> download(const std::string& url,
-                                                                 const std::string& directory) override;
+    Result<HttpDownload, HttpError> download(const std::string& url, const std::string& directory) override;
 };
 
 // The file name a Content-Disposition header value names, exactly as sent (not made safe):

@@ -59,13 +59,17 @@ SystemdHelperService::SystemdHelperService(RegistrationPolicy policy, SystemdPro
 
 std::string SystemdHelperService::mechanism() const { return fmt::format("systemd socket unit {}", kHelperSocketUnit); }
 
-std::string SystemdHelperService::definitionName() const { return fmt::format("the unit file of {}", kHelperSocketUnit); }
+std::string SystemdHelperService::definitionName() const {
+    return fmt::format("the unit file of {}", kHelperSocketUnit);
+}
 
 std::optional<std::string> SystemdHelperService::property(std::string_view unit, std::string_view name) {
-    auto run = runCommand({programs_.systemctl, "show", "--property=" + std::string(name), "--value", std::string(unit)}, 10000ms);
+    auto run = runCommand(
+        {programs_.systemctl, "show", "--property=" + std::string(name), "--value", std::string(unit)}, 10000ms);
     if (!run.ok() || run.value().exitStatus != 0) {
-        logger().error("systemctl show {} of {} failed: {}", name, unit,
-                       run.ok() ? "status " + std::to_string(run.value().exitStatus) + " " + run.value().err : run.error());
+        logger().error(
+            "systemctl show {} of {} failed: {}", name, unit,
+            run.ok() ? "status " + std::to_string(run.value().exitStatus) + " " + run.value().err : run.error());
         return std::nullopt;
     }
     std::string value = run.value().out;
@@ -124,8 +128,9 @@ HelperServiceState SystemdHelperService::state() {
 Result<Unit, HelperServiceError> SystemdHelperService::systemctl(const std::string& verb) {
     std::vector<std::string> command{programs_.systemctl, verb, "--now", std::string(kHelperSocketUnit)};
     if (!mayChangeUnits()) {
-        return Failure{failure(HelperServiceFailure::needsAdministrator,
-                               fmt::format("an administrator has to run: sudo systemctl {} --now {}", verb, kHelperSocketUnit))};
+        return Failure{
+            failure(HelperServiceFailure::needsAdministrator,
+                    fmt::format("an administrator has to run: sudo systemctl {} --now {}", verb, kHelperSocketUnit))};
     }
     const bool throughPkexec = effectiveUserId_ != 0;
     if (throughPkexec) command.insert(command.begin(), programs_.pkexec);
@@ -199,7 +204,8 @@ Result<Unit, HelperServiceError> StandaloneHelperService::enable() {
         return failure(HelperServiceFailure::helperDidNotStart, std::move(description));
     };
     std::string pattern = (::access("/run", W_OK) == 0 ? "/run" : "/tmp") + std::string("/vantorix-helper.XXXXXX");
-    if (::mkdtemp(pattern.data()) == nullptr) return Failure{didNotStart("cannot make a folder for the helper's socket")};
+    if (::mkdtemp(pattern.data()) == nullptr)
+        return Failure{didNotStart("cannot make a folder for the helper's socket")};
     folder_ = pattern;  // mkdtemp makes it 0700: only root reaches the socket through it
     const std::string socket = folder_ + "/helper.sock";
     const std::vector<std::string> command{helperProgram_, "--socket", socket};
@@ -258,11 +264,13 @@ HelperServiceState ExternalHelperService::state() {
 }
 
 Result<Unit, HelperServiceError> ExternalHelperService::enable() {
-    return Failure{failure(HelperServiceFailure::needsAdministrator, "no SMART helper running as root answers at " + socketPath_)};
+    return Failure{
+        failure(HelperServiceFailure::needsAdministrator, "no SMART helper running as root answers at " + socketPath_)};
 }
 
 Result<Unit, HelperServiceError> ExternalHelperService::disable() {
-    return Failure{failure(HelperServiceFailure::notManagedHere, "the helper at " + socketPath_ + " is not run by Vantorix")};
+    return Failure{
+        failure(HelperServiceFailure::notManagedHere, "the helper at " + socketPath_ + " is not run by Vantorix")};
 }
 
 }  // namespace vantorix

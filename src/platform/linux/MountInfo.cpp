@@ -86,7 +86,8 @@ std::optional<MountInfoEntry> findMount(const std::vector<MountInfoEntry>& entri
     const MountInfoEntry* bestAnyDevice = nullptr;
     for (const auto& entry : entries) {
         if (!mountPointContains(entry.mountPoint, path)) continue;
-        if (bestAnyDevice == nullptr || entry.mountPoint.size() >= bestAnyDevice->mountPoint.size()) bestAnyDevice = &entry;
+        if (bestAnyDevice == nullptr || entry.mountPoint.size() >= bestAnyDevice->mountPoint.size())
+            bestAnyDevice = &entry;
         if (entry.major != major || entry.minor != minor) continue;
         if (best == nullptr || entry.mountPoint.size() >= best->mountPoint.size()) best = &entry;
     }

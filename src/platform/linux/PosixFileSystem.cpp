@@ -100,9 +100,7 @@ bool keepsFilesInMemory(int fd) {
     return info.f_type == TMPFS_MAGIC || info.f_type == RAMFS_MAGIC;
 }
 
-FileError directIoRefused() {
-    return FileError{EINVAL, "The file system cannot bypass the page cache"};
-}
+FileError directIoRefused() { return FileError{EINVAL, "The file system cannot bypass the page cache"}; }
 
 // Writes everything to `fd`, then flushes it to storage.
 bool writeAllAndSync(int fd, std::string_view data) {

@@ -89,8 +89,9 @@ Result<CommandResult, std::string> runCommand(const std::vector<std::string>& ar
     err.closeWrite();
 
     CommandResult result;
-    const std::optional<Clock::time_point> deadline =
-        timeout ? std::optional<Clock::time_point>(Clock::now() + *timeout) : std::nullopt;
+    const std::optional<Clock::time_point> deadline = timeout
+                                                          ? std::optional<Clock::time_point>(Clock::now() + *timeout)
+                                                          : std::nullopt;
     std::array<pollfd, 2> polled{pollfd{out.read(), POLLIN, 0}, pollfd{err.read(), POLLIN, 0}};
     std::array<std::string*, 2> sinks{&result.out, &result.err};
     bool killed = false;

@@ -198,7 +198,8 @@ private:
             result_.nvmeTransport = std::move(transport);
             return BusKind::nvmeFabrics;
         }
-        if (subsystem == "ata_port" || subsystem == "ata_link" || (subsystem.empty() && isAtaPort(dir))) return BusKind::sata;
+        if (subsystem == "ata_port" || subsystem == "ata_link" || (subsystem.empty() && isAtaPort(dir)))
+            return BusKind::sata;
         if (subsystem == "virtio") return BusKind::virtio;
         if (subsystem == "mmc") return BusKind::mmc;
         return BusKind::unknown;
@@ -265,14 +266,16 @@ fs::path SysfsBlockDevices::classPath(std::string_view name) const {
 
 Result<BlockDevice, BlockDeviceError> SysfsBlockDevices::device(std::string_view name) {
     const auto dir = tree_.blockDevice(name);
-    if (!dir) return Failure{BlockDeviceError{BlockDeviceError::Kind::notFound, classPath(isPlainName(name) ? name : ""), 0}};
+    if (!dir)
+        return Failure{BlockDeviceError{BlockDeviceError::Kind::notFound, classPath(isPlainName(name) ? name : ""), 0}};
     BlockDevice device;
     device.name = std::string(name);
     if (const auto numbers = textAttribute(*dir, "dev")) {
         const auto colon = numbers->find(':');
         const auto major = sysfs::parseDecimal(std::string_view(*numbers).substr(0, colon));
-        const auto minor = colon == std::string::npos ? std::nullopt
-                                                      : sysfs::parseDecimal(std::string_view(*numbers).substr(colon + 1));
+        const auto minor = colon == std::string::npos
+                               ? std::nullopt
+                               : sysfs::parseDecimal(std::string_view(*numbers).substr(colon + 1));
         if (major && minor && *major <= 0xFFFFFFFF && *minor <= 0xFFFFFFFF) {
             device.major = static_cast<unsigned>(*major);
             device.minor = static_cast<unsigned>(*minor);
@@ -321,7 +324,8 @@ std::optional<std::string> SysfsBlockDevices::nvmeControllerOf(const fs::path& d
     return std::nullopt;
 }
 
-Result<std::unique_ptr<BlockStatisticsFile>, BlockDeviceError> SysfsBlockDevices::openStatistics(std::string_view name) {
+Result<std::unique_ptr<BlockStatisticsFile>, BlockDeviceError> SysfsBlockDevices::openStatistics(
+    std::string_view name) {
     if (!isPlainName(name)) return Failure{BlockDeviceError{BlockDeviceError::Kind::notFound, classPath(""), 0}};
     const std::string path = (classPath(name) / "stat").native();
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);

@@ -26,8 +26,7 @@ public:
     // The directory above `dir` in the device tree. A stacked block device (one whose `slaves/` is
     // not empty: device-mapper, md) stands on its first slave by name, so a logical volume leads
     // to the disk beneath it. Nothing when the parent would be <root>/devices itself.
-    std::optional<std::filesystem::path> parentOf(const std::filesystem::path& dir,
-                                                  std::string_view subsystem) const;
+    std::optional<std::filesystem::path> parentOf(const std::filesystem::path& dir, std::string_view subsystem) const;
 
     // True for a directory below <root>/devices/virtual.
     bool isVirtual(const std::filesystem::path& dir) const;

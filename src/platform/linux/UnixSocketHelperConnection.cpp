@@ -35,12 +35,15 @@ Result<int, ConnectionError> connectToPeer(const std::string& path, uid_t uid) {
     }
     std::memcpy(address.sun_path, path.data(), path.size());
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0) return Failure{connectionError(ConnectionFailure::connectFailed, std::string("socket: ") + std::strerror(errno))};
+    if (fd < 0)
+        return Failure{
+            connectionError(ConnectionFailure::connectFailed, std::string("socket: ") + std::strerror(errno))};
     // A Unix socket connects at once or not at all (EAGAIN: the listener's backlog is full).
     if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
         const int error = errno;
         ::close(fd);
-        return Failure{connectionError(ConnectionFailure::connectFailed, "cannot connect to " + path + ": " + std::strerror(error))};
+        return Failure{connectionError(ConnectionFailure::connectFailed,
+                                       "cannot connect to " + path + ": " + std::strerror(error))};
     }
     ucred peer{};
     socklen_t length = sizeof(peer);
@@ -52,9 +55,10 @@ Result<int, ConnectionError> connectToPeer(const std::string& path, uid_t uid) {
     }
     if (peer.uid != uid) {
         ::close(fd);
-        return Failure{connectionError(ConnectionFailure::peerNotRoot,
-                                       "the process listening at " + path + " runs as user " + std::to_string(peer.uid) +
-                                           ", not as user " + std::to_string(uid) + "; nothing was sent to it")};
+        return Failure{connectionError(ConnectionFailure::peerNotRoot, "the process listening at " + path +
+                                                                           " runs as user " + std::to_string(peer.uid) +
+                                                                           ", not as user " + std::to_string(uid) +
+                                                                           "; nothing was sent to it")};
     }
     return fd;
 }
@@ -76,7 +80,8 @@ struct UnixSocketHelperConnection::State : std::enable_shared_from_this<State> {
 
     State(std::string path, uid_t uid)
         : queue(std::make_unique<SerialQueue>("com.vantorix.SmartctlHelperClient.reply", QualityOfService::utility)),
-          socketPath(std::move(path)), peerUid(uid) {}
+          socketPath(std::move(path)),
+          peerUid(uid) {}
 
     // Declared first: destroyed last, after the socket that lives on it.
     std::unique_ptr<SerialQueue> queue;
@@ -96,7 +101,8 @@ struct UnixSocketHelperConnection::State : std::enable_shared_from_this<State> {
 
     void send(std::string request, Pending pending) {
         if (invalidated) {
-            pending.fail(connectionError(ConnectionFailure::invalidated, "the connection to the privileged helper was invalidated"));
+            pending.fail(connectionError(ConnectionFailure::invalidated,
+                                         "the connection to the privileged helper was invalidated"));
             return;
         }
         if (!socket) {
@@ -113,7 +119,8 @@ struct UnixSocketHelperConnection::State : std::enable_shared_from_this<State> {
                 ::close(fd.value());
                 socket.reset();
                 invalidateNow();
-                pending.fail(connectionError(ConnectionFailure::connectFailed, "cannot use the helper's socket: " + error.message()));
+                pending.fail(connectionError(ConnectionFailure::connectFailed,
+                                             "cannot use the helper's socket: " + error.message()));
                 return;
             }
             readHeader();
@@ -132,7 +139,8 @@ struct UnixSocketHelperConnection::State : std::enable_shared_from_this<State> {
                               if (!self) return;
                               self->writing = false;
                               if (error) {
-                                  if (error != asio::error::operation_aborted) self->lost("writing failed: " + error.message());
+                                  if (error != asio::error::operation_aborted)
+                                      self->lost("writing failed: " + error.message());
                                   return;
                               }
                               self->writes.pop_front();
@@ -141,29 +149,32 @@ struct UnixSocketHelperConnection::State : std::enable_shared_from_this<State> {
     }
 
     void readHeader() {
-        asio::async_read(*socket, asio::buffer(header), [weak = weak_from_this()](const asio::error_code& error, std::size_t) {
-            const auto self = weak.lock();
-            if (!self) return;
-            if (error) {
-                if (error != asio::error::operation_aborted) self->lost(error.message());
-                return;
-            }
-            const auto length = protocol::payloadLength(self->header);
-            if (!length) {
-                self->broken("the helper sent a frame over the size limit");
-                return;
-            }
-            self->payload.assign(*length, '\0');
-            asio::async_read(*self->socket, asio::buffer(self->payload), [weak](const asio::error_code& readError, std::size_t) {
-                const auto state = weak.lock();
-                if (!state) return;
-                if (readError) {
-                    if (readError != asio::error::operation_aborted) state->lost(readError.message());
-                    return;
-                }
-                if (state->deliver()) state->readHeader();
-            });
-        });
+        asio::async_read(*socket, asio::buffer(header),
+                         [weak = weak_from_this()](const asio::error_code& error, std::size_t) {
+                             const auto self = weak.lock();
+                             if (!self) return;
+                             if (error) {
+                                 if (error != asio::error::operation_aborted) self->lost(error.message());
+                                 return;
+                             }
+                             const auto length = protocol::payloadLength(self->header);
+                             if (!length) {
+                                 self->broken("the helper sent a frame over the size limit");
+                                 return;
+                             }
+                             self->payload.assign(*length, '\0');
+                             asio::async_read(*self->socket, asio::buffer(self->payload),
+                                              [weak](const asio::error_code& readError, std::size_t) {
+                                                  const auto state = weak.lock();
+                                                  if (!state) return;
+                                                  if (readError) {
+                                                      if (readError != asio::error::operation_aborted)
+                                                          state->lost(readError.message());
+                                                      return;
+                                                  }
+                                                  if (state->deliver()) state->readHeader();
+                                              });
+                         });
     }
 
     // Hands the reply in `payload` to the oldest outstanding request. False when the reply broke
@@ -181,7 +192,8 @@ struct UnixSocketHelperConnection::State : std::enable_shared_from_this<State> {
         Pending pending = std::move(outstanding.front());
         outstanding.pop_front();
         if (reply && pending.answer(*reply)) return true;
-        const std::string reason = reply ? "the helper answered with a reply of another kind" : "the helper sent a malformed reply";
+        const std::string reason = reply ? "the helper answered with a reply of another kind"
+                                         : "the helper sent a malformed reply";
         pending.fail(connectionError(ConnectionFailure::malformedReply, reason));
         broken(reason);
         return false;
@@ -244,8 +256,10 @@ struct UnixSocketHelperConnection::State : std::enable_shared_from_this<State> {
     }
 };
 
-std::shared_ptr<UnixSocketHelperConnection> UnixSocketHelperConnection::create(std::string socketPath, uid_t requiredPeerUid) {
-    return std::shared_ptr<UnixSocketHelperConnection>(new UnixSocketHelperConnection(std::move(socketPath), requiredPeerUid));
+std::shared_ptr<UnixSocketHelperConnection> UnixSocketHelperConnection::create(std::string socketPath,
+                                                                               uid_t requiredPeerUid) {
+    return std::shared_ptr<UnixSocketHelperConnection>(
+        new UnixSocketHelperConnection(std::move(socketPath), requiredPeerUid));
 }
 
 UnixSocketHelperConnection::UnixSocketHelperConnection(std::string socketPath, uid_t requiredPeerUid)
@@ -275,39 +289,38 @@ void UnixSocketHelperConnection::invalidate() {
     });
 }
 
-void UnixSocketHelperConnection::fetchSmartData(const std::string& deviceName, std::function<void(FetchAnswer)> answer) {
+void UnixSocketHelperConnection::fetchSmartData(const std::string& deviceName,
+                                                std::function<void(FetchAnswer)> answer) {
     auto shared = std::make_shared<std::function<void(FetchAnswer)>>(std::move(answer));
-    State::Pending pending{
-        [shared](protocol::Reply& reply) {
-            if (auto* result = std::get_if<SmartctlExecutionResult>(&reply)) {
-                (*shared)(std::move(*result));
-                return true;
-            }
-            if (auto* error = std::get_if<HelperError>(&reply)) {
-                (*shared)(std::move(*error));
-                return true;
-            }
-            return false;
-        },
-        [shared](ConnectionError error) { (*shared)(std::move(error)); }};
+    State::Pending pending{[shared](protocol::Reply& reply) {
+                               if (auto* result = std::get_if<SmartctlExecutionResult>(&reply)) {
+                                   (*shared)(std::move(*result));
+                                   return true;
+                               }
+                               if (auto* error = std::get_if<HelperError>(&reply)) {
+                                   (*shared)(std::move(*error));
+                                   return true;
+                               }
+                               return false;
+                           },
+                           [shared](ConnectionError error) { (*shared)(std::move(error)); }};
     state_->enqueue(protocol::encodedRequest(protocol::FetchRequest{deviceName}), std::move(pending));
 }
 
 void UnixSocketHelperConnection::helperVersion(std::function<void(VersionAnswer)> answer) {
     auto shared = std::make_shared<std::function<void(VersionAnswer)>>(std::move(answer));
-    State::Pending pending{
-        [shared](protocol::Reply& reply) {
-            if (auto* version = std::get_if<protocol::VersionReply>(&reply)) {
-                (*shared)(std::move(version->version));
-                return true;
-            }
-            if (auto* error = std::get_if<HelperError>(&reply)) {
-                (*shared)(std::move(*error));
-                return true;
-            }
-            return false;
-        },
-        [shared](ConnectionError error) { (*shared)(std::move(error)); }};
+    State::Pending pending{[shared](protocol::Reply& reply) {
+                               if (auto* version = std::get_if<protocol::VersionReply>(&reply)) {
+                                   (*shared)(std::move(version->version));
+                                   return true;
+                               }
+                               if (auto* error = std::get_if<HelperError>(&reply)) {
+                                   (*shared)(std::move(*error));
+                                   return true;
+                               }
+                               return false;
+                           },
+                           [shared](ConnectionError error) { (*shared)(std::move(error)); }};
     state_->enqueue(protocol::encodedRequest(protocol::VersionRequest{}), std::move(pending));
 }
 
