@@ -37,7 +37,7 @@ struct RunCancelled {};
 // The longest pause between two queue-depth profiles.
 constexpr double kQueueDepthRestSeconds = 1.0;
 
-const log::Logger& logger() {
+const log::Logger& testerLogger() {
     static const log::Logger& instance = log::logger("DiskPerformanceTester");
     return instance;
 }
@@ -216,20 +216,21 @@ private:
     // underneath, on another file system.
     void checkInPlace() {
         if (c_.folder->isInPlace()) return;
-        logger().error("The test's folder is no longer where its path leads: the volume was unmounted or removed");
+        testerLogger().error(
+            "The test's folder is no longer where its path leads: the volume was unmounted or removed");
         throw TestError(TestError::volumeWentAway);
     }
 
     // Logs why a file operation failed and throws its kind with the system's cause. A volume that
     // went away explains any failure best.
     [[noreturn]] void fail(TestError::Kind kind, std::string_view what, const FileError& error) {
-        logger().error("{} failed: {} (errno {})", what, error.message, error.code);
+        testerLogger().error("{} failed: {} (errno {})", what, error.message, error.code);
         checkInPlace();
         throw TestError::because(kind, error.code);
     }
 
     [[noreturn]] void failShortRead(std::string_view what) {
-        logger().error("{} returned fewer bytes than asked for", what);
+        testerLogger().error("{} returned fewer bytes than asked for", what);
         checkInPlace();
         throw TestError(TestError::readFailed);
     }

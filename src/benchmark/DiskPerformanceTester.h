@@ -135,7 +135,7 @@ private:
 
     Dependencies dependencies_;
     Parameters parameters_;
-    Published<State> state_;
+    Published<State> state_{State{}};
     PhaseObserver observer_;
     std::shared_ptr<TemporaryFileRegistry> temporaryFiles_ = std::make_shared<TemporaryFileRegistry>();
     std::shared_ptr<SerialQueue> cleanupQueue_;

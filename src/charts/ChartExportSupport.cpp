@@ -21,17 +21,13 @@
 #include "text/Language.h"
 #include "text/Messages.h"
 #include "text/SystemError.h"
+#include "util/Saturating.h"
 
 namespace vantorix {
 namespace {
 
 constexpr std::uint64_t kLargestByteText = 9223372036854775807ULL;  // 2^63 − 1
 constexpr double kTwoToThe53 = 9007199254740992.0;
-
-std::uint64_t saturatingAdd(std::uint64_t a, std::uint64_t b) {
-    std::uint64_t sum = 0;
-    return __builtin_add_overflow(a, b, &sum) ? std::numeric_limits<std::uint64_t>::max() : sum;
-}
 
 // The CSV's number formatter: made once, never destroyed, and safe to use from any thread (an ICU
 // LocalizedNumberFormatter is immutable).

@@ -7,16 +7,9 @@
 #include <utility>
 
 #include "concurrency/WeakOwner.h"
+#include "util/Saturating.h"
 
 namespace vantorix {
-namespace {
-
-std::uint64_t saturatingAdd(std::uint64_t a, std::uint64_t b) {
-    std::uint64_t sum = 0;
-    return __builtin_add_overflow(a, b, &sum) ? std::numeric_limits<std::uint64_t>::max() : sum;
-}
-
-}  // namespace
 
 const DataSignature DataSignature::empty{};
 

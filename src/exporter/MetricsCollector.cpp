@@ -50,6 +50,14 @@ struct MetricsCollector::Scraper {
     std::unordered_map<std::uint64_t, Peak> peaks;  // by volume id; a volume without one had no interval since
 };
 
+struct MetricsCollector::Reading {
+    Volume* volume;
+    std::optional<BlockStatistics> snapshot;
+    double readRate = 0;
+    double writeRate = 0;
+    bool interval = false;
+};
+
 MetricsCollector::MetricsCollector(Dependencies dependencies)
     : dependencies_(std::move(dependencies)), intervalSeconds_(seconds(dependencies_.samplingInterval)) {
     if (!dependencies_.unixTime) {
@@ -130,14 +138,6 @@ std::size_t MetricsCollector::refreshVolumes() {
 }
 
 // One volume's reading in a sample, taken before the lock and folded in under it.
-struct MetricsCollector::Reading {
-    Volume* volume;
-    std::optional<BlockStatistics> snapshot;
-    double readRate = 0;
-    double writeRate = 0;
-    bool interval = false;
-};
-
 void MetricsCollector::sample(Clock::time_point now) {
     std::vector<Reading>& readings = readings_;
     readings.clear();

@@ -13,7 +13,7 @@
 namespace vantorix::helper {
 namespace {
 
-const log::Logger& logger() { return log::logger("PrivilegedSmartctlHelper"); }
+const log::Logger& serverLogger() { return log::logger("PrivilegedSmartctlHelper"); }
 
 // After an accept fails (out of descriptors, say), the next try waits this long.
 constexpr std::chrono::milliseconds kAcceptRetryDelay{100};
@@ -24,7 +24,7 @@ std::optional<uid_t> peerUid(int fd) {
     ucred credentials{};
     socklen_t size = sizeof credentials;
     if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0 || size != sizeof credentials) {
-        logger().debug("Refused a connection: its peer's credentials are unknown");
+        serverLogger().debug("Refused a connection: its peer's credentials are unknown");
         return std::nullopt;
     }
     return credentials.uid;
@@ -67,7 +67,7 @@ void HelperServer::accept() {
     acceptor_.async_accept([this](const asio::error_code& error, asio::local::stream_protocol::socket socket) {
         if (stopped_ || error == asio::error::operation_aborted) return;
         if (error) {
-            logger().error("Cannot accept a connection: {}", error.message());
+            serverLogger().error("Cannot accept a connection: {}", error.message());
             retryTimer_.expires_after(kAcceptRetryDelay);
             retryTimer_.async_wait([this](const asio::error_code& waitError) {
                 if (!waitError && !stopped_) accept();
@@ -86,7 +86,7 @@ void HelperServer::accept() {
             connections_.emplace(id, Client{connection, *uid});
             connection->start();
             if (connections_.size() == kMaximumConnections && !std::exchange(reportedFull_, true)) {
-                logger().notice(
+                serverLogger().notice(
                     "{} clients are connected, the most at once; newcomers now take the place of "
                     "connections of the users holding the most",
                     kMaximumConnections);
@@ -102,7 +102,7 @@ bool HelperServer::admit(uid_t uid) {
     const std::size_t own = held[uid];
     // Root could stop the daemon outright; its clients count towards the total only.
     if (uid != 0 && own >= kMaximumConnectionsPerUser) {
-        logger().debug("Refused a connection of uid {}: it has {} already", uid, own);
+        serverLogger().debug("Refused a connection of uid {}: it has {} already", uid, own);
         return false;
     }
     if (connections_.size() < kMaximumConnections) return true;
@@ -120,12 +120,12 @@ bool HelperServer::admit(uid_t uid) {
         if (held[client.uid] >= own + 2 && (chosen == nullptr || rank(client) > rank(*chosen))) chosen = &client;
     }
     if (chosen == nullptr) {
-        logger().debug("Refused a connection of uid {}: {} clients are connected and none can give way", uid,
-                       connections_.size());
+        serverLogger().debug("Refused a connection of uid {}: {} clients are connected and none can give way", uid,
+                             connections_.size());
         return false;
     }
-    logger().debug("Closing {} connection of uid {} ({} connections) for one of uid {}",
-                   chosen->connection->idle() ? "an idle" : "a busy", chosen->uid, held[chosen->uid], uid);
+    serverLogger().debug("Closing {} connection of uid {} ({} connections) for one of uid {}",
+                         chosen->connection->idle() ? "an idle" : "a busy", chosen->uid, held[chosen->uid], uid);
     const auto giving = chosen->connection;  // closing it removes the entry
     giving->close();
     return true;
@@ -141,7 +141,7 @@ void HelperServer::watchIdleness() {
     const auto now = std::chrono::steady_clock::now();
     const bool idle = connections_.empty() && runs_.idle();
     if (idle && now - lastActivity_ >= exitWhenIdle_) {
-        logger().notice("No client for {} ms; exiting until the next connection", exitWhenIdle_.count());
+        serverLogger().notice("No client for {} ms; exiting until the next connection", exitWhenIdle_.count());
         if (idleExit_) idleExit_();
         return;
     }

@@ -13,7 +13,7 @@ namespace {
 
 using protocol::HelperFailure;
 
-const log::Logger& logger() { return log::logger("PrivilegedSmartctlHelper"); }
+const log::Logger& coalescerLogger() { return log::logger("PrivilegedSmartctlHelper"); }
 
 }  // namespace
 
@@ -34,7 +34,8 @@ void RunCoalescer::request(const std::string& name, const std::string& devicePat
         return;
     }
     if (device.unreaped) {
-        logger().debug("Refused {}: its stopped smartctl (pid {}) has not ended", name, device.unreaped->pid());
+        coalescerLogger().debug("Refused {}: its stopped smartctl (pid {}) has not ended", name,
+                                device.unreaped->pid());
         answerLater(std::move(waiter),
                     framedReply(protocol::helperError(
                         HelperFailure::deviceStuck,
@@ -52,7 +53,7 @@ void RunCoalescer::request(const std::string& name, const std::string& devicePat
     }
     if (waiting_ >= kMaximumWaiting) dropAbandonedWaiters();
     if (waiting_ >= kMaximumWaiting) {
-        logger().debug("Refused {}: {} requests are already waiting", name, waiting_);
+        coalescerLogger().debug("Refused {}: {} requests are already waiting", name, waiting_);
         answerLater(std::move(waiter),
                     framedReply(protocol::helperError(HelperFailure::busy,
                                                       "Too many requests are waiting for smartctl; try again later.")));

@@ -22,7 +22,7 @@ namespace {
 
 using protocol::HelperFailure;
 
-const log::Logger& logger() { return log::logger("PrivilegedSmartctlHelper"); }
+const log::Logger& runLogger() { return log::logger("PrivilegedSmartctlHelper"); }
 
 constexpr std::size_t kReadChunkBytes = 64U * 1024U;
 
@@ -143,7 +143,7 @@ void SmartctlRun::launch() {
         const int error = errno;
         output.close();
         errors.close();
-        logger().error("Cannot make pipes for smartctl: {}", std::strerror(error));
+        runLogger().error("Cannot make pipes for smartctl: {}", std::strerror(error));
         failLater(fmt::format("Cannot start {}: {}.", argv_.front(), std::strerror(error)));
         return;
     }
@@ -154,7 +154,7 @@ void SmartctlRun::launch() {
         pid_ = -1;
         ::close(output.read);
         ::close(errors.read);
-        logger().error("Cannot start {}: {}", commandDescription_, std::strerror(spawnError));
+        runLogger().error("Cannot start {}: {}", commandDescription_, std::strerror(spawnError));
         failLater(fmt::format("Cannot start {}: {}.", argv_.front(), std::strerror(spawnError)));
         return;
     }
@@ -168,20 +168,20 @@ void SmartctlRun::launch() {
         ::waitpid(pid_, nullptr, 0);
         output_.descriptor.close();
         errors_.descriptor.close();
-        logger().error("Cannot watch smartctl (pid {}): pidfd_open: {}", pid_, std::strerror(openError));
+        runLogger().error("Cannot watch smartctl (pid {}): pidfd_open: {}", pid_, std::strerror(openError));
         failLater(fmt::format("Cannot watch {}: {}.", argv_.front(), std::strerror(openError)));
         return;
     }
     process_.assign(pidfd);
-    logger().debug("Started {} (pid {})", commandDescription_, pid_);
+    runLogger().debug("Started {} (pid {})", commandDescription_, pid_);
     read(output_);
     read(errors_);
     watchChild();
     deadline_.expires_after(limits_.timeout);
     deadline_.async_wait([self = shared_from_this()](const asio::error_code& error) {
         if (error || self->answered_) return;
-        logger().error("smartctl for {} (pid {}) ran longer than {} ms; killed", self->argv_.back(), self->pid_,
-                       self->limits_.timeout.count());
+        runLogger().error("smartctl for {} (pid {}) ran longer than {} ms; killed", self->argv_.back(), self->pid_,
+                          self->limits_.timeout.count());
         self->killChild(protocol::helperError(
             HelperFailure::timedOut,
             fmt::format("smartctl did not finish within {} ms and was stopped.", self->limits_.timeout.count())));
@@ -206,8 +206,8 @@ void SmartctlRun::read(Capture& capture) {
             }
             if (capture.bytes.size() > capture.limit) {
                 const bool isOutput = &capture == &self->output_;
-                logger().error("smartctl for {} (pid {}) wrote more than {} bytes to standard {}; killed",
-                               self->argv_.back(), self->pid_, capture.limit, isOutput ? "output" : "error");
+                runLogger().error("smartctl for {} (pid {}) wrote more than {} bytes to standard {}; killed",
+                                  self->argv_.back(), self->pid_, capture.limit, isOutput ? "output" : "error");
                 self->killChild(protocol::helperError(
                     HelperFailure::outputTooLarge,
                     fmt::format("smartctl wrote more than {} bytes to standard {} and was stopped.", capture.limit,
@@ -239,8 +239,8 @@ void SmartctlRun::watchChild() {
                             }
                             const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
                                 std::chrono::steady_clock::now() - self->startedAt_);
-                            logger().debug("Stopped smartctl for {} (pid {}) reaped {} ms after its start",
-                                           self->argv_.back(), self->pid_, elapsed.count());
+                            runLogger().debug("Stopped smartctl for {} (pid {}) reaped {} ms after its start",
+                                              self->argv_.back(), self->pid_, elapsed.count());
                             if (auto reapedHandler = std::exchange(self->handlers_.reaped, nullptr)) reapedHandler();
                         });
 }
@@ -249,8 +249,9 @@ void SmartctlRun::completeIfDone() {
     if (answered_ || !exited_ || !output_.ended || !errors_.ended) return;
     const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
                                                                                startedAt_);
-    logger().debug("smartctl for {} finished after {} ms with exit status {}: {} bytes of output, {} bytes of errors",
-                   argv_.back(), elapsed.count(), terminationStatus_, output_.bytes.size(), errors_.bytes.size());
+    runLogger().debug(
+        "smartctl for {} finished after {} ms with exit status {}: {} bytes of output, {} bytes of errors",
+        argv_.back(), elapsed.count(), terminationStatus_, output_.bytes.size(), errors_.bytes.size());
     SmartctlExecutionResult result;
     result.jsonData = std::move(output_.bytes);
     result.standardError = std::move(errors_.bytes);

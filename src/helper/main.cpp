@@ -30,7 +30,7 @@ constexpr int kFailure = 1;
 constexpr std::chrono::milliseconds kReapGrace{2000};
 constexpr std::chrono::milliseconds kReapPoll{20};
 
-const log::Logger& logger() { return log::logger("PrivilegedSmartctlHelper"); }
+const log::Logger& mainLogger() { return log::logger("PrivilegedSmartctlHelper"); }
 
 int fail(int status, const std::string& message) {
     std::cerr << "vantorix-smartctl-helper: " << message << '\n';
@@ -104,13 +104,13 @@ int main(int argc, char** argv) {
         if (!socketPath.empty()) return fail(kUsage, "--socket cannot be used when systemd passes the socket");
         acceptor.assign(asio::local::stream_protocol(), *activated);
         settings.exitWhenIdle = std::chrono::milliseconds(exitIdleMs);
-        logger().notice("vantorix-smartctl-helper {} listening on the socket systemd passed", VANTORIX_VERSION);
+        mainLogger().notice("vantorix-smartctl-helper {} listening on the socket systemd passed", VANTORIX_VERSION);
     } else if (!socketPath.empty()) {
         auto created = helper::SocketFile::create(socketPath);
         if (!created) return fail(kFailure, created.error());
         socketFile = std::move(*created);
         acceptor.assign(asio::local::stream_protocol(), socketFile->release());
-        logger().notice("vantorix-smartctl-helper {} listening on {}", VANTORIX_VERSION, socketPath);
+        mainLogger().notice("vantorix-smartctl-helper {} listening on {}", VANTORIX_VERSION, socketPath);
     } else {
         return fail(
             kUsage,
@@ -143,12 +143,12 @@ int main(int argc, char** argv) {
     };
     signals.async_wait([&](const asio::error_code& error, int signal) {
         if (error) return;
-        logger().notice("Stopping on signal {}", signal);
+        mainLogger().notice("Stopping on signal {}", signal);
         shutdown();
     });
 
     server.start();
     io.run();
-    logger().notice("vantorix-smartctl-helper exiting");
+    mainLogger().notice("vantorix-smartctl-helper exiting");
     return 0;
 }

@@ -128,7 +128,7 @@ private:
     AggregationCoordinator& coordinator();
 
     Dependencies dependencies_;
-    Published<State> state_;
+    Published<State> state_{State{}};
     FixedRingBuffer<DiskSample> samplesBuffer_{maximumSamples};
     std::chrono::steady_clock::time_point runStart_{};  // steady twin of monitoringStartDate
     std::shared_ptr<SelectionFollower> follower_;

@@ -8,7 +8,7 @@
 namespace vantorix {
 namespace {
 
-const log::Logger& logger() {
+const log::Logger& managerLogger() {
     static const log::Logger& instance = log::logger("PrivilegedHelperManager");
     return instance;
 }
@@ -33,7 +33,8 @@ PrivilegedHelperManager::PrivilegedHelperManager(Dependencies dependencies)
       stateQueue_("com.vantorix.PrivilegedHelperManager.state", QualityOfService::userInitiated) {
     if (!dependencies_.effectiveUserId) dependencies_.effectiveUserId = [] { return unsigned{::geteuid()}; };
     if (!runtimeEnvironment().allowsPrivilegedOperations) {
-        logger().notice("Privileged operations disabled for environment: {}", runtimeEnvironment().reasonsText());
+        managerLogger().notice("Privileged operations disabled for environment: {}",
+                               runtimeEnvironment().reasonsText());
     }
 }
 
@@ -46,49 +47,50 @@ std::optional<bool> PrivilegedHelperManager::cachedInstallationState() {
 bool PrivilegedHelperManager::ensureHelperInstalledIfNeeded() {
     auto& main = *dependencies_.mainExecutor;
     const bool onMain = main.isMainThread();
-    logger().debug("ensureHelperInstalledIfNeeded invoked on main thread? {}", onMain);
+    managerLogger().debug("ensureHelperInstalledIfNeeded invoked on main thread? {}", onMain);
     if (!runtimeEnvironment().allowsPrivilegedOperations) {
-        logger().notice("Skipped helper installation because privileged operations are disabled ({}).",
-                        runtimeEnvironment().reasonsText());
+        managerLogger().notice("Skipped helper installation because privileged operations are disabled ({}).",
+                               runtimeEnvironment().reasonsText());
         stateQueue_.sync([this] { cachedInstallationState_ = false; });
         return false;
     }
     if (onMain) {
-        logger().debug("Executing helper installation directly on the main thread.");
+        managerLogger().debug("Executing helper installation directly on the main thread.");
         return runInstallationWorkflow();
     }
-    logger().debug("Dispatching helper installation onto the main thread synchronously.");
+    managerLogger().debug("Dispatching helper installation onto the main thread synchronously.");
     return callOnMainThread(main, [this] { return runInstallationWorkflow(); }).value_or(false);
 }
 
 bool PrivilegedHelperManager::runInstallationWorkflow() {
     if (const auto cached = cachedInstallationState()) {
-        logger().debug("Using cached helper installation state: {}", *cached);
+        managerLogger().debug("Using cached helper installation state: {}", *cached);
         return *cached;
     }
     if (inspectRegistration()) {
-        logger().notice("Privileged helper already enabled ({}); caching installation flag.",
-                        helperService().mechanism());
+        managerLogger().notice("Privileged helper already enabled ({}); caching installation flag.",
+                               helperService().mechanism());
         stateQueue_.sync([this] { cachedInstallationState_ = true; });
         return true;
     }
     const auto inFlight = stateQueue_.sync([this] { return std::make_pair(isInstalling_, cachedInstallationState_); });
     if (inFlight.first) {
-        logger().notice("Another helper installation is in progress; answering with its cached result when known.");
+        managerLogger().notice(
+            "Another helper installation is in progress; answering with its cached result when known.");
         return inFlight.second.value_or(false);
     }
     const bool onMain = dependencies_.mainExecutor->isMainThread();
     stateQueue_.sync([this] { isInstalling_ = true; });
-    logger().debug("Marking helper installation as in-flight on main thread: {}", onMain);
-    logger().notice("Starting privileged helper installation via {}.", helperService().mechanism());
+    managerLogger().debug("Marking helper installation as in-flight on main thread: {}", onMain);
+    managerLogger().notice("Starting privileged helper installation via {}.", helperService().mechanism());
     auto registration = registerHelper();
     if (!registration.ok()) {
-        logger().error("Failed to install privileged helper: {}", registration.error().description());
+        managerLogger().error("Failed to install privileged helper: {}", registration.error().description());
         stateQueue_.sync([this] { cachedInstallationState_ = false; });
         clearInstallingFlag();
         return false;
     }
-    logger().notice("Successfully installed privileged helper via {}.", helperService().mechanism());
+    managerLogger().notice("Successfully installed privileged helper via {}.", helperService().mechanism());
     stateQueue_.sync([this] { cachedInstallationState_ = true; });
     clearInstallingFlag();
     return true;
@@ -99,34 +101,34 @@ void PrivilegedHelperManager::clearInstallingFlag() {
         isInstalling_ = false;
         return cachedInstallationState_;
     });
-    logger().debug("Clearing in-flight installation flag. Cached helper state = {}", cached.value_or(false));
+    managerLogger().debug("Clearing in-flight installation flag. Cached helper state = {}", cached.value_or(false));
 }
 
 bool PrivilegedHelperManager::inspectRegistration() {
     auto& service = helperService();
     if (auto located = locateDefinition(); !located.ok()) {
-        logger().error("Failed to inspect the helper's registration: {}", located.error().description());
+        managerLogger().error("Failed to inspect the helper's registration: {}", located.error().description());
         return false;
     }
     const HelperServiceState state = service.state();
     const auto executable = service.helperExecutable();
-    logger().notice("Helper state ({}): {}", service.mechanism(), stateDescription(state));
-    logger().notice("Helper program {} present on disk? {}", programText(executable), executable.exists);
+    managerLogger().notice("Helper state ({}): {}", service.mechanism(), stateDescription(state));
+    managerLogger().notice("Helper program {} present on disk? {}", programText(executable), executable.exists);
     switch (state) {
-        case HelperServiceState::notEnabled: logger().notice("Helper not enabled yet."); return false;
+        case HelperServiceState::notEnabled: managerLogger().notice("Helper not enabled yet."); return false;
         case HelperServiceState::enabled:
-            logger().notice("Helper is enabled; it is started on demand and should answer normally.");
+            managerLogger().notice("Helper is enabled; it is started on demand and should answer normally.");
             if (executable.exists) return true;
-            logger().error("Helper enabled but its program {} is missing; will trigger reinstall.",
-                           programText(executable));
+            managerLogger().error("Helper enabled but its program {} is missing; will trigger reinstall.",
+                                  programText(executable));
             return false;
         case HelperServiceState::needsAdministrator:
-            logger().notice("Helper needs an administrator to enable it; awaiting approval.");
+            managerLogger().notice("Helper needs an administrator to enable it; awaiting approval.");
             promptForApproval();
             return false;
         case HelperServiceState::unitNotInstalled:
-            logger().error("Helper unit not installed ({}): {} is missing; check the installation.",
-                           service.mechanism(), service.definitionName());
+            managerLogger().error("Helper unit not installed ({}): {} is missing; check the installation.",
+                                  service.mechanism(), service.definitionName());
             return false;
     }
     return false;
@@ -137,59 +139,61 @@ Result<Unit, PrivilegedHelperError> PrivilegedHelperManager::registerHelper() {
     if (auto located = locateDefinition(); !located.ok()) return Failure{located.error()};
     HelperServiceState state = service.state();
     const auto executable = service.helperExecutable();
-    logger().notice("Attempting helper registration with current state: {}", stateDescription(state));
-    logger().notice("Effective user ID before helper registration: {}", dependencies_.effectiveUserId());
+    managerLogger().notice("Attempting helper registration with current state: {}", stateDescription(state));
+    managerLogger().notice("Effective user ID before helper registration: {}", dependencies_.effectiveUserId());
 
     if (state == HelperServiceState::enabled) {
         if (executable.exists) {
-            logger().notice("Helper already enabled and its program present; skipping re-installation.");
+            managerLogger().notice("Helper already enabled and its program present; skipping re-installation.");
             return Unit{};
         }
-        logger().notice(
+        managerLogger().notice(
             "Stale helper registration: enabled, but its program {} is missing; disabling it to force a reinstall.",
             programText(executable));
         auto removal = service.disable();
         if (removal.ok()) {
-            logger().notice("Successfully disabled the stale helper registration; proceeding with a fresh one.");
+            managerLogger().notice("Successfully disabled the stale helper registration; proceeding with a fresh one.");
         } else {
             const bool stillPresent = service.helperExecutable().exists;
             std::optional<HelperServiceState> freshState;
             if (auto located = locateDefinition(); located.ok()) {
                 freshState = service.state();
-                logger().notice("Helper state observed after the failed disable: {}", stateDescription(*freshState));
+                managerLogger().notice("Helper state observed after the failed disable: {}",
+                                       stateDescription(*freshState));
             } else {
-                logger().error("Unable to refresh the helper state after the failed disable: {}",
-                               located.error().description());
+                managerLogger().error("Unable to refresh the helper state after the failed disable: {}",
+                                      located.error().description());
             }
             if (!freshState || !isUninstalled(*freshState) || stillPresent) {
-                logger().error("Failed to disable the stale helper registration before reinstalling: {}",
-                               removal.error().description);
+                managerLogger().error("Failed to disable the stale helper registration before reinstalling: {}",
+                                      removal.error().description);
                 return Failure{PrivilegedHelperError::registrationFailed(removal.error())};
             }
-            logger().notice("Disabling reported a failure but the helper is already gone; continuing with reinstall.");
+            managerLogger().notice(
+                "Disabling reported a failure but the helper is already gone; continuing with reinstall.");
         }
         if (auto located = locateDefinition(); !located.ok()) return Failure{located.error()};
         state = service.state();
-        logger().notice("Refreshed helper state after disabling: {}", stateDescription(state));
+        managerLogger().notice("Refreshed helper state after disabling: {}", stateDescription(state));
     }
 
-    logger().debug("Enabling the helper via {}", service.mechanism());
+    managerLogger().debug("Enabling the helper via {}", service.mechanism());
     auto registration = service.enable();
     if (registration.ok()) {
-        logger().debug("Enabled the helper via {}", service.mechanism());
+        managerLogger().debug("Enabled the helper via {}", service.mechanism());
         if (service.state() == HelperServiceState::needsAdministrator) {
-            logger().notice("Privileged helper still needs an administrator to enable it.");
+            managerLogger().notice("Privileged helper still needs an administrator to enable it.");
             promptForApproval();
         }
         return Unit{};
     }
     const HelperServiceError& error = registration.error();
     if (error.failure == HelperServiceFailure::needsAdministrator) {
-        logger().notice("Enabling the helper needs an administrator; posting the approval notification.");
+        managerLogger().notice("Enabling the helper needs an administrator; posting the approval notification.");
         promptForApproval();
     }
-    logger().error("Enabling the helper failed ({}): {}{}", failureName(error.failure), error.description,
-                   error.output.empty() ? std::string() : "; output: " + error.output);
+    managerLogger().error("Enabling the helper failed ({}): {}{}", failureName(error.failure), error.description,
+                          error.output.empty() ? std::string() : "; output: " + error.output);
     return Failure{PrivilegedHelperError::registrationFailed(error)};
 }
 
@@ -197,17 +201,17 @@ Result<Unit, PrivilegedHelperError> PrivilegedHelperManager::locateDefinition() 
     auto& service = helperService();
     const auto path = service.definitionPath();
     if (!path) {
-        logger().error("Unable to locate {} ({}).", service.definitionName(), service.mechanism());
+        managerLogger().error("Unable to locate {} ({}).", service.definitionName(), service.mechanism());
         return Failure{PrivilegedHelperError::helperNotInstalled(service.definitionName())};
     }
-    logger().debug("Resolved {} at path: {}", service.definitionName(), *path);
+    managerLogger().debug("Resolved {} at path: {}", service.definitionName(), *path);
     return Unit{};
 }
 
 void PrivilegedHelperManager::promptForApproval() {
     const bool alreadyPrompted = stateQueue_.sync([this] { return std::exchange(hasPromptedForApproval_, true); });
     if (alreadyPrompted) {
-        logger().debug("Skipping duplicate approval notification for the helper.");
+        managerLogger().debug("Skipping duplicate approval notification for the helper.");
         return;
     }
     dependencies_.mainExecutor->post([weak = weak_from_this()] {

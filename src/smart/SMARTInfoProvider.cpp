@@ -10,7 +10,7 @@
 namespace vantorix {
 namespace {
 
-const log::Logger& logger() {
+const log::Logger& providerLogger() {
     static const log::Logger& instance = log::logger("SMARTInfoProvider");
     return instance;
 }
@@ -95,9 +95,9 @@ bool SMARTInfoProvider::reportsSleepingDrive(const SmartctlExecutionResult& resu
 SMARTInfoProvider::Outcome SMARTInfoProvider::fetch(std::string_view deviceName,
                                                     const CancellationToken& cancellation) {
     const std::string original(deviceName);
-    logger().debug("Starting smartctl-only SMART fetch for device {}", original);
+    providerLogger().debug("Starting smartctl-only SMART fetch for device {}", original);
     const auto candidates = candidateNames(original, *devices_);
-    logger().debug("Evaluating candidate devices {} for original device {}", listText(candidates), original);
+    providerLogger().debug("Evaluating candidate devices {} for original device {}", listText(candidates), original);
     // Stays set while every request so far failed in the helper or on the way to it.
     std::optional<HelperRequestFailure> helperFailure;
     bool helperAnswered = false;
@@ -106,12 +106,12 @@ SMARTInfoProvider::Outcome SMARTInfoProvider::fetch(std::string_view deviceName,
         auto result = attempt(candidate, cancellation);
         if (result.info) {
             // Debug: with a volume selected, this comes with every refresh.
-            logger().debug("SMART data sourced from smartctl for device {}", candidate);
+            providerLogger().debug("SMART data sourced from smartctl for device {}", candidate);
             return {std::move(result.info), false, std::move(result.smartctlJson), std::nullopt};
         }
         if (result.driveAsleep) {
             // The other names lead to the same drive; asking again would only be refused again.
-            logger().debug(
+            providerLogger().debug(
                 "smartctl left device {} alone because the drive is in standby; keeping the SMART data "
                 "already known",
                 candidate);
@@ -119,10 +119,10 @@ SMARTInfoProvider::Outcome SMARTInfoProvider::fetch(std::string_view deviceName,
         }
         if (result.helperFailure) helperFailure = result.helperFailure;
         else helperAnswered = true;
-        logger().debug("smartctl attempt did not return usable data for candidate device {}", candidate);
+        providerLogger().debug("smartctl attempt did not return usable data for candidate device {}", candidate);
     }
     if (cancellation.isCancelled()) return {};
-    logger().error("All smartctl attempts exhausted for device {}; SMART data unavailable", original);
+    providerLogger().error("All smartctl attempts exhausted for device {}; SMART data unavailable", original);
     return {std::nullopt, false, {}, helperAnswered ? std::nullopt : helperFailure};
 }
 

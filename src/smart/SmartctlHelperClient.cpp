@@ -22,7 +22,7 @@ HelperRequestFailure requestFailure(ConnectionFailure failure) {
 
 using protocol::HelperError;
 
-const log::Logger& logger() {
+const log::Logger& clientLogger() {
     static const log::Logger& instance = log::logger("SmartctlHelperClient");
     return instance;
 }
@@ -84,7 +84,7 @@ std::shared_ptr<HelperConnection> SmartctlHelperClient::remoteProxy() {
         connection->setInvalidationHandler([weak, weakConnection] {
             const auto self = weak.lock();
             if (!self) return;
-            logger().debug("Helper connection invalidated; will recreate on next request.");
+            clientLogger().debug("Helper connection invalidated; will recreate on next request.");
             self->connectionQueue_.async([weak, weakConnection] {
                 const auto client = weak.lock();
                 const auto invalidated = weakConnection.lock();
@@ -94,7 +94,7 @@ std::shared_ptr<HelperConnection> SmartctlHelperClient::remoteProxy() {
         connection->setInterruptionHandler([weak, weakConnection] {
             const auto self = weak.lock();
             if (!self) return;
-            logger().error("Helper connection interrupted; will retry on next request.");
+            clientLogger().error("Helper connection interrupted; will retry on next request.");
             if (const auto interrupted = weakConnection.lock()) self->dropConnection(interrupted);
         });
         connection_ = connection;
@@ -117,19 +117,19 @@ Result<SmartctlExecutionResult, HelperRequestFailure> SmartctlHelperClient::fetc
     const std::string name(deviceName);
     auto& manager = *dependencies_.manager;
     if (!manager.runtimeEnvironment().allowsPrivilegedOperations) {
-        logger().notice(
+        clientLogger().notice(
             "Skipped privileged helper request for device {} because the runtime policy has disabled privileged operations.",
             name);
         return Failure{HelperRequestFailure::privilegedOperationsDisabled};
     }
     if (!manager.ensureHelperInstalledIfNeeded()) {
-        logger().error("Refusing to call helper because installation failed for device {}", name);
+        clientLogger().error("Refusing to call helper because installation failed for device {}", name);
         return Failure{HelperRequestFailure::helperNotInstalled};
     }
     const auto connection = remoteProxy();
     if (!connection) {
-        logger().error("Unable to create a connection to the privileged helper when fetching SMART info for device {}",
-                       name);
+        clientLogger().error(
+            "Unable to create a connection to the privileged helper when fetching SMART info for device {}", name);
         return Failure{HelperRequestFailure::noConnection};
     }
 
@@ -138,31 +138,32 @@ Result<SmartctlExecutionResult, HelperRequestFailure> SmartctlHelperClient::fetc
     auto answer = slot->wait(std::chrono::steady_clock::now() + dependencies_.replyTimeout, cancellation);
     if (!answer) {
         if (cancellation.isCancelled()) {
-            logger().debug("Stopped waiting for the helper's answer for device {}: the request was cancelled", name);
+            clientLogger().debug("Stopped waiting for the helper's answer for device {}: the request was cancelled",
+                                 name);
             return Failure{HelperRequestFailure::cancelled};
         }
-        logger().error("Timed out waiting for helper response when fetching SMART info for device {}", name);
+        clientLogger().error("Timed out waiting for helper response when fetching SMART info for device {}", name);
         dropConnection(connection);
         return Failure{HelperRequestFailure::timedOut};
     }
     if (const auto* failure = std::get_if<ConnectionError>(&*answer)) {
-        logger().error("Helper connection failed ({}) for device {}: {}", failureName(failure->failure), name,
-                       failure->description);
+        clientLogger().error("Helper connection failed ({}) for device {}: {}", failureName(failure->failure), name,
+                             failure->description);
         dropConnection(connection);
         return Failure{requestFailure(failure->failure)};
     }
     if (const auto* error = std::get_if<HelperError>(&*answer)) {
         if (error->domain == protocol::kHelperErrorDomain) {
-            logger().error("Privileged helper domain error (code: {}) for device {}: {}", error->code, name,
-                           error->description);
+            clientLogger().error("Privileged helper domain error (code: {}) for device {}: {}", error->code, name,
+                                 error->description);
         } else {
-            logger().error("Helper reported error for device {}: {}", name, error->description);
+            clientLogger().error("Helper reported error for device {}: {}", name, error->description);
         }
         return Failure{HelperRequestFailure::helperError};
     }
     auto& result = std::get<SmartctlExecutionResult>(*answer);
-    logger().debug("Received helper response containing {} bytes of JSON for device {}; exit status: {}",
-                   result.jsonData.size(), name, result.terminationStatus);
+    clientLogger().debug("Received helper response containing {} bytes of JSON for device {}; exit status: {}",
+                         result.jsonData.size(), name, result.terminationStatus);
     return std::move(result);
 }
 
@@ -174,18 +175,18 @@ std::optional<std::string> SmartctlHelperClient::helperVersion() {
     connection->helperVersion([slot](HelperConnection::VersionAnswer answer) { slot->fill(std::move(answer)); });
     const auto answer = slot->wait(std::chrono::steady_clock::now() + dependencies_.replyTimeout, {});
     if (!answer) {
-        logger().error("Timed out waiting for the helper's version");
+        clientLogger().error("Timed out waiting for the helper's version");
         dropConnection(connection);
         return std::nullopt;
     }
     if (const auto* failure = std::get_if<ConnectionError>(&*answer)) {
-        logger().error("Helper connection failed ({}) when asking for its version: {}", failureName(failure->failure),
-                       failure->description);
+        clientLogger().error("Helper connection failed ({}) when asking for its version: {}",
+                             failureName(failure->failure), failure->description);
         dropConnection(connection);
         return std::nullopt;
     }
     if (const auto* error = std::get_if<HelperError>(&*answer)) {
-        logger().error("Helper reported error when asked for its version: {}", error->description);
+        clientLogger().error("Helper reported error when asked for its version: {}", error->description);
         return std::nullopt;
     }
     return std::get<std::string>(*answer);

@@ -17,7 +17,7 @@ namespace {
 
 using json = nlohmann::ordered_json;
 
-const log::Logger& logger() { return log::logger(kBridgeLogCategory); }
+const log::Logger& bridgeLogger() { return log::logger(kBridgeLogCategory); }
 
 std::string readableBytes(std::string_view bytes) {
     return text::isValidUtf8(bytes) ? std::string(bytes) : protocol::base64Encoded(bytes);
@@ -44,12 +44,12 @@ void logMessages(const json& list, const std::string& command) {
         const auto line = fmt::format("smartctl reported message (severity: {}) for command {}: {}", severity, command,
                                       content);
         // The other messages come again with every refresh of a selected volume: debug.
-        logger().write(isSevere(severity) ? log::Level::error : log::Level::debug, line);
+        bridgeLogger().write(isSevere(severity) ? log::Level::error : log::Level::debug, line);
     }
 }
 
 void logDiagnostics(const SmartctlExecutionResult& result, std::string_view deviceName, const json* document) {
-    const auto& log = logger();
+    const auto& log = bridgeLogger();
     // Debug: a drive whose smartctl sets status bits sets them with every refresh.
     if (result.terminationStatus != 0) {
         log.debug("smartctl exited with status {} for device {}; continuing to parse command: {}",
@@ -104,15 +104,15 @@ std::optional<DiskSMARTInfo> interpretResult(const SmartctlExecutionResult& resu
     const auto document = parsedDocument(result.jsonData);
     logDiagnostics(result, deviceName, document ? &*document : nullptr);
     if (!document) {
-        logger().error("Failed to decode smartctl JSON for device {}", deviceName);
+        bridgeLogger().error("Failed to decode smartctl JSON for device {}", deviceName);
         return std::nullopt;
     }
     auto info = interpret(*document, result.commandDescription);
     if (!info) {
-        logger().error("smartctl JSON for device {} did not contain usable SMART information", deviceName);
+        bridgeLogger().error("smartctl JSON for device {} did not contain usable SMART information", deviceName);
         return std::nullopt;
     }
-    logger().debug("Successfully parsed SMART details for device {} via privileged helper", deviceName);
+    bridgeLogger().debug("Successfully parsed SMART details for device {} via privileged helper", deviceName);
     return info;
 }
 

@@ -37,7 +37,6 @@ namespace {
 
 namespace number = icu::number;
 
-constexpr const char* kPosixLocale = "en_US_POSIX";
 constexpr double kTwoToThe63 = 9223372036854775808.0;
 constexpr std::uint64_t kLargestTotal = 9223372036854775807ULL;  // 2^63 − 1
 

@@ -6,8 +6,6 @@
 namespace vantorix::text {
 namespace {
 
-constexpr const char* kPosixLocale = "en_US_POSIX";
-
 const char* nonEmptyEnv(const char* name) {
     const char* value = std::getenv(name);
     return (value != nullptr && *value != '\0') ? value : nullptr;

@@ -13,6 +13,10 @@ namespace vantorix::text {
 // an empty list.
 std::vector<std::string> preferredLanguages();
 
+// The locale of the POSIX ("C") environment, in which numbers and dates are written the same way
+// everywhere.
+inline constexpr const char* kPosixLocale = "en_US_POSIX";
+
 enum class LocaleCategory { numeric, collation };
 
 // The ICU locale id of a category: LC_ALL, else LC_NUMERIC or LC_COLLATE, else LANG, without

@@ -13,11 +13,10 @@
 #include "services/ServiceTexts.h"
 #include "text/Messages.h"
 #include "ui/Appearance.h"
+#include "ui/QtText.h"
 
 namespace vantorix::ui {
 namespace {
-
-QString qText(const std::string& text) { return QString::fromStdString(text); }
 
 // Light margin around the code: readers need it, whatever the window's scheme.
 constexpr int quietZone = 6;

@@ -21,13 +21,12 @@
 #include "ui/DiskIOChartSection.h"
 #include "ui/ErrorBubbleStack.h"
 #include "ui/MetricCardView.h"
+#include "ui/QtText.h"
 #include "ui/SmartInfoSheet.h"
 #include "ui/VolumeControlPanel.h"
 
 namespace vantorix::ui {
 namespace {
-
-QString qText(const std::string& text) { return QString::fromStdString(text); }
 
 // Wide enough for a command or a file path on one line.
 const QString kWideAlertText = QStringLiteral("QLabel#qt_msgbox_label { min-width: 480px; }");

@@ -8,11 +8,10 @@
 
 #include "dashboard/ShellTexts.h"
 #include "services/ServiceTexts.h"
+#include "ui/QtText.h"
 
 namespace vantorix::ui {
 namespace {
-
-QString qText(const std::string& text) { return QString::fromStdString(text); }
 
 constexpr services::FeedbackType kTypes[] = {services::FeedbackType::suggestion, services::FeedbackType::bug,
                                              services::FeedbackType::feature, services::FeedbackType::other};

@@ -7,6 +7,7 @@
 #include <QVBoxLayout>
 
 #include "ui/Appearance.h"
+#include "ui/QtText.h"
 #include "ui/Symbols.h"
 
 namespace vantorix::ui {
@@ -14,8 +15,6 @@ namespace {
 
 constexpr int kCardMinimumWidth = 150;
 constexpr int kSpacing = 12;
-
-QString qText(const std::string& text) { return QString::fromStdString(text); }
 
 }  // namespace
 

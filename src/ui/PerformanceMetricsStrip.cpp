@@ -5,15 +5,10 @@
 
 #include "dashboard/AccentColor.h"
 #include "ui/Appearance.h"
+#include "ui/QtText.h"
 #include "ui/Symbols.h"
 
 namespace vantorix::ui {
-namespace {
-
-QString qText(const std::string& text) { return QString::fromStdString(text); }
-
-}  // namespace
-
 PerformanceMetricsStrip::PerformanceMetricsStrip(QWidget* parent)
     : QWidget(parent),
       heading_(new QLabel(this)),

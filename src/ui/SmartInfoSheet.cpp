@@ -1,4 +1,5 @@
 #include "ui/SmartInfoSheet.h"
+#include "ui/QtText.h"
 
 #include <QDialogButtonBox>
 #include <QFormLayout>
@@ -7,12 +8,6 @@
 #include <QVBoxLayout>
 
 namespace vantorix::ui {
-namespace {
-
-QString qText(const std::string& text) { return QString::fromStdString(text); }
-
-}  // namespace
-
 SmartInfoSheet::SmartInfoSheet(const dashboard::SmartSheetPayload& payload, QWidget* parent)
     : QDialog(parent), title_(new QLabel(this)), rows_(new QTableWidget(this)) {
     const auto content = dashboard::smartSheetContent(payload);

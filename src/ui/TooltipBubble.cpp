@@ -11,10 +11,10 @@
 namespace vantorix::ui {
 namespace {
 
-constexpr double horizontalPadding = 12;
-constexpr double verticalPadding = 8;
+constexpr double bubbleHorizontalPadding = 12;
+constexpr double bubbleVerticalPadding = 8;
 constexpr double lineGap = 3;
-constexpr double cornerRadius = 10;
+constexpr double bubbleCornerRadius = 10;
 
 }  // namespace
 
@@ -29,7 +29,8 @@ QSizeF TooltipBubble::measure(const GraphGeometry::TooltipLines& lines, const QF
     const QFontMetricsF metrics(font);
     const double width = std::max(metrics.horizontalAdvance(QString::fromStdString(lines.primary)),
                                   metrics.horizontalAdvance(QString::fromStdString(lines.secondary)));
-    return {std::ceil(width + 2 * horizontalPadding), std::ceil(2 * metrics.height() + lineGap + 2 * verticalPadding)};
+    return {std::ceil(width + 2 * bubbleHorizontalPadding),
+            std::ceil(2 * metrics.height() + lineGap + 2 * bubbleVerticalPadding)};
 }
 
 void TooltipBubble::paint(QPainter& painter, QPointF origin, const GraphGeometry::TooltipLines& lines,
@@ -40,14 +41,14 @@ void TooltipBubble::paint(QPainter& painter, QPointF origin, const GraphGeometry
     painter.setRenderHint(QPainter::Antialiasing);
     QPainterPath outline;
     // Half a pixel in, so that the 1 px border lies on whole pixels.
-    outline.addRoundedRect(QRectF(origin, size).adjusted(0.5, 0.5, -0.5, -0.5), cornerRadius, cornerRadius);
+    outline.addRoundedRect(QRectF(origin, size).adjusted(0.5, 0.5, -0.5, -0.5), bubbleCornerRadius, bubbleCornerRadius);
     painter.fillPath(outline, colours.bubbleBackground);
     painter.setPen(QPen(colours.bubbleBorder, 1));
     painter.drawPath(outline);
 
     painter.setFont(font);
-    const double left = origin.x() + horizontalPadding;
-    const double firstBaseline = origin.y() + verticalPadding + metrics.ascent();
+    const double left = origin.x() + bubbleHorizontalPadding;
+    const double firstBaseline = origin.y() + bubbleVerticalPadding + metrics.ascent();
     painter.setPen(colours.bubbleSecondaryText);
     painter.drawText(QPointF(left, firstBaseline), QString::fromStdString(lines.primary));
     painter.setPen(colours.bubbleText);

@@ -7,12 +7,11 @@
 
 #include "text/Language.h"
 #include "ui/Appearance.h"
+#include "ui/QtText.h"
 #include "ui/Symbols.h"
 
 namespace vantorix::ui {
 namespace {
-
-QString qText(const std::string& text) { return QString::fromStdString(text); }
 
 InteractiveButton* button(const char* name, QWidget* parent) {
     auto* result = new InteractiveButton(InteractiveButton::StyleSize::regular, parent);

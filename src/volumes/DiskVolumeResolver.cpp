@@ -11,6 +11,7 @@
 #include "text/Formats.h"
 #include "text/Language.h"
 #include "text/Trim.h"
+#include "util/Saturating.h"
 
 namespace vantorix {
 namespace {
@@ -108,8 +109,7 @@ std::string lastPathComponent(const std::string& path) {
 }
 
 std::optional<std::uint64_t> product(std::uint64_t a, std::uint64_t b) {
-    std::uint64_t result = 0;
-    if (__builtin_mul_overflow(a, b, &result)) result = std::numeric_limits<std::uint64_t>::max();
+    const std::uint64_t result = saturatingMultiply(a, b);
     return result == 0 ? std::nullopt : std::optional<std::uint64_t>(result);
 }
 

@@ -18,7 +18,7 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-const log::Logger& logger() { return log::logger("PrivilegedHelperManager"); }
+const log::Logger& servicesLogger() { return log::logger("PrivilegedHelperManager"); }
 
 bool isExecutable(const std::string& path) { return !path.empty() && ::access(path.c_str(), X_OK) == 0; }
 
@@ -67,7 +67,7 @@ std::optional<std::string> SystemdHelperService::property(std::string_view unit,
     auto run = runCommand(
         {programs_.systemctl, "show", "--property=" + std::string(name), "--value", std::string(unit)}, 10000ms);
     if (!run.ok() || run.value().exitStatus != 0) {
-        logger().error(
+        servicesLogger().error(
             "systemctl show {} of {} failed: {}", name, unit,
             run.ok() ? "status " + std::to_string(run.value().exitStatus) + " " + run.value().err : run.error());
         return std::nullopt;
@@ -135,7 +135,7 @@ Result<Unit, HelperServiceError> SystemdHelperService::systemctl(const std::stri
     const bool throughPkexec = effectiveUserId_ != 0;
     if (throughPkexec) command.insert(command.begin(), programs_.pkexec);
     const std::string line = commandLine(command);
-    logger().notice("Running {}", line);
+    servicesLogger().notice("Running {}", line);
     // pkexec waits for the user to answer; systemctl alone is quick.
     auto run = runCommand(command, throughPkexec ? std::nullopt : std::optional(60000ms));
     if (!run.ok()) return Failure{failure(HelperServiceFailure::commandFailed, line + ": " + run.error())};
@@ -209,7 +209,7 @@ Result<Unit, HelperServiceError> StandaloneHelperService::enable() {
     folder_ = pattern;  // mkdtemp makes it 0700: only root reaches the socket through it
     const std::string socket = folder_ + "/helper.sock";
     const std::vector<std::string> command{helperProgram_, "--socket", socket};
-    logger().notice("Running {}", commandLine(command));
+    servicesLogger().notice("Running {}", commandLine(command));
     auto child = ChildProcess::start(command);
     if (!child.ok()) {
         ::rmdir(folder_.c_str());
@@ -220,7 +220,7 @@ Result<Unit, HelperServiceError> StandaloneHelperService::enable() {
     const auto deadline = std::chrono::steady_clock::now() + 5s;
     while (std::chrono::steady_clock::now() < deadline) {
         if (helperListensAt(socket)) {
-            logger().notice("The SMART helper (process {}) listens on {}", child_->pid(), socket);
+            servicesLogger().notice("The SMART helper (process {}) listens on {}", child_->pid(), socket);
             return Unit{};
         }
         if (!child_->running()) break;

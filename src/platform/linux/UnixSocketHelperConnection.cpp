@@ -63,7 +63,7 @@ Result<int, ConnectionError> connectToPeer(const std::string& path, uid_t uid) {
     return fd;
 }
 
-const log::Logger& logger() { return log::logger("SmartctlHelperClient"); }
+const log::Logger& connectionLogger() { return log::logger("SmartctlHelperClient"); }
 
 constexpr std::size_t kKeptBufferBytes = 1024 * 1024;
 
@@ -205,7 +205,7 @@ struct UnixSocketHelperConnection::State : std::enable_shared_from_this<State> {
     void lost(const std::string& reason) {
         closeSocket();
         if (outstanding.empty()) {
-            logger().debug("The privileged helper closed an idle connection ({})", reason);
+            connectionLogger().debug("The privileged helper closed an idle connection ({})", reason);
             return;
         }
         auto failed = std::move(outstanding);
