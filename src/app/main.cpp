@@ -1,7 +1,7 @@
 #include <QApplication>
 #include <QCommandLineParser>
 
-#include <signal.h>
+#include <csignal>
 
 #include <iostream>
 #include <optional>

@@ -122,6 +122,7 @@ std::string samplesTable(const std::vector<TimelineSample>& timeline) {
 // The queue-depth test's eight figures: one row per profile, read and write speed and IOPS.
 std::string queueDepthTable(const std::vector<QueueDepthFigure>& figures) {
     std::vector<std::string> rows;
+    rows.reserve(figures.size());
     for (const auto& figure : figures) {
         rows.push_back("<tr><td>" + htmlEscaped(figure.profile) + "</td><td>" + speedValue(figure.readBytesPerSecond) +
                        "</td><td>" + fmt::format("{:.2f}", figure.readIOPS) + "</td><td>" +
@@ -183,7 +184,7 @@ ChartLabels ChartLabels::current() {
 
 std::string chartSVG(const std::vector<TimelineSample>& timeline, const ChartLabels& labels) {
     std::string svg = "<svg viewBox=\"0 0 " + shortestDecimal(kWidth) + " " + shortestDecimal(kHeight) +
-                      "\" role=\"img\" aria-label=\"" + htmlEscaped(labels.accessible) +
+                      R"(" role="img" aria-label=")" + htmlEscaped(labels.accessible) +
                       "\">\n    <rect x=\"0\" y=\"0\" width=\"" + shortestDecimal(kWidth) + "\" height=\"" +
                       shortestDecimal(kHeight) + "\" rx=\"16\" fill=\"rgba(15,23,42,0.45)\" />\n    ";
 
@@ -202,15 +203,15 @@ std::string chartSVG(const std::vector<TimelineSample>& timeline, const ChartLab
     const double throughputX = kMargin / 1.5;
     const double throughputY = kHeight / 2;
     svg += "\n    <text x=\"" + shortestDecimal(timeX) + "\" y=\"" + shortestDecimal(timeY) +
-           "\" fill=\"#cbd5f5\" font-size=\"28\" text-anchor=\"middle\">" + htmlEscaped(labels.timeAxis) +
+           R"(" fill="#cbd5f5" font-size="28" text-anchor="middle">)" + htmlEscaped(labels.timeAxis) +
            "</text>\n<text x=\"" + shortestDecimal(throughputX) + "\" y=\"" + shortestDecimal(throughputY) +
-           "\" fill=\"#cbd5f5\" font-size=\"28\" text-anchor=\"middle\" transform=\"rotate(-90 " +
+           R"(" fill="#cbd5f5" font-size="28" text-anchor="middle" transform="rotate(-90 )" +
            shortestDecimal(throughputX) + " " + shortestDecimal(throughputY) + ")\">" +
            htmlEscaped(labels.throughputAxis) + "</text>";
 
     if (timeline.empty()) {
         svg += "\n    <text x=\"" + shortestDecimal(timeX) + "\" y=\"" + shortestDecimal(throughputY) +
-               "\" fill=\"#cbd5f5\" font-size=\"32\" text-anchor=\"middle\">" + htmlEscaped(labels.empty) + "</text>";
+               R"(" fill="#cbd5f5" font-size="32" text-anchor="middle">)" + htmlEscaped(labels.empty) + "</text>";
     } else {
         double first = timeline.front().timestamp;
         double last = first;
@@ -230,9 +231,9 @@ std::string chartSVG(const std::vector<TimelineSample>& timeline, const ChartLab
                 points.push_back(fmt::format("{:.2f},{:.2f}", x, y));
             }
             if (points.empty()) continue;  // a series without samples draws nothing
-            svg += "\n    <polyline points=\"" + join(points, " ") + "\" fill=\"none\" stroke=\"" +
+            svg += "\n    <polyline points=\"" + join(points, " ") + R"(" fill="none" stroke=")" +
                    (phase == TimelineSample::Phase::sequentialWrite ? kWriteColour : kReadColour) +
-                   "\" stroke-width=\"2.5\" stroke-linejoin=\"round\" stroke-linecap=\"round\"/>";
+                   R"(" stroke-width="2.5" stroke-linejoin="round" stroke-linecap="round"/>)";
         }
     }
 
@@ -288,8 +289,9 @@ std::string smartSection(const std::optional<DiskSMARTInfo>& smart) {
     return section + "\n\n</div>";
 }
 
-std::string reportHTML(const PerformanceResult& result, const DiskVolumeDescriptor& volume) {
-    const std::string title = localized("磁盘性能测试报告", "Disk Performance Test Report");
+// The summary card's facts about the volume and the sample.
+std::vector<std::pair<std::string, std::string>> summaryBadges(const PerformanceResult& result,
+                                                               const DiskVolumeDescriptor& volume) {
     const auto capacity = [](const std::optional<std::uint64_t>& bytes) {
         return bytes ? sizeValue(*bytes) : unknown();
     };
@@ -297,7 +299,7 @@ std::string reportHTML(const PerformanceResult& result, const DiskVolumeDescript
     if (result.isPayloadAdjusted) {
         sampleSize += localized("（已根据剩余容量自动调整）", "(automatically adjusted to fit free space)");
     }
-    const std::vector<std::pair<std::string, std::string>> badges{
+    return {
         {localized("卷名", "Volume"), volume.displayName.empty() ? unknown() : volume.displayName},
         {localized("接口类型", "Interface"), interfaceText(volume)},
         {localized("文件系统", "File System"), orUnknown(volume.fileSystemDescription)},
@@ -307,6 +309,19 @@ std::string reportHTML(const PerformanceResult& result, const DiskVolumeDescript
         {localized("制造商", "Manufacturer"), orUnknown(volume.hardwareVendor)},
         {localized("型号", "Model"), orUnknown(volume.hardwareModel)},
     };
+}
+
+// Each label and its value, escaped, with `between` in between.
+std::vector<std::string> labelledTexts(const std::vector<std::pair<std::string, std::string>>& pairs,
+                                       const std::string& between) {
+    std::vector<std::string> texts;
+    texts.reserve(pairs.size());
+    for (const auto& [label, value] : pairs) texts.push_back(htmlEscaped(label) + between + htmlEscaped(value));
+    return texts;
+}
+
+std::string reportHTML(const PerformanceResult& result, const DiskVolumeDescriptor& volume) {
+    const std::string title = localized("磁盘性能测试报告", "Disk Performance Test Report");
     const std::vector<std::pair<std::string, std::string>> metrics{
         {localized("写入平均速度", "Average Write Speed"), speedValue(result.writeThroughput)},
         {localized("读取平均速度", "Average Read Speed"), speedValue(result.readThroughput)},
@@ -316,12 +331,8 @@ std::string reportHTML(const PerformanceResult& result, const DiskVolumeDescript
         {localized("最大读取速度", "Maximum Read Speed"), speedValue(result.maximumReadThroughput)},
     };
 
-    std::vector<std::string> badgeTexts;
-    for (const auto& [label, value] : badges) badgeTexts.push_back(htmlEscaped(label) + "：" + htmlEscaped(value));
-    std::vector<std::string> metricTexts;
-    for (const auto& [label, value] : metrics) {
-        metricTexts.push_back(htmlEscaped(label) + "</span>\n                <strong>" + htmlEscaped(value));
-    }
+    const std::vector<std::string> badgeTexts = labelledTexts(summaryBadges(result, volume), "：");
+    const std::vector<std::string> metricTexts = labelledTexts(metrics, "</span>\n                <strong>");
     const std::string blockSize = text::byteCountText(
         static_cast<std::uint64_t>(std::max<std::int64_t>(result.randomBlockSize, 0)),
         ByteUnits::bytes | ByteUnits::kilobytes | ByteUnits::megabytes);

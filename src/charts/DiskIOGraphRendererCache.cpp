@@ -108,10 +108,10 @@ void DiskIOGraphRendererCache::update(const SampleWindow& samples, SampleRange r
             cachedRange_ == SampleRange{lower, upper} && cachedTargetCount_ == 0 && cachedChunkSize_ == 0 &&
             plottedSamples_.get().empty() && same) {
             cachedSampleIntervalMs_ = sampleIntervalMs;
-            cachedDataSignature_ = std::move(signature);
+            cachedDataSignature_ = signature;
             return;
         }
-        postInstaller(Result{{}, {lower, upper}, 0, 0, sampleIntervalMs, std::move(signature)});
+        postInstaller(Result{{}, {lower, upper}, 0, 0, sampleIntervalMs, signature});
         return;
     }
 
@@ -137,7 +137,7 @@ void DiskIOGraphRendererCache::update(const SampleWindow& samples, SampleRange r
         if (recompute == nullptr) {
             // Nothing new to compute; a job already under way is left to finish.
             cachedSampleIntervalMs_ = sampleIntervalMs;
-            cachedDataSignature_ = std::move(signature);
+            cachedDataSignature_ = signature;
             return;
         }
         preserved = std::move(recompute->preservedBins);
@@ -145,8 +145,7 @@ void DiskIOGraphRendererCache::update(const SampleWindow& samples, SampleRange r
     }
 
     cancelPendingWork();
-    Result result{std::move(preserved), {lower, upper},      effectiveTarget, chunkSize,
-                  sampleIntervalMs,     std::move(signature)};
+    Result result{std::move(preserved), {lower, upper}, effectiveTarget, chunkSize, sampleIntervalMs, signature};
     if (std::max(start, lower) >= upper) {
         postInstaller(std::move(result));
         return;
@@ -195,7 +194,7 @@ void DiskIOGraphRendererCache::install(Result result) {
     cachedTargetCount_ = result.targetCount;
     cachedChunkSize_ = result.chunkSize;
     cachedSampleIntervalMs_ = result.sampleIntervalMs;
-    cachedDataSignature_ = std::move(result.signature);
+    cachedDataSignature_ = result.signature;
     if (cachedBins_.empty()) {
         if (!plottedSamples_.get().empty()) plottedSamples_.set({});
         return;

@@ -23,7 +23,7 @@ std::int64_t toIndex(double value, std::int64_t lower, std::int64_t upper) {
 }
 
 std::string bytesText(std::uint64_t bytes) {
-    constexpr std::uint64_t largest = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+    constexpr auto largest = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
     using text::ByteUnits;
     return text::byteCountText(std::min(bytes, largest), ByteUnits::bytes | ByteUnits::kilobytes |
                                                              ByteUnits::megabytes | ByteUnits::gigabytes |

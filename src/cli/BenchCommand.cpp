@@ -7,6 +7,7 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <utility>
 
 #include "benchmark/DiskPerformanceTester.h"
 #include "benchmark/PerformanceMetrics.h"
@@ -249,8 +250,8 @@ void printQueueDepthTable(std::ostream& out, const std::vector<QueueDepthFigure>
 // Drives one run on the main loop: start, progress, outcome, report.
 class BenchSession {
 public:
-    BenchSession(const BenchOptions& options, Environment& environment, std::shared_ptr<LoopMainExecutor> main)
-        : options_(options),
+    BenchSession(BenchOptions options, Environment& environment, std::shared_ptr<LoopMainExecutor> main)
+        : options_(std::move(options)),
           environment_(environment),
           out_(*environment.out),
           err_(*environment.err),

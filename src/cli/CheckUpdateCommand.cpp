@@ -1,6 +1,6 @@
 #include <CLI/CLI.hpp>
 
-#include <stdlib.h>
+#include <cstdlib>
 
 #include <cstdlib>
 #include <filesystem>

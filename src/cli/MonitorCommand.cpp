@@ -4,6 +4,7 @@
 
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <utility>
 
 #include "charts/ChartExportSupport.h"
 #include "cli/Commands.h"
@@ -121,8 +122,8 @@ constexpr std::chrono::seconds kDeliveryInterval{1};
 // Drives one monitoring run on the main loop: select, start, a line a second, stop, summary.
 class MonitorSession {
 public:
-    MonitorSession(const MonitorOptions& options, Environment& environment, std::shared_ptr<LoopMainExecutor> main)
-        : options_(options),
+    MonitorSession(MonitorOptions options, Environment& environment, std::shared_ptr<LoopMainExecutor> main)
+        : options_(std::move(options)),
           environment_(environment),
           out_(*environment.out),
           err_(*environment.err),

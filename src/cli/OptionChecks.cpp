@@ -31,47 +31,44 @@ std::optional<Number> parsed(const std::string& value) {
 }  // namespace
 
 CLI::Validator secondsCheck(double minimum, bool minimumIncluded, double maximum) {
-    return CLI::Validator(
-        [=](std::string& value) -> std::string {
-            const auto seconds = parsed<double>(value);
-            if (seconds && std::isfinite(*seconds) && *seconds <= maximum &&
-                (minimumIncluded ? *seconds >= minimum : *seconds > minimum)) {
-                return {};
-            }
-            if (minimumIncluded) {
+    return {[=](std::string& value) -> std::string {
+                const auto seconds = parsed<double>(value);
+                if (seconds && std::isfinite(*seconds) && *seconds <= maximum &&
+                    (minimumIncluded ? *seconds >= minimum : *seconds > minimum)) {
+                    return {};
+                }
+                if (minimumIncluded) {
+                    return text::isEnglish()
+                               ? fmt::format("must be a number of seconds from {} to {}, not {}", minimum, maximum,
+                                             typed(value))
+                               : fmt::format("应为 {} 到 {} 之间的秒数，而不是 {}", minimum, maximum, typed(value));
+                }
                 return text::isEnglish()
-                           ? fmt::format("must be a number of seconds from {} to {}, not {}", minimum, maximum,
-                                         typed(value))
-                           : fmt::format("应为 {} 到 {} 之间的秒数，而不是 {}", minimum, maximum, typed(value));
-            }
-            return text::isEnglish()
-                       ? fmt::format("must be a number of seconds greater than {} and at most {}, not {}", minimum,
-                                     maximum, typed(value))
-                       : fmt::format("应为大于 {} 且不超过 {} 的秒数，而不是 {}", minimum, maximum, typed(value));
-        },
-        "");
+                           ? fmt::format("must be a number of seconds greater than {} and at most {}, not {}", minimum,
+                                         maximum, typed(value))
+                           : fmt::format("应为大于 {} 且不超过 {} 的秒数，而不是 {}", minimum, maximum, typed(value));
+            },
+            ""};
 }
 
 CLI::Validator byteCountCheck(std::uint64_t minimum, std::uint64_t maximum) {
-    return CLI::Validator(
-        [=](std::string& value) -> std::string {
-            const auto bytes = parsed<std::uint64_t>(value);
-            if (bytes && *bytes >= minimum && *bytes <= maximum) return {};
-            return text::isEnglish()
-                       ? fmt::format("must be a whole number of bytes from {} to {}, not {}", minimum, maximum,
-                                     typed(value))
-                       : fmt::format("应为 {} 到 {} 之间的整数字节数，而不是 {}", minimum, maximum, typed(value));
-        },
-        "");
+    return {[=](std::string& value) -> std::string {
+                const auto bytes = parsed<std::uint64_t>(value);
+                if (bytes && *bytes >= minimum && *bytes <= maximum) return {};
+                return text::isEnglish()
+                           ? fmt::format("must be a whole number of bytes from {} to {}, not {}", minimum, maximum,
+                                         typed(value))
+                           : fmt::format("应为 {} 到 {} 之间的整数字节数，而不是 {}", minimum, maximum, typed(value));
+            },
+            ""};
 }
 
 CLI::Validator namingHiddenOption(const std::string& name, CLI::Validator check) {
-    return CLI::Validator(
-        [name, check = std::move(check)](std::string& value) -> std::string {
-            const std::string problem = check(value);
-            return problem.empty() ? problem : name + text::localized("：", ": ") + problem;
-        },
-        "");
+    return {[name, check = std::move(check)](std::string& value) -> std::string {
+                const std::string problem = check(value);
+                return problem.empty() ? problem : name + text::localized("：", ": ") + problem;
+            },
+            ""};
 }
 
 std::optional<std::string> destinationProblem(const std::string& path) {

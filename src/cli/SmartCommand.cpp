@@ -11,6 +11,7 @@
 #include <limits>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <utility>
 #include <vector>
 
 #include "cli/Commands.h"
@@ -259,8 +260,8 @@ std::string clockText(std::chrono::system_clock::time_point time) {
 // The SMART refresh of a monitor selection, printed as it publishes until Ctrl-C.
 class WatchSession {
 public:
-    WatchSession(const SmartOptions& options, Environment& environment, std::shared_ptr<LoopMainExecutor> main)
-        : options_(options),
+    WatchSession(SmartOptions options, Environment& environment, std::shared_ptr<LoopMainExecutor> main)
+        : options_(std::move(options)),
           environment_(environment),
           main_(std::move(main)),
           pipeline_(SmartPipeline::system(main_, RegistrationPolicy{false})) {}

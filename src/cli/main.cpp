@@ -36,22 +36,20 @@ int unexpectedFailure(const cli::Command& command, const std::string& what) {
 [[noreturn]] void endStoppedBy(int signal) {
     cli::standardOutput().flush();
     if (signal != SIGQUIT) {
-        std::signal(signal, SIG_DFL);
+        if (std::signal(signal, SIG_DFL) == SIG_ERR) std::_Exit(cli::stoppedBy(signal));
         sigset_t set;
         sigemptyset(&set);
         sigaddset(&set, signal);
         pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
-        std::raise(signal);
+        (void)std::raise(signal);  // returns only when the signal did not end the program
     }
     std::_Exit(cli::stoppedBy(signal));
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
     // A reader that goes away shows as a failed write (EPIPE): the command stops its work cleanly
-    // instead of dying in the middle of it.
-    std::signal(SIGPIPE, SIG_IGN);
+    // instead of dying in the middle of it. (Ignoring a valid signal cannot fail.)
+    (void)std::signal(SIGPIPE, SIG_IGN);
 
     CLI::App app{text::localized("Vantorix：查看并测量一个存储卷", "Vantorix: inspect and measure one storage volume"),
                  "vantorix-cli"};
@@ -100,4 +98,15 @@ int main(int argc, char** argv) {
     }
     if (status > cli::stoppedBy(0)) endStoppedBy(status - cli::stoppedBy(0));
     return status;
+}
+
+}  // namespace
+
+// What can throw before a command runs is building the parser, which fails only without memory.
+int main(int argc, char** argv) {
+    try {
+        return run(argc, argv);
+    } catch (...) {
+        return cli::kFailure;
+    }
 }

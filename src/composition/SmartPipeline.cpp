@@ -20,10 +20,10 @@ SmartPipeline SmartPipeline::system(std::shared_ptr<MainExecutor> mainExecutor, 
     } else {
         service = std::make_shared<StandaloneHelperService>(helperProgramBesideExecutable());
     }
-    return over(std::move(service), std::move(mainExecutor));
+    return over(service, std::move(mainExecutor));
 }
 
-SmartPipeline SmartPipeline::over(std::shared_ptr<HelperService> helperService,
+SmartPipeline SmartPipeline::over(const std::shared_ptr<HelperService>& helperService,
                                   std::shared_ptr<MainExecutor> mainExecutor) {
     SmartPipeline pipeline;
     pipeline.helperService = helperService;

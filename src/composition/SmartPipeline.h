@@ -27,7 +27,8 @@ struct SmartPipeline {
     // it runs (/run/systemd/system exists), standalone otherwise.
     static SmartPipeline system(std::shared_ptr<MainExecutor> mainExecutor, RegistrationPolicy policy);
     // The same over a given helper service (tests, and front ends that choose their own).
-    static SmartPipeline over(std::shared_ptr<HelperService> helperService, std::shared_ptr<MainExecutor> mainExecutor);
+    static SmartPipeline over(const std::shared_ptr<HelperService>& helperService,
+                              std::shared_ptr<MainExecutor> mainExecutor);
 
     // A refresh for `monitor` that fetches through this pipeline; installed as its selection follower.
     std::shared_ptr<SmartRefresh> attachRefresh(

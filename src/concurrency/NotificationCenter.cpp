@@ -71,7 +71,7 @@ NotificationCenter& NotificationCenter::defaultCenter() {
 
 Subscription NotificationCenter::addObserver(std::string name, Observer observer) {
     const std::uint64_t id = observers_->add(std::move(name), std::move(observer));
-    return Subscription(std::weak_ptr<detail::SubscriberList>(observers_), id);
+    return {std::weak_ptr<detail::SubscriberList>(observers_), id};
 }
 
 void NotificationCenter::post(std::string_view name) { observers_->post(name); }

@@ -98,7 +98,7 @@ public:
     Subscription subscribe(Subscriber subscriber) {
         assert(affinity_.holds());
         const std::uint64_t id = subscribers_->add(std::move(subscriber));
-        return Subscription(std::weak_ptr<detail::SubscriberList>(subscribers_), id);
+        return {std::weak_ptr<detail::SubscriberList>(subscribers_), id};
     }
 
     std::size_t subscriberCount() const {

@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
+#include <system_error>
 
 namespace vantorix {
 
@@ -44,13 +44,14 @@ void configureCurrentThread(std::string_view label, QualityOfService qos) noexce
     try {
         const std::string name = threadNameForLabel(label);
         if (const int rc = pthread_setname_np(pthread_self(), name.c_str()); rc != 0) {
-            log::logger("Concurrency").debug("Could not name thread {}: {}", name, std::strerror(rc));
+            log::logger("Concurrency").debug("Could not name thread {}: {}", name, std::generic_category().message(rc));
         }
         const int nice = niceValue(qos);
         if (::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), nice) != 0) {
             const int error = errno;
             log::logger("Concurrency")
-                .debug("Thread {} keeps its priority (nice {} refused: {})", name, nice, std::strerror(error));
+                .debug("Thread {} keeps its priority (nice {} refused: {})", name, nice,
+                       std::generic_category().message(error));
         }
     } catch (...) {
         // Naming and prioritising a thread are conveniences; a failure to log about them is not

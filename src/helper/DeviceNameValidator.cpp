@@ -27,7 +27,7 @@ std::optional<std::string> syntaxProblem(std::string_view name) {
     if (name.size() > kMaximumDeviceNameLength) {
         return fmt::format("it is longer than {} characters", kMaximumDeviceNameLength);
     }
-    if (name.front() == '-' || name.front() == '.') return "it starts with \"-\" or \".\"";
+    if (name.front() == '-' || name.front() == '.') return R"(it starts with "-" or ".")";
     for (const char c : name) {
         if (!allowedCharacter(c)) return "only letters, digits and \"_.:-\" may appear in it";
     }

@@ -43,7 +43,14 @@ HelperServer::HelperServer(asio::io_context& io, asio::local::stream_protocol::a
       retryTimer_(io),
       idleTimer_(io) {}
 
-HelperServer::~HelperServer() { stop(); }
+// stop() cancels timers, which throws when the system refuses; a destructor must not throw, and
+// nothing more can be done for a server that is going away.
+HelperServer::~HelperServer() {
+    try {
+        stop();
+    } catch (...) {  // see above
+    }
+}
 
 void HelperServer::start() {
     ::fcntl(acceptor_.native_handle(), F_SETFD, FD_CLOEXEC);

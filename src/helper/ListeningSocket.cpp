@@ -11,12 +11,15 @@
 
 #include <cerrno>
 #include <cstring>
+#include <system_error>
 #include <utility>
 
 namespace vantorix::helper {
 namespace {
 
-std::string systemError(std::string_view what, int error) { return fmt::format("{}: {}", what, std::strerror(error)); }
+std::string systemError(std::string_view what, int error) {
+    return fmt::format("{}: {}", what, std::generic_category().message(error));
+}
 
 // Makes every missing folder of the path, each 0755.
 bool makeFolders(const std::string& folder) {

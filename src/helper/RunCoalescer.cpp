@@ -21,7 +21,14 @@ RunCoalescer::RunCoalescer(asio::io_context& io, std::string program, RunLimits 
                            std::chrono::milliseconds shareWindow)
     : io_(io), program_(std::move(program)), limits_(limits), shareWindow_(shareWindow) {}
 
-RunCoalescer::~RunCoalescer() { stop(); }
+// stop() cancels timers and keeps the abandoned runs, which can throw; a destructor must not, and
+// nothing more can be done for runs whose owner is going away.
+RunCoalescer::~RunCoalescer() {
+    try {
+        stop();
+    } catch (...) {  // see above
+    }
+}
 
 void RunCoalescer::request(const std::string& name, const std::string& devicePath, Waiter waiter) {
     auto& entry = devices_[name];

@@ -1,18 +1,18 @@
 #include "helper/SmartctlRun.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <spawn.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <csignal>
 
 #include <fmt/format.h>
 #include <asio/post.hpp>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
+#include <system_error>
 #include <utility>
 
 #include "log/Log.h"
@@ -24,7 +24,7 @@ using protocol::HelperFailure;
 
 const log::Logger& runLogger() { return log::logger("PrivilegedSmartctlHelper"); }
 
-constexpr std::size_t kReadChunkBytes = 64U * 1024U;
+constexpr std::size_t kReadChunkBytes = std::size_t{64} * 1024;
 
 // A pipe whose ends are closed on exec; the child gets its write end through dup2.
 struct Pipe {
@@ -50,6 +50,7 @@ struct Pipe {
 // a fixed environment. Returns 0 or the error number of the failure.
 int spawn(const std::vector<std::string>& argv, const Pipe& output, const Pipe& errors, pid_t* pid) {
     std::vector<char*> arguments;
+    arguments.reserve(argv.size() + 1);
     for (const auto& argument : argv) arguments.push_back(const_cast<char*>(argument.c_str()));
     arguments.push_back(nullptr);
     char path[] = "PATH=/usr/sbin:/usr/bin:/sbin:/bin";
@@ -143,8 +144,8 @@ void SmartctlRun::launch() {
         const int error = errno;
         output.close();
         errors.close();
-        runLogger().error("Cannot make pipes for smartctl: {}", std::strerror(error));
-        failLater(fmt::format("Cannot start {}: {}.", argv_.front(), std::strerror(error)));
+        runLogger().error("Cannot make pipes for smartctl: {}", std::generic_category().message(error));
+        failLater(fmt::format("Cannot start {}: {}.", argv_.front(), std::generic_category().message(error)));
         return;
     }
     const int spawnError = spawn(argv_, output, errors, &pid_);
@@ -154,8 +155,8 @@ void SmartctlRun::launch() {
         pid_ = -1;
         ::close(output.read);
         ::close(errors.read);
-        runLogger().error("Cannot start {}: {}", commandDescription_, std::strerror(spawnError));
-        failLater(fmt::format("Cannot start {}: {}.", argv_.front(), std::strerror(spawnError)));
+        runLogger().error("Cannot start {}: {}", commandDescription_, std::generic_category().message(spawnError));
+        failLater(fmt::format("Cannot start {}: {}.", argv_.front(), std::generic_category().message(spawnError)));
         return;
     }
     output_.descriptor.assign(output.read);
@@ -168,8 +169,9 @@ void SmartctlRun::launch() {
         ::waitpid(pid_, nullptr, 0);
         output_.descriptor.close();
         errors_.descriptor.close();
-        runLogger().error("Cannot watch smartctl (pid {}): pidfd_open: {}", pid_, std::strerror(openError));
-        failLater(fmt::format("Cannot watch {}: {}.", argv_.front(), std::strerror(openError)));
+        runLogger().error("Cannot watch smartctl (pid {}): pidfd_open: {}", pid_,
+                          std::generic_category().message(openError));
+        failLater(fmt::format("Cannot watch {}: {}.", argv_.front(), std::generic_category().message(openError)));
         return;
     }
     process_.assign(pidfd);

@@ -22,8 +22,8 @@ namespace vantorix::helper {
 struct RunLimits {
     std::chrono::milliseconds timeout{4000};
     // What is kept of smartctl's output. Base64 makes 5 MiB about 6.7 MiB: the reply stays a frame.
-    std::size_t maximumOutputBytes = 4U * 1024U * 1024U;
-    std::size_t maximumErrorBytes = 1U * 1024U * 1024U;
+    std::size_t maximumOutputBytes = std::size_t{4} * 1024 * 1024;
+    std::size_t maximumErrorBytes = std::size_t{1} * 1024 * 1024;
 };
 
 // One smartctl process: started without a shell in its own process group, with /dev/null as

@@ -34,7 +34,7 @@ void AggregationCoordinator::enqueue(DiskSample sample, std::uint64_t readBytes,
     // a swap: the sampling thread never waits for a delivery, and the coordinator's thread is not
     // woken a thousand times a second just to append.
     std::lock_guard lock(pendingMutex_);
-    pendingSamples_.push_back(std::move(sample));
+    pendingSamples_.push_back(sample);
     pendingReadBytes_ += readBytes;  // unsigned: wraps modulo 2^64
     pendingWriteBytes_ += writeBytes;
     pendingLatestSample_ = pendingSamples_.back();
@@ -93,7 +93,7 @@ void AggregationCoordinator::flushNow() {
         std::lock_guard lock(pendingMutex_);
         if (pendingSamples_.empty()) return;
         payload = Payload{std::vector<DiskSample>(pendingSamples_.begin(), pendingSamples_.end()), pendingReadBytes_,
-                          pendingWriteBytes_, std::move(pendingLatestSample_)};
+                          pendingWriteBytes_, pendingLatestSample_};
         pendingSamples_.clear();
         pendingReadBytes_ = 0;
         pendingWriteBytes_ = 0;

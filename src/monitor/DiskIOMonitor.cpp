@@ -136,7 +136,7 @@ void DiskIOMonitor::startMonitoring() {
     }));
 }
 
-void DiskIOMonitor::beginSampling(DiskVolumeDescriptor descriptor) {
+void DiskIOMonitor::beginSampling(const DiskVolumeDescriptor& descriptor) {
     previousSnapshot_.reset();
     auto session = StatisticsSession::create(dependencies_.devices, descriptor.deviceName);
     if (!session.ok()) {
@@ -187,7 +187,7 @@ void DiskIOMonitor::process(const BlockStatistics& snapshot) {
     previousSnapshot_ = snapshot;
     const auto readBytes = sample.readBytes;
     const auto writeBytes = sample.writeBytes;
-    coordinator().enqueue(std::move(sample), readBytes, writeBytes);
+    coordinator().enqueue(sample, readBytes, writeBytes);
 }
 
 void DiskIOMonitor::failOnMonitorQueue(const MonitorError& error) {

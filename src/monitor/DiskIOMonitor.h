@@ -121,10 +121,10 @@ public:
 
 private:
     explicit DiskIOMonitor(Dependencies dependencies);
-    void beginSampling(DiskVolumeDescriptor descriptor);  // monitor queue
-    void tick();                                          // monitor queue
-    void process(const BlockStatistics& snapshot);        // monitor queue
-    void failOnMonitorQueue(const MonitorError& error);   // monitor queue
+    void beginSampling(const DiskVolumeDescriptor& descriptor);  // monitor queue
+    void tick();                                                 // monitor queue
+    void process(const BlockStatistics& snapshot);               // monitor queue
+    void failOnMonitorQueue(const MonitorError& error);          // monitor queue
     AggregationCoordinator& coordinator();
 
     Dependencies dependencies_;

@@ -16,7 +16,7 @@ namespace vantorix {
 // the kernel has no huge pages for the process, the buffer is made of ordinary pages.
 class IoBuffer {
 public:
-    static constexpr std::size_t kHugePageSize = 2 * 1024 * 1024;
+    static constexpr std::size_t kHugePageSize = std::size_t{2} * 1024 * 1024;
 
     // Throws std::bad_alloc when the memory cannot be had.
     explicit IoBuffer(std::size_t size);

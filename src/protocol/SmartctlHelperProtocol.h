@@ -33,10 +33,10 @@ inline constexpr std::string_view kSocketEnvironmentVariable = "VANTORIX_HELPER_
 std::string socketPathFromEnvironment();
 
 inline constexpr std::size_t kFrameHeaderBytes = 4;
-inline constexpr std::size_t kMaximumFrameBytes = 8U * 1024U * 1024U;
+inline constexpr std::size_t kMaximumFrameBytes = std::size_t{8} * 1024 * 1024;
 // A request is about 50 bytes; a device name has at most 64 characters. What a client sends is
 // parsed into a tree that takes some 40 times the text, so the cap keeps that tree small.
-inline constexpr std::size_t kMaximumRequestBytes = 4U * 1024U;
+inline constexpr std::size_t kMaximumRequestBytes = std::size_t{4} * 1024;
 // A request is one object of strings (depth 1); a few levels more leave room to grow.
 inline constexpr std::size_t kMaximumRequestDepth = 8;
 

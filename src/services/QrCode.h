@@ -13,7 +13,9 @@ struct QrMatrix {
     int width = 0;
     std::vector<std::uint8_t> dark;  // width × width, 1 for a dark module
 
-    bool isDark(int x, int y) const { return dark[static_cast<std::size_t>(y * width + x)] != 0; }
+    bool isDark(int x, int y) const {
+        return dark[static_cast<std::size_t>(y) * static_cast<std::size_t>(width) + static_cast<std::size_t>(x)] != 0;
+    }
 };
 
 // `text`'s UTF-8 bytes as a QR code at error-correction level H; nothing when it cannot be made

@@ -253,7 +253,7 @@ Result<std::string, std::string> downloadUpdate(HttpClient& client, const std::s
     // rename() replaces a file of that name in one step, so there is never a moment without one.
     if (std::rename(download.temporaryPath.c_str(), target.c_str()) != 0) {
         const int error = errno;
-        std::remove(download.temporaryPath.c_str());
+        (void)std::remove(download.temporaryPath.c_str());  // best effort: the error said is the move's
         return Failure{text::downloadFailed(fmt::format(
             fmt::runtime(localized("无法把下载的文件移到“{}”：{}", "Could not move the downloaded file to “{}”: {}")),
             target, std::generic_category().message(error)))};

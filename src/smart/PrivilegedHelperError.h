@@ -18,11 +18,11 @@ public:
 
     static PrivilegedHelperError registrationFailed(HelperServiceError underlying) {
         std::string detail = underlying.description;
-        return PrivilegedHelperError(Kind::registrationFailed, std::move(detail), std::move(underlying));
+        return {Kind::registrationFailed, std::move(detail), std::move(underlying)};
     }
     // `what` names the missing file ("the unit file of vantorix-smartctl-helper.socket").
     static PrivilegedHelperError helperNotInstalled(std::string what) {
-        return PrivilegedHelperError(Kind::helperNotInstalled, std::move(what), std::nullopt);
+        return {Kind::helperNotInstalled, std::move(what), std::nullopt};
     }
 
     Kind kind() const { return kind_; }

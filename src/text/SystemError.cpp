@@ -5,7 +5,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstring>
+#include <system_error>
 
 #include "text/Language.h"
 
@@ -55,8 +55,8 @@ std::string systemErrorText(int code) {
     for (const auto& entry : kTexts) {
         if (entry.code == code) return localized(entry.chinese, entry.english);
     }
-    return isEnglish() ? fmt::format("{} (error {})", std::strerror(code), code)
-                       : fmt::format("系统错误 {}（{}）", code, std::strerror(code));
+    return isEnglish() ? fmt::format("{} (error {})", std::generic_category().message(code), code)
+                       : fmt::format("系统错误 {}（{}）", code, std::generic_category().message(code));
 }
 
 std::string notRegularFileText(unsigned mode) {

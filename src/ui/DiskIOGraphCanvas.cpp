@@ -339,7 +339,7 @@ void DiskIOGraphCanvas::setSamples(SampleWindow samples, std::int64_t sampleInte
         auto retargeted = GraphGeometry::retargeted(hoveredSample_, cache_->plottedSamples(),
                                                     static_cast<std::int64_t>(samples_.size()));
         hoverChanged = retargeted != hoveredSample_;
-        hoveredSample_ = std::move(retargeted);
+        hoveredSample_ = retargeted;
     }
     // When the cache is asked for points, their arrival repaints; the batch costs one repaint.
     if (!requestPoints() && (wereVisible || intervalChanged || hoverChanged)) update();
@@ -492,7 +492,7 @@ void DiskIOGraphCanvas::viewChanged() {
 
 void DiskIOGraphCanvas::setHoveredSample(std::optional<IndexedSample> sample) {
     if (sample == hoveredSample_) return;
-    hoveredSample_ = std::move(sample);
+    hoveredSample_ = sample;
     update();
 }
 

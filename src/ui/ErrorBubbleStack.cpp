@@ -49,6 +49,7 @@ ErrorBubbleStack::ErrorBubbleStack(QWidget* parent) : QWidget(parent) {
 
 void ErrorBubbleStack::setMessages(const std::vector<dashboard::BubblePayload>& messages) {
     std::vector<std::pair<std::string, dashboard::BubblePayload::Style>> wanted;
+    wanted.reserve(messages.size());
     for (const auto& message : messages) wanted.emplace_back(message.message, message.style);
     if (wanted == shown_) return;  // the same bubbles: keep them (and any selection in them)
     shown_ = std::move(wanted);

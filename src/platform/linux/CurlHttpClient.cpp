@@ -2,10 +2,10 @@
 
 #include <curl/curl.h>
 #include <fcntl.h>
-#include <stdlib.h>
 #include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <cstdlib>
 
 #include <algorithm>
 #include <cerrno>
@@ -310,7 +310,7 @@ std::optional<std::string> decodeExtendedValue(std::string_view value) {
     std::string decoded;
     const std::string_view encoded = value.substr(secondQuote + 1);
     for (size_t i = 0; i < encoded.size(); ++i) {
-        unsigned char byte = static_cast<unsigned char>(encoded[i]);
+        auto byte = static_cast<unsigned char>(encoded[i]);
         if (byte == '%') {
             if (i + 2 >= encoded.size()) return std::nullopt;
             const int high = hexValue(encoded[i + 1]);
@@ -386,8 +386,9 @@ Result<HttpResponse, HttpError> CurlHttpClient::send(const HttpRequest& request)
         if (!isValidHeaderName(name) || !isValidHeaderValue(value))
             return Failure{HttpError{Kind::other, text::localized("请求头无效", "A request header is not valid")}};
         // "Name;" is libcurl's way of sending a header with an empty value.
-        if (!appendHeader(headers, value.empty() ? name + ";" : name + ": " + value))
-            return Failure{preparationError()};
+        std::string line = name + (value.empty() ? ";" : ": ");
+        line += value;
+        if (!appendHeader(headers, line)) return Failure{preparationError()};
     }
 
     // A time-out of zero would mean none at all to libcurl; the shortest one is meant.

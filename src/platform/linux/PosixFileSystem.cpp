@@ -11,10 +11,10 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <fstream>
 #include <optional>
 #include <random>
+#include <system_error>
 #include <utility>
 
 #include "platform/QueuedFile.h"
@@ -25,7 +25,7 @@ namespace {
 
 FileError lastError() {
     const int code = errno;
-    return FileError{code, std::strerror(code)};
+    return FileError{code, std::generic_category().message(code)};
 }
 
 class PosixFileHandle final : public FileHandle {
@@ -38,8 +38,9 @@ public:
     PosixFileHandle& operator=(const PosixFileHandle&) = delete;
 
     Result<Unit, FileError> seek(std::uint64_t offset) override {
-        if (fd_ < 0) return Failure{FileError{EBADF, std::strerror(EBADF)}};
-        if (offset > static_cast<std::uint64_t>(INT64_MAX)) return Failure{FileError{EINVAL, std::strerror(EINVAL)}};
+        if (fd_ < 0) return Failure{FileError{EBADF, std::generic_category().message(EBADF)}};
+        if (offset > static_cast<std::uint64_t>(INT64_MAX))
+            return Failure{FileError{EINVAL, std::generic_category().message(EINVAL)}};
         position_ = offset;
         return Unit{};
     }
@@ -51,7 +52,7 @@ public:
                 if (errno == EINTR) continue;
                 return Failure{lastError()};
             }
-            if (n == 0) return Failure{FileError{EIO, std::strerror(EIO)}};
+            if (n == 0) return Failure{FileError{EIO, std::generic_category().message(EIO)}};
             position_ += static_cast<std::uint64_t>(n);
             data = data.subspan(static_cast<std::size_t>(n));
         }
@@ -83,7 +84,8 @@ public:
     Result<Unit, FileError> close() override {
         const int fd = fd_;
         fd_ = -1;
-        if (fd < 0 || ::close(fd) != 0) return Failure{fd < 0 ? FileError{EBADF, std::strerror(EBADF)} : lastError()};
+        if (fd < 0 || ::close(fd) != 0)
+            return Failure{fd < 0 ? FileError{EBADF, std::generic_category().message(EBADF)} : lastError()};
         return Unit{};
     }
 
@@ -205,7 +207,7 @@ public:
 
     Result<std::unique_ptr<QueuedFile>, FileError> openQueued(const std::string& name) override {
         if (!isPlainName(name)) return Failure{badName()};
-        if (!exists(name)) return Failure{FileError{ENOENT, std::strerror(ENOENT)}};
+        if (!exists(name)) return Failure{FileError{ENOENT, std::generic_category().message(ENOENT)}};
         if (keepsFilesInMemory(fd_)) return Failure{directIoRefused()};
         return openIoUringQueuedFileAt(fd_, name);
     }
@@ -254,7 +256,8 @@ Result<std::string, FileError> PosixDirectory::writeNewFileAtomically(const std:
 Result<std::string, FileError> PosixDirectory::publish(const std::string& temporary, const std::string& baseName,
                                                        const std::string& extension) {
     for (unsigned suffix = 0;; ++suffix) {
-        const std::string target = baseName + (suffix == 0 ? std::string() : fmt::format("-{}", suffix)) + extension;
+        const std::string target = suffix == 0 ? baseName + extension
+                                               : fmt::format("{}-{}{}", baseName, suffix, extension);
         int status = ::renameat2(fd_, temporary.c_str(), fd_, target.c_str(), RENAME_NOREPLACE);
         if (status != 0 && errno == EINVAL) {
             // A file system without RENAME_NOREPLACE: a hard link never replaces either.

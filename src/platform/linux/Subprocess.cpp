@@ -2,15 +2,15 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
 #include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <csignal>
 
 #include <array>
 #include <cerrno>
-#include <cstring>
+#include <system_error>
 #include <thread>
 
 extern char** environ;
@@ -61,7 +61,7 @@ Result<CommandResult, std::string> runCommand(const std::vector<std::string>& ar
                                               std::optional<std::chrono::milliseconds> timeout) {
     if (argv.empty()) return Failure{std::string("no program given")};
     Pipe out, err;
-    if (!out.ok() || !err.ok()) return Failure{std::string("pipe: ") + std::strerror(errno)};
+    if (!out.ok() || !err.ok()) return Failure{std::string("pipe: ") + std::generic_category().message(errno)};
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -84,7 +84,7 @@ Result<CommandResult, std::string> runCommand(const std::vector<std::string>& ar
     const int spawned = ::posix_spawnp(&pid, argp[0], &actions, &attributes, argp.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attributes);
-    if (spawned != 0) return Failure{argv[0] + ": " + std::strerror(spawned)};
+    if (spawned != 0) return Failure{argv[0] + ": " + std::generic_category().message(spawned)};
     out.closeWrite();
     err.closeWrite();
 
@@ -135,15 +135,17 @@ Result<ChildProcess, std::string> ChildProcess::start(const std::vector<std::str
     // Everything the child needs is prepared before fork(): after it, in a process with threads,
     // the child may only call async-signal-safe functions.
     const pid_t pid = ::fork();
-    if (pid < 0) return Failure{std::string("fork: ") + std::strerror(errno)};
+    if (pid < 0) return Failure{std::string("fork: ") + std::generic_category().message(errno)};
     if (pid == 0) {
         ::prctl(PR_SET_PDEATHSIG, SIGTERM);
         if (::getppid() != parent) ::_exit(127);  // the parent ended before the line above
         ::setpgid(0, 0);
         sigset_t none;
         sigemptyset(&none);
-        ::sigprocmask(SIG_SETMASK, &none, nullptr);
-        for (int signal : {SIGINT, SIGTERM, SIGPIPE, SIGHUP}) ::signal(signal, SIG_DFL);
+        // The child has one thread, and sigprocmask is async-signal-safe (pthread_sigmask is not
+        // listed as such). Nothing can be done here when either fails.
+        ::sigprocmask(SIG_SETMASK, &none, nullptr);  // NOLINT(concurrency-mt-unsafe): one thread here
+        for (int signal : {SIGINT, SIGTERM, SIGPIPE, SIGHUP}) (void)::signal(signal, SIG_DFL);
         const int devNull = ::open("/dev/null", O_RDWR | O_CLOEXEC);
         if (devNull >= 0) ::dup2(devNull, 0);
         ::execv(argp[0], argp.data());

@@ -17,7 +17,7 @@ struct CommandResult {
     std::string err;      // standard error, likewise
 };
 
-inline constexpr std::size_t kCommandOutputLimit = 64 * 1024;
+inline constexpr std::size_t kCommandOutputLimit = std::size_t{64} * 1024;
 
 // Runs a program (looked up in PATH when the name has no "/") without a shell, with standard input
 // from /dev/null, default signal dispositions and an empty signal mask, and collects its output.

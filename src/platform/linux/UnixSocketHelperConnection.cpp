@@ -11,6 +11,7 @@
 #include <cstring>
 #include <deque>
 #include <optional>
+#include <system_error>
 
 #include "concurrency/SerialQueue.h"
 #include "log/Log.h"
@@ -36,22 +37,23 @@ Result<int, ConnectionError> connectToPeer(const std::string& path, uid_t uid) {
     std::memcpy(address.sun_path, path.data(), path.size());
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0)
-        return Failure{
-            connectionError(ConnectionFailure::connectFailed, std::string("socket: ") + std::strerror(errno))};
+        return Failure{connectionError(ConnectionFailure::connectFailed,
+                                       std::string("socket: ") + std::generic_category().message(errno))};
     // A Unix socket connects at once or not at all (EAGAIN: the listener's backlog is full).
     if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
         const int error = errno;
         ::close(fd);
         return Failure{connectionError(ConnectionFailure::connectFailed,
-                                       "cannot connect to " + path + ": " + std::strerror(error))};
+                                       "cannot connect to " + path + ": " + std::generic_category().message(error))};
     }
     ucred peer{};
     socklen_t length = sizeof(peer);
     if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) {
         const int error = errno;
         ::close(fd);
-        return Failure{connectionError(ConnectionFailure::connectFailed,
-                                       std::string("cannot read the peer's credentials: ") + std::strerror(error))};
+        return Failure{connectionError(
+            ConnectionFailure::connectFailed,
+            std::string("cannot read the peer's credentials: ") + std::generic_category().message(error))};
     }
     if (peer.uid != uid) {
         ::close(fd);
@@ -65,7 +67,7 @@ Result<int, ConnectionError> connectToPeer(const std::string& path, uid_t uid) {
 
 const log::Logger& connectionLogger() { return log::logger("SmartctlHelperClient"); }
 
-constexpr std::size_t kKeptBufferBytes = 1024 * 1024;
+constexpr std::size_t kKeptBufferBytes = std::size_t{1024} * 1024;
 
 }  // namespace
 
@@ -99,7 +101,7 @@ struct UnixSocketHelperConnection::State : std::enable_shared_from_this<State> {
     unsigned char header[protocol::kFrameHeaderBytes]{};
     std::string payload;
 
-    void send(std::string request, Pending pending) {
+    void send(const std::string& request, Pending pending) {
         if (invalidated) {
             pending.fail(connectionError(ConnectionFailure::invalidated,
                                          "the connection to the privileged helper was invalidated"));
@@ -251,7 +253,7 @@ struct UnixSocketHelperConnection::State : std::enable_shared_from_this<State> {
 
     void enqueue(std::string request, Pending pending) {
         queue->async([weak = weak_from_this(), request = std::move(request), pending = std::move(pending)]() mutable {
-            if (const auto self = weak.lock()) self->send(std::move(request), std::move(pending));
+            if (const auto self = weak.lock()) self->send(request, std::move(pending));
         });
     }
 };
