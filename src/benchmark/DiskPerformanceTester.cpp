@@ -65,6 +65,55 @@ BenchmarkPhase phaseOfStep(std::size_t profile, bool write) {
     return write ? BenchmarkPhase::randomWrite : BenchmarkPhase::randomRead;
 }
 
+// One buffer of system randomness, which every random write writes.
+void fillWithRandomBytes(IoBuffer& buffer, std::random_device& system) {
+    for (std::size_t i = 0; i < buffer.size(); i += sizeof(unsigned)) {
+        const unsigned word = system();
+        for (std::size_t j = 0; j < sizeof(unsigned); ++j)
+            buffer.data()[i + j] = static_cast<std::byte>(word >> (8 * j));
+    }
+}
+
+// The steps of a queue-depth test, as the progress counts them: laying out the file, then each
+// profile read and each written.
+constexpr std::size_t kQueueDepthSteps = 1 + 2 * kQueueDepthProfiles.size();
+
+// The job that lays out the queue-depth test's file: written whole, sequentially, with no limit
+// of time.
+QueuedJob layoutJob(std::uint64_t size) {
+    QueuedJob layout;
+    layout.pattern = QueuedJob::Pattern::sequential;
+    layout.direction = QueuedJob::Direction::write;
+    layout.blockSize = 1'048'576;
+    layout.queueDepth = 8;
+    layout.span = size;
+    layout.duration = std::chrono::hours(24 * 365);
+    layout.byteLimit = size;
+    return layout;
+}
+
+// The job of one profile in one direction over the file's whole blocks, for `duration`.
+QueuedJob profileJob(const QueueDepthProfile& profile, bool write, std::uint64_t size,
+                     std::chrono::nanoseconds duration) {
+    QueuedJob job;
+    job.pattern = profile.pattern;
+    job.direction = write ? QueuedJob::Direction::write : QueuedJob::Direction::read;
+    job.blockSize = profile.blockSize;
+    job.queueDepth = profile.queueDepth;
+    job.span = size / profile.blockSize * profile.blockSize;
+    job.duration = duration;
+    return job;
+}
+
+// Puts what one profile measured in one direction into its figure.
+void recordProfile(QueueDepthFigure& figure, const QueuedFigures& measured, bool write) {
+    const double seconds = std::max(measured.seconds, std::numeric_limits<double>::epsilon());
+    const double bytesPerSecond = static_cast<double>(measured.bytes) / seconds;
+    const double iops = static_cast<double>(measured.operations) / seconds;
+    (write ? figure.writeBytesPerSecond : figure.readBytesPerSecond) = bytesPerSecond;
+    (write ? figure.writeIOPS : figure.readIOPS) = iops;
+}
+
 // Removes one test file if it is there (a failure is ignored), forgets it and commits the removal,
 // so that its space is free for the next file laid out, in this run or the next. The commit is
 // made also when a stop's cleanup removed the file first: the run still had it open then, and a
@@ -335,6 +384,32 @@ private:
         if (c_.observer.finished) c_.observer.finished(phase, bytes);
     }
 
+    // Repeats `request`, one transfer of `block` bytes, from `phaseStart` until `length` has passed,
+    // and returns how many were made.
+    template <class Request>
+    std::uint64_t repeatFor(BenchmarkPhase phase, Clock::time_point phaseStart, Clock::duration length,
+                            std::uint64_t block, Request&& request) {
+        std::uint64_t count = 0;
+        const auto deadline = phaseStart + length;
+        for (auto now = phaseStart; now < deadline;) {
+            checkCancellation();
+            request();
+            ++count;
+            tracker_.advance(phase, static_cast<double>(block));
+            now = Clock::now();
+            if (tracker_.shouldPublish(now) || now >= deadline) publish(phase, now);
+        }
+        return count;
+    }
+
+    // Ends a phase's progress and returns its duration in seconds.
+    double completePhase(BenchmarkPhase phase, Clock::time_point phaseStart) {
+        tracker_.complete(phase);
+        const auto now = Clock::now();
+        publish(phase, now);
+        return secondsBetween(phaseStart, now);
+    }
+
     RandomFigures randomPhases(const TestFile& file) {
         const std::uint64_t payload = c_.payload.byteCount;
         const std::uint64_t workingSet = std::min(payload, randomPhaseWorkingSetLimit);
@@ -351,11 +426,7 @@ private:
         // Direct I/O wants offsets on block boundaries; otherwise any byte offset is drawn.
         std::random_device system;
         IoBuffer buffer(randomBlockSize);
-        for (std::size_t i = 0; i < randomBlockSize; i += sizeof(unsigned)) {
-            const unsigned word = system();
-            for (std::size_t j = 0; j < sizeof(unsigned); ++j)
-                buffer.data()[i + j] = static_cast<std::byte>(word >> (8 * j));
-        }
+        fillWithRandomBytes(buffer, system);
         std::seed_seq seed{system(), system(), system(), system()};
         std::mt19937_64 generator(seed);
         const std::uint64_t granule = direct ? kDirectIoAlignment : 1;
@@ -370,22 +441,13 @@ private:
         RandomFigures figures;
         started(BenchmarkPhase::randomWrite);
         auto phaseStart = Clock::now();
-        auto deadline = phaseStart + phaseLength;
-        for (auto now = phaseStart; now < deadline;) {
-            checkCancellation();
+        figures.writeCount = repeatFor(BenchmarkPhase::randomWrite, phaseStart, phaseLength, block, [&] {
             const std::uint64_t offset = nextOffset();
             checked(handle->seek(offset), TestError::fileHandleUnavailable, "seeking in the random file");
             writeAt(*handle, offset, data, "a random write");
-            ++figures.writeCount;
-            tracker_.advance(BenchmarkPhase::randomWrite, static_cast<double>(block));
-            now = Clock::now();
-            if (tracker_.shouldPublish(now) || now >= deadline) publish(BenchmarkPhase::randomWrite, now);
-        }
+        });
         checked(handle->synchronize(), TestError::writeFailed, "flushing the random writes");
-        tracker_.complete(BenchmarkPhase::randomWrite);
-        auto now = Clock::now();
-        publish(BenchmarkPhase::randomWrite, now);
-        const double writeDuration = secondsBetween(phaseStart, now);
+        const double writeDuration = completePhase(BenchmarkPhase::randomWrite, phaseStart);
         (void)handle->close();
         finished(BenchmarkPhase::randomWrite, figures.writeCount * block);
 
@@ -394,21 +456,12 @@ private:
         const std::span<std::byte> target = readBuffer.target(block);
         started(BenchmarkPhase::randomRead);
         phaseStart = Clock::now();
-        deadline = phaseStart + phaseLength;
-        for (now = phaseStart; now < deadline;) {
-            checkCancellation();
+        figures.readCount = repeatFor(BenchmarkPhase::randomRead, phaseStart, phaseLength, block, [&] {
             checked(handle->seek(nextOffset()), TestError::fileHandleUnavailable, "seeking in the random file");
             if (checked(handle->read(target), TestError::readFailed, "a random read") != block)
                 failShortRead("a random read");
-            ++figures.readCount;
-            tracker_.advance(BenchmarkPhase::randomRead, static_cast<double>(block));
-            now = Clock::now();
-            if (tracker_.shouldPublish(now) || now >= deadline) publish(BenchmarkPhase::randomRead, now);
-        }
-        tracker_.complete(BenchmarkPhase::randomRead);
-        now = Clock::now();
-        publish(BenchmarkPhase::randomRead, now);
-        const double readDuration = secondsBetween(phaseStart, now);
+        });
+        const double readDuration = completePhase(BenchmarkPhase::randomRead, phaseStart);
         finished(BenchmarkPhase::randomRead, figures.readCount * block);
 
         constexpr double epsilon = std::numeric_limits<double>::epsilon();
@@ -442,10 +495,7 @@ private:
     }
 
     void finishPhase(BenchmarkPhase phase, Clock::time_point phaseStart, SequentialFigures& figures) {
-        tracker_.complete(phase);
-        const auto now = Clock::now();
-        publish(phase, now);
-        figures.duration = secondsBetween(phaseStart, now);
+        figures.duration = completePhase(phase, phaseStart);
         figures.throughput = figures.duration > 0 ? static_cast<double>(c_.payload.byteCount) / figures.duration : 0.0;
     }
 
@@ -529,7 +579,8 @@ private:
         return result;
     }
 
-    std::vector<QueueDepthFigure> queueDepthProfiles(const TestFile& testFile) {
+    // The test file opened for queued I/O, sized and committed.
+    std::unique_ptr<QueuedFile> openQueued(const TestFile& testFile) {
         auto opened = c_.folder->openQueued(testFile.name);
         if (!opened) {
             const int code = opened.error().code;
@@ -537,77 +588,82 @@ private:
             if (code == ENOSYS || code == EPERM || code == EOPNOTSUPP) throw TestError(TestError::queuedIoUnavailable);
             fail(TestError::fileHandleUnavailable, "opening the queued test file", opened.error());
         }
-        const std::unique_ptr<QueuedFile> file = std::move(opened).value();
-        const std::uint64_t size = c_.payload.byteCount;
-        checked(file->truncate(size), TestError::temporaryFileCreationFailed, "sizing the test file");
+        std::unique_ptr<QueuedFile> file = std::move(opened).value();
+        checked(file->truncate(c_.payload.byteCount), TestError::temporaryFileCreationFailed, "sizing the test file");
         // As for the random file's layout: space freed just before becomes usable once committed.
         checked(file->synchronize(), TestError::temporaryFileCreationFailed, "committing the new test file");
+        return file;
+    }
 
-        constexpr std::size_t kSteps = 1 + 2 * kQueueDepthProfiles.size();
-        const auto duration = std::chrono::duration_cast<std::chrono::nanoseconds>(
-            std::chrono::duration<double>(c_.mode.secondsPerProfile));
-        std::size_t stepIndex = 0;
-        // Runs one job as one step of the progress, which moves by bytes while the file is laid
-        // out and by time while a profile runs. A job stops early when the volume went away.
+    // Where a queue-depth test is: the file its jobs run on, the step under way, and whether a job
+    // found the volume gone.
+    struct QueueSteps {
+        QueuedFile& file;
+        std::size_t index = 0;
         bool volumeGone = false;
-        const auto step = [&](const QueuedJob& job, std::size_t profile, bool write) {
-            ProgressState progress;
-            progress.phase = phaseOfStep(profile, write);
-            progress.stepName = queueDepthStepName(profile, write);
-            const auto stepStart = Clock::now();
-            const auto report = [&](double stepFraction, Clock::time_point now) {
-                progress.fractionCompleted = std::clamp(
-                    (static_cast<double>(stepIndex) + std::clamp(stepFraction, 0.0, 1.0)) / kSteps, 0.0, 1.0);
-                progress.elapsedTime = secondsBetween(runStart_, now);
-                progress.estimatedRemainingTime.reset();
-                if (progress.fractionCompleted > 0) {
-                    progress.estimatedRemainingTime = progress.elapsedTime * (1 - progress.fractionCompleted) /
-                                                      progress.fractionCompleted;
-                }
-                lastQueuePublish_ = now;
-                c_.main->post(weakly(c_.tester, [token = c_.token, progress](DiskPerformanceTester& tester) {
-                    tester.publishProgress(token, progress);
-                }));
-            };
-            report(0, stepStart);
-            const auto runJob = [&] {
-                return file->run(
-                    job, [&] { return volumeGone || cancellation_.isCancelled(); },
-                    [&](std::uint64_t bytes) {
-                        const auto now = Clock::now();
-                        if (secondsBetween(lastQueuePublish_, now) < ProgressTracker::kPublishInterval) return;
-                        volumeGone = !c_.folder->isInPlace();
-                        report(job.byteLimit ? static_cast<double>(bytes) / static_cast<double>(*job.byteLimit)
+    };
+
+    // Publishes the progress of the step under way, `stepFraction` of it done.
+    void reportStep(ProgressState& progress, std::size_t stepIndex, double stepFraction, Clock::time_point now) {
+        progress.fractionCompleted = std::clamp(
+            (static_cast<double>(stepIndex) + std::clamp(stepFraction, 0.0, 1.0)) / kQueueDepthSteps, 0.0, 1.0);
+        progress.elapsedTime = secondsBetween(runStart_, now);
+        progress.estimatedRemainingTime.reset();
+        if (progress.fractionCompleted > 0) {
+            progress.estimatedRemainingTime = progress.elapsedTime * (1 - progress.fractionCompleted) /
+                                              progress.fractionCompleted;
+        }
+        lastQueuePublish_ = now;
+        c_.main->post(weakly(c_.tester, [token = c_.token, progress](DiskPerformanceTester& tester) {
+            tester.publishProgress(token, progress);
+        }));
+    }
+
+    // Runs one job as one step of the progress, which moves by bytes while the file is laid out and
+    // by time while a profile runs. A job stops early when the volume went away.
+    QueuedFigures runStep(QueueSteps& steps, const QueuedJob& job, std::size_t profile, bool write) {
+        ProgressState progress;
+        progress.phase = phaseOfStep(profile, write);
+        progress.stepName = queueDepthStepName(profile, write);
+        const auto stepStart = Clock::now();
+        reportStep(progress, steps.index, 0, stepStart);
+        const auto runJob = [&] {
+            return steps.file.run(
+                job, [&] { return steps.volumeGone || cancellation_.isCancelled(); },
+                [&](std::uint64_t bytes) {
+                    const auto now = Clock::now();
+                    if (secondsBetween(lastQueuePublish_, now) < ProgressTracker::kPublishInterval) return;
+                    steps.volumeGone = !c_.folder->isInPlace();
+                    reportStep(progress, steps.index,
+                               job.byteLimit ? static_cast<double>(bytes) / static_cast<double>(*job.byteLimit)
                                              : secondsBetween(stepStart, now) / c_.mode.secondsPerProfile,
                                now);
-                    });
-            };
-            auto figures = runJob();
-            // Laying out the file allocates: as for the standard test's writes, a full file system is
-            // asked once more after the removals before are committed.
-            if (!figures && figures.error().code == ENOSPC && job.byteLimit && !cancellation_.isCancelled()) {
-                (void)c_.folder->commitRemovals();
-                figures = runJob();
-            }
-            checkCancellation();
-            if (volumeGone) checkInPlace();
-            if (!figures)
-                fail(write ? TestError::writeFailed : TestError::readFailed, progress.stepName.value_or("a queued job"),
-                     figures.error());
-            ++stepIndex;
-            report(0, Clock::now());
-            return figures.value();
+                });
         };
+        auto figures = runJob();
+        // Laying out the file allocates: as for the standard test's writes, a full file system is
+        // asked once more after the removals before are committed.
+        if (!figures && figures.error().code == ENOSPC && job.byteLimit && !cancellation_.isCancelled()) {
+            (void)c_.folder->commitRemovals();
+            figures = runJob();
+        }
+        checkCancellation();
+        if (steps.volumeGone) checkInPlace();
+        if (!figures)
+            fail(write ? TestError::writeFailed : TestError::readFailed, progress.stepName.value_or("a queued job"),
+                 figures.error());
+        ++steps.index;
+        reportStep(progress, steps.index, 0, Clock::now());
+        return figures.value();
+    }
 
-        QueuedJob layout;
-        layout.pattern = QueuedJob::Pattern::sequential;
-        layout.direction = QueuedJob::Direction::write;
-        layout.blockSize = 1'048'576;
-        layout.queueDepth = 8;
-        layout.span = size;
-        layout.duration = std::chrono::hours(24 * 365);
-        layout.byteLimit = size;
-        (void)step(layout, kQueueDepthProfiles.size(), true);
+    std::vector<QueueDepthFigure> queueDepthProfiles(const TestFile& testFile) {
+        const std::unique_ptr<QueuedFile> file = openQueued(testFile);
+        const std::uint64_t size = c_.payload.byteCount;
+        const auto duration = std::chrono::duration_cast<std::chrono::nanoseconds>(
+            std::chrono::duration<double>(c_.mode.secondsPerProfile));
+        QueueSteps steps{*file};
+        (void)runStep(steps, layoutJob(size), kQueueDepthProfiles.size(), true);
 
         // Every profile starts from a quiet device, outside its clock: what the jobs before it
         // wrote is made durable, and the layers below (a drive's cache, a virtual disk's host,
@@ -621,24 +677,13 @@ private:
         };
 
         std::vector<QueueDepthFigure> figures;
+        figures.reserve(kQueueDepthProfiles.size());
         for (const auto& profile : kQueueDepthProfiles) figures.push_back({profile.name, 0, 0, 0, 0});
         for (const bool write : {false, true}) {
             for (std::size_t i = 0; i < kQueueDepthProfiles.size(); ++i) {
-                const auto& profile = kQueueDepthProfiles[i];
-                QueuedJob job;
-                job.pattern = profile.pattern;
-                job.direction = write ? QueuedJob::Direction::write : QueuedJob::Direction::read;
-                job.blockSize = profile.blockSize;
-                job.queueDepth = profile.queueDepth;
-                job.span = size / profile.blockSize * profile.blockSize;
-                job.duration = duration;
+                const QueuedJob job = profileJob(kQueueDepthProfiles[i], write, size, duration);
                 settle();
-                const QueuedFigures measured = step(job, i, write);
-                const double seconds = std::max(measured.seconds, std::numeric_limits<double>::epsilon());
-                const double bytesPerSecond = static_cast<double>(measured.bytes) / seconds;
-                const double iops = static_cast<double>(measured.operations) / seconds;
-                (write ? figures[i].writeBytesPerSecond : figures[i].readBytesPerSecond) = bytesPerSecond;
-                (write ? figures[i].writeIOPS : figures[i].readIOPS) = iops;
+                recordProfile(figures[i], runStep(steps, job, i, write), write);
             }
         }
         checked(file->synchronize(), TestError::writeFailed, "flushing the queued test file");

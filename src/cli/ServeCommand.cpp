@@ -40,6 +40,41 @@ exporter::MetricsServer::Response answer(exporter::MetricsCollector& collector,
     return {404, "text/plain; charset=utf-8", "Not Found\n"};
 }
 
+// What the collector watches: the volumes of the given folders (every mounted block-device file
+// system when none is given), sampled at the chosen precision, and their drives' SMART figures,
+// read through `pipeline` until `cancellation` is cancelled.
+exporter::MetricsCollector::Dependencies collectorDependencies(const ServeOptions& options, Environment& environment,
+                                                               const SmartPipeline& pipeline,
+                                                               CancellationSource& cancellation) {
+    exporter::MetricsCollector::Dependencies dependencies;
+    dependencies.devices = environment.system.devices;
+    dependencies.files = environment.system.volumes;
+    dependencies.paths = options.volumes;
+    dependencies.mountPoints = environment.system.blockDeviceMountPoints;
+    dependencies.samplingInterval = DiskIOMonitor::timerInterval(options.precision);
+    dependencies.smart = [&pipeline, &cancellation](const std::string& device) {
+        const auto outcome = pipeline.provider->fetch(device, cancellation.token());
+        exporter::MetricsCollector::SmartReading reading;
+        reading.driveAsleep = outcome.driveAsleep;
+        if (outcome.info) reading.figures = exporter::smartFiguresFromJson(outcome.smartctlJson);
+        return reading;
+    };
+    return dependencies;
+}
+
+// Samples the volumes every `interval`, starting now, and looks for mounted volumes again every
+// kVolumeRefreshInterval.
+void startSampling(RepeatingTimer& sampling, exporter::MetricsCollector& collector, std::chrono::nanoseconds interval,
+                   DiskIOMonitor::SamplingPrecision precision) {
+    const auto refreshEvery = std::max<std::int64_t>(1, kVolumeRefreshInterval / interval);
+    sampling.setHandler([&collector, ticks = std::int64_t{0}, refreshEvery]() mutable {
+        if (++ticks % refreshEvery == 0) collector.refreshVolumes();
+        collector.sample(RepeatingTimer::Clock::now());
+    });
+    sampling.schedule(RepeatingTimer::Duration::zero(), interval, DiskIOMonitor::timerLeeway(precision));
+    sampling.resume();
+}
+
 }  // namespace
 
 std::optional<std::pair<std::string, std::uint16_t>> parseListenAddress(std::string_view text) {
@@ -77,19 +112,7 @@ int runServe(const ServeOptions& options, Environment& environment) {
     const auto pipeline = SmartPipeline::system(main, RegistrationPolicy{false});
     CancellationSource smartCancellation;
 
-    exporter::MetricsCollector::Dependencies dependencies;
-    dependencies.devices = environment.system.devices;
-    dependencies.files = environment.system.volumes;
-    dependencies.paths = options.volumes;
-    dependencies.mountPoints = environment.system.blockDeviceMountPoints;
-    dependencies.samplingInterval = DiskIOMonitor::timerInterval(options.precision);
-    dependencies.smart = [&pipeline, &smartCancellation](const std::string& device) {
-        const auto outcome = pipeline.provider->fetch(device, smartCancellation.token());
-        exporter::MetricsCollector::SmartReading reading;
-        reading.driveAsleep = outcome.driveAsleep;
-        if (outcome.info) reading.figures = exporter::smartFiguresFromJson(outcome.smartctlJson);
-        return reading;
-    };
+    const auto dependencies = collectorDependencies(options, environment, pipeline, smartCancellation);
     exporter::MetricsCollector collector(dependencies);
     const std::size_t watched = collector.refreshVolumes();
     if (watched == 0 && !options.volumes.empty()) {
@@ -114,15 +137,7 @@ int runServe(const ServeOptions& options, Environment& environment) {
 
     SerialQueue samplingQueue("com.vantorix.exporter.sampling", QualityOfService::utility);
     RepeatingTimer sampling(samplingQueue);
-    const auto interval = dependencies.samplingInterval;
-    const auto refreshEvery = std::max<std::int64_t>(1, kVolumeRefreshInterval / interval);
-    std::int64_t ticks = 0;
-    sampling.setHandler([&collector, &ticks, refreshEvery] {
-        if (++ticks % refreshEvery == 0) collector.refreshVolumes();
-        collector.sample(RepeatingTimer::Clock::now());
-    });
-    sampling.schedule(RepeatingTimer::Duration::zero(), interval, DiskIOMonitor::timerLeeway(options.precision));
-    sampling.resume();
+    startSampling(sampling, collector, dependencies.samplingInterval, options.precision);
 
     SerialQueue smartQueue("com.vantorix.exporter.smart", QualityOfService::background);
     RepeatingTimer smart(smartQueue);

@@ -32,10 +32,11 @@ std::optional<std::string> linkCeilingShareText(const PerformanceResult& result,
     return ceilingShareText(PerformanceMetrics::bestSequentialThroughput(result), *link);
 }
 
-VolumePanelContent volumePanelContent(const DiskIOMonitor::State& monitor, const DiskPerformanceTester::State& tester,
-                                      const PerformancePayloadContext& payload) {
-    VolumePanelContent panel;
-    const auto& volume = monitor.selectedVolume;
+namespace {
+
+// The facts of the selected volume, with the fallbacks shown when there is none or a fact is
+// missing.
+void describeVolume(VolumePanelContent& panel, const std::optional<DiskVolumeDescriptor>& volume) {
     panel.isVolumeSelected = volume.has_value();
     panel.selectedVolumeName = volume ? volume->displayName : localized("尚未选择卷", "No volume selected");
     if (volume) panel.deviceName = volume->deviceName;
@@ -61,42 +62,36 @@ VolumePanelContent volumePanelContent(const DiskIOMonitor::State& monitor, const
     panel.availableCapacityDescription = capacityOrUnknown(panel.availableCapacityBytes);
     panel.hardwareVendorDescription = trimmedOrUnknown(volume ? volume->hardwareVendor : std::nullopt);
     panel.hardwareModelDescription = trimmedOrUnknown(volume ? volume->hardwareModel : std::nullopt);
-    panel.isMonitoring = monitor.isMonitoring;
-    panel.exportEnabled = monitor.samples.size() > 1;
+}
 
-    panel.isPerformanceRunning = tester.isRunning;
-    panel.performanceProgressState = tester.progressState;
-    panel.performancePayloadDescription = payload.description;
-    panel.performanceSelection = tester.dataSize;
-    panel.performancePayloadPreview = payload.preview;
-    panel.lastPerformanceResult = tester.lastResult;
-    panel.isPerformanceTestAvailable = payload.isAvailable;
-    panel.performanceWarningMessage = payload.warning;
-
+// The lines of facts under the panel's title, made of the descriptions worked out before.
+std::vector<InfoItem> infoItemsFor(const VolumePanelContent& panel) {
     std::string volumeLine = panel.selectedVolumeName;
     if (panel.deviceName) volumeLine += localized("（", " (") + *panel.deviceName + localized("）", ")");
     std::string connectionLine = panel.connectionTypeDescription;
     if (panel.connectionSpeedDescription) connectionLine += " · " + *panel.connectionSpeedDescription;
-    panel.infoItems = {
+    std::vector<InfoItem> items = {
         {"volume", "internaldrive.fill", volumeLine},
         {"connection", "bolt.horizontal.fill", connectionLine},
     };
     if (panel.linkCeilingDescription) {
-        panel.infoItems.push_back({"linkCeiling", "gauge.with.needle", *panel.linkCeilingDescription});
+        items.push_back({"linkCeiling", "gauge.with.needle", *panel.linkCeilingDescription});
     }
     if (panel.linkWarning) {
-        panel.infoItems.push_back({"linkWarning", PerformanceMetrics::warningIcon(), *panel.linkWarning});
+        items.push_back({"linkWarning", PerformanceMetrics::warningIcon(), *panel.linkWarning});
     }
-    panel.infoItems.insert(
-        panel.infoItems.end(),
-        {
-            {"fileSystem", "doc.text.fill", panel.fileSystemDescription},
-            {"capacity", "chart.pie.fill",
-             localized("可用容量：", "Available Capacity: ") + panel.availableCapacityDescription + " / " +
-                 panel.totalCapacityDescription},
-            {"hardware", "building.2.fill", panel.hardwareVendorDescription + " · " + panel.hardwareModelDescription},
-        });
+    items.insert(items.end(), {
+                                  {"fileSystem", "doc.text.fill", panel.fileSystemDescription},
+                                  {"capacity", "chart.pie.fill",
+                                   localized("可用容量：", "Available Capacity: ") +
+                                       panel.availableCapacityDescription + " / " + panel.totalCapacityDescription},
+                                  {"hardware", "building.2.fill",
+                                   panel.hardwareVendorDescription + " · " + panel.hardwareModelDescription},
+                              });
+    return items;
+}
 
+void setButtons(VolumePanelContent& panel) {
     panel.chooseVolumeButton = {localized("选择卷", "Choose Volume"), "externaldrive", true, AccentColor::blue};
     panel.monitoringButton = panel.isMonitoring
                                  ? PanelButton{localized("停止监控", "Stop"), "pause.fill", true, AccentColor::orange}
@@ -115,22 +110,49 @@ VolumePanelContent volumePanelContent(const DiskIOMonitor::State& monitor, const
     } else {
         panel.performanceButton = {localized("开始测试", "Start Test"), "speedometer", canRun, AccentColor::indigo};
     }
+}
 
-    panel.stripHeading = PerformanceMetrics::heading();
+// The progress while a test runs, else the last result with its share of the link ceiling.
+std::vector<MetricItem> stripItemsFor(const VolumePanelContent& panel) {
+    std::vector<MetricItem> items;
     if (panel.isPerformanceRunning) {
         const std::string payloadValue = panel.performancePayloadPreview
                                              ? payloadSizeText(panel.performancePayloadPreview->byteCount)
                                              : panel.performanceSelection.title();
-        panel.stripItems = PerformanceMetrics::runningItems(panel.performanceProgressState, payloadValue);
+        items = PerformanceMetrics::runningItems(panel.performanceProgressState, payloadValue);
     } else if (panel.lastPerformanceResult) {
-        panel.stripItems = PerformanceMetrics::resultItems(*panel.lastPerformanceResult);
+        items = PerformanceMetrics::resultItems(*panel.lastPerformanceResult);
         if (auto share = linkCeilingShareText(*panel.lastPerformanceResult, panel.link)) {
             const auto ceiling = ceilingBytesPerSecond(*panel.link);
-            panel.stripItems.push_back({"gauge.with.needle", std::move(*share),
-                                        PerformanceMetrics::speedText(static_cast<double>(*ceiling)),
-                                        MetricItem::Style::normal});
+            items.push_back({"gauge.with.needle", std::move(*share),
+                             PerformanceMetrics::speedText(static_cast<double>(*ceiling)), MetricItem::Style::normal});
         }
     }
+    return items;
+}
+
+}  // namespace
+
+VolumePanelContent volumePanelContent(const DiskIOMonitor::State& monitor, const DiskPerformanceTester::State& tester,
+                                      const PerformancePayloadContext& payload) {
+    VolumePanelContent panel;
+    describeVolume(panel, monitor.selectedVolume);
+    panel.isMonitoring = monitor.isMonitoring;
+    panel.exportEnabled = monitor.samples.size() > 1;
+
+    panel.isPerformanceRunning = tester.isRunning;
+    panel.performanceProgressState = tester.progressState;
+    panel.performancePayloadDescription = payload.description;
+    panel.performanceSelection = tester.dataSize;
+    panel.performancePayloadPreview = payload.preview;
+    panel.lastPerformanceResult = tester.lastResult;
+    panel.isPerformanceTestAvailable = payload.isAvailable;
+    panel.performanceWarningMessage = payload.warning;
+
+    panel.infoItems = infoItemsFor(panel);
+    setButtons(panel);
+    panel.stripHeading = PerformanceMetrics::heading();
+    panel.stripItems = stripItemsFor(panel);
     return panel;
 }
 

@@ -139,19 +139,11 @@ std::string_view contentType(ExpositionFormat format) {
                                                    : "text/plain; version=0.0.4; charset=utf-8";
 }
 
-std::string render(const Exposition& exposition, ExpositionFormat format) {
-    Writer w(format);
-    const auto& volumes = exposition.volumes;
-    std::vector<std::string> keys;
-    keys.reserve(volumes.size());
-    for (const auto& volume : volumes) keys.push_back(volumeLabels(volume.labels));
+namespace {
 
-    w.family("vantorix_sampling_interval_seconds", Type::gauge,
-             "Interval between two readings of the block-layer counters.");
-    w.sample("vantorix_sampling_interval_seconds", "", exposition.samplingIntervalSeconds);
-    w.family("vantorix_volumes", Type::gauge, "Number of volumes watched.");
-    w.sample("vantorix_volumes", "", static_cast<double>(volumes.size()));
+using Volumes = std::vector<VolumeFigures>;
 
+void writeVolumeInfo(Writer& w, const Volumes& volumes) {
     w.family("vantorix_volume_info", Type::info, "Descriptor of a watched volume.");
     for (const auto& volume : volumes) {
         const auto& l = volume.labels;
@@ -161,7 +153,10 @@ std::string render(const Exposition& exposition, ExpositionFormat format) {
                              label("link_speed", l.linkSpeed), label("vendor", l.vendor), label("model", l.model)),
                  1);
     }
+}
 
+// The block device's counters and peaks; `keys` holds each volume's labels.
+void writeTraffic(Writer& w, const Volumes& volumes, const std::vector<std::string>& keys) {
     using Field = std::function<double(const VolumeFigures&)>;
     const auto perVolume = [&](std::string_view name, Type type, std::string_view help, const Field& field) {
         w.family(name, type, help);
@@ -183,7 +178,10 @@ std::string render(const Exposition& exposition, ExpositionFormat format) {
     perVolume("vantorix_volume_write_peak_bytes_per_second", Type::gauge,
               "Highest write throughput over one sampling interval since this scraper's previous scrape.",
               [](const VolumeFigures& v) { return v.writePeak; });
+}
 
+// One histogram family with a series per volume and direction; its buckets are cumulative.
+void writeThroughputHistograms(Writer& w, const Volumes& volumes, const std::vector<std::string>& keys) {
     constexpr std::string_view histogram = "vantorix_volume_interval_throughput_bytes_per_second";
     w.family(histogram, Type::histogram, "Throughput of the volume over each sampling interval.");
     const std::string bucket = std::string(histogram) + "_bucket";
@@ -206,7 +204,10 @@ std::string render(const Exposition& exposition, ExpositionFormat format) {
             w.sample(count, labels, static_cast<double>(h->count));
         }
     }
+}
 
+// The drives' SMART figures: a family appears only when some volume has a value for it.
+void writeSmart(Writer& w, const Volumes& volumes, const std::vector<std::string>& keys) {
     using SmartField = std::function<std::optional<double>(const SmartFigures&)>;
     const auto smart = [&](std::string_view name, Type type, std::string_view help, const SmartField& field) {
         bool any = false;
@@ -247,6 +248,26 @@ std::string render(const Exposition& exposition, ExpositionFormat format) {
           [](const SmartFigures& s) { return s.reallocatedSectors; });
     smart("vantorix_smart_refresh_timestamp_seconds", Type::gauge, "When the drive's SMART data was last read.",
           [](const SmartFigures& s) -> std::optional<double> { return s.refreshedAt; });
+}
+
+}  // namespace
+
+std::string render(const Exposition& exposition, ExpositionFormat format) {
+    Writer w(format);
+    const auto& volumes = exposition.volumes;
+    std::vector<std::string> keys;
+    keys.reserve(volumes.size());
+    for (const auto& volume : volumes) keys.push_back(volumeLabels(volume.labels));
+
+    w.family("vantorix_sampling_interval_seconds", Type::gauge,
+             "Interval between two readings of the block-layer counters.");
+    w.sample("vantorix_sampling_interval_seconds", "", exposition.samplingIntervalSeconds);
+    w.family("vantorix_volumes", Type::gauge, "Number of volumes watched.");
+    w.sample("vantorix_volumes", "", static_cast<double>(volumes.size()));
+    writeVolumeInfo(w, volumes);
+    writeTraffic(w, volumes, keys);
+    writeThroughputHistograms(w, volumes, keys);
+    writeSmart(w, volumes, keys);
     return w.finish();
 }
 

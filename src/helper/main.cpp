@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <malloc.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -10,10 +9,12 @@
 #include <asio/steady_timer.hpp>
 
 #include <chrono>
+#include <csignal>
 #include <cstdint>
 #include <functional>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "helper/HelperServer.h"
@@ -53,24 +54,32 @@ void openStandardDescriptors() {
 // keeps what a burst of large replies took.
 void returnFreedMemory() {
     constexpr int kThresholdBytes = 128 * 1024;
-    ::mallopt(M_MMAP_THRESHOLD, kThresholdBytes);
-    ::mallopt(M_TRIM_THRESHOLD, kThresholdBytes);
+    ::mallopt(M_MMAP_THRESHOLD, kThresholdBytes);  // NOLINT(concurrency-mt-unsafe): runs before any thread exists
+    ::mallopt(M_TRIM_THRESHOLD, kThresholdBytes);  // NOLINT(concurrency-mt-unsafe): runs before any thread exists
 }
 
-}  // namespace
+// What the command line asks for. `exitIdle` applies only to a socket systemd passed: such a
+// daemon is started again on the next connection.
+struct Options {
+    std::string socketPath;
+    helper::HelperSettings settings;
+    std::chrono::milliseconds exitIdle{60000};
+};
 
-int main(int argc, char** argv) {
+// Reads the command line into `options`. Returns the status to exit with when the program ends
+// here (help, version, a wrong option), nothing when it goes on.
+std::optional<int> parseCommandLine(int argc, char** argv, Options& options) {
     CLI::App app{"Runs smartctl for validated device names on behalf of Vantorix (root, socket-activated by systemd)",
                  "vantorix-smartctl-helper"};
     app.set_version_flag("--version", std::string(VANTORIX_VERSION));
-    std::string socketPath;
-    helper::HelperSettings settings;
+    helper::HelperSettings& settings = options.settings;
     settings.version = VANTORIX_VERSION;
     std::int64_t runTimeoutMs = settings.limits.timeout.count();
     std::int64_t idleTimeoutMs = settings.clientIdleTimeout.count();
-    std::int64_t exitIdleMs = 60000;
+    std::int64_t exitIdleMs = options.exitIdle.count();
     std::int64_t shareWindowMs = settings.shareWindow.count();
-    app.add_option("--socket", socketPath, "Listen on this Unix socket (when not started by systemd socket activation)")
+    app.add_option("--socket", options.socketPath,
+                   "Listen on this Unix socket (when not started by systemd socket activation)")
         ->type_name("PATH");
     // For tests: what runs, where devices are looked up, and the time limits.
     app.add_option("--smartctl", settings.smartctl)->group("");
@@ -89,34 +98,39 @@ int main(int argc, char** argv) {
     settings.limits.timeout = std::chrono::milliseconds(runTimeoutMs);
     settings.clientIdleTimeout = std::chrono::milliseconds(idleTimeoutMs);
     settings.shareWindow = std::chrono::milliseconds(shareWindowMs);
+    options.exitIdle = std::chrono::milliseconds(exitIdleMs);
+    return std::nullopt;
+}
 
-    returnFreedMemory();
-    openStandardDescriptors();
-    ::signal(SIGPIPE, SIG_IGN);  // smartctl gets default dispositions back when it starts
-    ::signal(SIGCHLD, SIG_DFL);  // an inherited SIG_IGN would reap children behind the pidfds' back
-
-    asio::io_context io;
-    asio::local::stream_protocol::acceptor acceptor(io);
-    std::unique_ptr<helper::SocketFile> socketFile;
+// Gives `acceptor` the socket systemd passed, or the one --socket names, made here and kept in
+// `socketFile`. Returns the status to exit with when there is no socket to listen on.
+std::optional<int> takeSocket(asio::local::stream_protocol::acceptor& acceptor, Options& options,
+                              std::unique_ptr<helper::SocketFile>& socketFile) {
     auto activated = helper::activatedSocket();
     if (!activated) return fail(kUsage, activated.error());
     if (*activated >= 0) {
-        if (!socketPath.empty()) return fail(kUsage, "--socket cannot be used when systemd passes the socket");
+        if (!options.socketPath.empty()) return fail(kUsage, "--socket cannot be used when systemd passes the socket");
         acceptor.assign(asio::local::stream_protocol(), *activated);
-        settings.exitWhenIdle = std::chrono::milliseconds(exitIdleMs);
+        options.settings.exitWhenIdle = options.exitIdle;
         mainLogger().notice("vantorix-smartctl-helper {} listening on the socket systemd passed", VANTORIX_VERSION);
-    } else if (!socketPath.empty()) {
-        auto created = helper::SocketFile::create(socketPath);
+    } else if (!options.socketPath.empty()) {
+        auto created = helper::SocketFile::create(options.socketPath);
         if (!created) return fail(kFailure, created.error());
         socketFile = std::move(*created);
         acceptor.assign(asio::local::stream_protocol(), socketFile->release());
-        mainLogger().notice("vantorix-smartctl-helper {} listening on {}", VANTORIX_VERSION, socketPath);
+        mainLogger().notice("vantorix-smartctl-helper {} listening on {}", VANTORIX_VERSION, options.socketPath);
     } else {
         return fail(
             kUsage,
             "no socket to listen on: start it through vantorix-smartctl-helper.socket (systemd), or pass --socket PATH");
     }
+    return std::nullopt;
+}
 
+// Serves on `acceptor` until SIGTERM or SIGINT, or until the server asks to stop (a daemon systemd
+// started, idle long enough).
+void serve(asio::io_context& io, asio::local::stream_protocol::acceptor acceptor,
+           const helper::HelperSettings& settings) {
     asio::signal_set signals(io, SIGTERM, SIGINT);
     asio::steady_timer reapTimer(io);
     std::function<void()> shutdown;
@@ -150,5 +164,36 @@ int main(int argc, char** argv) {
     server.start();
     io.run();
     mainLogger().notice("vantorix-smartctl-helper exiting");
+}
+
+int run(int argc, char** argv) {
+    Options options;
+    if (const auto status = parseCommandLine(argc, argv, options)) return *status;
+
+    returnFreedMemory();
+    openStandardDescriptors();
+    // Setting a valid signal's disposition cannot fail.
+    (void)std::signal(SIGPIPE, SIG_IGN);  // smartctl gets default dispositions back when it starts
+    (void)std::signal(SIGCHLD, SIG_DFL);  // an inherited SIG_IGN would reap children behind the pidfds' back
+
+    asio::io_context io;
+    asio::local::stream_protocol::acceptor acceptor(io);
+    std::unique_ptr<helper::SocketFile> socketFile;
+    if (const auto status = takeSocket(acceptor, options, socketFile)) return *status;
+    serve(io, std::move(acceptor), options.settings);
     return 0;
+}
+
+}  // namespace
+
+// What throws here is the system refusing a resource (memory, a descriptor, the event loop's
+// epoll): the helper says why on standard error, which systemd keeps in the journal, and fails.
+int main(int argc, char** argv) {
+    try {
+        return run(argc, argv);
+    } catch (const std::exception& error) {
+        return fail(kFailure, error.what());
+    } catch (...) {
+        return fail(kFailure, "stopped by an unknown exception");
+    }
 }

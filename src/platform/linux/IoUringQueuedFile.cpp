@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <random>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -21,7 +22,7 @@ constexpr std::uint32_t kMaxQueueDepth = 256;
 constexpr std::uint32_t kLargestRegisteredBlock = 128 * 1024;
 constexpr auto kProgressInterval = std::chrono::milliseconds(10);
 
-FileError errorFor(int code) { return FileError{code, std::strerror(code)}; }
+FileError errorFor(int code) { return FileError{code, std::generic_category().message(code)}; }
 
 // xoshiro256**, seeded through splitmix64: fast enough to draw an offset per request and to fill
 // write buffers with incompressible bytes.
@@ -137,10 +138,32 @@ private:
         std::uint32_t done = 0;  // bytes of the request already transferred
     };
 
+    // A job under way: what it asks for and how far it got.
+    struct JobState {
+        const QueuedJob& job;
+        bool reading = false;
+        bool randomly = false;
+        std::uint64_t blocks = 0;     // in the span
+        std::uint64_t nextBlock = 0;  // of a sequential job
+        std::uint64_t submittedBytes = 0;
+        std::uint32_t inFlight = 0;
+        bool stopping = false;               // no more requests go out
+        std::optional<FileError> failure{};  // the first one, which fails the job
+        QueuedFigures figures{};
+
+        void fail(FileError error) {
+            if (!failure) failure = std::move(error);
+            stopping = true;
+        }
+    };
+
+    Result<Unit, FileError> validate(const QueuedJob& job);
     Result<Unit, FileError> prepareBuffers(std::uint32_t blockSize, std::uint32_t depth, bool forWriting);
     void releaseBuffers();
     void queue(std::uint32_t index, bool reading, std::uint32_t blockSize);
+    void startRequest(JobState& state, std::uint32_t index);
     int submitAndWait(std::uint32_t inFlight);
+    unsigned takeCompletions(JobState& state, std::vector<std::uint32_t>& finished);
 
     int fd_;
     io_uring ring_{};
@@ -259,8 +282,9 @@ int IoUringQueuedFile::submitAndWait(std::uint32_t inFlight) {
     }
 }
 
-Result<QueuedFigures, FileError> IoUringQueuedFile::run(const QueuedJob& job, const std::function<bool()>& shouldStop,
-                                                        const std::function<void(std::uint64_t)>& progress) {
+// Whether this file can run `job`: the job within the limits openIoUringQueuedFile() states, and
+// the file open with a working ring.
+Result<Unit, FileError> IoUringQueuedFile::validate(const QueuedJob& job) {
     if (fd_ < 0) return Failure{errorFor(EBADF)};
     if (abandoned_) return Failure{FileError{EIO, "the file's I/O ring failed earlier"}};
     const std::uint32_t blockSize = job.blockSize;
@@ -278,112 +302,122 @@ Result<QueuedFigures, FileError> IoUringQueuedFile::run(const QueuedJob& job, co
     if (job.duration.count() < 0 || (job.duration.count() == 0 && !job.byteLimit)) {
         return Failure{FileError{EINVAL, "the job has neither a duration nor a byte limit"}};
     }
-    const bool reading = job.direction == QueuedJob::Direction::read;
-    if (reading) {
+    if (job.direction == QueuedJob::Direction::read) {
         struct stat info {};
         if (::fstat(fd_, &info) != 0) return Failure{errorFor(errno)};
         if (job.span > static_cast<std::uint64_t>(info.st_size)) {
             return Failure{FileError{EINVAL, "the span reaches past the end of the file"}};
         }
     }
+    return Unit{};
+}
+
+// Sends slot `index` out for the job's next block, unless the job is stopping or has sent its
+// byte limit.
+void IoUringQueuedFile::startRequest(JobState& state, std::uint32_t index) {
+    const QueuedJob& job = state.job;
+    if (state.stopping || (job.byteLimit && state.submittedBytes >= *job.byteLimit)) return;
+    Slot& slot = slots_[index];
+    std::uint64_t block = state.nextBlock;
+    if (state.randomly) {
+        block = random_.below(state.blocks);
+    } else {
+        state.nextBlock = state.nextBlock + 1 == state.blocks ? 0 : state.nextBlock + 1;
+    }
+    slot.offset = block * job.blockSize;
+    slot.done = 0;
+    state.submittedBytes += job.blockSize;
+    ++state.inFlight;
+    queue(index, state.reading, job.blockSize);
+}
+
+// Takes the completions the ring holds. A retried request or the rest of a short transfer goes out
+// again, a failure fails the job, and a whole block counts and puts its slot into `finished`, to
+// be sent out again. Returns the number of completions taken.
+unsigned IoUringQueuedFile::takeCompletions(JobState& state, std::vector<std::uint32_t>& finished) {
+    const std::uint32_t blockSize = state.job.blockSize;
+    finished.clear();
+    unsigned head = 0;
+    unsigned seen = 0;
+    io_uring_cqe* cqe = nullptr;
+    io_uring_for_each_cqe(&ring_, head, cqe) {
+        ++seen;
+        const auto index = static_cast<std::uint32_t>(io_uring_cqe_get_data64(cqe));
+        const int res = cqe->res;
+        Slot& slot = slots_[index];
+        if (res > 0) slot.done += static_cast<std::uint32_t>(res);
+        if (res == -EAGAIN || res == -EINTR || (res > 0 && slot.done < blockSize)) {
+            // Retried, or the rest of a short transfer; dropped once the job has failed.
+            if (state.failure) {
+                --state.inFlight;
+            } else {
+                queue(index, state.reading, blockSize);
+            }
+            continue;
+        }
+        --state.inFlight;
+        if (res < 0) {
+            state.fail(errorFor(-res));
+        } else if (res == 0) {
+            state.fail(state.reading ? FileError{ENODATA, "the file ended before the requested block"} : errorFor(EIO));
+        } else {
+            ++state.figures.operations;
+            state.figures.bytes += blockSize;
+            finished.push_back(index);
+        }
+    }
+    io_uring_cq_advance(&ring_, seen);
+    return seen;
+}
+
+Result<QueuedFigures, FileError> IoUringQueuedFile::run(const QueuedJob& job, const std::function<bool()>& shouldStop,
+                                                        const std::function<void(std::uint64_t)>& progress) {
+    if (auto valid = validate(job); !valid) return Failure{valid.error()};
     if (job.byteLimit == std::uint64_t{0}) return QueuedFigures{};
-    if (auto prepared = prepareBuffers(blockSize, depth, !reading); !prepared) return Failure{prepared.error()};
+    const bool reading = job.direction == QueuedJob::Direction::read;
+    if (auto prepared = prepareBuffers(job.blockSize, job.queueDepth, !reading); !prepared) {
+        return Failure{prepared.error()};
+    }
 
     using Clock = std::chrono::steady_clock;
-    const bool randomly = job.pattern == QueuedJob::Pattern::random;
-    const std::uint64_t blocks = job.span / blockSize;
     const bool timed = job.duration.count() > 0;
-    std::uint64_t nextBlock = 0;
-    std::uint64_t submittedBytes = 0;
-    std::uint32_t inFlight = 0;
-    bool stopping = false;
-    std::optional<FileError> failure;
-    QueuedFigures figures;
-
-    auto startRequest = [&](std::uint32_t index) {
-        if (stopping || (job.byteLimit && submittedBytes >= *job.byteLimit)) return;
-        Slot& slot = slots_[index];
-        std::uint64_t block = nextBlock;
-        if (randomly) {
-            block = random_.below(blocks);
-        } else {
-            nextBlock = nextBlock + 1 == blocks ? 0 : nextBlock + 1;
-        }
-        slot.offset = block * blockSize;
-        slot.done = 0;
-        submittedBytes += blockSize;
-        ++inFlight;
-        queue(index, reading, blockSize);
-    };
-    auto fail = [&](FileError error) {
-        if (!failure) failure = std::move(error);
-        stopping = true;
-    };
-
-    for (std::uint32_t index = 0; index < depth; ++index) startRequest(index);
+    JobState state{.job = job,
+                   .reading = reading,
+                   .randomly = job.pattern == QueuedJob::Pattern::random,
+                   .blocks = job.span / job.blockSize};
+    for (std::uint32_t index = 0; index < job.queueDepth; ++index) startRequest(state, index);
     const Clock::time_point start = Clock::now();
     const Clock::time_point deadline = start + job.duration;
     Clock::time_point lastCompletion = start;
     Clock::time_point lastProgress = start;
     std::vector<std::uint32_t> finished;
-    finished.reserve(depth);
+    finished.reserve(job.queueDepth);
 
-    while (inFlight > 0) {
-        if (const int rc = submitAndWait(inFlight); rc < 0) {
+    while (state.inFlight > 0) {
+        if (const int rc = submitAndWait(state.inFlight); rc < 0) {
             // The ring itself failed: what is in flight cannot be waited for.
             abandoned_ = true;
-            fail(errorFor(-rc));
+            state.fail(errorFor(-rc));
             break;
         }
-        finished.clear();
-        unsigned head = 0;
-        unsigned seen = 0;
-        io_uring_cqe* cqe = nullptr;
-        io_uring_for_each_cqe(&ring_, head, cqe) {
-            ++seen;
-            const auto index = static_cast<std::uint32_t>(io_uring_cqe_get_data64(cqe));
-            const int res = cqe->res;
-            Slot& slot = slots_[index];
-            if (res > 0) slot.done += static_cast<std::uint32_t>(res);
-            if (res == -EAGAIN || res == -EINTR || (res > 0 && slot.done < blockSize)) {
-                // Retried, or the rest of a short transfer; dropped once the job has failed.
-                if (failure) {
-                    --inFlight;
-                } else {
-                    queue(index, reading, blockSize);
-                }
-                continue;
-            }
-            --inFlight;
-            if (res < 0) {
-                fail(errorFor(-res));
-            } else if (res == 0) {
-                fail(reading ? FileError{ENODATA, "the file ended before the requested block"} : errorFor(EIO));
-            } else {
-                ++figures.operations;
-                figures.bytes += blockSize;
-                finished.push_back(index);
-            }
-        }
-        io_uring_cq_advance(&ring_, seen);
-
+        const unsigned seen = takeCompletions(state, finished);
         const Clock::time_point now = Clock::now();
         if (seen > 0) lastCompletion = now;
-        if (!stopping && ((timed && now >= deadline) || (shouldStop && shouldStop()))) stopping = true;
+        if (!state.stopping && ((timed && now >= deadline) || (shouldStop && shouldStop()))) state.stopping = true;
         if (progress && now - lastProgress >= kProgressInterval) {
-            progress(figures.bytes);
+            progress(state.figures.bytes);
             lastProgress = now;
         }
-        for (const std::uint32_t index : finished) startRequest(index);
+        for (const std::uint32_t index : finished) startRequest(state, index);
     }
     if (abandoned_) {
         exitRing();
         releaseBuffers();
     }
 
-    if (failure) return Failure{std::move(*failure)};
-    figures.seconds = std::chrono::duration<double>(lastCompletion - start).count();
-    return figures;
+    if (state.failure) return Failure{std::move(*state.failure)};
+    state.figures.seconds = std::chrono::duration<double>(lastCompletion - start).count();
+    return state.figures;
 }
 
 Result<std::unique_ptr<QueuedFile>, FileError> adopt(int fd) {
