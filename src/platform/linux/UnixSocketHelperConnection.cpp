@@ -69,6 +69,31 @@ const log::Logger& connectionLogger() { return log::logger("SmartctlHelperClient
 
 constexpr std::size_t kKeptBufferBytes = std::size_t{1024} * 1024;
 
+// What a request does with its reply and with a failed connection. `answer` takes the reply of
+// type `Wanted` (as `take` hands it over) or the helper's error; any other reply is not this
+// request's, and the handler says so with false.
+struct ReplyHandlers {
+    std::function<bool(protocol::Reply&)> reply;
+    std::function<void(ConnectionError)> fail;
+};
+
+template <typename Wanted, typename Answer, typename Take>
+ReplyHandlers replyHandlers(std::function<void(Answer)> answer, Take take) {
+    auto shared = std::make_shared<std::function<void(Answer)>>(std::move(answer));
+    return {[shared, take](protocol::Reply& reply) {
+                if (auto* wanted = std::get_if<Wanted>(&reply)) {
+                    (*shared)(take(*wanted));
+                    return true;
+                }
+                if (auto* error = std::get_if<HelperError>(&reply)) {
+                    (*shared)(std::move(*error));
+                    return true;
+                }
+                return false;
+            },
+            [shared](ConnectionError error) { (*shared)(std::move(error)); }};
+}
+
 }  // namespace
 
 struct UnixSocketHelperConnection::State : std::enable_shared_from_this<State> {
@@ -293,37 +318,17 @@ void UnixSocketHelperConnection::invalidate() {
 
 void UnixSocketHelperConnection::fetchSmartData(const std::string& deviceName,
                                                 std::function<void(FetchAnswer)> answer) {
-    auto shared = std::make_shared<std::function<void(FetchAnswer)>>(std::move(answer));
-    State::Pending pending{[shared](protocol::Reply& reply) {
-                               if (auto* result = std::get_if<SmartctlExecutionResult>(&reply)) {
-                                   (*shared)(std::move(*result));
-                                   return true;
-                               }
-                               if (auto* error = std::get_if<HelperError>(&reply)) {
-                                   (*shared)(std::move(*error));
-                                   return true;
-                               }
-                               return false;
-                           },
-                           [shared](ConnectionError error) { (*shared)(std::move(error)); }};
-    state_->enqueue(protocol::encodedRequest(protocol::FetchRequest{deviceName}), std::move(pending));
+    auto handlers = replyHandlers<SmartctlExecutionResult>(
+        std::move(answer), [](SmartctlExecutionResult& result) { return std::move(result); });
+    state_->enqueue(protocol::encodedRequest(protocol::FetchRequest{deviceName}),
+                    {std::move(handlers.reply), std::move(handlers.fail)});
 }
 
 void UnixSocketHelperConnection::helperVersion(std::function<void(VersionAnswer)> answer) {
-    auto shared = std::make_shared<std::function<void(VersionAnswer)>>(std::move(answer));
-    State::Pending pending{[shared](protocol::Reply& reply) {
-                               if (auto* version = std::get_if<protocol::VersionReply>(&reply)) {
-                                   (*shared)(std::move(version->version));
-                                   return true;
-                               }
-                               if (auto* error = std::get_if<HelperError>(&reply)) {
-                                   (*shared)(std::move(*error));
-                                   return true;
-                               }
-                               return false;
-                           },
-                           [shared](ConnectionError error) { (*shared)(std::move(error)); }};
-    state_->enqueue(protocol::encodedRequest(protocol::VersionRequest{}), std::move(pending));
+    auto handlers = replyHandlers<protocol::VersionReply>(
+        std::move(answer), [](protocol::VersionReply& reply) { return std::move(reply.version); });
+    state_->enqueue(protocol::encodedRequest(protocol::VersionRequest{}),
+                    {std::move(handlers.reply), std::move(handlers.fail)});
 }
 
 std::shared_ptr<HelperConnection> UnixSocketHelperConnector::connect() {
