@@ -21,7 +21,7 @@ inline SampleWindow chartSamples(std::uint64_t seed = 6, std::size_t count = 60'
         if (burstLeft == 0 && random() % 2000 == 0) burstLeft = 200 + random() % 800;
         const std::uint64_t write = burstLeft > 0 ? 2'000'000 + noise(random) * 4 : noise(random) / 8;
         burstLeft -= burstLeft > 0 ? 1 : 0;
-        buffer.append(DiskSample{Uuid::make(), time, 300'000 + noise(random), write, 3, 5});
+        buffer.append(DiskSample{Uuid::make(), time, 300'000 + noise(random), write, 3, 5, {}});
         time += std::chrono::milliseconds(1);
     }
     return SampleWindow(buffer.elements());

@@ -120,7 +120,7 @@ public:
         const std::uint64_t write = burstLeft_ > 0 ? 2'000'000 + noise * 4 : noise / 8;
         burstLeft_ -= burstLeft_ > 0 ? 1 : 0;
         time_ += std::chrono::milliseconds(1);
-        return DiskSample{Uuid::make(), time_, 300'000 + noise, write, 3 + noise % 5, 5 + noise % 3};
+        return DiskSample{Uuid::make(), time_, 300'000 + noise, write, 3 + noise % 5, 5 + noise % 3, {}};
     }
 
     // One delivery: `count` samples with their sums and the newest, as the coordinator makes it.

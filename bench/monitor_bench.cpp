@@ -110,6 +110,7 @@ struct TickBench {
     std::shared_ptr<SysfsBlockDevices> devices = std::make_shared<SysfsBlockDevices>();
     std::unique_ptr<StatisticsSession> session;
     std::optional<BlockStatistics> previous;
+    std::chrono::steady_clock::time_point previousAt = std::chrono::steady_clock::now();
     std::shared_ptr<AggregationCoordinator> coordinator;
     std::string error;
 
@@ -143,13 +144,16 @@ struct TickBench {
         if (!snapshot.ok()) return false;
         const auto& current = snapshot.value();
         const auto now = std::chrono::system_clock::now();
+        const auto steadyNow = std::chrono::steady_clock::now();
         DiskSample sample{Uuid::make(),
                           now,
                           current.bytesRead() - previous->bytesRead(),
                           current.bytesWritten() - previous->bytesWritten(),
                           current.readsCompleted - previous->readsCompleted,
-                          current.writesCompleted - previous->writesCompleted};
+                          current.writesCompleted - previous->writesCompleted,
+                          loadDifference(*previous, current, steadyNow - previousAt)};
         previous = current;
+        previousAt = steadyNow;
         const auto readBytes = sample.readBytes;
         const auto writeBytes = sample.writeBytes;
         if (sampled) *sampled = std::chrono::steady_clock::now();
@@ -231,7 +235,8 @@ constexpr std::size_t kBatchSize = 17;  // 16.67 ms of samples at 1 ms
 AggregationCoordinator::Payload makeBatch(std::uint64_t first) {
     AggregationCoordinator::Payload batch;
     for (std::uint64_t n = first; n < first + kBatchSize; ++n) {
-        batch.samples.push_back(DiskSample{Uuid::make(), std::chrono::system_clock::now(), n * 4096, n * 512, n, n});
+        batch.samples.push_back(
+            DiskSample{Uuid::make(), std::chrono::system_clock::now(), n * 4096, n * 512, n, n, {}});
         batch.readBytes += n * 4096;
         batch.writeBytes += n * 512;
     }
@@ -272,7 +277,7 @@ void BM_NaiveHistoryCopy(benchmark::State& state) {
     std::vector<DiskSample> history;
     history.reserve(DiskIOMonitor::maximumSamples);
     for (std::uint64_t n = 0; n < DiskIOMonitor::maximumSamples; ++n) {
-        history.push_back(DiskSample{Uuid::make(), std::chrono::system_clock::now(), n, n, n, n});
+        history.push_back(DiskSample{Uuid::make(), std::chrono::system_clock::now(), n, n, n, n, {}});
     }
     for (auto _ : state) {
         std::vector<DiskSample> copy = history;

@@ -19,7 +19,7 @@ constexpr std::size_t kHistory = 60000;
 constexpr std::uint64_t kBatch = 17;
 
 DiskSample sampleNumber(std::uint64_t n) {
-    return DiskSample{Uuid::make(), std::chrono::system_clock::now(), n * 4096, n * 512, n, n};
+    return DiskSample{Uuid::make(), std::chrono::system_clock::now(), n * 4096, n * 512, n, n, {}};
 }
 
 FixedRingBuffer<DiskSample> fullHistory() {

@@ -70,6 +70,7 @@ struct MonitorOptions {
     DiskIOMonitor::SamplingPrecision precision = DiskIOMonitor::SamplingPrecision::ms1000;
     std::optional<double> duration;  // seconds; until Ctrl-C when absent
     bool json = false;
+    bool latency = false;                // the human lines add await, utilisation, queue depth and in flight
     std::optional<std::string> csvPath;  // when set, the chart export (CSV and PNG beside it) at the end
 };
 

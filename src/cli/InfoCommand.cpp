@@ -10,6 +10,7 @@
 #include "cli/StandardStreams.h"
 #include "cli/TextTable.h"
 #include "json/JsonText.h"
+#include "monitor/LoadTexts.h"
 #include "monitor/StatisticsSession.h"
 #include "text/Formats.h"
 #include "text/Language.h"
@@ -40,6 +41,13 @@ std::string capacityLine(const std::optional<std::uint64_t>& bytes) {
 std::string counterLine(std::uint64_t bytes) {
     return text::isEnglish() ? fmt::format("{} ({})", text::totalBytesText(bytes), bytes)
                              : fmt::format("{}（{}）", text::totalBytesText(bytes), bytes);
+}
+
+ordered_json queueJson(const std::optional<BlockQueue>& queue) {
+    if (!queue) return nullptr;
+    return ordered_json{{"requests", optionalJson(queue->requests)},
+                        {"hardwareQueues", optionalJson(queue->hardwareQueues)},
+                        {"rotational", optionalJson(queue->rotational)}};
 }
 
 }  // namespace
@@ -82,12 +90,14 @@ int runInfo(const InfoOptions& options, Environment& environment) {
             {"hardwareVendor", optionalJson(volume.hardwareVendor)},
             {"hardwareModel", optionalJson(volume.hardwareModel)},
             {"linkCeiling", linkCeilingJson(volume.link)},
+            {"queue", queueJson(volume.queue)},
         };
         if (snapshot) {
             document["statistics"] = ordered_json{{"bytesRead", snapshot->bytesRead()},
                                                   {"bytesWritten", snapshot->bytesWritten()},
                                                   {"readOperations", snapshot->readsCompleted},
-                                                  {"writeOperations", snapshot->writesCompleted}};
+                                                  {"writeOperations", snapshot->writesCompleted},
+                                                  {"inFlight", snapshot->inFlight}};
         } else {
             // The description holds; the figures are missing: the failure in the same shape.
             document["statistics"] = nullptr;
@@ -113,6 +123,7 @@ int runInfo(const InfoOptions& options, Environment& environment) {
         }
         rows.emplace_back(text::localized("厂商", "Vendor"), orUnknown(volume.hardwareVendor));
         rows.emplace_back(text::localized("型号", "Model"), orUnknown(volume.hardwareModel));
+        rows.emplace_back(text::localized("请求队列", "Request queue"), orUnknown(queueFactsText(volume.queue)));
         if (snapshot) {
             rows.emplace_back(text::localized("累计读取", "Bytes read"), counterLine(snapshot->bytesRead()));
             rows.emplace_back(text::localized("累计写入", "Bytes written"), counterLine(snapshot->bytesWritten()));

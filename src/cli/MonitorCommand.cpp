@@ -15,6 +15,7 @@
 #include "concurrency/RepeatingTimer.h"
 #include "concurrency/SerialQueue.h"
 #include "monitor/DiskIOMonitor.h"
+#include "monitor/LoadTexts.h"
 #include "monitor/MonitorMetrics.h"
 #include "render/ChartImageRenderer.h"
 #include "text/Formats.h"
@@ -35,6 +36,7 @@ struct Figures {
     std::uint64_t totalReadBytes = 0;
     std::uint64_t totalWriteBytes = 0;
     std::size_t samples = 0;
+    LoadFigures load;  // over the same newest second
 };
 
 Figures figuresOf(const DiskIOMonitor::State& state, double duration) {
@@ -45,7 +47,32 @@ Figures figuresOf(const DiskIOMonitor::State& state, double duration) {
     f.totalReadBytes = state.totalReadBytes;
     f.totalWriteBytes = state.totalWriteBytes;
     f.samples = state.samples.size();
+    f.load = loadFigures(MonitorMetrics::lastSecondLoad(state.samples, state.samplingPrecision));
     return f;
+}
+
+// A figure that a span may lack: null in JSON.
+ordered_json optionalNumber(std::optional<double> value) { return value ? ordered_json(*value) : ordered_json(); }
+
+// The load figures' keys, in the lines and in the summary.
+void addLoadFigures(ordered_json& object, const LoadFigures& load) {
+    object["readAwaitMs"] = optionalNumber(load.readAwaitMilliseconds);
+    object["writeAwaitMs"] = optionalNumber(load.writeAwaitMilliseconds);
+    object["utilization"] = optionalNumber(load.utilization);
+    object["averageQueueDepth"] = optionalNumber(load.averageQueueDepth);
+    object["inFlight"] = load.inFlight;
+    object["discardOperationsRate"] = load.discardsPerSecond;
+    object["flushOperationsRate"] = load.flushesPerSecond;
+}
+
+std::string latencyColumns(const LoadFigures& load, const std::optional<BlockQueue>& queue) {
+    const auto pair = [](const std::string& label, const std::string& value) { return label + " " + value; };
+    return fmt::format(
+        "  {}  {}  {}  {}  {}", pair(text::localized("读取延迟", "Read Await"), awaitText(load.readAwaitMilliseconds)),
+        pair(text::localized("写入延迟", "Write Await"), awaitText(load.writeAwaitMilliseconds)),
+        pair(utilizationLabel(queue), utilizationText(load.utilization)),
+        pair(text::localized("平均队列深度", "Avg Queue Depth"), queueDepthText(load.averageQueueDepth, queue)),
+        pair(text::localized("在途请求", "In Flight"), std::to_string(load.inFlight)));
 }
 
 std::string humanLine(const Figures& f) {
@@ -62,14 +89,16 @@ std::string humanLine(const Figures& f) {
 }
 
 ordered_json jsonLine(const Figures& f) {
-    return ordered_json{{"duration", f.duration},
-                        {"readSpeed", f.speeds.read},
-                        {"writeSpeed", f.speeds.write},
-                        {"readOperationsRate", f.rates.read},
-                        {"writeOperationsRate", f.rates.write},
-                        {"totalReadBytes", f.totalReadBytes},
-                        {"totalWriteBytes", f.totalWriteBytes},
-                        {"samples", f.samples}};
+    auto line = ordered_json{{"duration", f.duration},
+                             {"readSpeed", f.speeds.read},
+                             {"writeSpeed", f.speeds.write},
+                             {"readOperationsRate", f.rates.read},
+                             {"writeOperationsRate", f.rates.write},
+                             {"totalReadBytes", f.totalReadBytes},
+                             {"totalWriteBytes", f.totalWriteBytes},
+                             {"samples", f.samples}};
+    addLoadFigures(line, f.load);
+    return line;
 }
 
 // The whole run: which volume, how much moved, over how long, and the sums of the history it kept.
@@ -81,19 +110,22 @@ ordered_json jsonSummary(const DiskIOMonitor::State& state, double duration, con
         readOps += sample.readOperations;
         writeOps += sample.writeOperations;
     }
-    return ordered_json{{"summary",
-                         {{"device", volume.deviceName},
-                          {"url", volume.url},
-                          {"displayName", volume.displayName},
-                          {"precisionMilliseconds", DiskIOMonitor::rawValue(state.samplingPrecision)},
-                          {"duration", duration},
-                          {"samples", state.samples.size()},
-                          {"totalReadBytes", state.totalReadBytes},
-                          {"totalWriteBytes", state.totalWriteBytes},
-                          {"historyReadBytes", readBytes},
-                          {"historyWriteBytes", writeBytes},
-                          {"historyReadOperations", readOps},
-                          {"historyWriteOperations", writeOps}}}};
+    auto summary = ordered_json{{"summary",
+                                 {{"device", volume.deviceName},
+                                  {"url", volume.url},
+                                  {"displayName", volume.displayName},
+                                  {"precisionMilliseconds", DiskIOMonitor::rawValue(state.samplingPrecision)},
+                                  {"duration", duration},
+                                  {"samples", state.samples.size()},
+                                  {"totalReadBytes", state.totalReadBytes},
+                                  {"totalWriteBytes", state.totalWriteBytes},
+                                  {"historyReadBytes", readBytes},
+                                  {"historyWriteBytes", writeBytes},
+                                  {"historyReadOperations", readOps},
+                                  {"historyWriteOperations", writeOps}}}};
+    // The whole run's figures: its summed counters, the span iostat would report for the same time.
+    addLoadFigures(summary["summary"], loadFigures(state.totalLoad));
+    return summary;
 }
 
 std::string humanSummary(const DiskIOMonitor::State& state, double duration) {
@@ -228,6 +260,8 @@ private:
         const auto& state = monitor_->state();
         const auto figures = figuresOf(state, state.monitoringDuration);
         if (options_.json) printJson(out_, jsonLine(figures), -1);
+        else if (options_.latency)
+            out_ << humanLine(figures) << latencyColumns(figures.load, volume_.queue) << std::endl;
         else out_ << humanLine(figures) << std::endl;
         if (environment_.outputLost()) interrupt(SIGPIPE);
     }
@@ -356,6 +390,10 @@ Command addMonitorCommand(CLI::App& parent) {
                                ->check(secondsCheck(0, false, kLongestDuration));
     command->add_flag("--json", parsed->options.json,
                       text::localized("每行输出一个 JSON 对象", "Print one JSON object per line"));
+    command->add_flag(
+        "--latency", parsed->options.latency,
+        text::localized("每行加上延迟、利用率、平均队列深度和在途请求",
+                        "Add await, utilization, average queue depth and requests in flight to each line"));
     command
         ->add_option(
             "--csv", parsed->options.csvPath,

@@ -37,6 +37,7 @@ void AggregationCoordinator::enqueue(DiskSample sample, std::uint64_t readBytes,
     pendingSamples_.push_back(sample);
     pendingReadBytes_ += readBytes;  // unsigned: wraps modulo 2^64
     pendingWriteBytes_ += writeBytes;
+    pendingLoad_ += sample.load;
     pendingLatestSample_ = pendingSamples_.back();
 }
 
@@ -66,6 +67,7 @@ void AggregationCoordinator::clearPending() noexcept {
     pendingSamples_.clear();  // keeps the capacity
     pendingReadBytes_ = 0;
     pendingWriteBytes_ = 0;
+    pendingLoad_ = {};
     pendingLatestSample_.reset();
 }
 
@@ -93,10 +95,11 @@ void AggregationCoordinator::flushNow() {
         std::lock_guard lock(pendingMutex_);
         if (pendingSamples_.empty()) return;
         payload = Payload{std::vector<DiskSample>(pendingSamples_.begin(), pendingSamples_.end()), pendingReadBytes_,
-                          pendingWriteBytes_, pendingLatestSample_};
+                          pendingWriteBytes_, pendingLoad_, pendingLatestSample_};
         pendingSamples_.clear();
         pendingReadBytes_ = 0;
         pendingWriteBytes_ = 0;
+        pendingLoad_ = {};
         pendingLatestSample_.reset();
     }
     const std::shared_ptr<const Handler> handler = handler_;

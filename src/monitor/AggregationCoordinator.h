@@ -38,6 +38,7 @@ public:
         std::vector<DiskSample> samples;
         std::uint64_t readBytes = 0;
         std::uint64_t writeBytes = 0;
+        LoadCounters load;  // the samples' request counters, summed
         std::optional<DiskSample> latestSample;
 
         friend bool operator==(const Payload&, const Payload&) = default;
@@ -106,6 +107,7 @@ private:
     std::vector<DiskSample> pendingSamples_;
     std::uint64_t pendingReadBytes_ = 0;
     std::uint64_t pendingWriteBytes_ = 0;
+    LoadCounters pendingLoad_;
     std::optional<DiskSample> pendingLatestSample_;
 };
 

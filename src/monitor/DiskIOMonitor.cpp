@@ -122,6 +122,7 @@ void DiskIOMonitor::startMonitoring() {
         self.state_.update([&](State& state) {
             state.samples = self.samplesBuffer_.elements();
             state.totalReadBytes = state.totalWriteBytes = 0;
+            state.totalLoad = {};
             state.currentReadBytes = state.currentWriteBytes = 0;
             state.currentReadOperations = state.currentWriteOperations = 0;
             state.monitoringStartDate = std::chrono::system_clock::now();
@@ -150,6 +151,7 @@ void DiskIOMonitor::beginSampling(const DiskVolumeDescriptor& descriptor) {
     }
     currentStatisticsSession_ = std::move(session.value());
     previousSnapshot_ = first.value();
+    previousSnapshotAt_ = std::chrono::steady_clock::now();
     monitorLog().debug("Monitoring {} every {} ms", currentStatisticsSession_->deviceName(), rawValue(queuePrecision_));
 
     timer_ = std::make_unique<RepeatingTimer>(*monitorQueue_);
@@ -173,8 +175,10 @@ void DiskIOMonitor::tick() {
 
 void DiskIOMonitor::process(const BlockStatistics& snapshot) {
     const auto now = std::chrono::system_clock::now();
+    const auto steadyNow = std::chrono::steady_clock::now();
     if (!previousSnapshot_) {
         previousSnapshot_ = snapshot;
+        previousSnapshotAt_ = steadyNow;
         return;
     }
     const auto& previous = *previousSnapshot_;
@@ -183,8 +187,10 @@ void DiskIOMonitor::process(const BlockStatistics& snapshot) {
                       snapshot.bytesRead() - previous.bytesRead(),
                       snapshot.bytesWritten() - previous.bytesWritten(),
                       snapshot.readsCompleted - previous.readsCompleted,
-                      snapshot.writesCompleted - previous.writesCompleted};
+                      snapshot.writesCompleted - previous.writesCompleted,
+                      loadDifference(previous, snapshot, steadyNow - previousSnapshotAt_)};
     previousSnapshot_ = snapshot;
+    previousSnapshotAt_ = steadyNow;
     const auto readBytes = sample.readBytes;
     const auto writeBytes = sample.writeBytes;
     coordinator().enqueue(sample, readBytes, writeBytes);
@@ -258,6 +264,7 @@ void DiskIOMonitor::applyBatch(const AggregationCoordinator::Payload& batch) {
         }
         state.totalReadBytes += batch.readBytes;
         state.totalWriteBytes += batch.writeBytes;
+        state.totalLoad += batch.load;
         state.samples = samplesBuffer_.elements();
         if (state.monitoringStartDate) {
             state.monitoringDuration =

@@ -64,6 +64,7 @@ public:
         std::uint64_t currentWriteOperations = 0;
         std::uint64_t totalReadBytes = 0;
         std::uint64_t totalWriteBytes = 0;
+        LoadCounters totalLoad;  // the run's request counters, summed from its start
         std::optional<std::string> errorMessage;
         std::optional<MonitorError> error;  // the failure errorMessage describes
         SamplingPrecision samplingPrecision = SamplingPrecision::ms1000;
@@ -135,6 +136,7 @@ private:
 
     // Monitor queue state.
     std::optional<BlockStatistics> previousSnapshot_;
+    std::chrono::steady_clock::time_point previousSnapshotAt_{};
     std::unique_ptr<StatisticsSession> currentStatisticsSession_;
     std::unique_ptr<RepeatingTimer> timer_;
     SamplingPrecision queuePrecision_ = SamplingPrecision::ms1000;  // the precision the queue schedules with

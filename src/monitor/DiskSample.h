@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdint>
 
+#include "monitor/DeviceLoad.h"
 #include "util/Uuid.h"
 
 namespace vantorix {
@@ -16,6 +17,7 @@ struct DiskSample {
     std::uint64_t writeBytes = 0;
     std::uint64_t readOperations = 0;
     std::uint64_t writeOperations = 0;
+    LoadCounters load;  // the request counters' differences over the same interval
 
     friend bool operator==(const DiskSample&, const DiskSample&) = default;
 };

@@ -54,6 +54,19 @@ struct MonitorMetrics {
         return {static_cast<double>(reads) / seconds, static_cast<double>(writes) / seconds};
     }
 
+    // The request counters of the same newest second of samples that lastSecondSpeeds() sums, for
+    // the figures loadFigures() makes of them.
+    template <class History>
+    static LoadCounters lastSecondLoad(const History& samples, DiskIOMonitor::SamplingPrecision precision) {
+        const long long interval = DiskIOMonitor::rawValue(precision);
+        long long elapsed = 0;
+        std::size_t first = samples.size();
+        for (; first > 0 && elapsed < 1000; --first) elapsed += interval;
+        LoadCounters load;
+        for (std::size_t i = first; i < samples.size(); ++i) load += samples[i].load;
+        return load;
+    }
+
     // The run's duration as hours, minutes and seconds ("01:02:05"; hours go past 24).
     static std::string durationText(double seconds);
 };

@@ -57,6 +57,17 @@ struct BlockAttachment {
     friend bool operator==(const BlockAttachment&, const BlockAttachment&) = default;
 };
 
+// How a disk takes requests (its `queue/` and `mq/` entries). A device that serves several requests
+// at once (several hardware queues, or no rotating platter) can be busy all the time without being
+// saturated.
+struct BlockQueue {
+    std::optional<std::uint64_t> requests;   // how many requests the block layer queues for it (`nr_requests`)
+    std::optional<unsigned> hardwareQueues;  // the multi-queue block layer's hardware queues
+    std::optional<bool> rotational;
+
+    friend bool operator==(const BlockQueue&, const BlockQueue&) = default;
+};
+
 // One block device as the kernel describes it in sysfs.
 struct BlockDevice {
     std::string name;  // the kernel's name: "sda1", "nvme0n1", "dm-0"
@@ -67,6 +78,7 @@ struct BlockDevice {
     std::optional<std::string>
         nvmeController;  // the controller of an NVMe namespace (not of its partitions): "nvme0n1" → "nvme0"
     BlockAttachment attachment;
+    std::optional<BlockQueue> queue;  // a partition's is its disk's; nothing for a device without a queue
 
     friend bool operator==(const BlockDevice&, const BlockDevice&) = default;
 };

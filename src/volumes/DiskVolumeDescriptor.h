@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/BlockDevice.h"
 #include "smart/DiskSMARTInfo.h"
 #include "volumes/LinkCeiling.h"
 
@@ -24,6 +25,7 @@ struct DiskVolumeDescriptor {
     std::optional<std::string> hardwareModel;
     std::optional<DiskSMARTInfo> smartInfo;
     std::optional<LinkCeiling> link;  // the link's figures, when the bus reports them
+    std::optional<BlockQueue> queue;  // how the device takes requests, when it has a queue
 
     friend bool operator==(const DiskVolumeDescriptor&, const DiskVolumeDescriptor&) = default;
 };

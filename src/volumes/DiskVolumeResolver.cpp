@@ -249,6 +249,7 @@ Result<DiskVolumeDescriptor, MonitorError> DiskVolumeResolver::resolve(std::stri
     descriptor.hardwareVendor = std::move(connection.vendor);
     descriptor.hardwareModel = std::move(connection.product);
     descriptor.link = linkCeiling(attachment);
+    if (device.ok()) descriptor.queue = device->queue;
     return descriptor;
 }
 

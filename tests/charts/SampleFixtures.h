@@ -18,7 +18,7 @@ inline SampleWindow samplesOf(const std::vector<std::pair<std::uint64_t, std::ui
     FixedRingBuffer<DiskSample> buffer(std::max<std::size_t>(bytes.size(), 1));
     for (std::size_t i = 0; i < bytes.size(); ++i)
         buffer.append(
-            DiskSample{Uuid::make(), start + seconds(static_cast<long>(i)), bytes[i].first, bytes[i].second, 1, 1});
+            DiskSample{Uuid::make(), start + seconds(static_cast<long>(i)), bytes[i].first, bytes[i].second, 1, 1, {}});
     return SampleWindow(buffer.elements());
 }
 

@@ -160,7 +160,7 @@ TEST(MonitorMetrics, SpeedsAndRatesOverTheLastSecond) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        const std::vector<DiskSample> samples(c.count, DiskSample{Uuid::make(), {}, 1000, 2000, 10, 20});
+        const std::vector<DiskSample> samples(c.count, DiskSample{Uuid::make(), {}, 1000, 2000, 10, 20, {}});
         const auto speeds = MonitorMetrics::lastSecondSpeeds(samples, c.precision);
         const auto rates = MonitorMetrics::operationRates(samples, c.precision);
         EXPECT_EQ(speeds, c.speeds);
@@ -173,7 +173,7 @@ TEST(MonitorMetrics, SpeedsAndRatesOverTheLastSecond) {
 // sum past 2^64.
 DiskSample sample(std::uint64_t n) {
     constexpr std::uint64_t big = std::numeric_limits<std::uint64_t>::max() / 2 + 3;
-    return DiskSample{Uuid::make(), std::chrono::system_clock::now(), big * n, big + n, n, 2 * n};
+    return DiskSample{Uuid::make(), std::chrono::system_clock::now(), big * n, big + n, n, 2 * n, {}};
 }
 
 void enqueue(AggregationCoordinator& coordinator, const DiskSample& s) {

@@ -63,8 +63,13 @@ struct Graph {
 
     void append(std::size_t count) {
         for (std::size_t n = history.count(), end = n + count; n < end; ++n)
-            history.append(DiskSample{Uuid::make(), std::chrono::sys_seconds(std::chrono::seconds(1'740'816'930 + n)),
-                                      readAt(n), writeAt(n), 1, 1});
+            history.append(DiskSample{Uuid::make(),
+                                      std::chrono::sys_seconds(std::chrono::seconds(1'740'816'930 + n)),
+                                      readAt(n),
+                                      writeAt(n),
+                                      1,
+                                      1,
+                                      {}});
         section.setSamples(history.elements(), 1000);
         settle();
     }

@@ -253,6 +253,24 @@ private:
     std::string path_;
 };
 
+// The queue facts of a disk's sysfs entry; nothing when it has no `queue/` (zram, for one).
+std::optional<BlockQueue> queueOf(const fs::path& disk) {
+    const auto queue = disk / "queue";
+    if (!isDirectory(queue)) return std::nullopt;
+    BlockQueue facts;
+    if (const auto requests = textAttribute(queue, "nr_requests")) facts.requests = sysfs::parseDecimal(*requests);
+    if (const auto rotational = textAttribute(queue, "rotational")) {
+        if (*rotational == "0" || *rotational == "1") facts.rotational = *rotational == "1";
+    }
+    if (isDirectory(disk / "mq")) {
+        const auto queues = entries(disk / "mq");
+        facts.hardwareQueues = static_cast<unsigned>(
+            std::count_if(queues.begin(), queues.end(),
+                          [](const std::string& name) { return sysfs::parseDecimal(name).has_value(); }));
+    }
+    return facts;
+}
+
 bool isPlainName(std::string_view name) {
     return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos &&
            name.find('\0') == std::string_view::npos;
@@ -285,6 +303,9 @@ Result<BlockDevice, BlockDeviceError> SysfsBlockDevices::device(std::string_view
     if (fs::exists(*dir / "partition", error)) {
         const auto disk = dir->parent_path();
         if (tree_.contains(disk) && fs::exists(disk / "dev", error)) device.wholeDisk = disk.filename().string();
+        device.queue = queueOf(disk);
+    } else {
+        device.queue = queueOf(*dir);
     }
     for (auto& member : entries(*dir / "slaves")) {
         if (tree_.blockDevice(member)) device.members.push_back(std::move(member));
