@@ -21,7 +21,8 @@ bool servesInParallel(const std::optional<BlockQueue>& queue) {
 }
 
 std::string utilizationLabel(const std::optional<BlockQueue>& queue) {
-    return servesInParallel(queue) ? text::localized("繁忙时间", "Busy Time") : text::localized("利用率", "Utilization");
+    return servesInParallel(queue) ? text::localized("繁忙时间", "Busy Time")
+                                   : text::localized("利用率", "Utilization");
 }
 
 std::string awaitText(std::optional<double> milliseconds) {

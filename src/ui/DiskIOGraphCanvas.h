@@ -5,12 +5,15 @@
 #include <QPoint>
 #include <QPointF>
 #include <QRectF>
+#include <QRegion>
 #include <QSize>
 #include <QSizeF>
+#include <QTimer>
 #include <QTransform>
 #include <QWidget>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -161,6 +164,11 @@ private:
     void pointsPublished();
     // Starts drawing the plot of the current points off the main thread; repaints when it is there.
     void drawPlotAhead();
+    // A drawn plot became the current one: repaints it with the next batch, or soon.
+    void plotArrived(bool linesOnly);
+    void showArrivedPlot();
+    // Where the lines can be: the plot with a margin for the line width.
+    QRect linesRect() const;
     void viewChanged();
     void hover(QPointF position);
     void setHoveredSample(std::optional<IndexedSample> sample);
@@ -209,6 +217,13 @@ private:
     // dropped on arrival.
     std::shared_ptr<std::atomic<std::uint64_t>> plotRequest_ = std::make_shared<std::atomic<std::uint64_t>>(0);
     bool plotPending_ = false;
+    // An arrived plot not yet repainted, and when the last batch came.
+    using Clock = std::chrono::steady_clock;
+    static constexpr std::chrono::milliseconds kBatchFlowGap{40};
+    static constexpr std::chrono::milliseconds kPlotShowDelay{20};
+    QRegion unshownPlotRegion_;
+    Clock::time_point lastSamplesAt_{};
+    QTimer plotShowTimer_;
     struct PlotBuffers;
     std::shared_ptr<PlotBuffers> plotBuffers_;
     // Held only here, so that a result arriving after the widget has gone sees it expired.
