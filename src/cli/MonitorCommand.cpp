@@ -144,6 +144,21 @@ std::string humanSummary(const DiskIOMonitor::State& state, double duration) {
                        text::totalBytesText(state.totalWriteBytes), averageWrite);
 }
 
+// The whole run's request figures, in a sentence.
+std::string latencySummary(const DiskIOMonitor::State& state) {
+    const auto load = loadFigures(state.totalLoad);
+    const auto& queue = state.selectedVolume ? state.selectedVolume->queue : std::nullopt;
+    if (text::isEnglish()) {
+        return fmt::format("Read Await {}, Write Await {}, {} {}, Avg Queue Depth {}.",
+                           awaitText(load.readAwaitMilliseconds), awaitText(load.writeAwaitMilliseconds),
+                           utilizationLabel(queue), utilizationText(load.utilization),
+                           queueDepthText(load.averageQueueDepth, queue));
+    }
+    return fmt::format("读取延迟 {}，写入延迟 {}，{} {}，平均队列深度 {}。", awaitText(load.readAwaitMilliseconds),
+                       awaitText(load.writeAwaitMilliseconds), utilizationLabel(queue),
+                       utilizationText(load.utilization), queueDepthText(load.averageQueueDepth, queue));
+}
+
 // A run is at most a year long.
 constexpr double kLongestDuration = 365.0 * 24 * 60 * 60;
 
@@ -286,6 +301,9 @@ private:
         // A run that failed before its first sample has nothing to sum up: the error says it all.
         if (!failure_ || !state.samples.empty()) {
             if (options_.json) printJson(out_, jsonSummary(state, lastDuration_, volume_), -1);
+            else if (options_.latency)
+                out_ << humanSummary(state, lastDuration_) << (text::isEnglish() ? " " : "") << latencySummary(state)
+                     << std::endl;
             else out_ << humanSummary(state, lastDuration_) << std::endl;
         }
         const bool exported = exportChart(state);

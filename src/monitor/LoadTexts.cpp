@@ -28,7 +28,7 @@ std::string utilizationLabel(const std::optional<BlockQueue>& queue) {
 std::string awaitText(std::optional<double> milliseconds) {
     if (!milliseconds) return kNone;
     const int digits = *milliseconds < 10 ? 2 : (*milliseconds < 100 ? 1 : 0);
-    return text::decimalText(*milliseconds, digits, digits) + " ms";
+    return text::decimalText(*milliseconds, digits, digits) + text::localized(" 毫秒", " ms");
 }
 
 std::string utilizationText(std::optional<double> utilization) {

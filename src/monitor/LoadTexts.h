@@ -16,7 +16,7 @@ bool servesInParallel(const std::optional<BlockQueue>& queue);
 // serves in parallel. In the current language.
 std::string utilizationLabel(const std::optional<BlockQueue>& queue);
 
-// "0.42 ms", "12.5 ms", "1,234 ms"; "—" for a span without completions.
+// "0.42 ms", "12.5 ms", "1,234 ms" ("0.42 毫秒"); "—" for a span without completions.
 std::string awaitText(std::optional<double> milliseconds);
 // "37.5%"; "—" for an empty span.
 std::string utilizationText(std::optional<double> utilization);

@@ -149,6 +149,11 @@ TEST(CommandLine, APathThatLeadsNowhereSaysWhy) {
     EXPECT_EQ(errors.size(), 1u);
 }
 
+std::string contents(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
 // A volume whose label and folders are bytes that are not UTF-8: the JSON stays valid (parsing
 // refuses anything else), with U+FFFD where those bytes were.
 TEST(VolumeInfoIntegration, InfoOnASubfolderDescribesTheLoopVolume) {
@@ -175,6 +180,11 @@ TEST(VolumeInfoIntegration, InfoOnASubfolderDescribesTheLoopVolume) {
     EXPECT_EQ(info["availableCapacityBytes"].get<std::uint64_t>(), std::uint64_t{vfs.f_bavail} * vfs.f_frsize);
     EXPECT_EQ(info["connectionTypeDescription"], "Virtual Interface");
     EXPECT_TRUE(info.contains("linkCeiling") && info["linkCeiling"].is_null());  // a loop device has no link
+    // The loop driver's queue: the kernel's own files say what it is.
+    const std::string queue = "/sys/class/block/" + volume->deviceName() + "/queue/";
+    EXPECT_EQ(info["queue"]["requests"], std::stoull(contents(queue + "nr_requests")));
+    EXPECT_EQ(info["queue"]["rotational"], contents(queue + "rotational").front() == '1');
+    EXPECT_EQ(info["queue"]["hardwareQueues"], 1);
     const auto& stats = info["statistics"];
     const std::array<std::uint64_t, 4> read{stats["bytesRead"], stats["bytesWritten"], stats["readOperations"],
                                             stats["writeOperations"]};
@@ -254,6 +264,7 @@ TEST_F(MonitorOnLoopVolume, SamplesAddUpToTheDeviceCountersAndARemovedDeviceEnds
     ASSERT_EQ(state().selectedVolume->deviceName, volume_->deviceName());
     waitUntilQuiet(volume_->deviceName());
     const auto before = bytesWrittenOf(volume_->deviceName());
+    const auto writesBefore = testing::deviceCounters(volume_->deviceName())[3];
     monitor_->startMonitoring();
     ASSERT_TRUE(runUntil([&] { return state().samples.size() >= 2; }));
 
@@ -276,6 +287,11 @@ TEST_F(MonitorOnLoopVolume, SamplesAddUpToTheDeviceCountersAndARemovedDeviceEnds
     EXPECT_EQ(sumWrites(state()), written);
     EXPECT_EQ(state().totalWriteBytes, written);
     EXPECT_GE(written, 64u << 20);
+    // The request counters add up the same way, and the run's figures come from them.
+    EXPECT_EQ(state().totalLoad.writesCompleted, testing::deviceCounters(volume_->deviceName())[3] - writesBefore);
+    const auto load = loadFigures(state().totalLoad);
+    EXPECT_TRUE(load.writeAwaitMilliseconds && *load.writeAwaitMilliseconds > 0);
+    EXPECT_TRUE(load.utilization && *load.utilization > 0 && *load.utilization <= 1);
 
     monitor_->startMonitoring();
     ASSERT_TRUE(runUntil([&] { return state().isMonitoring && state().samples.size() >= 5; }));
@@ -295,7 +311,11 @@ TEST_F(MonitorOnLoopVolume, CommandLinePrintsALineASecondAndOnInterruptASummary)
     for (int second = 0; second < 2; ++second) {
         const auto line = run->readLine(30s);
         ASSERT_TRUE(line) << run->standardError();
-        EXPECT_TRUE(json::parse(*line).contains("writeSpeed")) << *line;
+        const auto figures = json::parse(*line);
+        EXPECT_TRUE(figures.contains("writeSpeed")) << *line;
+        // Nothing is read from the idle volume: no read await, which is not a zero.
+        EXPECT_TRUE(figures["readAwaitMs"].is_null()) << *line;
+        EXPECT_TRUE(figures["utilization"].is_number() && figures["inFlight"].is_number()) << *line;
     }
     run->signal(SIGINT);
     std::string last;
@@ -308,11 +328,6 @@ TEST_F(MonitorOnLoopVolume, CommandLinePrintsALineASecondAndOnInterruptASummary)
     EXPECT_EQ(summary["precisionMilliseconds"], 10);
     EXPECT_GE(summary["samples"].get<int>(), 100);
     EXPECT_EQ(summary["historyWriteBytes"], summary["totalWriteBytes"]);
-}
-
-std::string contents(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 // The chart of a run is exported as a CSV and a PNG beside it, or the run says why not (status 1);
