@@ -4,7 +4,9 @@
 # (bench/timerfd_floor.c), and, when the build has the desktop application and xvfb-run is
 # installed, `vantorix --precision 1 --monitor PATH` on a virtual display for as long once it has
 # started. Prints each as a percentage of one core (user + system time over wall time), then the
-# ratios to the floor.
+# ratios to the floor. The desktop application is measured twice: with the volume idle, and while
+# fio writes 50 MB/s to it (64 KiB blocks, O_DIRECT, into a file in PATH that is removed after),
+# the steady traffic under which every frame of the graph changes.
 #
 #   bench/monitor_cpu.sh [build-dir] [seconds] [path]
 set -eu
@@ -18,7 +20,8 @@ desktop="$build/vantorix"
 
 device=$("$cli" info "$path" --json 2>/dev/null | sed -n 's/.*"device": "\([^"]*\)".*/\1/p')
 tmp=$(mktemp -d)
-trap 'rm -rf "$tmp"' EXIT
+load="$path/vantorix-cpu-load.dat"
+trap 'pkill -P $$ fio 2>/dev/null; rm -rf "$tmp"; rm -f "$load"' EXIT
 cc -O2 -o "$tmp/floor" "$here/timerfd_floor.c"
 
 # Prints "P% of one core (user U s, sys S s, wall W s)" and leaves P in $tmp/percent.
@@ -77,9 +80,21 @@ percent "$tmp/floor" "$seconds" "/sys/class/block/$device/stat"
 floor_percent=$(cat "$tmp/percent")
 ratios="cli/floor $(ratio "$cli_percent" "$floor_percent")"
 if [ -x "$desktop" ] && command -v xvfb-run >/dev/null 2>&1; then
-    printf 'vantorix --precision 1 --monitor %s (xvfb-run, %s s): ' "$path" "$seconds"
+    printf 'vantorix --precision 1 --monitor %s (xvfb-run, %s s, idle): ' "$path" "$seconds"
     if desktop_percent; then
-        ratios="$ratios, desktop/floor $(ratio "$(cat "$tmp/percent")" "$floor_percent")"
+        ratios="$ratios, idle desktop/floor $(ratio "$(cat "$tmp/percent")" "$floor_percent")"
+    fi
+    if command -v fio >/dev/null 2>&1; then
+        fio --name=load --filename="$load" --size=256M --rw=write --bs=64k --rate=50m --direct=1 \
+            --ioengine=libaio --time_based --runtime=$((seconds + 30)) --output=/dev/null &
+        fio_pid=$!
+        printf 'vantorix --precision 1 --monitor %s (xvfb-run, %s s, fio writing 50 MB/s): ' "$path" "$seconds"
+        if desktop_percent; then
+            ratios="$ratios, busy desktop/floor $(ratio "$(cat "$tmp/percent")" "$floor_percent")"
+        fi
+        kill "$fio_pid" 2>/dev/null || true
+        wait "$fio_pid" 2>/dev/null || true
+        rm -f "$load"
     fi
 fi
 echo "ratios: $ratios"
