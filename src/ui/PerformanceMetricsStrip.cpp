@@ -53,7 +53,8 @@ void PerformanceMetricsStrip::setContent(const MetricItem& heading, const std::s
     heading_->setText(qText(heading.title));
     payload_->setText(qText(payloadDescription));
     const QColor text = palette().color(QPalette::WindowText);
-    if (warning) {
+    // Set again only when it changes: a pixmap set repaints, even the same one, once per frame.
+    if (warning && warning != shownWarning_) {
         const QColor orange = accentColor(dashboard::AccentColor::orange);
         warningSymbol_->setPixmap(symbolPixmap(PerformanceMetrics::warningIcon(), orange, 14, devicePixelRatioF()));
         warning_->setText(qText(*warning));
@@ -61,6 +62,7 @@ void PerformanceMetricsStrip::setContent(const MetricItem& heading, const std::s
         palette.setColor(QPalette::WindowText, orange);
         warning_->setPalette(palette);
     }
+    shownWarning_ = warning;
     warningRow_->setVisible(warning.has_value());
     if (items == shownItems_) return;
     const bool sameShape = items.size() == shownItems_.size();

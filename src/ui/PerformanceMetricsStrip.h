@@ -31,6 +31,7 @@ private:
     QLabel* warningSymbol_;
     QLabel* warning_;
     std::vector<MetricItem> shownItems_;
+    std::optional<std::string> shownWarning_;
 };
 
 }  // namespace vantorix::ui
