@@ -16,13 +16,45 @@ namespace {
 constexpr int kCardMinimumWidth = 150;
 constexpr int kSpacing = 12;
 
+// The width a value asks the layout for grows and shrinks in steps of this many pixels.
+constexpr int kValueWidthStep = 24;
+
 }  // namespace
+
+void CardValueText::setText(const QString& text) {
+    if (text == text_) return;
+    text_ = text;
+    if (steppedWidth() != hintWidth_) updateGeometry();
+    update();
+}
+
+int CardValueText::steppedWidth() const {
+    const int width = fontMetrics().horizontalAdvance(text_);
+    return (width + kValueWidthStep - 1) / kValueWidthStep * kValueWidthStep;
+}
+
+QSize CardValueText::sizeHint() const {
+    // Remembered, so that setText can tell whether the layout needs to know.
+    hintWidth_ = steppedWidth();
+    return {hintWidth_, fontMetrics().height()};
+}
+
+void CardValueText::paintEvent(QPaintEvent*) {
+    QPainter painter(this);
+    painter.setPen(palette().color(foregroundRole()));
+    painter.drawText(rect(), Qt::AlignLeft | Qt::AlignVCenter | Qt::TextSingleLine, text_);
+}
+
+void CardValueText::changeEvent(QEvent* event) {
+    if (event->type() == QEvent::FontChange) updateGeometry();
+    QWidget::changeEvent(event);
+}
 
 MetricCardView::MetricCardView(QWidget* parent)
     : QFrame(parent),
       symbol_(new QLabel(this)),
       title_(new QLabel(this)),
-      value_(new QLabel(this)),
+      value_(new CardValueText(this)),
       footer_(new QLabel(this)) {
     setObjectName(QStringLiteral("metricCard"));
     setMinimumWidth(kCardMinimumWidth);

@@ -9,6 +9,29 @@
 
 namespace vantorix::ui {
 
+// A card's value: one line of text, painted like a label's. A new text repaints the line; the layout
+// hears of it only when the text's width crosses a step of the width it asked for, so that a figure
+// changing every frame does not lay out the window every frame.
+class CardValueText final : public QWidget {
+    Q_OBJECT
+public:
+    explicit CardValueText(QWidget* parent = nullptr) : QWidget(parent) {}
+    void setText(const QString& text);
+    QString text() const { return text_; }
+    QSize sizeHint() const override;
+    QSize minimumSizeHint() const override { return sizeHint(); }
+
+protected:
+    void paintEvent(QPaintEvent* event) override;
+    void changeEvent(QEvent* event) override;
+
+private:
+    int steppedWidth() const;
+
+    QString text_;
+    mutable int hintWidth_ = 0;  // the width the last size hint gave
+};
+
 // One live figure: its symbol in the card's accent colour, title, value and footer.
 class MetricCardView final : public QFrame {
     Q_OBJECT
@@ -27,7 +50,7 @@ private:
 
     QLabel* symbol_;
     QLabel* title_;
-    QLabel* value_;
+    CardValueText* value_;
     QLabel* footer_;
     std::string symbolName_;
     dashboard::AccentColor accent_ = dashboard::AccentColor::blue;
