@@ -447,19 +447,23 @@ void DiskIOGraphCanvas::drawPlotAhead() {
                     picture = std::move(picture)]() mutable {
             // Gone, or superseded: dropped.
             if (alive.expired() || current->load() != request || !self->plotAhead_) return;
-            // Only the lines changed when the background is the one already shown.
-            const bool linesOnly = self->plot_ && self->plot_->background.shows(self->plotAhead_->background);
+            // Only the lines changed when the background is the one already shown: then what changed
+            // lies where the old lines were and where the new ones are.
+            std::optional<QRect> changed;
+            if (self->plot_ && self->plot_->background.shows(self->plotAhead_->background)) {
+                changed = self->linesRect(*self->plot_).united(self->linesRect(*self->plotAhead_));
+            }
             self->plot_ = std::move(self->plotAhead_);
             self->plotAhead_.reset();
             self->plot_->image = std::move(picture);
             self->plotPending_ = false;
-            self->plotArrived(linesOnly);
+            self->plotArrived(changed);
         });
     });
 }
 
-void DiskIOGraphCanvas::plotArrived(bool linesOnly) {
-    unshownPlotRegion_ = unshownPlotRegion_.united(linesOnly && !hoveredSample_ ? linesRect() : rect());
+void DiskIOGraphCanvas::plotArrived(const std::optional<QRect>& changed) {
+    unshownPlotRegion_ = unshownPlotRegion_.united(changed && !hoveredSample_ ? *changed : rect());
     // While batches keep coming, the picture waits for the next one, so that the window shows the
     // batch's texts and the graph in one repaint a frame instead of two. When none comes within a
     // frame or so, the timer shows it.
@@ -477,10 +481,24 @@ void DiskIOGraphCanvas::showArrivedPlot() {
     unshownPlotRegion_ = QRegion();
 }
 
-QRect DiskIOGraphCanvas::linesRect() const {
-    // The lines reach at most a line's width beyond the plot; a pixel more for antialiasing.
+QRect DiskIOGraphCanvas::linesRect(const Plot& plot) const {
+    // The band of the plot between the lines' lowest and highest points, with a margin for the line
+    // width and a pixel more for antialiasing.
+    double top = std::numeric_limits<double>::infinity();
+    double bottom = -top;
+    for (const auto* line : {&plot.readLine, &plot.writeLine}) {
+        for (const auto& point : *line) {
+            top = std::min(top, point.y);
+            bottom = std::max(bottom, point.y);
+        }
+    }
+    if (!(top <= bottom)) return {};
     const double margin = lineWidth + 1;
-    return graphRect_.adjusted(-margin, -margin, margin, margin).toAlignedRect().intersected(rect());
+    const QRectF graph = plot.background.graph;
+    return QRectF(graph.left() - margin, graph.top() + top - margin, graph.width() + 2 * margin,
+                  bottom - top + 2 * margin)
+        .toAlignedRect()
+        .intersected(rect());
 }
 
 void DiskIOGraphCanvas::viewChanged() {

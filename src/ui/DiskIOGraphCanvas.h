@@ -165,10 +165,11 @@ private:
     // Starts drawing the plot of the current points off the main thread; repaints when it is there.
     void drawPlotAhead();
     // A drawn plot became the current one: repaints it with the next batch, or soon.
-    void plotArrived(bool linesOnly);
+    // `changed`: where it differs from the one before; nothing when the background changed too.
+    void plotArrived(const std::optional<QRect>& changed);
     void showArrivedPlot();
-    // Where the lines can be: the plot with a margin for the line width.
-    QRect linesRect() const;
+    // Where the plot's lines lie in the widget.
+    QRect linesRect(const Plot& plot) const;
     void viewChanged();
     void hover(QPointF position);
     void setHoveredSample(std::optional<IndexedSample> sample);
