@@ -50,6 +50,68 @@ ordered_json queueJson(const std::optional<BlockQueue>& queue) {
                         {"rotational", optionalJson(queue->rotational)}};
 }
 
+// The volume and its counters as one JSON document; without counters, the failure in their place.
+ordered_json infoDocument(const DiskVolumeDescriptor& volume, const std::optional<BlockStatistics>& snapshot,
+                          const std::optional<MonitorError>& statisticsError) {
+    ordered_json document{
+        {"url", volume.url},
+        {"device", volume.deviceName},
+        {"displayName", volume.displayName},
+        {"connectionTypeDescription", volume.connectionTypeDescription},
+        {"connectionSpeedDescription", optionalJson(volume.connectionSpeedDescription)},
+        {"fileSystemDescription", optionalJson(volume.fileSystemDescription)},
+        {"totalCapacityBytes", optionalJson(volume.totalCapacityBytes)},
+        {"availableCapacityBytes", optionalJson(volume.availableCapacityBytes)},
+        {"hardwareVendor", optionalJson(volume.hardwareVendor)},
+        {"hardwareModel", optionalJson(volume.hardwareModel)},
+        {"linkCeiling", linkCeilingJson(volume.link)},
+        {"queue", queueJson(volume.queue)},
+    };
+    if (snapshot) {
+        document["statistics"] = ordered_json{{"bytesRead", snapshot->bytesRead()},
+                                              {"bytesWritten", snapshot->bytesWritten()},
+                                              {"readOperations", snapshot->readsCompleted},
+                                              {"writeOperations", snapshot->writesCompleted},
+                                              {"inFlight", snapshot->inFlight}};
+    } else {
+        // The description holds; the figures are missing: the failure in the same shape.
+        document["statistics"] = nullptr;
+        document.update(jsonError(statisticsError->name(), statisticsError->description()));
+    }
+    return document;
+}
+
+// The volume and its counters as the rows of a table.
+std::vector<std::pair<std::string, std::string>> infoRows(const DiskVolumeDescriptor& volume,
+                                                          const std::optional<BlockStatistics>& snapshot) {
+    std::vector<std::pair<std::string, std::string>> rows{
+        {text::localized("卷", "Volume"), volume.displayName},
+        {text::localized("路径", "Path"), volume.url},
+        {text::localized("设备", "Device"), volume.deviceName},
+        {text::localized("文件系统", "File system"),
+         volume.fileSystemDescription.value_or(text::localized("文件系统未知", "File system unknown"))},
+        {text::localized("总容量", "Total capacity"), capacityLine(volume.totalCapacityBytes)},
+        {text::localized("可用容量", "Available Capacity"), capacityLine(volume.availableCapacityBytes)},
+        {text::localized("连接", "Connection"), volume.connectionTypeDescription},
+        {text::localized("链路速度", "Link speed"), orUnknown(volume.connectionSpeedDescription)},
+        {text::localized("链路上限", "Link ceiling"),
+         orUnknown(volume.link ? ceilingValueText(*volume.link) : std::nullopt)},
+    };
+    if (const auto warning = volume.link ? slowLinkWarning(*volume.link) : std::nullopt) {
+        rows.emplace_back(text::localized("链路警告", "Link warning"), *warning);
+    }
+    rows.emplace_back(text::localized("厂商", "Vendor"), orUnknown(volume.hardwareVendor));
+    rows.emplace_back(text::localized("型号", "Model"), orUnknown(volume.hardwareModel));
+    rows.emplace_back(text::localized("请求队列", "Request queue"), orUnknown(queueFactsText(volume.queue)));
+    if (snapshot) {
+        rows.emplace_back(text::localized("累计读取", "Bytes read"), counterLine(snapshot->bytesRead()));
+        rows.emplace_back(text::localized("累计写入", "Bytes written"), counterLine(snapshot->bytesWritten()));
+        rows.emplace_back(text::localized("读操作", "Read operations"), std::to_string(snapshot->readsCompleted));
+        rows.emplace_back(text::localized("写操作", "Write operations"), std::to_string(snapshot->writesCompleted));
+    }
+    return rows;
+}
+
 }  // namespace
 
 Environment Environment::standard() { return Environment{System::thisMachine(), &standardOutput(), &standardError()}; }
@@ -77,61 +139,8 @@ int runInfo(const InfoOptions& options, Environment& environment) {
         statisticsError = session.error();
     }
 
-    if (options.json) {
-        ordered_json document{
-            {"url", volume.url},
-            {"device", volume.deviceName},
-            {"displayName", volume.displayName},
-            {"connectionTypeDescription", volume.connectionTypeDescription},
-            {"connectionSpeedDescription", optionalJson(volume.connectionSpeedDescription)},
-            {"fileSystemDescription", optionalJson(volume.fileSystemDescription)},
-            {"totalCapacityBytes", optionalJson(volume.totalCapacityBytes)},
-            {"availableCapacityBytes", optionalJson(volume.availableCapacityBytes)},
-            {"hardwareVendor", optionalJson(volume.hardwareVendor)},
-            {"hardwareModel", optionalJson(volume.hardwareModel)},
-            {"linkCeiling", linkCeilingJson(volume.link)},
-            {"queue", queueJson(volume.queue)},
-        };
-        if (snapshot) {
-            document["statistics"] = ordered_json{{"bytesRead", snapshot->bytesRead()},
-                                                  {"bytesWritten", snapshot->bytesWritten()},
-                                                  {"readOperations", snapshot->readsCompleted},
-                                                  {"writeOperations", snapshot->writesCompleted},
-                                                  {"inFlight", snapshot->inFlight}};
-        } else {
-            // The description holds; the figures are missing: the failure in the same shape.
-            document["statistics"] = nullptr;
-            document.update(jsonError(statisticsError->name(), statisticsError->description()));
-        }
-        printJson(out, document);
-    } else {
-        std::vector<std::pair<std::string, std::string>> rows{
-            {text::localized("卷", "Volume"), volume.displayName},
-            {text::localized("路径", "Path"), volume.url},
-            {text::localized("设备", "Device"), volume.deviceName},
-            {text::localized("文件系统", "File system"),
-             volume.fileSystemDescription.value_or(text::localized("文件系统未知", "File system unknown"))},
-            {text::localized("总容量", "Total capacity"), capacityLine(volume.totalCapacityBytes)},
-            {text::localized("可用容量", "Available Capacity"), capacityLine(volume.availableCapacityBytes)},
-            {text::localized("连接", "Connection"), volume.connectionTypeDescription},
-            {text::localized("链路速度", "Link speed"), orUnknown(volume.connectionSpeedDescription)},
-            {text::localized("链路上限", "Link ceiling"),
-             orUnknown(volume.link ? ceilingValueText(*volume.link) : std::nullopt)},
-        };
-        if (const auto warning = volume.link ? slowLinkWarning(*volume.link) : std::nullopt) {
-            rows.emplace_back(text::localized("链路警告", "Link warning"), *warning);
-        }
-        rows.emplace_back(text::localized("厂商", "Vendor"), orUnknown(volume.hardwareVendor));
-        rows.emplace_back(text::localized("型号", "Model"), orUnknown(volume.hardwareModel));
-        rows.emplace_back(text::localized("请求队列", "Request queue"), orUnknown(queueFactsText(volume.queue)));
-        if (snapshot) {
-            rows.emplace_back(text::localized("累计读取", "Bytes read"), counterLine(snapshot->bytesRead()));
-            rows.emplace_back(text::localized("累计写入", "Bytes written"), counterLine(snapshot->bytesWritten()));
-            rows.emplace_back(text::localized("读操作", "Read operations"), std::to_string(snapshot->readsCompleted));
-            rows.emplace_back(text::localized("写操作", "Write operations"), std::to_string(snapshot->writesCompleted));
-        }
-        printTable(out, rows);
-    }
+    if (options.json) printJson(out, infoDocument(volume, snapshot, statisticsError));
+    else printTable(out, infoRows(volume, snapshot));
     if (statisticsError) {
         err << text::terminalLines(statisticsError->description()) << '\n';
         return kFailure;
