@@ -11,13 +11,6 @@
 
 namespace vantorix::exporter {
 
-void ThroughputHistogram::observe(double bytesPerSecond) {
-    const auto bound = std::lower_bound(kUpperBounds.begin(), kUpperBounds.end(), bytesPerSecond);
-    ++counts[static_cast<std::size_t>(bound - kUpperBounds.begin())];
-    sum += bytesPerSecond;
-    ++count;
-}
-
 namespace {
 
 // A sample value: integers exactly, other numbers in the shortest form that reads back the same.
@@ -181,23 +174,22 @@ void writeTraffic(Writer& w, const Volumes& volumes, const std::vector<std::stri
 }
 
 // One histogram family with a series per volume and direction; its buckets are cumulative.
-void writeThroughputHistograms(Writer& w, const Volumes& volumes, const std::vector<std::string>& keys) {
-    constexpr std::string_view histogram = "vantorix_volume_interval_throughput_bytes_per_second";
-    w.family(histogram, Type::histogram, "Throughput of the volume over each sampling interval.");
+template <const auto& Bounds>
+void writeHistograms(Writer& w, std::string_view histogram, std::string_view help, const Volumes& volumes,
+                     const std::vector<std::string>& keys, BucketHistogram<Bounds> VolumeFigures::*read,
+                     BucketHistogram<Bounds> VolumeFigures::*write) {
+    w.family(histogram, Type::histogram, help);
     const std::string bucket = std::string(histogram) + "_bucket";
     const std::string sum = std::string(histogram) + "_sum";
     const std::string count = std::string(histogram) + "_count";
     for (std::size_t i = 0; i < volumes.size(); ++i) {
         for (const auto& [direction, h] :
-             {std::pair<std::string_view, const ThroughputHistogram*>{"read", &volumes[i].readHistogram},
-              {"write", &volumes[i].writeHistogram}}) {
+             {std::pair{"read", &(volumes[i].*read)}, std::pair{"write", &(volumes[i].*write)}}) {
             const std::string labels = keys[i] + "," + label("direction", direction);
             std::uint64_t cumulative = 0;
             for (std::size_t b = 0; b < h->counts.size(); ++b) {
                 cumulative += h->counts[b];
-                const std::string le = b < ThroughputHistogram::kUpperBounds.size()
-                                           ? number(ThroughputHistogram::kUpperBounds[b])
-                                           : std::string("+Inf");
+                const std::string le = b < Bounds.size() ? number(Bounds[b]) : std::string("+Inf");
                 w.sample(bucket, labels + "," + label("le", le), static_cast<double>(cumulative));
             }
             w.sample(sum, labels, h->sum);
@@ -266,7 +258,9 @@ std::string render(const Exposition& exposition, ExpositionFormat format) {
     w.sample("vantorix_volumes", "", static_cast<double>(volumes.size()));
     writeVolumeInfo(w, volumes);
     writeTraffic(w, volumes, keys);
-    writeThroughputHistograms(w, volumes, keys);
+    writeHistograms(w, "vantorix_volume_interval_throughput_bytes_per_second",
+                    "Throughput of the volume over each sampling interval.", volumes, keys,
+                    &VolumeFigures::readHistogram, &VolumeFigures::writeHistogram);
     writeSmart(w, volumes, keys);
     return w.finish();
 }

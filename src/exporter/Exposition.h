@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <optional>
@@ -9,17 +10,26 @@
 
 namespace vantorix::exporter {
 
-// Throughput over one sampling interval, counted into fixed buckets (bytes per second): 1, 2.5
-// and 5 of every decade from 1 MB/s to 10 GB/s, and the implicit +Inf.
-struct ThroughputHistogram {
-    static constexpr std::array<double, 13> kUpperBounds{1e6,   2.5e6, 5e6, 1e7,   2.5e7, 5e7, 1e8,
-                                                         2.5e8, 5e8,   1e9, 2.5e9, 5e9,   1e10};
-    std::array<std::uint64_t, kUpperBounds.size() + 1> counts{};  // per bucket, not cumulative; last is +Inf
+// One figure of each sampling interval counted into fixed buckets: `Bounds` holds their upper
+// bounds in ascending order, and a value on a bound falls in that bound's bucket.
+template <const auto& Bounds>
+struct BucketHistogram {
+    std::array<std::uint64_t, Bounds.size() + 1> counts{};  // per bucket, not cumulative; last is +Inf
     double sum = 0;
     std::uint64_t count = 0;
 
-    void observe(double bytesPerSecond);
+    void observe(double value) {
+        const auto bound = std::lower_bound(Bounds.begin(), Bounds.end(), value);
+        ++counts[static_cast<std::size_t>(bound - Bounds.begin())];
+        sum += value;
+        ++count;
+    }
 };
+
+// Throughput in bytes per second: 1, 2.5 and 5 of every decade from 1 MB/s to 10 GB/s.
+inline constexpr std::array<double, 13> kThroughputBounds{1e6,   2.5e6, 5e6, 1e7,   2.5e7, 5e7, 1e8,
+                                                          2.5e8, 5e8,   1e9, 2.5e9, 5e9,   1e10};
+using ThroughputHistogram = BucketHistogram<kThroughputBounds>;
 
 // What the descriptor of a volume says, as the labels of its info metric.
 struct VolumeLabels {
