@@ -165,6 +165,31 @@ void writeTraffic(Writer& w, const Volumes& volumes, const std::vector<std::stri
     perVolume("vantorix_volume_writes_completed_total", Type::counter,
               "Write operations completed by the volume's block device.",
               [](const VolumeFigures& v) { return static_cast<double>(v.writes); });
+    const auto milliseconds = [](std::uint64_t LoadCounters::*field) {
+        return [field](const VolumeFigures& v) { return static_cast<double>(v.load.*field) / 1000; };
+    };
+    perVolume("vantorix_volume_read_time_seconds_total", Type::counter,
+              "Time spent by the volume's completed reads, summed over requests, queueing included.",
+              milliseconds(&LoadCounters::readMilliseconds));
+    perVolume("vantorix_volume_write_time_seconds_total", Type::counter,
+              "Time spent by the volume's completed writes, summed over requests, queueing included.",
+              milliseconds(&LoadCounters::writeMilliseconds));
+    perVolume("vantorix_volume_io_time_seconds_total", Type::counter,
+              "Time the volume's block device had at least one request in flight.",
+              milliseconds(&LoadCounters::busyMilliseconds));
+    perVolume("vantorix_volume_io_time_weighted_seconds_total", Type::counter,
+              "Time spent by the volume's requests in flight, summed over requests; its rate is the average "
+              "queue depth.",
+              milliseconds(&LoadCounters::weightedMilliseconds));
+    perVolume("vantorix_volume_io_now", Type::gauge,
+              "Requests sent to the volume's block device and not yet completed, at the last reading.",
+              [](const VolumeFigures& v) { return static_cast<double>(v.load.inFlight); });
+    perVolume("vantorix_volume_discards_completed_total", Type::counter,
+              "Discard requests completed by the volume's block device (0 before Linux 4.18).",
+              [](const VolumeFigures& v) { return static_cast<double>(v.load.discardsCompleted); });
+    perVolume("vantorix_volume_flush_requests_total", Type::counter,
+              "Flush requests completed by the volume's block device (0 before Linux 5.5).",
+              [](const VolumeFigures& v) { return static_cast<double>(v.load.flushesCompleted); });
     perVolume("vantorix_volume_read_peak_bytes_per_second", Type::gauge,
               "Highest read throughput over one sampling interval since this scraper's previous scrape.",
               [](const VolumeFigures& v) { return v.readPeak; });

@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "monitor/DeviceLoad.h"
+
 namespace vantorix::exporter {
 
 // One figure of each sampling interval counted into fixed buckets: `Bounds` holds their upper
@@ -62,6 +64,9 @@ struct VolumeFigures {
     std::uint64_t writtenBytes = 0;
     std::uint64_t reads = 0;
     std::uint64_t writes = 0;
+    // The request counters (times, discards, flushes, in flight): the first reading's, then the
+    // sum of every interval's differences, so the kernel's 32-bit time fields never wrap here.
+    LoadCounters load;
     // The highest throughput over one sampling interval since the scraper's previous scrape.
     double readPeak = 0;
     double writePeak = 0;

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "log/Log.h"
+#include "monitor/DeviceLoad.h"
 #include "volumes/DiskVolumeResolver.h"
 
 namespace vantorix::exporter {
@@ -32,6 +33,7 @@ struct MetricsCollector::Volume {
 
     // Under the collector's lock.
     BlockStatistics latest;
+    LoadCounters load;  // the first reading's counters plus every difference since
     double lastReadRate = 0;
     double lastWriteRate = 0;
     ThroughputHistogram readHistogram;
@@ -53,6 +55,7 @@ struct MetricsCollector::Scraper {
 struct MetricsCollector::Reading {
     Volume* volume;
     std::optional<BlockStatistics> snapshot;
+    LoadCounters span;  // since the previous reading; from zero for the first
     double readRate = 0;
     double writeRate = 0;
     bool interval = false;
@@ -142,11 +145,14 @@ void MetricsCollector::sample(Clock::time_point now) {
     std::vector<Reading>& readings = readings_;
     readings.clear();
     for (const auto& volume : volumes_) {
-        Reading reading{volume.get(), std::nullopt};
+        Reading reading{volume.get(), std::nullopt, {}, 0, 0, false};
         if (auto snapshot = volume->session->snapshot()) {
             reading.snapshot = *snapshot;
+            // The first reading counts from zero, so the summed counters start at the kernel's.
+            const auto wall = volume->previous ? now - volume->previousAt : Clock::duration::zero();
+            reading.span = loadDifference(volume->previous.value_or(BlockStatistics{}), *snapshot, wall);
             if (volume->previous && now > volume->previousAt) {
-                const double elapsed = seconds(now - volume->previousAt);
+                const double elapsed = seconds(wall);
                 // Unsigned differences: the counters wrap modulo 2^64.
                 reading.readRate = static_cast<double>(snapshot->bytesRead() - volume->previous->bytesRead()) / elapsed;
                 reading.writeRate = static_cast<double>(snapshot->bytesWritten() - volume->previous->bytesWritten()) /
@@ -166,6 +172,7 @@ void MetricsCollector::sample(Clock::time_point now) {
         Volume& volume = *reading.volume;
         if (!reading.snapshot) continue;
         volume.latest = *reading.snapshot;
+        volume.load += reading.span;
         if (!reading.interval) continue;
         volume.lastReadRate = reading.readRate;
         volume.lastWriteRate = reading.writeRate;
@@ -237,6 +244,7 @@ Exposition MetricsCollector::scrape(const std::string& scraperKey) {
         figures.writtenBytes = volume->latest.bytesWritten();
         figures.reads = volume->latest.readsCompleted;
         figures.writes = volume->latest.writesCompleted;
+        figures.load = volume->load;
         const auto peak = scraper->peaks.find(volume->id);
         figures.readPeak = peak != scraper->peaks.end() ? peak->second.read : volume->lastReadRate;
         figures.writePeak = peak != scraper->peaks.end() ? peak->second.write : volume->lastWriteRate;

@@ -26,6 +26,10 @@ Exposition sampleExposition() {
     v.readPeak = 1.5e9;
     v.writePeak = 0;
     for (double rate : {0.0, 3e6, 2.5e6, 2e10}) v.writeHistogram.observe(rate);
+    v.load.writeMilliseconds = 1500;
+    v.load.weightedMilliseconds = 5000000001;  // past 2^32 ms
+    v.load.inFlight = 3;
+    v.load.flushesCompleted = 9;
     SmartFigures smart;
     smart.passed = false;
     smart.temperatureCelsius = 41;
@@ -59,6 +63,9 @@ TEST(Exposition, BothFormatsNameFamiliesAndSamplesAsScrapersExpect) {
             "vantorix_volume_interval_throughput_bytes_per_second_bucket{" + key + R"(,direction="write",le="+Inf"} 4)",
             "vantorix_volume_interval_throughput_bytes_per_second_count{" + key + R"(,direction="write"} 4)",
             "vantorix_volume_interval_throughput_bytes_per_second_sum{" + key + R"(,direction="write"} 20005500000)",
+            "vantorix_volume_write_time_seconds_total{" + key + "} 1.5",
+            "vantorix_volume_io_time_weighted_seconds_total{" + key + "} 5000000.001",
+            "vantorix_volume_io_now{" + key + "} 3", "vantorix_volume_flush_requests_total{" + key + "} 9",
             "vantorix_smart_passed{" + key + "} 0", "vantorix_smart_power_on_seconds{" + key + "} 7200",
             "vantorix_smart_percentage_used_ratio{" + key + "} 0.07"}) {
         EXPECT_THAT(text, HasSubstr("\n" + line + "\n")) << line;
