@@ -198,6 +198,39 @@ void writeTraffic(Writer& w, const Volumes& volumes, const std::vector<std::stri
               [](const VolumeFigures& v) { return v.writePeak; });
 }
 
+// The highest await and queue depth of one sampling interval since this scraper's previous
+// scrape. A series without a figure is left out, and a family without a series too.
+void writeLoadPeaks(Writer& w, const Volumes& volumes, const std::vector<std::string>& keys) {
+    constexpr std::string_view await = "vantorix_volume_await_peak_seconds";
+    bool any = false;
+    for (std::size_t i = 0; i < volumes.size(); ++i) {
+        for (const auto& [direction, peak] : {std::pair{"read", volumes[i].readAwaitPeakSeconds},
+                                              std::pair{"write", volumes[i].writeAwaitPeakSeconds}}) {
+            if (!peak) continue;
+            if (!any) {
+                w.family(await, Type::gauge,
+                         "Highest mean time per completed request (queueing included) over one sampling interval "
+                         "since this scraper's previous scrape; absent when no interval completed a request of "
+                         "the direction.");
+            }
+            any = true;
+            w.sample(await, keys[i] + "," + label("direction", direction), *peak);
+        }
+    }
+    constexpr std::string_view depth = "vantorix_volume_queue_depth_peak";
+    any = false;
+    for (std::size_t i = 0; i < volumes.size(); ++i) {
+        if (!volumes[i].queueDepthPeak) continue;
+        if (!any) {
+            w.family(depth, Type::gauge,
+                     "Highest average number of requests in flight over one sampling interval since this "
+                     "scraper's previous scrape.");
+        }
+        any = true;
+        w.sample(depth, keys[i], *volumes[i].queueDepthPeak);
+    }
+}
+
 // One histogram family with a series per volume and direction; its buckets are cumulative.
 template <const auto& Bounds>
 void writeHistograms(Writer& w, std::string_view histogram, std::string_view help, const Volumes& volumes,
@@ -283,9 +316,14 @@ std::string render(const Exposition& exposition, ExpositionFormat format) {
     w.sample("vantorix_volumes", "", static_cast<double>(volumes.size()));
     writeVolumeInfo(w, volumes);
     writeTraffic(w, volumes, keys);
+    writeLoadPeaks(w, volumes, keys);
     writeHistograms(w, "vantorix_volume_interval_throughput_bytes_per_second",
                     "Throughput of the volume over each sampling interval.", volumes, keys,
                     &VolumeFigures::readHistogram, &VolumeFigures::writeHistogram);
+    writeHistograms(w, "vantorix_volume_interval_await_seconds",
+                    "Mean time per completed request (queueing included) over each sampling interval that "
+                    "completed a request of the direction.",
+                    volumes, keys, &VolumeFigures::readAwaitHistogram, &VolumeFigures::writeAwaitHistogram);
     writeSmart(w, volumes, keys);
     return w.finish();
 }

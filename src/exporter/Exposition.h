@@ -33,6 +33,11 @@ inline constexpr std::array<double, 13> kThroughputBounds{1e6,   2.5e6, 5e6, 1e7
                                                           2.5e8, 5e8,   1e9, 2.5e9, 5e9,   1e10};
 using ThroughputHistogram = BucketHistogram<kThroughputBounds>;
 
+// Await in seconds: 50 µs to 10 s.
+inline constexpr std::array<double, 17> kAwaitBounds{50e-6, 100e-6, 250e-6, 500e-6, 1e-3, 2.5e-3, 5e-3, 10e-3, 25e-3,
+                                                     50e-3, 0.1,    0.25,   0.5,    1,    2.5,    5,    10};
+using AwaitHistogram = BucketHistogram<kAwaitBounds>;
+
 // What the descriptor of a volume says, as the labels of its info metric.
 struct VolumeLabels {
     std::string device;      // block device name, "vda1"
@@ -67,11 +72,19 @@ struct VolumeFigures {
     // The request counters (times, discards, flushes, in flight): the first reading's, then the
     // sum of every interval's differences, so the kernel's 32-bit time fields never wrap here.
     LoadCounters load;
-    // The highest throughput over one sampling interval since the scraper's previous scrape.
+    // The highest figure of one sampling interval since the scraper's previous scrape. An await
+    // is absent when no interval completed a request of its direction; the queue depth when no
+    // interval has passed.
     double readPeak = 0;
     double writePeak = 0;
+    std::optional<double> readAwaitPeakSeconds;
+    std::optional<double> writeAwaitPeakSeconds;
+    std::optional<double> queueDepthPeak;
     ThroughputHistogram readHistogram;
     ThroughputHistogram writeHistogram;
+    // Each interval's await, observed only when the interval completed a request of the direction.
+    AwaitHistogram readAwaitHistogram;
+    AwaitHistogram writeAwaitHistogram;
     std::optional<SmartFigures> smart;
 };
 

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <optional>
 
 #include "exporter/MetricsCollector.h"
 #include "monitor/FakeVolumes.h"
@@ -47,19 +46,24 @@ TEST_F(MetricsCollectorTest, BurstPeaksBelongToEachScraperAndRestartAtItsScrape)
     collector.sample(t0);  // the baseline: no interval yet
     EXPECT_EQ(collector.scrape("a").volumes.at(0).writePeak, 0);
 
-    // Each step: what the device does in the next 10 ms, then which scrapers scrape and the peak
-    // each sees.
+    // Each step: what the device does in the next 10 ms, then which scrapers scrape and the peaks
+    // each sees (an absent await is -1).
+    struct Scrape {
+        std::string scraper;
+        double peak, await, queueDepth;
+    };
     struct Step {
         std::uint64_t sectors, writes, writeMilliseconds, weightedMilliseconds;
-        std::vector<std::pair<std::string, double>> scrapes;
+        std::vector<Scrape> scrapes;
     };
     const std::vector<Step> steps{
-        {2000, 4, 8, 20, {}},                              // 102.4 MB/s, across the wrap
-        {10000, 10, 50, 40, {}},                           // 512 MB/s
-        {4000, 0, 0, 30, {{"a", 512e6}, {"b", 204.8e6}}},  // b is new: it gets the last interval
-        {2000, 1, 1, 10, {{"a", 102.4e6}}},
-        {6000, 0, 0, 0, {{"b", 307.2e6}, {"a", 307.2e6}}},  // b's window began at its first scrape
-        {0, 2, 200, 200, {{"a", 0}}},
+        {2000, 4, 8, 20, {}},     // 102.4 MB/s, across the wrap; 2 ms await, depth 2
+        {10000, 10, 50, 40, {}},  // 512 MB/s; 5 ms (the mean of both intervals is 4.1 ms), depth 4
+        // b is new: it gets the last interval, which completed nothing.
+        {4000, 0, 0, 30, {{"a", 512e6, 5e-3, 4}, {"b", 204.8e6, -1, 3}}},
+        {2000, 1, 1, 10, {{"a", 102.4e6, 1e-3, 1}}},
+        {6000, 0, 0, 0, {{"b", 307.2e6, 1e-3, 1}, {"a", 307.2e6, -1, 0}}},  // b's window began at its first scrape
+        {0, 2, 200, 200, {{"a", 0, 0.1, 20}}},
     };
     auto now = t0;
     for (std::size_t i = 0; i < steps.size(); ++i) {
@@ -69,18 +73,25 @@ TEST_F(MetricsCollectorTest, BurstPeaksBelongToEachScraperAndRestartAtItsScrape)
         device->weightedMilliseconds += steps[i].weightedMilliseconds;
         now += 10ms;
         collector.sample(now);
-        for (const auto& [scraper, peak] : steps[i].scrapes) {
-            const auto figures = collector.scrape(scraper).volumes.at(0);
-            EXPECT_NEAR(figures.writePeak, peak, 1) << "step " << i << " scraper " << scraper;
+        for (const auto& s : steps[i].scrapes) {
+            SCOPED_TRACE("step " + std::to_string(i) + " scraper " + s.scraper);
+            const auto figures = collector.scrape(s.scraper).volumes.at(0);
+            EXPECT_NEAR(figures.writePeak, s.peak, 1);
+            EXPECT_NEAR(figures.writeAwaitPeakSeconds.value_or(-1), s.await, 1e-12);
+            EXPECT_DOUBLE_EQ(figures.queueDepthPeak.value_or(-1), s.queueDepth);
+            EXPECT_FALSE(figures.readAwaitPeakSeconds);
             EXPECT_EQ(figures.writtenBytes, device->sectorsWritten * 512);
         }
     }
-    // A scrape with no interval since reports the last interval's throughput.
-    EXPECT_EQ(collector.scrape("a").volumes.at(0).writePeak, 0);
+    // A scrape with no interval since reports the last interval's figures.
+    const auto again = collector.scrape("a").volumes.at(0);
+    EXPECT_EQ(again.writePeak, 0);
+    EXPECT_EQ(again.writeAwaitPeakSeconds, 0.1);
     const auto figures = collector.scrape("a").volumes.at(0);
     EXPECT_EQ(figures.writeHistogram.count, steps.size());
     EXPECT_EQ(figures.writeHistogram.counts[0], 1u);  // the idle interval
-    // The write time is summed past its wrap.
+    // Only intervals that completed writes are observed; the write time is summed past its wrap.
+    EXPECT_EQ(figures.writeAwaitHistogram.count, 4u);
     EXPECT_EQ(figures.load.writeMilliseconds, (1ULL << 32) - 30 + 259);
     EXPECT_EQ(figures.labels.device, "fake0");
     EXPECT_EQ(collector.scraperCount(), 2u);
