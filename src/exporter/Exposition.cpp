@@ -11,13 +11,6 @@
 
 namespace vantorix::exporter {
 
-void ThroughputHistogram::observe(double bytesPerSecond) {
-    const auto bound = std::lower_bound(kUpperBounds.begin(), kUpperBounds.end(), bytesPerSecond);
-    ++counts[static_cast<std::size_t>(bound - kUpperBounds.begin())];
-    sum += bytesPerSecond;
-    ++count;
-}
-
 namespace {
 
 // A sample value: integers exactly, other numbers in the shortest form that reads back the same.
@@ -172,6 +165,31 @@ void writeTraffic(Writer& w, const Volumes& volumes, const std::vector<std::stri
     perVolume("vantorix_volume_writes_completed_total", Type::counter,
               "Write operations completed by the volume's block device.",
               [](const VolumeFigures& v) { return static_cast<double>(v.writes); });
+    const auto milliseconds = [](std::uint64_t LoadCounters::*field) {
+        return [field](const VolumeFigures& v) { return static_cast<double>(v.load.*field) / 1000; };
+    };
+    perVolume("vantorix_volume_read_time_seconds_total", Type::counter,
+              "Time spent by the volume's completed reads, summed over requests, queueing included.",
+              milliseconds(&LoadCounters::readMilliseconds));
+    perVolume("vantorix_volume_write_time_seconds_total", Type::counter,
+              "Time spent by the volume's completed writes, summed over requests, queueing included.",
+              milliseconds(&LoadCounters::writeMilliseconds));
+    perVolume("vantorix_volume_io_time_seconds_total", Type::counter,
+              "Time the volume's block device had at least one request in flight.",
+              milliseconds(&LoadCounters::busyMilliseconds));
+    perVolume("vantorix_volume_io_time_weighted_seconds_total", Type::counter,
+              "Time spent by the volume's requests in flight, summed over requests; its rate is the average "
+              "queue depth.",
+              milliseconds(&LoadCounters::weightedMilliseconds));
+    perVolume("vantorix_volume_io_now", Type::gauge,
+              "Requests sent to the volume's block device and not yet completed, at the last reading.",
+              [](const VolumeFigures& v) { return static_cast<double>(v.load.inFlight); });
+    perVolume("vantorix_volume_discards_completed_total", Type::counter,
+              "Discard requests completed by the volume's block device (0 before Linux 4.18).",
+              [](const VolumeFigures& v) { return static_cast<double>(v.load.discardsCompleted); });
+    perVolume("vantorix_volume_flush_requests_total", Type::counter,
+              "Flush requests completed by the volume's block device (0 before Linux 5.5).",
+              [](const VolumeFigures& v) { return static_cast<double>(v.load.flushesCompleted); });
     perVolume("vantorix_volume_read_peak_bytes_per_second", Type::gauge,
               "Highest read throughput over one sampling interval since this scraper's previous scrape.",
               [](const VolumeFigures& v) { return v.readPeak; });
@@ -180,24 +198,56 @@ void writeTraffic(Writer& w, const Volumes& volumes, const std::vector<std::stri
               [](const VolumeFigures& v) { return v.writePeak; });
 }
 
+// The highest await and queue depth of one sampling interval since this scraper's previous
+// scrape. A series without a figure is left out, and a family without a series too.
+void writeLoadPeaks(Writer& w, const Volumes& volumes, const std::vector<std::string>& keys) {
+    constexpr std::string_view await = "vantorix_volume_await_peak_seconds";
+    bool any = false;
+    for (std::size_t i = 0; i < volumes.size(); ++i) {
+        for (const auto& [direction, peak] : {std::pair{"read", volumes[i].readAwaitPeakSeconds},
+                                              std::pair{"write", volumes[i].writeAwaitPeakSeconds}}) {
+            if (!peak) continue;
+            if (!any) {
+                w.family(await, Type::gauge,
+                         "Highest mean time per completed request (queueing included) over one sampling interval "
+                         "since this scraper's previous scrape; absent when no interval completed a request of "
+                         "the direction.");
+            }
+            any = true;
+            w.sample(await, keys[i] + "," + label("direction", direction), *peak);
+        }
+    }
+    constexpr std::string_view depth = "vantorix_volume_queue_depth_peak";
+    any = false;
+    for (std::size_t i = 0; i < volumes.size(); ++i) {
+        if (!volumes[i].queueDepthPeak) continue;
+        if (!any) {
+            w.family(depth, Type::gauge,
+                     "Highest average number of requests in flight over one sampling interval since this "
+                     "scraper's previous scrape.");
+        }
+        any = true;
+        w.sample(depth, keys[i], *volumes[i].queueDepthPeak);
+    }
+}
+
 // One histogram family with a series per volume and direction; its buckets are cumulative.
-void writeThroughputHistograms(Writer& w, const Volumes& volumes, const std::vector<std::string>& keys) {
-    constexpr std::string_view histogram = "vantorix_volume_interval_throughput_bytes_per_second";
-    w.family(histogram, Type::histogram, "Throughput of the volume over each sampling interval.");
+template <const auto& Bounds>
+void writeHistograms(Writer& w, std::string_view histogram, std::string_view help, const Volumes& volumes,
+                     const std::vector<std::string>& keys, BucketHistogram<Bounds> VolumeFigures::*read,
+                     BucketHistogram<Bounds> VolumeFigures::*write) {
+    w.family(histogram, Type::histogram, help);
     const std::string bucket = std::string(histogram) + "_bucket";
     const std::string sum = std::string(histogram) + "_sum";
     const std::string count = std::string(histogram) + "_count";
     for (std::size_t i = 0; i < volumes.size(); ++i) {
         for (const auto& [direction, h] :
-             {std::pair<std::string_view, const ThroughputHistogram*>{"read", &volumes[i].readHistogram},
-              {"write", &volumes[i].writeHistogram}}) {
+             {std::pair{"read", &(volumes[i].*read)}, std::pair{"write", &(volumes[i].*write)}}) {
             const std::string labels = keys[i] + "," + label("direction", direction);
             std::uint64_t cumulative = 0;
             for (std::size_t b = 0; b < h->counts.size(); ++b) {
                 cumulative += h->counts[b];
-                const std::string le = b < ThroughputHistogram::kUpperBounds.size()
-                                           ? number(ThroughputHistogram::kUpperBounds[b])
-                                           : std::string("+Inf");
+                const std::string le = b < Bounds.size() ? number(Bounds[b]) : std::string("+Inf");
                 w.sample(bucket, labels + "," + label("le", le), static_cast<double>(cumulative));
             }
             w.sample(sum, labels, h->sum);
@@ -266,7 +316,14 @@ std::string render(const Exposition& exposition, ExpositionFormat format) {
     w.sample("vantorix_volumes", "", static_cast<double>(volumes.size()));
     writeVolumeInfo(w, volumes);
     writeTraffic(w, volumes, keys);
-    writeThroughputHistograms(w, volumes, keys);
+    writeLoadPeaks(w, volumes, keys);
+    writeHistograms(w, "vantorix_volume_interval_throughput_bytes_per_second",
+                    "Throughput of the volume over each sampling interval.", volumes, keys,
+                    &VolumeFigures::readHistogram, &VolumeFigures::writeHistogram);
+    writeHistograms(w, "vantorix_volume_interval_await_seconds",
+                    "Mean time per completed request (queueing included) over each sampling interval that "
+                    "completed a request of the direction.",
+                    volumes, keys, &VolumeFigures::readAwaitHistogram, &VolumeFigures::writeAwaitHistogram);
     writeSmart(w, volumes, keys);
     return w.finish();
 }

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "log/Log.h"
+#include "monitor/DeviceLoad.h"
 #include "volumes/DiskVolumeResolver.h"
 
 namespace vantorix::exporter {
@@ -18,7 +19,35 @@ const log::Logger& logger() {
 
 double seconds(std::chrono::nanoseconds duration) { return std::chrono::duration<double>(duration).count(); }
 
+std::optional<double> seconds(std::optional<double> milliseconds) {
+    if (!milliseconds) return std::nullopt;
+    return *milliseconds / 1000;
+}
+
+std::optional<double> highest(std::optional<double> a, std::optional<double> b) {
+    if (!a || !b) return a ? a : b;
+    return std::max(*a, *b);
+}
+
 }  // namespace
+
+// One interval's figures, or the highest of each over a run of intervals. A figure an interval
+// does not have (an await without completions) leaves the highest as it was.
+struct MetricsCollector::Peaks {
+    double read = 0;  // bytes per second
+    double write = 0;
+    std::optional<double> readAwait;  // seconds
+    std::optional<double> writeAwait;
+    std::optional<double> queueDepth;
+
+    void include(const Peaks& interval) {
+        read = std::max(read, interval.read);
+        write = std::max(write, interval.write);
+        readAwait = highest(readAwait, interval.readAwait);
+        writeAwait = highest(writeAwait, interval.writeAwait);
+        queueDepth = highest(queueDepth, interval.queueDepth);
+    }
+};
 
 struct MetricsCollector::Volume {
     std::uint64_t id = 0;
@@ -32,29 +61,27 @@ struct MetricsCollector::Volume {
 
     // Under the collector's lock.
     BlockStatistics latest;
-    double lastReadRate = 0;
-    double lastWriteRate = 0;
+    LoadCounters load;  // the first reading's counters plus every difference since
+    Peaks last;         // the last interval's figures
     ThroughputHistogram readHistogram;
     ThroughputHistogram writeHistogram;
+    AwaitHistogram readAwaitHistogram;
+    AwaitHistogram writeAwaitHistogram;
     std::optional<SmartFigures> smart;
     std::optional<Clock::time_point> smartAttemptedAt;
 };
 
 struct MetricsCollector::Scraper {
-    struct Peak {
-        double read = 0;
-        double write = 0;
-    };
     std::string key;
     std::uint64_t lastSeen = 0;
-    std::unordered_map<std::uint64_t, Peak> peaks;  // by volume id; a volume without one had no interval since
+    std::unordered_map<std::uint64_t, Peaks> peaks;  // by volume id; a volume without one had no interval since
 };
 
 struct MetricsCollector::Reading {
     Volume* volume;
     std::optional<BlockStatistics> snapshot;
-    double readRate = 0;
-    double writeRate = 0;
+    LoadCounters span;  // since the previous reading; from zero for the first
+    Peaks figures;      // the interval's, when `interval`
     bool interval = false;
 };
 
@@ -142,15 +169,22 @@ void MetricsCollector::sample(Clock::time_point now) {
     std::vector<Reading>& readings = readings_;
     readings.clear();
     for (const auto& volume : volumes_) {
-        Reading reading{volume.get(), std::nullopt};
+        Reading reading{volume.get(), std::nullopt, {}, {}, false};
         if (auto snapshot = volume->session->snapshot()) {
             reading.snapshot = *snapshot;
+            // The first reading counts from zero, so the summed counters start at the kernel's.
+            const auto wall = volume->previous ? now - volume->previousAt : Clock::duration::zero();
+            reading.span = loadDifference(volume->previous.value_or(BlockStatistics{}), *snapshot, wall);
             if (volume->previous && now > volume->previousAt) {
-                const double elapsed = seconds(now - volume->previousAt);
+                const double elapsed = seconds(wall);
                 // Unsigned differences: the counters wrap modulo 2^64.
-                reading.readRate = static_cast<double>(snapshot->bytesRead() - volume->previous->bytesRead()) / elapsed;
-                reading.writeRate = static_cast<double>(snapshot->bytesWritten() - volume->previous->bytesWritten()) /
-                                    elapsed;
+                auto& f = reading.figures;
+                f.read = static_cast<double>(snapshot->bytesRead() - volume->previous->bytesRead()) / elapsed;
+                f.write = static_cast<double>(snapshot->bytesWritten() - volume->previous->bytesWritten()) / elapsed;
+                const auto load = loadFigures(reading.span);
+                f.readAwait = seconds(load.readAwaitMilliseconds);
+                f.writeAwait = seconds(load.writeAwaitMilliseconds);
+                f.queueDepth = load.averageQueueDepth;
                 reading.interval = true;
             }
             volume->previous = *snapshot;
@@ -166,18 +200,17 @@ void MetricsCollector::sample(Clock::time_point now) {
         Volume& volume = *reading.volume;
         if (!reading.snapshot) continue;
         volume.latest = *reading.snapshot;
+        volume.load += reading.span;
         if (!reading.interval) continue;
-        volume.lastReadRate = reading.readRate;
-        volume.lastWriteRate = reading.writeRate;
-        volume.readHistogram.observe(reading.readRate);
-        volume.writeHistogram.observe(reading.writeRate);
+        const Peaks& f = reading.figures;
+        volume.last = f;
+        volume.readHistogram.observe(f.read);
+        volume.writeHistogram.observe(f.write);
+        if (f.readAwait) volume.readAwaitHistogram.observe(*f.readAwait);
+        if (f.writeAwait) volume.writeAwaitHistogram.observe(*f.writeAwait);
         for (auto& scraper : scrapers_) {
-            auto [peak, fresh] = scraper.peaks.try_emplace(volume.id,
-                                                           Scraper::Peak{reading.readRate, reading.writeRate});
-            if (!fresh) {
-                peak->second.read = std::max(peak->second.read, reading.readRate);
-                peak->second.write = std::max(peak->second.write, reading.writeRate);
-            }
+            auto [peak, fresh] = scraper.peaks.try_emplace(volume.id, f);
+            if (!fresh) peak->second.include(f);
         }
     }
     for (const auto& reading : readings) {
@@ -237,11 +270,18 @@ Exposition MetricsCollector::scrape(const std::string& scraperKey) {
         figures.writtenBytes = volume->latest.bytesWritten();
         figures.reads = volume->latest.readsCompleted;
         figures.writes = volume->latest.writesCompleted;
-        const auto peak = scraper->peaks.find(volume->id);
-        figures.readPeak = peak != scraper->peaks.end() ? peak->second.read : volume->lastReadRate;
-        figures.writePeak = peak != scraper->peaks.end() ? peak->second.write : volume->lastWriteRate;
+        figures.load = volume->load;
+        const auto found = scraper->peaks.find(volume->id);
+        const Peaks& peak = found != scraper->peaks.end() ? found->second : volume->last;
+        figures.readPeak = peak.read;
+        figures.writePeak = peak.write;
+        figures.readAwaitPeakSeconds = peak.readAwait;
+        figures.writeAwaitPeakSeconds = peak.writeAwait;
+        figures.queueDepthPeak = peak.queueDepth;
         figures.readHistogram = volume->readHistogram;
         figures.writeHistogram = volume->writeHistogram;
+        figures.readAwaitHistogram = volume->readAwaitHistogram;
+        figures.writeAwaitHistogram = volume->writeAwaitHistogram;
         figures.smart = volume->smart;
         exposition.volumes.push_back(std::move(figures));
     }

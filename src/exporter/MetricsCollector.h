@@ -17,8 +17,9 @@
 namespace vantorix::exporter {
 
 // The figures behind the exporter's /metrics: a set of volumes whose block-layer counters are read
-// at a fixed interval, each interval's throughput counted into a histogram and into the burst peak
-// of every scraper, and each drive's SMART figures kept from the last refresh.
+// at a fixed interval, each interval's throughput and await counted into histograms and, with its
+// average queue depth, into the peaks of every scraper, and each drive's SMART figures kept from
+// the last refresh.
 //
 // Threads: sample() and refreshVolumes() on one sampling thread; refreshSmart() on another (it
 // blocks on the helper); scrape() on any thread, concurrently with everything else.
@@ -64,14 +65,15 @@ public:
     // interval. Blocks for as long as the fetches take.
     void refreshSmart(Clock::time_point now);
 
-    // The figures as one scraper sees them: its burst peaks cover the time since its previous
-    // scrape (a new scraper gets the last interval's throughput), and restart from here.
+    // The figures as one scraper sees them: its peaks cover the time since its previous scrape (a
+    // new scraper gets the last interval's figures), and restart from here.
     Exposition scrape(const std::string& scraperKey);
 
     std::size_t volumeCount() const;
     std::size_t scraperCount() const;
 
 private:
+    struct Peaks;
     struct Volume;
     struct Scraper;
     struct Reading;

@@ -26,6 +26,13 @@ Exposition sampleExposition() {
     v.readPeak = 1.5e9;
     v.writePeak = 0;
     for (double rate : {0.0, 3e6, 2.5e6, 2e10}) v.writeHistogram.observe(rate);
+    for (double await : {50e-6, 3e-4, 12.0}) v.writeAwaitHistogram.observe(await);
+    v.load.writeMilliseconds = 1500;
+    v.load.weightedMilliseconds = 5000000001;  // past 2^32 ms
+    v.load.inFlight = 3;
+    v.load.flushesCompleted = 9;
+    v.writeAwaitPeakSeconds = 0.25;  // no read completed: no read series
+    v.queueDepthPeak = 0;
     SmartFigures smart;
     smart.passed = false;
     smart.temperatureCelsius = 41;
@@ -59,6 +66,14 @@ TEST(Exposition, BothFormatsNameFamiliesAndSamplesAsScrapersExpect) {
             "vantorix_volume_interval_throughput_bytes_per_second_bucket{" + key + R"(,direction="write",le="+Inf"} 4)",
             "vantorix_volume_interval_throughput_bytes_per_second_count{" + key + R"(,direction="write"} 4)",
             "vantorix_volume_interval_throughput_bytes_per_second_sum{" + key + R"(,direction="write"} 20005500000)",
+            "vantorix_volume_write_time_seconds_total{" + key + "} 1.5",
+            "vantorix_volume_io_time_weighted_seconds_total{" + key + "} 5000000.001",
+            "vantorix_volume_io_now{" + key + "} 3", "vantorix_volume_flush_requests_total{" + key + "} 9",
+            "vantorix_volume_await_peak_seconds{" + key + R"(,direction="write"} 0.25)",
+            "vantorix_volume_queue_depth_peak{" + key + "} 0",
+            "vantorix_volume_interval_await_seconds_bucket{" + key + R"(,direction="write",le="5e-05"} 1)",
+            "vantorix_volume_interval_await_seconds_bucket{" + key + R"(,direction="write",le="0.0005"} 2)",
+            "vantorix_volume_interval_await_seconds_bucket{" + key + R"(,direction="write",le="+Inf"} 3)",
             "vantorix_smart_passed{" + key + "} 0", "vantorix_smart_power_on_seconds{" + key + "} 7200",
             "vantorix_smart_percentage_used_ratio{" + key + "} 0.07"}) {
         EXPECT_THAT(text, HasSubstr("\n" + line + "\n")) << line;
@@ -67,6 +82,7 @@ TEST(Exposition, BothFormatsNameFamiliesAndSamplesAsScrapersExpect) {
     // Figures the drive did not report have no family at all.
     EXPECT_THAT(text, Not(HasSubstr("vantorix_smart_capable")));
     EXPECT_THAT(text, Not(HasSubstr("media_errors")));
+    EXPECT_THAT(text, Not(HasSubstr("await_peak_seconds{" + key + R"(,direction="read")")));
     // The metadata differs: OpenMetrics names counter and info families without their suffixes
     // and ends with # EOF.
     EXPECT_THAT(text, HasSubstr("# TYPE vantorix_volume_read_bytes_total counter\n"));

@@ -14,13 +14,9 @@ using Clock = MetricsCollector::Clock;
 
 class MetricsCollectorTest : public ::testing::Test {
 protected:
-    // A device whose counters show `sectorsWritten` sectors of 512 bytes written, as the test sets it.
-    void addDevice(const std::string& name, std::shared_ptr<std::atomic<std::uint64_t>> sectorsWritten) {
-        devices_->add(name, [sectorsWritten] {
-            BlockStatistics s;
-            s.sectorsWritten = *sectorsWritten;
-            return s;
-        });
+    // A device whose counters are whatever the test last set (samples are taken on the test's thread).
+    void addDevice(const std::string& name, std::shared_ptr<BlockStatistics> counters) {
+        devices_->add(name, [counters] { return *counters; });
     }
     MetricsCollector::Dependencies dependencies() {
         MetricsCollector::Dependencies d;
@@ -37,9 +33,11 @@ protected:
 };
 
 TEST_F(MetricsCollectorTest, BurstPeaksBelongToEachScraperAndRestartAtItsScrape) {
-    // Near the wrap: the next steps carry the counter past 2^64.
-    auto written = std::make_shared<std::atomic<std::uint64_t>>(std::numeric_limits<std::uint64_t>::max() - 1000);
-    addDevice("fake0", written);
+    // Near the wraps: the next steps carry the byte counter past 2^64 and the write time past 2^32 ms.
+    auto device = std::make_shared<BlockStatistics>();
+    device->sectorsWritten = std::numeric_limits<std::uint64_t>::max() - 1000;
+    device->writeMilliseconds = (1ULL << 32) - 30;
+    addDevice("fake0", device);
     mounts_ = {"/volumes/fake0"};
     MetricsCollector collector(dependencies());
     ASSERT_EQ(collector.refreshVolumes(), 1u);
@@ -48,35 +46,53 @@ TEST_F(MetricsCollectorTest, BurstPeaksBelongToEachScraperAndRestartAtItsScrape)
     collector.sample(t0);  // the baseline: no interval yet
     EXPECT_EQ(collector.scrape("a").volumes.at(0).writePeak, 0);
 
-    // Each step: sectors written in the next 10 ms, then which scrapers scrape and the peak each sees.
+    // Each step: what the device does in the next 10 ms, then which scrapers scrape and the peaks
+    // each sees (an absent await is -1).
+    struct Scrape {
+        std::string scraper;
+        double peak, await, queueDepth;
+    };
     struct Step {
-        std::uint64_t sectors;
-        std::vector<std::pair<std::string, double>> scrapes;
+        std::uint64_t sectors, writes, writeMilliseconds, weightedMilliseconds;
+        std::vector<Scrape> scrapes;
     };
     const std::vector<Step> steps{
-        {2000, {}},                              // 102.4 MB/s, across the wrap
-        {10000, {}},                             // 512 MB/s
-        {4000, {{"a", 512e6}, {"b", 204.8e6}}},  // b is new: it gets the last interval
-        {2000, {{"a", 102.4e6}}},
-        {6000, {{"b", 307.2e6}, {"a", 307.2e6}}},  // b's window began at its first scrape
-        {0, {{"a", 0}}},
+        {2000, 4, 8, 20, {}},     // 102.4 MB/s, across the wrap; 2 ms await, depth 2
+        {10000, 10, 50, 40, {}},  // 512 MB/s; 5 ms (the mean of both intervals is 4.1 ms), depth 4
+        // b is new: it gets the last interval, which completed nothing.
+        {4000, 0, 0, 30, {{"a", 512e6, 5e-3, 4}, {"b", 204.8e6, -1, 3}}},
+        {2000, 1, 1, 10, {{"a", 102.4e6, 1e-3, 1}}},
+        {6000, 0, 0, 0, {{"b", 307.2e6, 1e-3, 1}, {"a", 307.2e6, -1, 0}}},  // b's window began at its first scrape
+        {0, 2, 200, 200, {{"a", 0, 0.1, 20}}},
     };
     auto now = t0;
     for (std::size_t i = 0; i < steps.size(); ++i) {
-        *written += steps[i].sectors;
+        device->sectorsWritten += steps[i].sectors;
+        device->writesCompleted += steps[i].writes;
+        device->writeMilliseconds = (device->writeMilliseconds + steps[i].writeMilliseconds) % (1ULL << 32);
+        device->weightedMilliseconds += steps[i].weightedMilliseconds;
         now += 10ms;
         collector.sample(now);
-        for (const auto& [scraper, peak] : steps[i].scrapes) {
-            const auto figures = collector.scrape(scraper).volumes.at(0);
-            EXPECT_NEAR(figures.writePeak, peak, 1) << "step " << i << " scraper " << scraper;
-            EXPECT_EQ(figures.writtenBytes, *written * 512);
+        for (const auto& s : steps[i].scrapes) {
+            SCOPED_TRACE("step " + std::to_string(i) + " scraper " + s.scraper);
+            const auto figures = collector.scrape(s.scraper).volumes.at(0);
+            EXPECT_NEAR(figures.writePeak, s.peak, 1);
+            EXPECT_NEAR(figures.writeAwaitPeakSeconds.value_or(-1), s.await, 1e-12);
+            EXPECT_DOUBLE_EQ(figures.queueDepthPeak.value_or(-1), s.queueDepth);
+            EXPECT_FALSE(figures.readAwaitPeakSeconds);
+            EXPECT_EQ(figures.writtenBytes, device->sectorsWritten * 512);
         }
     }
-    // A scrape with no interval since reports the last interval's throughput.
-    EXPECT_EQ(collector.scrape("a").volumes.at(0).writePeak, 0);
+    // A scrape with no interval since reports the last interval's figures.
+    const auto again = collector.scrape("a").volumes.at(0);
+    EXPECT_EQ(again.writePeak, 0);
+    EXPECT_EQ(again.writeAwaitPeakSeconds, 0.1);
     const auto figures = collector.scrape("a").volumes.at(0);
     EXPECT_EQ(figures.writeHistogram.count, steps.size());
     EXPECT_EQ(figures.writeHistogram.counts[0], 1u);  // the idle interval
+    // Only intervals that completed writes are observed; the write time is summed past its wrap.
+    EXPECT_EQ(figures.writeAwaitHistogram.count, 4u);
+    EXPECT_EQ(figures.load.writeMilliseconds, (1ULL << 32) - 30 + 259);
     EXPECT_EQ(figures.labels.device, "fake0");
     EXPECT_EQ(collector.scraperCount(), 2u);
 
@@ -87,8 +103,8 @@ TEST_F(MetricsCollectorTest, BurstPeaksBelongToEachScraperAndRestartAtItsScrape)
 
 // A vanished device is dropped from the export in the exporter's integration test.
 TEST_F(MetricsCollectorTest, EachVolumeOnceAndSmartAskedAtMostOncePerInterval) {
-    addDevice("fake0", std::make_shared<std::atomic<std::uint64_t>>(0));
-    addDevice("fake1", std::make_shared<std::atomic<std::uint64_t>>(0));
+    addDevice("fake0", std::make_shared<BlockStatistics>());
+    addDevice("fake1", std::make_shared<BlockStatistics>());
     // The same device twice counts once; a folder that does not resolve is passed over.
     mounts_ = {"/volumes/fake0", "/other/fake0", "/missing/fake2", "/volumes/fake1"};
     std::atomic<int> asked{0};

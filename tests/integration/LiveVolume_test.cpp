@@ -256,6 +256,17 @@ TEST_F(LiveVolume, ExporterPrometheusSeesTheBytesWrittenAndBurstsAboveItsOneSeco
     ASSERT_TRUE(burst && rate);
     EXPECT_GE(*burst, *rate);
     EXPECT_GT(*rate, 0);
+    // The await: the mean Prometheus computes from the counters over any window stays at or below the
+    // highest await of one sampling interval (over a range reaching back as far as the first window).
+    const std::string writes = "{device=\"" + volume_->deviceName() + "\",direction=\"write\"}";
+    const std::string wider = "[" + std::to_string(static_cast<int>(after - before) + 5) + "s]";
+    const auto awaitPeak = query("max_over_time(vantorix_volume_await_peak_seconds" + writes + wider + ")", after);
+    const auto awaitMean = query("max_over_time((rate(vantorix_volume_write_time_seconds_total" + device +
+                                     "[3s]) / rate(vantorix_volume_writes_completed_total" + device + "[3s]))" + range +
+                                     ":1s])",
+                                 after);
+    ASSERT_TRUE(awaitPeak && awaitMean);
+    EXPECT_GE(*awaitPeak, *awaitMean);
 
     // promtool accepts what the exporter serves, SMART figures included; smartctl ran at most once a minute.
     auto metrics = client().Get("/metrics");
