@@ -61,12 +61,14 @@ std::vector<DownsampledBin> DiskIOGraphRendererCache::computeBins(const SampleWi
     for (std::int64_t binStart = start; binStart < upper; binStart += chunkSize) {
         const std::int64_t binEnd = std::min(binStart + chunkSize, upper);
         std::uint64_t readSum = 0, writeSum = 0, readPeak = 0, writePeak = 0;
+        LoadCounters load;
         for (std::int64_t i = binStart; i < binEnd; ++i) {
             const DiskSample& sample = samples[static_cast<std::size_t>(i)];
             readSum = saturatingAdd(readSum, sample.readBytes);
             writeSum = saturatingAdd(writeSum, sample.writeBytes);
             readPeak = std::max(readPeak, sample.readBytes);
             writePeak = std::max(writePeak, sample.writeBytes);
+            load += sample.load;
         }
         // The factor is not negative, so the fastest sample is the one that moved the most bytes.
         IndexedSample point{binStart + (binEnd - binStart) / 2,
@@ -74,7 +76,8 @@ std::vector<DownsampledBin> DiskIOGraphRendererCache::computeBins(const SampleWi
                             static_cast<double>(writePeak) * speedFactor,
                             readSum,
                             writeSum,
-                            binEnd - binStart};
+                            binEnd - binStart,
+                            load};
         bins.push_back(DownsampledBin{{binStart, binEnd}, point});
     }
     return bins;

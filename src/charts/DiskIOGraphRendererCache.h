@@ -12,19 +12,35 @@
 #include "concurrency/MainExecutor.h"
 #include "concurrency/Published.h"
 #include "concurrency/SerialQueue.h"
+#include "monitor/DeviceLoad.h"
 #include "util/Uuid.h"
 
 namespace vantorix {
 
-// One plotted point of the throughput graph: the bin of samples it stands for, reduced to its peak
-// speeds and its byte totals.
+// One plotted point of the graph: the bin of samples it stands for, reduced to its peak speeds, its
+// byte totals and the sum of its request counters. The latency and load figures of the bin come
+// from that sum (loadFigures), never from averaging the samples' own figures: a sample of one slow
+// request and one of a thousand fast ones make a bin of a thousand and one requests.
 struct IndexedSample {
+    // The counters may be left out: a point of the throughput graph alone needs none.
+    IndexedSample() = default;
+    IndexedSample(std::int64_t at, double read, double write, std::uint64_t readTotal, std::uint64_t writeTotal,
+                  std::int64_t count, LoadCounters counters = {})
+        : index(at),
+          readSpeed(read),
+          writeSpeed(write),
+          readBytes(readTotal),
+          writeBytes(writeTotal),
+          sampleCount(count),
+          load(counters) {}
+
     std::int64_t index = 0;        // the middle of the bin, as an index into the sample list
     double readSpeed = 0;          // highest per-sample read speed in the bin, bytes per second
     double writeSpeed = 0;         // highest per-sample write speed in the bin, bytes per second
     std::uint64_t readBytes = 0;   // sum of the bin's read bytes, saturating at 2^64 − 1
     std::uint64_t writeBytes = 0;  // sum of the bin's write bytes, saturating at 2^64 − 1
     std::int64_t sampleCount = 0;
+    LoadCounters load;  // the bin's samples' request counters, summed
 
     friend bool operator==(const IndexedSample&, const IndexedSample&) = default;
 };

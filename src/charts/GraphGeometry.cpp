@@ -22,6 +22,18 @@ std::int64_t toIndex(double value, std::int64_t lower, std::int64_t upper) {
     return static_cast<std::int64_t>(std::clamp(value, static_cast<double>(lower), static_cast<double>(upper)));
 }
 
+// The smallest of 1, 2, 2.5 and 5 × 10^k that is at least `least`; `least` itself when it is not a
+// positive finite number.
+double stepAtLeast(double least) {
+    if (!(least > 0) || !std::isfinite(least)) return least;
+    double power = std::pow(10.0, std::floor(std::log10(least)));
+    for (int decade = 0; decade < 3; ++decade, power *= 10) {
+        for (const double factor : {1.0, 2.0, 2.5, 5.0})
+            if (factor * power >= least) return factor * power;
+    }
+    return least;
+}
+
 std::string bytesText(std::uint64_t bytes) {
     constexpr auto largest = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
     using text::ByteUnits;
@@ -161,6 +173,75 @@ std::vector<GraphGeometry::Label> GraphGeometry::throughputLabels(const std::vec
     return labels;
 }
 
+std::vector<AxisTick> GraphGeometry::latencyTicks(const Points& points) {
+    bool any = false;
+    double highest = 0;
+    for (const IndexedSample& point : points) {
+        const LoadFigures figures = loadFigures(point.load);
+        for (const auto& await : {figures.readAwaitMilliseconds, figures.writeAwaitMilliseconds}) {
+            if (!await) continue;
+            any = true;
+            highest = std::max(highest, *await);
+        }
+    }
+    if (!any) return {AxisTick{0, 0}};
+    const double top = 4 * stepAtLeast(std::max(highest, 0.1) / 4);
+    std::vector<AxisTick> ticks;
+    ticks.reserve(5);
+    for (int k = 0; k <= 4; ++k) ticks.push_back(AxisTick{top * k / 4, k / 4.0});
+    return ticks;
+}
+
+std::vector<AxisTick> GraphGeometry::loadTicks(const Points& points) {
+    double deepest = 0;
+    for (const IndexedSample& point : points) {
+        if (const auto depth = loadFigures(point.load).averageQueueDepth) deepest = std::max(deepest, *depth);
+    }
+    const double half = stepAtLeast(std::max(deepest, 1.0) / 2);
+    constexpr double band = loadBandShare;
+    return {AxisTick{0, 0},        AxisTick{half, band / 2},    AxisTick{2 * half, band},
+            AxisTick{0, 1 - band}, AxisTick{0.5, 1 - band / 2}, AxisTick{1, 1}};
+}
+
+std::vector<AxisTick> GraphGeometry::valueTicks(GraphMeasure measure, const Points& points) {
+    if (measure == GraphMeasure::latency) return latencyTicks(points);
+    if (measure == GraphMeasure::load) return loadTicks(points);
+    return throughputTicks(points);
+}
+
+std::vector<GraphGeometry::Label> GraphGeometry::valueLabels(GraphMeasure measure,
+                                                             const std::vector<AxisTick>& valueTicks) {
+    if (measure == GraphMeasure::throughput) return throughputLabels(valueTicks);
+    const bool seconds = !valueTicks.empty() && valueTicks.back().value >= 10'000;
+    std::vector<Label> labels;
+    labels.reserve(valueTicks.size());
+    for (const AxisTick& tick : valueTicks) {
+        std::string shown;
+        if (measure == GraphMeasure::load) {
+            // The busy band's ticks lie in the upper half, the depth band's in the lower.
+            shown = tick.position > 0.5 ? text::percentText(tick.value, 0) : text::decimalText(tick.value, 0, 2);
+        } else if (seconds) {
+            shown = text::decimalText(tick.value / 1000, 0, 2) + text::localized(" 秒", " s");
+        } else {
+            shown = text::decimalText(tick.value, 0, 3) + text::localized(" 毫秒", " ms");
+        }
+        labels.push_back(Label{tick, std::move(shown)});
+    }
+    return labels;
+}
+
+std::string GraphGeometry::measureName(GraphMeasure measure) {
+    if (measure == GraphMeasure::latency) return text::localized("延迟", "Latency");
+    if (measure == GraphMeasure::load) return text::localized("负载", "Load");
+    return text::localized("吞吐量", "Throughput");
+}
+
+std::array<std::string, 2> GraphGeometry::lineNames(GraphMeasure measure, const std::optional<BlockQueue>& queue) {
+    if (measure == GraphMeasure::load)
+        return {utilizationLabel(queue), text::localized("平均队列深度", "Average Queue Depth")};
+    return {text::localized("读取", "Read"), text::localized("写入", "Write")};
+}
+
 std::vector<double> GraphGeometry::slotGridPositions(const Slots& slots, double width) {
     std::vector<double> positions;
     const double spacing = slots.spacing;
@@ -174,22 +255,49 @@ std::vector<double> GraphGeometry::slotGridPositions(const Slots& slots, double 
 }
 
 GraphGeometry::Frame GraphGeometry::frame(const View& view, Size graph, const Points& plotted,
-                                          std::int64_t sampleIntervalMs) {
+                                          std::int64_t sampleIntervalMs, GraphMeasure measure) {
     Frame frame;
+    frame.measure = measure;
     frame.slots = slots(view, graph.width);
     frame.visibleRange = visibleRange(view.sampleCount, frame.slots, graph.width);
     if (frame.visibleRange.upper > frame.visibleRange.lower) frame.drawn = plotted;
-    frame.throughputTicks = throughputTicks(frame.drawn);
-    frame.yScale = yScale(frame.throughputTicks, graph.height);
+    frame.throughputTicks = valueTicks(measure, frame.drawn);
+    if (measure == GraphMeasure::load) {
+        frame.yScale = loadBandShare * graph.height;
+        frame.depthScale = frame.yScale / frame.throughputTicks[2].value;
+    } else {
+        frame.yScale = yScale(frame.throughputTicks, graph.height);
+    }
     frame.timeTicks = timeTicks(sampleIntervalMs, frame.slots.slotCount);
     frame.readLine.reserve(frame.drawn.size());
     frame.writeLine.reserve(frame.drawn.size());
     for (const IndexedSample& point : frame.drawn) {
         const double x = frame.slots.x(point.index);
-        frame.readLine.push_back(Point{x, speedY(point.readSpeed, frame.yScale, graph.height)});
-        frame.writeLine.push_back(Point{x, speedY(point.writeSpeed, frame.yScale, graph.height)});
+        const auto [first, second] = lineHeights(point, frame, graph.height);
+        frame.readLine.push_back(Point{x, first.value_or(gapY)});
+        frame.writeLine.push_back(Point{x, second.value_or(gapY)});
     }
     return frame;
+}
+
+std::array<std::optional<double>, 2> GraphGeometry::lineHeights(const IndexedSample& point, const Frame& frame,
+                                                                double height) {
+    if (frame.measure == GraphMeasure::throughput) {
+        return {speedY(point.readSpeed, frame.yScale, height), speedY(point.writeSpeed, frame.yScale, height)};
+    }
+    const LoadFigures figures = loadFigures(point.load);
+    const auto scaled = [](const std::optional<double>& value, auto place) -> std::optional<double> {
+        if (!value) return std::nullopt;
+        return place(*value);
+    };
+    if (frame.measure == GraphMeasure::latency) {
+        const auto awaitY = [&](double milliseconds) { return height - milliseconds * frame.yScale; };
+        return {scaled(figures.readAwaitMilliseconds, awaitY), scaled(figures.writeAwaitMilliseconds, awaitY)};
+    }
+    // The busy band runs from the top down to loadBandShare of the height, the depth band up from
+    // the bottom as far.
+    return {scaled(figures.utilization, [&](double share) { return frame.yScale * (1 - share); }),
+            scaled(figures.averageQueueDepth, [&](double depth) { return height - depth * frame.depthScale; })};
 }
 
 bool GraphGeometry::acceptsPointer(Point pointer, Size graph) {
@@ -233,17 +341,19 @@ std::optional<IndexedSample> GraphGeometry::retargeted(const std::optional<Index
     return nearest;
 }
 
-GraphGeometry::Marker GraphGeometry::marker(const IndexedSample& point, const Slots& slots, double yScale, Size graph) {
+GraphGeometry::Marker GraphGeometry::marker(const IndexedSample& point, const Frame& frame, Size graph) {
     const double bottom = std::max(graph.height, 0.0);
-    const auto dotY = [&](double speed) {
-        const double y = speedY(speed, yScale, graph.height);
-        return std::isnan(y) ? bottom : std::clamp(y, 0.0, bottom);
+    const auto dotY = [&](const std::optional<double>& y) -> std::optional<double> {
+        if (!y) return std::nullopt;
+        return std::isnan(*y) ? bottom : std::clamp(*y, 0.0, bottom);
     };
-    return Marker{slots.x(point.index), dotY(point.readSpeed), dotY(point.writeSpeed)};
+    const auto [first, second] = lineHeights(point, frame, graph.height);
+    return Marker{frame.slots.x(point.index), dotY(first), dotY(second)};
 }
 
 GraphGeometry::TooltipLines GraphGeometry::tooltipLines(const IndexedSample& point, const SampleWindow& shown,
-                                                        std::int64_t sampleIntervalMs) {
+                                                        std::int64_t sampleIntervalMs, GraphMeasure measure,
+                                                        const std::optional<BlockQueue>& queue) {
     const double interval = sampleIntervalMs >= 1 ? static_cast<double>(sampleIntervalMs) : 0.0;
     std::string primary;
     if (point.index >= 0 && static_cast<std::uint64_t>(point.index) < shown.size()) {
@@ -256,9 +366,18 @@ GraphGeometry::TooltipLines GraphGeometry::tooltipLines(const IndexedSample& poi
                text::durationText(static_cast<double>(std::max(point.sampleCount, std::int64_t{1})) * interval,
                                   /*ago=*/false);
 
-    std::string secondary = text::localized("读取", "Read") + ": " + text::speedText(point.readSpeed) + " (" +
-                            bytesText(point.readBytes) + ") | " + text::localized("写入", "Write") + ": " +
-                            text::speedText(point.writeSpeed) + " (" + bytesText(point.writeBytes) + ")";
+    const auto [first, second] = lineNames(measure, queue);
+    std::string secondary;
+    if (measure == GraphMeasure::throughput) {
+        secondary = first + ": " + text::speedText(point.readSpeed) + " (" + bytesText(point.readBytes) + ") | " +
+                    second + ": " + text::speedText(point.writeSpeed) + " (" + bytesText(point.writeBytes) + ")";
+    } else if (const LoadFigures figures = loadFigures(point.load); measure == GraphMeasure::latency) {
+        secondary = first + ": " + awaitText(figures.readAwaitMilliseconds) + " | " + second + ": " +
+                    awaitText(figures.writeAwaitMilliseconds);
+    } else {
+        secondary = first + ": " + utilizationText(figures.utilization) + " | " + second + ": " +
+                    queueDepthText(figures.averageQueueDepth, queue);
+    }
     return TooltipLines{std::move(primary), std::move(secondary)};
 }
 
@@ -266,7 +385,10 @@ GraphGeometry::Point GraphGeometry::tooltipOrigin(const Marker& marker, Size bub
     constexpr double gap = 16;
     constexpr double inset = 12;
     const Size size = bubble.width > 0 && bubble.height > 0 ? bubble : defaultTooltipSize;
-    const double top = std::min(marker.readY, marker.writeY);
+    constexpr double none = std::numeric_limits<double>::infinity();
+    const double top = marker.readY || marker.writeY
+                           ? std::min(marker.readY.value_or(none), marker.writeY.value_or(none))
+                           : graph.height;
 
     double x = marker.x + gap;
     if (marker.x + gap + size.width > graph.width - inset) x = marker.x - size.width - gap;

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <string>
 #include <vector>
@@ -8,13 +10,21 @@
 #include "charts/ChartExportSupport.h"
 #include "charts/DiskIOGraphRendererCache.h"
 #include "charts/SampleWindow.h"
+#include "monitor/LoadTexts.h"
 
 namespace vantorix {
 
-// The dashboard's live throughput graph, everything about it that needs no pixels: where the
-// sample slots lie at a zoom and shift, which samples are visible, the axis ticks and labels,
-// which point the pointer hovers, the tooltip's texts and place, and what a pinch or drag
-// commits. The widget paints what these compute and forwards its input here.
+// What the graph plots, as two lines over the same time axis. Throughput: the read and write speed.
+// Latency: the read and write await in milliseconds. Load: the share of time the device was busy
+// (0–100 %) in a band at the top and its average queue depth in a band at the bottom, each band
+// with its own scale, so that neither figure is read against the other's axis.
+enum class GraphMeasure { throughput, latency, load };
+
+// The dashboard's live graph, everything about it that needs no pixels: where the sample slots
+// lie at a zoom and shift, which samples are visible, the axis ticks and labels of each measure,
+// which point the pointer hovers, the tooltip's texts and place, and what a pinch or drag commits.
+// The widget paints what these compute and forwards its input here. Zoom, shift and hover work
+// alike in every measure: they depend on the points' places in time alone.
 //
 // Coordinates are the graph's own: logical pixels, origin at the top left of the plot, y
 // downwards. The graph holds a fixed number of sample slots that fill from the right: the newest
@@ -26,7 +36,9 @@ struct GraphGeometry {
 
     using Points = std::vector<IndexedSample>;
     // Time ticks: value in milliseconds ago, position 1 at the right edge (now) down to 0 at the
-    // left. Throughput ticks: value in bytes per second, position 0 at the bottom up to 1 at the top.
+    // left. Value ticks: position 0 at the bottom up to 1 at the top; the value in bytes per second
+    // (throughput), milliseconds (latency), or, in the load view, a share of time 0–1 in the busy
+    // band and a number of requests in the depth band (see loadTicks).
     using AxisTick = ChartExportSupport::AxisTick;
 
     struct Size {
@@ -103,24 +115,61 @@ struct GraphGeometry {
     static std::vector<Label> timeLabels(const std::vector<AxisTick>& timeTicks, std::int64_t sampleIntervalMs);
     static std::vector<Label> throughputLabels(const std::vector<AxisTick>& throughputTicks);
 
+    // Five ticks from 0 to four times the smallest step of 1, 2, 2.5 or 5 × 10^k ms that holds the
+    // highest await drawn, the top at least 0.1 ms; a single 0 when no point has an await.
+    static std::vector<AxisTick> latencyTicks(const Points& points);
+    // The share of the plot's height of each load band. The busy band lies at the top, the depth
+    // band at the bottom, and the rest of the height lies between them.
+    static constexpr double loadBandShare = 0.42;
+    // Six ticks: 0, half the top and the top of the depth band (the top the smallest of 1, 2, 2.5 or
+    // 5 × 10^k, doubled, that holds the highest average depth drawn, at least 1), then 0, 0.5 and 1
+    // of the busy band.
+    static std::vector<AxisTick> loadTicks(const Points& points);
+    // The value axis's ticks and their labels for `measure`: speeds ("750 MB/s"), milliseconds
+    // ("2.5 ms" / "2.5 毫秒", or seconds once the top reaches 10 s), or percentages and depths
+    // ("50%", "4").
+    static std::vector<AxisTick> valueTicks(GraphMeasure measure, const Points& points);
+    static std::vector<Label> valueLabels(GraphMeasure measure, const std::vector<AxisTick>& valueTicks);
+
+    // The measure's name for its switch: "吞吐量" / "Throughput", "延迟" / "Latency", "负载" / "Load".
+    static std::string measureName(GraphMeasure measure);
+    // The two lines' names for the legend: read and write, or the busy share (utilizationLabel) and
+    // the average queue depth.
+    static std::array<std::string, 2> lineNames(GraphMeasure measure, const std::optional<BlockQueue>& queue);
+
     // x positions of the slot grid lines from the left edge to the right edge.
     static std::vector<double> slotGridPositions(const Slots& slots, double width);
 
     // ---- one frame ----
 
+    // The height of a line's point where the line breaks: the point has no figure there (a bin in
+    // which no request of that direction completed has no await, a bin of no time no load). It
+    // compares equal to itself, so that two frames with the same gaps are the same.
+    static constexpr double gapY = std::numeric_limits<double>::infinity();
+
     // Everything a frame draws apart from the hover marker. `plotted` are the downsampling cache's
     // points; they are drawn only when some sample is visible.
     struct Frame {
+        GraphMeasure measure = GraphMeasure::throughput;
         Slots slots;
         SampleRange visibleRange;
         Points drawn;
-        std::vector<AxisTick> throughputTicks;
+        std::vector<AxisTick> throughputTicks;  // the value axis's ticks, of whatever the measure is
+        // Pixels per unit of the value axis: per byte per second, per millisecond, or per whole busy
+        // share (the busy band's height) in the load view.
         double yScale = 0;
+        double depthScale = 0;  // in the load view, pixels per request of average queue depth
         std::vector<AxisTick> timeTicks;
+        // The first and second line: read and write, or in the load view busy share and queue depth.
+        // A point at gapY breaks its line.
         std::vector<Point> readLine;
         std::vector<Point> writeLine;
     };
-    static Frame frame(const View& view, Size graph, const Points& plotted, std::int64_t sampleIntervalMs);
+    static Frame frame(const View& view, Size graph, const Points& plotted, std::int64_t sampleIntervalMs,
+                       GraphMeasure measure = GraphMeasure::throughput);
+    // The heights of `point` on the frame's two lines; nothing where the point has no figure.
+    static std::array<std::optional<double>, 2> lineHeights(const IndexedSample& point, const Frame& frame,
+                                                            double height);
 
     // ---- hover ----
 
@@ -135,28 +184,32 @@ struct GraphGeometry {
     static std::optional<IndexedSample> retargeted(const std::optional<IndexedSample>& hovered, const Points& drawn,
                                                    std::int64_t sampleCount);
 
-    // The hover marker: its x and the heights of its read and write dots, held within the graph.
+    // The hover marker: its x and the heights of the dots on the first and second line, held
+    // within the graph; no dot where the point has no figure.
     struct Marker {
         double x = 0;
-        double readY = 0;
-        double writeY = 0;
+        std::optional<double> readY;
+        std::optional<double> writeY;
     };
-    static Marker marker(const IndexedSample& point, const Slots& slots, double yScale, Size graph);
+    static Marker marker(const IndexedSample& point, const Frame& frame, Size graph);
 
     struct TooltipLines {
-        std::string primary;    // time · elapsed · window
-        std::string secondary;  // read speed (bytes) | write speed (bytes)
+        std::string primary;  // time · elapsed · window
+        // Throughput: read speed (bytes) | write speed (bytes). Latency: read await | write await,
+        // "—" without completions. Load: busy share | average queue depth / the device's nr_requests.
+        std::string secondary;
 
         friend bool operator==(const TooltipLines&, const TooltipLines&) = default;
     };
     static TooltipLines tooltipLines(const IndexedSample& point, const SampleWindow& shown,
-                                     std::int64_t sampleIntervalMs);
+                                     std::int64_t sampleIntervalMs, GraphMeasure measure = GraphMeasure::throughput,
+                                     const std::optional<BlockQueue>& queue = std::nullopt);
 
     // The bubble's size before it has been measured.
     static constexpr Size defaultTooltipSize{240, 80};
     // The bubble's top left: beside the marker (to its left when it would pass the right edge),
-    // above the upper dot (below when there is no room), 12 px inside the graph where it fits.
-    // A zero `bubble` stands for defaultTooltipSize.
+    // above the upper dot (below when there is no room; above the bottom without dots), 12 px
+    // inside the graph where it fits. A zero `bubble` stands for defaultTooltipSize.
     static Point tooltipOrigin(const Marker& marker, Size bubble, Size graph);
 
     // ---- gestures ----

@@ -355,7 +355,7 @@ std::optional<QRectF> DiskIOGraphCanvas::tooltipRect() const {
     if (!lines) return std::nullopt;
     const GraphGeometry::Frame shown = frame();
     const QSizeF size = TooltipBubble::measure(*lines, tooltipFont_);
-    const auto marker = GraphGeometry::marker(*hoveredSample_, shown.slots, shown.yScale, graphSize());
+    const auto marker = GraphGeometry::marker(*hoveredSample_, shown, graphSize());
     const auto origin = GraphGeometry::tooltipOrigin(marker, {size.width(), size.height()}, graphSize());
     return QRectF(toQt(origin) + graphRect_.topLeft(), size);
 }
@@ -781,7 +781,7 @@ void DiskIOGraphCanvas::paintTimeLabels(QPainter& painter, const GraphGeometry::
 
 void DiskIOGraphCanvas::paintHover(QPainter& painter, const GraphGeometry::Frame& shown, const GraphPalette& colours) {
     if (!hoveredSample_) return;
-    const auto marker = GraphGeometry::marker(*hoveredSample_, shown.slots, shown.yScale, graphSize());
+    const auto marker = GraphGeometry::marker(*hoveredSample_, shown, graphSize());
 
     // A marker moved off the plot by a zoom stays off the axis labels.
     painter.save();
@@ -793,9 +793,10 @@ void DiskIOGraphCanvas::paintHover(QPainter& painter, const GraphGeometry::Frame
     painter.drawLine(QLineF(marker.x, 0, marker.x, graphRect_.height()));
 
     painter.setPen(QPen(withOpacity(colours.text, dotOutlineOpacity), 1));
-    const auto dot = [&](double y, const QColor& colour) {
+    const auto dot = [&](const std::optional<double>& y, const QColor& colour) {
+        if (!y) return;  // no figure at this point
         painter.setBrush(colour);
-        painter.drawEllipse(QPointF(marker.x, y), dotDiameter / 2, dotDiameter / 2);
+        painter.drawEllipse(QPointF(marker.x, *y), dotDiameter / 2, dotDiameter / 2);
     };
     dot(marker.readY, colours.read);
     dot(marker.writeY, colours.write);

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <chrono>
 #include <limits>
 #include <memory>
@@ -29,6 +30,13 @@ constexpr double kHeight = 200;
 
 IndexedSample point(std::int64_t index, double read = 0, double write = 0) {
     return IndexedSample{index, read, write, 0, 0, 1};
+}
+
+// Request counters over `wallMs`: reads and writes completed with their milliseconds, then busy and
+// weighted milliseconds.
+LoadCounters counters(std::int64_t wallMs, std::uint64_t reads, std::uint64_t readMs, std::uint64_t writes,
+                      std::uint64_t writeMs, std::uint64_t busyMs, std::uint64_t weightedMs) {
+    return {std::chrono::milliseconds(wallMs), reads, writes, readMs, writeMs, busyMs, weightedMs, 0, 0, 0};
 }
 
 std::vector<double> values(const std::vector<G::AxisTick>& ticks) {
@@ -213,6 +221,40 @@ TEST(GraphGeometry, TooltipTextsInBothLanguages) {
     }
 }
 
+TEST(GraphGeometry, LatencyAndLoadAxesInBothLanguages) {
+    struct Case {
+        const char* lang;
+        GraphMeasure measure;
+        LoadCounters load;
+        std::vector<std::string> labels;
+    };
+    const Case cases[] = {
+        {"en_US.UTF-8",
+         GraphMeasure::latency,
+         counters(1000, 100, 42, 0, 0, 0, 0),
+         {"0 ms", "0.2 ms", "0.4 ms", "0.6 ms", "0.8 ms"}},
+        {"zh_CN.UTF-8",
+         GraphMeasure::latency,
+         counters(1000, 0, 0, 1, 12'000, 0, 0),
+         {"0 秒", "5 秒", "10 秒", "15 秒", "20 秒"}},
+        {"en_US.UTF-8", GraphMeasure::latency, counters(1000, 0, 0, 0, 0, 500, 500), {"0 ms"}},
+        {"en_US.UTF-8",
+         GraphMeasure::load,
+         counters(1000, 0, 0, 0, 0, 500, 3210),
+         {"0", "2", "4", "0%", "50%", "100%"}},
+        {"zh_CN.UTF-8", GraphMeasure::load, {}, {"0", "0.5", "1", "0%", "50%", "100%"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.labels.back());
+        const vantorix::testing::ScopedLanguage language(c.lang);
+        std::vector<std::string> labels;
+        for (const auto& label :
+             G::valueLabels(c.measure, G::valueTicks(c.measure, {IndexedSample{0, 0, 0, 0, 0, 1, c.load}, point(1)})))
+            labels.push_back(label.text);
+        EXPECT_EQ(labels, c.labels);
+    }
+}
+
 TEST(GraphGeometry, TooltipStaysBesideTheMarkerAndInsideTheGraph) {
     struct Case {
         const char* name;
@@ -230,6 +272,8 @@ TEST(GraphGeometry, TooltipStaysBesideTheMarkerAndInsideTheGraph) {
         {"marker left of the graph: 12 px in", {-40, 200, 150}, {200, 60}, {600, 300}, {12, 74}},
         {"low graph: 12 px from the top", {300, 10, 10}, {200, 60}, {600, 80}, {316, 12}},
         {"unmeasured bubble: 240 × 80", {300, 200, 150}, {0, 0}, {600, 300}, {316, 54}},
+        {"one dot: beside it", {300, std::nullopt, 150}, {200, 60}, {600, 300}, {316, 74}},
+        {"no dot: above the bottom", {300, std::nullopt, std::nullopt}, {200, 60}, {600, 300}, {316, 224}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -316,6 +360,56 @@ TEST(DiskIOGraphRendererCache, APointKeepsThePeakSpeedsAndTheByteTotalsOfItsBin)
         graph.show(samples, {0, static_cast<std::int64_t>(samples.size())}, c.target, c.intervalMs);
         EXPECT_EQ(graph.cache->plottedSamples(), c.points);
     }
+}
+
+TEST(DiskIOGraphRendererCache, ABinsLatencyAndLoadComeFromItsSummedCountersNotTheSamplesMean) {
+    // Bins of two samples. The first: one slow read and 99 fast ones, 1.09 ms (the samples' mean is
+    // 5.5 ms), no write; busy 16 of 40 ms, 40 % (mean 60 %); 2.5 queued (mean 2). The second
+    // completes nothing: no await; busy 30 of 40 ms, 75 % (mean 50 %); 1.5 queued (mean 1).
+    Graph graph;
+    const auto samples = samplesOf({{0, 0}, {0, 0}, {0, 0}, {0, 0}},
+                                   {counters(10, 1, 10, 0, 0, 10, 10), counters(30, 99, 99, 0, 0, 6, 90),
+                                    counters(10, 0, 0, 0, 0, 0, 0), counters(30, 0, 0, 0, 0, 30, 60)});
+    graph.show(samples, {0, 4}, 2, 1000);
+    const Points& points = graph.cache->plottedSamples();
+    ASSERT_EQ(points.size(), 2u);
+    struct Case {
+        const char* lang;
+        GraphMeasure measure;
+        std::optional<BlockQueue> queue;
+        std::array<std::string, 2> secondary;  // of each bin
+    };
+    const Case cases[] = {
+        {"en_US.UTF-8", GraphMeasure::latency, std::nullopt, {"Read: 1.09 ms | Write: —", "Read: — | Write: —"}},
+        {"zh_CN.UTF-8", GraphMeasure::latency, std::nullopt, {"读取: 1.09 毫秒 | 写入: —", "读取: — | 写入: —"}},
+        {"en_US.UTF-8",
+         GraphMeasure::load,
+         BlockQueue{64, 1, true},
+         {"Utilization: 40% | Average Queue Depth: 2.50 / 64", "Utilization: 75% | Average Queue Depth: 1.50 / 64"}},
+        {"zh_CN.UTF-8",
+         GraphMeasure::load,
+         BlockQueue{std::nullopt, 4, false},
+         {"繁忙时间: 40% | 平均队列深度: 2.50", "繁忙时间: 75% | 平均队列深度: 1.50"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.secondary[0]);
+        const vantorix::testing::ScopedLanguage language(c.lang);
+        for (std::size_t i = 0; i < 2; ++i)
+            EXPECT_EQ(G::tooltipLines(points[i], samples, 1000, c.measure, c.queue).secondary, c.secondary[i]);
+    }
+
+    // The latency lines break where a bin has no await, and the marker has no dot there; the load
+    // lines lie in their bands (busy share from the top, depth up to a top of 4 from the bottom).
+    const G::Frame latency = G::frame(G::viewOf(4, 1, 0), {kWidth, kHeight}, points, 1000, GraphMeasure::latency);
+    EXPECT_EQ(values(latency.throughputTicks), (std::vector<double>{0, 0.5, 1, 1.5, 2}));
+    EXPECT_DOUBLE_EQ(latency.readLine[0].y, kHeight - 1.09 * kHeight / 2);
+    EXPECT_EQ(latency.readLine[1].y, G::gapY);
+    EXPECT_EQ(latency.writeLine[0].y, G::gapY);
+    EXPECT_FALSE(G::marker(points[1], latency, {kWidth, kHeight}).readY);
+    const G::Frame load = G::frame(G::viewOf(4, 1, 0), {kWidth, kHeight}, points, 1000, GraphMeasure::load);
+    const double band = G::loadBandShare * kHeight;
+    EXPECT_DOUBLE_EQ(load.readLine[0].y, band * 0.6);
+    EXPECT_DOUBLE_EQ(load.writeLine[0].y, kHeight - 2.5 * band / 4);
 }
 
 // The same request starts no work; a grown range of the same samples keeps the bins in step; other
