@@ -78,6 +78,7 @@ DashboardRootView::DashboardRootView(Dependencies dependencies, QWidget* parent)
     connect(chart_, &DiskIOChartSection::chartSizeChanged, this, [this](QSize size) { chartSize_ = size; });
 
     monitorSubscription_ = dependencies_.monitor->subscribe([this](const DiskIOMonitor::State& state) {
+        chart_->setQueue(state.selectedVolume ? state.selectedVolume->queue : std::nullopt);
         chart_->setSamples(state.samples, DiskIOMonitor::rawValue(state.samplingPrecision));
         refresh();
     });

@@ -26,7 +26,7 @@ class MetricsDashboardSection;
 class VolumeControlPanel;
 
 // The main window's content: the volume panel, the message bubbles, the metric cards and the
-// throughput graph, bound to the shared monitor and tester. What it shows is recomputed from
+// graph, bound to the shared monitor and tester. What it shows is recomputed from
 // their published state whenever either changes; dialogs and alerts open without blocking (no
 // nested event loop) and answer through signals.
 class DashboardRootView final : public QWidget {

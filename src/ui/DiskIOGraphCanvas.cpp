@@ -111,7 +111,30 @@ void strokeLine(QPainter& painter, const std::vector<GraphGeometry::Point>& line
     painter.drawLines(segments.constData(), static_cast<int>(segments.size()));
 }
 
-// The read and write lines of a plot `graph` in size, with the painter at the plot's top left.
+// Strokes `line` broken where its points lie at GraphGeometry::gapY: each unbroken run as strokeLine
+// strokes a whole line, and a point alone between two gaps as a dot twice the line's width across.
+void strokeRuns(QPainter& painter, const std::vector<GraphGeometry::Point>& line, const QPen& pen) {
+    const auto isGap = [](const GraphGeometry::Point& point) { return !std::isfinite(point.y); };
+    if (std::none_of(line.begin(), line.end(), isGap)) {
+        strokeLine(painter, line, pen);
+        return;
+    }
+    for (auto start = std::find_if_not(line.begin(), line.end(), isGap); start != line.end();) {
+        const auto end = std::find_if(start, line.end(), isGap);
+        if (end - start > 1) {
+            strokeLine(painter, std::vector<GraphGeometry::Point>(start, end), pen);
+        } else {
+            painter.save();
+            painter.setPen(Qt::NoPen);
+            painter.setBrush(pen.color());
+            painter.drawEllipse(toQt(*start), pen.widthF(), pen.widthF());
+            painter.restore();
+        }
+        start = std::find_if_not(end, line.end(), isGap);
+    }
+}
+
+// The two lines of a plot `graph` in size, with the painter at the plot's top left.
 void strokeLines(QPainter& painter, const std::vector<GraphGeometry::Point>& readLine,
                  const std::vector<GraphGeometry::Point>& writeLine, const QColor& read, const QColor& write,
                  QSizeF graph) {
@@ -120,8 +143,8 @@ void strokeLines(QPainter& painter, const std::vector<GraphGeometry::Point>& rea
     // The lines may run past the plot's sides when zoomed; a flat line at 0 keeps its full width.
     const QRectF clip(0, -lineWidth, graph.width(), graph.height() + 2 * lineWidth);
     painter.setClipRect(clip);
-    strokeLine(painter, readLine, QPen(read, lineWidth, Qt::SolidLine, Qt::FlatCap, Qt::BevelJoin));
-    strokeLine(painter, writeLine, QPen(write, lineWidth, Qt::SolidLine, Qt::FlatCap, Qt::BevelJoin));
+    strokeRuns(painter, readLine, QPen(read, lineWidth, Qt::SolidLine, Qt::FlatCap, Qt::BevelJoin));
+    strokeRuns(painter, writeLine, QPen(write, lineWidth, Qt::SolidLine, Qt::FlatCap, Qt::BevelJoin));
     painter.restore();
 }
 
@@ -257,7 +280,7 @@ bool DiskIOGraphCanvas::BackgroundKey::shows(const BackgroundKey& other) const {
     return mapping.drawsLike(other.mapping) && format == other.format && pixels == other.pixels &&
            graph == other.graph && font == other.font && card == other.card && text == other.text &&
            secondaryText == other.secondaryText && throughputTicks == other.throughputTicks &&
-           timeTicks == other.timeTicks && sampleIntervalMs == other.sampleIntervalMs &&
+           timeTicks == other.timeTicks && sampleIntervalMs == other.sampleIntervalMs && measure == other.measure &&
            std::equal(slotLines.begin(), slotLines.end(), other.slotLines.begin(), other.slotLines.end(), near);
 }
 
@@ -342,12 +365,27 @@ GraphGeometry::View DiskIOGraphCanvas::view() const {
 GraphGeometry::Size DiskIOGraphCanvas::graphSize() const { return {graphRect_.width(), graphRect_.height()}; }
 
 GraphGeometry::Frame DiskIOGraphCanvas::frame() const {
-    return GraphGeometry::frame(view(), graphSize(), cache_->plottedSamples(), sampleIntervalMs_);
+    return GraphGeometry::frame(view(), graphSize(), cache_->plottedSamples(), sampleIntervalMs_, measure_);
+}
+
+void DiskIOGraphCanvas::setMeasure(GraphMeasure measure) {
+    if (measure == measure_) return;
+    measure_ = measure;
+    // The points stay; the lines, the axis and the tooltip change. The paint at once draws them
+    // itself, and later ones copy the plot drawn ahead for the new lines.
+    drawPlotAhead();
+    update();
+}
+
+void DiskIOGraphCanvas::setQueue(std::optional<BlockQueue> queue) {
+    if (queue == queue_) return;
+    queue_ = queue;
+    if (hoveredSample_) update();  // the tooltip names the busy share and shows the queue's size
 }
 
 std::optional<GraphGeometry::TooltipLines> DiskIOGraphCanvas::tooltipLines() const {
     if (!hoveredSample_) return std::nullopt;
-    return GraphGeometry::tooltipLines(*hoveredSample_, samples_, sampleIntervalMs_);
+    return GraphGeometry::tooltipLines(*hoveredSample_, samples_, sampleIntervalMs_, measure_, queue_);
 }
 
 std::optional<QRectF> DiskIOGraphCanvas::tooltipRect() const {
@@ -410,7 +448,7 @@ void DiskIOGraphCanvas::drawPlotAhead() {
         update();
         return;
     }
-    const GraphPalette colours = GraphPalette::of(palette());
+    const GraphPalette colours = GraphPalette::of(palette(), measure_);
     const auto& [mapping, format] = *lastTarget_;
     const BackgroundKey key = backgroundKey(mapping, format, shown, colours);
     // A batch that leaves the picture as it is (an idle volume's flat lines under a full history)
@@ -483,11 +521,12 @@ void DiskIOGraphCanvas::showArrivedPlot() {
 
 QRect DiskIOGraphCanvas::linesRect(const Plot& plot) const {
     // The band of the plot between the lines' lowest and highest points, with a margin for the line
-    // width and a pixel more for antialiasing.
+    // width (the radius of a lone point's dot) and a pixel more for antialiasing. A gap draws nothing.
     double top = std::numeric_limits<double>::infinity();
     double bottom = -top;
     for (const auto* line : {&plot.readLine, &plot.writeLine}) {
         for (const auto& point : *line) {
+            if (!std::isfinite(point.y)) continue;
             top = std::min(top, point.y);
             bottom = std::max(bottom, point.y);
         }
@@ -657,7 +696,7 @@ void DiskIOGraphCanvas::paintEvent(QPaintEvent*) {
     QPainter painter(this);
     painter.setRenderHint(QPainter::Antialiasing);
     painter.setRenderHint(QPainter::TextAntialiasing);
-    const GraphPalette colours = GraphPalette::of(palette());
+    const GraphPalette colours = GraphPalette::of(palette(), measure_);
     const GraphGeometry::Frame shown = frame();
     const auto mapping = mappingOf(painter.deviceTransform());
     const QPaintEngine* engine = painter.paintEngine();
@@ -711,6 +750,7 @@ DiskIOGraphCanvas::BackgroundKey DiskIOGraphCanvas::backgroundKey(const DeviceMa
     key.throughputTicks = shown.throughputTicks;
     key.timeTicks = shown.timeTicks;
     key.sampleIntervalMs = sampleIntervalMs_;
+    key.measure = shown.measure;
     return key;
 }
 
@@ -752,7 +792,7 @@ void DiskIOGraphCanvas::paintThroughputLabels(QPainter& painter, const GraphGeom
     painter.setFont(axisFont_);
     painter.setPen(colours.secondaryText);
     const QFontMetricsF metrics(axisFont_);
-    for (const auto& label : GraphGeometry::throughputLabels(shown.throughputTicks)) {
+    for (const auto& label : GraphGeometry::valueLabels(shown.measure, shown.throughputTicks)) {
         const double y = height - label.tick.position * height;
         const double baseline = y + (metrics.ascent() - metrics.descent()) / 2;
         painter.drawText(QPointF(width + labelGap, baseline), qString(label.text));
@@ -802,7 +842,7 @@ void DiskIOGraphCanvas::paintHover(QPainter& painter, const GraphGeometry::Frame
     dot(marker.writeY, colours.write);
     painter.restore();
 
-    const auto lines = GraphGeometry::tooltipLines(*hoveredSample_, samples_, sampleIntervalMs_);
+    const auto lines = GraphGeometry::tooltipLines(*hoveredSample_, samples_, sampleIntervalMs_, measure_, queue_);
     tooltipContentSize_ = TooltipBubble::measure(lines, tooltipFont_);
     const auto origin = GraphGeometry::tooltipOrigin(
         marker, {tooltipContentSize_.width(), tooltipContentSize_.height()}, graphSize());

@@ -36,10 +36,10 @@ namespace vantorix::ui {
 
 struct GraphPalette;
 
-// The live read and write throughput graph: 256 sample slots that fill from the right, a time
-// axis in "ago" form below, a throughput axis on the right, pinch (or Ctrl + wheel) zoom,
-// horizontal drag, and a hover marker with a tooltip. GraphGeometry decides everything; this
-// widget paints it and forwards input.
+// The live graph of read and write throughput, of read and write latency, or of the device's load
+// (GraphMeasure): 256 sample slots that fill from the right, a time axis in "ago" form below, a
+// value axis on the right, pinch (or Ctrl + wheel) zoom, horizontal drag, and a hover marker with
+// a tooltip. GraphGeometry decides everything; this widget paints it and forwards input.
 //
 // The samples' reduction to points runs off the main thread in the renderer cache. Painting works
 // with pictures in the device's pixels: a background (the card colour, grids and axis labels),
@@ -60,6 +60,12 @@ public:
     // The newest samples of the monitor's history (at most GraphGeometry::totalSlotCount) and the
     // sampling interval they were taken at.
     void setSamples(SampleWindow samples, std::int64_t sampleIntervalMs);
+
+    // What the lines show; throughput at first. Zoom, shift and hover stay as they are.
+    GraphMeasure measure() const { return measure_; }
+    void setMeasure(GraphMeasure measure);
+    // How the device takes requests, for the load tooltip's names and queue size.
+    void setQueue(std::optional<BlockQueue> queue);
 
     // The committed zoom and shift, owned by the dashboard. The setters emit their signal when
     // the value changes; so does a gesture that commits a new value.
@@ -130,6 +136,7 @@ private:
         std::vector<GraphGeometry::AxisTick> throughputTicks;
         std::vector<GraphGeometry::AxisTick> timeTicks;
         std::int64_t sampleIntervalMs = 0;
+        GraphMeasure measure = GraphMeasure::throughput;  // what the labels are written in
 
         // Equal, with slot lines that lie within a millionth of a pixel of each other.
         bool shows(const BackgroundKey& other) const;
@@ -188,6 +195,8 @@ private:
     Subscription pointsSubscription_;
     SampleWindow samples_;
     std::int64_t sampleIntervalMs_ = 1000;
+    GraphMeasure measure_ = GraphMeasure::throughput;
+    std::optional<BlockQueue> queue_;
     bool pointsVisible_ = false;  // the last request had a visible range
 
     double scale_ = 1;

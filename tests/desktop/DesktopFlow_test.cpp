@@ -151,6 +151,14 @@ TEST_P(DesktopFlow, ASessionOnALoopVolume) {
     auto* canvas = dashboard->chart()->canvas();
     ASSERT_TRUE(waitFor([&] { return !canvas->hasPendingPoints() && !canvas->frame().drawn.empty(); }));
     screenshot(app.mainWindow(), variant, "monitoring");
+    // The same samples as latency and as load, then back.
+    for (const auto& [measure, name] : {std::pair{GraphMeasure::latency, "monitoring-latency"},
+                                        {GraphMeasure::load, "monitoring-load"},
+                                        {GraphMeasure::throughput, ""}}) {
+        dashboard->chart()->setMeasure(measure);
+        QCoreApplication::processEvents();
+        if (*name != '\0') screenshot(app.mainWindow(), variant, name);
+    }
 
     // The chart to a folder of its own.
     const fs::path folder = fs::path(volume->mountPoint()) / "exported";

@@ -5,6 +5,7 @@
 #include "ui/DiskIOChartSection.h"
 #include "ui/DiskIOGraphCanvas.h"
 #include "ui/QtMainExecutor.h"
+#include "ui/SegmentedControl.h"
 #include "ui/VolumeControlPanel.h"
 
 #include <gtest/gtest.h>
@@ -46,6 +47,15 @@ std::uint64_t readAt(std::size_t i) {
     return static_cast<std::uint64_t>(3.2e8 + 2.4e8 * std::sin(static_cast<double>(i) / 9));
 }
 std::uint64_t writeAt(std::size_t i) { return i % 23 < 4 ? 680'000'000 : 90'000'000 + 1'000'000 * (i % 7); }
+// The request counters of a second to go with them: the write bursts queue deeper and wait longer,
+// and now and then a few seconds complete no read.
+LoadCounters loadAt(std::size_t i) {
+    const bool burst = i % 23 < 4;
+    const std::uint64_t reads = i % 41 < 3 ? 0 : 2000 + 100 * (i % 9), readMs = reads * (3 + i % 5) / 10;
+    const std::uint64_t writes = burst ? 5200 : 700, writeMs = writes * (burst ? 31 : 9) / 10;
+    const std::uint64_t busy = burst ? 990 : 420 + 20 * (i % 9), queued = burst ? 7400 : 900 + 60 * (i % 5);
+    return {std::chrono::seconds(1), reads, writes, readMs, writeMs, busy, queued, 0, 0, burst ? 6U : 1U};
+}
 
 // The dashboard's card with the graph, shown on the offscreen platform, fed like the monitor
 // feeds it: the whole history once per batch, at 1 s intervals.
@@ -63,13 +73,8 @@ struct Graph {
 
     void append(std::size_t count) {
         for (std::size_t n = history.count(), end = n + count; n < end; ++n)
-            history.append(DiskSample{Uuid::make(),
-                                      std::chrono::sys_seconds(std::chrono::seconds(1'740'816'930 + n)),
-                                      readAt(n),
-                                      writeAt(n),
-                                      1,
-                                      1,
-                                      {}});
+            history.append(DiskSample{Uuid::make(), std::chrono::sys_seconds(std::chrono::seconds(1'740'816'930 + n)),
+                                      readAt(n), writeAt(n), 1, 1, loadAt(n)});
         section.setSamples(history.elements(), 1000);
         settle();
     }
@@ -185,6 +190,48 @@ TEST(DiskIOGraphCanvas, HoverShowsTheTooltipAndLeavingClearsIt) {
         QApplication::sendEvent(graph.canvas, &leave);
         EXPECT_FALSE(graph.canvas->hoveredSample());
         EXPECT_FALSE(graph.canvas->tooltipLines());
+    }
+}
+
+// The switch changes what the lines, the axis, the legend and the tooltip show, and nothing of the
+// zoom, the shift or which sample the pointer hovers.
+TEST(DiskIOGraphCanvas, TheMeasureSwitchKeepsZoomShiftAndHover) {
+    struct Case {
+        GraphMeasure measure;
+        int segment;
+        std::string name, english, chinese;  // the tooltip's second line starts with the language's
+    };
+    const Case cases[] = {{GraphMeasure::latency, 1, "latency", "Read: ", "读取: "},
+                          {GraphMeasure::load, 2, "load", "Busy Time: ", "繁忙时间: "},
+                          {GraphMeasure::throughput, 0, "throughput", "Read: ", "读取: "}};
+    for (const std::string lang : {"en", "zh"}) {
+        const ScopedLanguage language(lang == "en" ? "en_US.UTF-8" : "zh_CN.UTF-8");
+        Graph graph;
+        graph.section.setQueue(BlockQueue{256, 4, false});
+        graph.append(200);
+        graph.section.setScale(1.5);
+        const auto slots = graph.canvas->frame().slots;
+        const QPointF pointer = graph.graphPoint(slots.x(100) + slots.spacing * 0.3, 60);
+        for (const Case& c : cases) {
+            SCOPED_TRACE(lang + " " + c.name);
+            auto* picker = graph.section.measureSwitch();
+            QTest::mouseClick(picker, Qt::LeftButton, {}, picker->segmentRect(c.segment).center());
+            graph.settle();
+            graph.mouse(QEvent::MouseMove, pointer, Qt::NoButton, Qt::NoButton);
+            EXPECT_EQ(graph.canvas->measure(), c.measure);
+            EXPECT_EQ(graph.canvas->frame().slots.shift, slots.shift);
+            ASSERT_TRUE(graph.canvas->hoveredSample());
+            EXPECT_EQ(graph.canvas->hoveredSample()->index, 100);
+            const std::string& first = lang == "en" ? c.english : c.chinese;
+            EXPECT_EQ(graph.canvas->tooltipLines()->secondary.find(first), 0u);
+            EXPECT_TRUE(graph.section.legendText().startsWith(QString::fromStdString(first).chopped(2)));
+            const std::string name = "graph-" + c.name + "-" + lang;
+            save(graph.section, name + "-light");
+            save(graph.section, name + "-light@2x", 2);
+            const ScopedScheme dark(true);
+            QCoreApplication::processEvents();
+            save(graph.section, name + "-dark");
+        }
     }
 }
 
