@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "monitor/LoadTexts.h"
 #include "smart/SmartValueText.h"
 #include "text/Formats.h"
 #include "text/Language.h"
@@ -62,6 +63,8 @@ void describeVolume(VolumePanelContent& panel, const std::optional<DiskVolumeDes
     panel.availableCapacityDescription = capacityOrUnknown(panel.availableCapacityBytes);
     panel.hardwareVendorDescription = trimmedOrUnknown(volume ? volume->hardwareVendor : std::nullopt);
     panel.hardwareModelDescription = trimmedOrUnknown(volume ? volume->hardwareModel : std::nullopt);
+    if (const auto facts = queueFactsText(volume ? volume->queue : std::nullopt))
+        panel.queueDescription = localized("请求队列：", "Request Queue: ") + *facts;
 }
 
 // The lines of facts under the panel's title, made of the descriptions worked out before.
@@ -88,6 +91,7 @@ std::vector<InfoItem> infoItemsFor(const VolumePanelContent& panel) {
                                   {"hardware", "building.2.fill",
                                    panel.hardwareVendorDescription + " · " + panel.hardwareModelDescription},
                               });
+    if (panel.queueDescription) items.push_back({"queue", "tray.full.fill", *panel.queueDescription});
     return items;
 }
 

@@ -16,7 +16,7 @@ namespace vantorix::dashboard {
 // One fact of the volume panel: a symbol and a text.
 struct InfoItem {
     // Stable per kind of fact: "volume", "connection", then "linkCeiling" and "linkWarning" when the
-    // link has them, "fileSystem", "capacity", "hardware".
+    // link has them, "fileSystem", "capacity", "hardware", and "queue" when the device has one.
     std::string id;
     std::string icon;
     std::string value;
@@ -49,6 +49,7 @@ struct VolumePanelContent {
     std::optional<std::uint64_t> availableCapacityBytes;
     std::string hardwareVendorDescription;
     std::string hardwareModelDescription;
+    std::optional<std::string> queueDescription;  // "Request Queue: 128 requests, 1 hardware queue, rotational"
     std::optional<DiskSMARTInfo> smartInfo;
     bool isVolumeSelected = false;
     bool isMonitoring = false;

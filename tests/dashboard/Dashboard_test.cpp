@@ -44,6 +44,7 @@ TEST(VolumePanel, ButtonsFollowTheMonitorAndTheTester) {
     volume.displayName = "Stick";
     volume.deviceName = "sdb1";
     volume.hardwareVendor = "  SanDisk ";  // no model
+    volume.queue = BlockQueue{128, 1, true};
     monitor.selectedVolume = volume;
     const PerformancePayloadContext runnable{"Payload: 1 GB", EffectivePayload{1'000'000'000, false}, true,
                                              std::nullopt};
@@ -77,6 +78,7 @@ TEST(VolumePanel, ButtonsFollowTheMonitorAndTheTester) {
         EXPECT_EQ(panel.exportButton.enabled, c.exportEnabled);
         EXPECT_EQ(panel.infoItems[0].value, "Stick (sdb1)");
         EXPECT_EQ(panel.infoItems[4].value, "SanDisk · Unknown");
+        EXPECT_EQ(panel.infoItems[5].value, "Request Queue: 128 requests, 1 hardware queue, rotational");
         EXPECT_EQ(panel.stripItems.size(), c.running ? 5U : c.result ? 8U : 0U);
     }
 }
