@@ -155,6 +155,12 @@ std::string ChartExportSupport::csvNumberText(double value) {
     return text;
 }
 
+std::string ChartExportSupport::csvTimestampText(std::chrono::system_clock::time_point time) {
+    std::string text;
+    TimestampWriter().append(text, time);
+    return text;
+}
+
 std::string ChartExportSupport::csvText(const SampleWindow& samples, std::int64_t sampleIntervalMs) {
     std::string out = "timestamp,elapsed_seconds,read_bytes,write_bytes,read_bytes_per_sec,write_bytes_per_sec";
     out.reserve(out.size() + samples.size() * 96);

@@ -62,6 +62,9 @@ struct ChartExportSupport {
     static std::string csvText(const SampleWindow& samples, std::int64_t sampleIntervalMs);
     // A computed CSV field: en_US_POSIX decimal, no grouping, 0 to 6 fraction digits.
     static std::string csvNumberText(double value);
+    // A sample's time as the CSV writes it: "2025-03-01T08:15:30.125Z", ISO 8601 in UTC with
+    // milliseconds.
+    static std::string csvTimestampText(std::chrono::system_clock::time_point time);
 
     // The plot's rectangle in a picture of the given size: 220 px left, 160 px right and top,
     // 240 px bottom.

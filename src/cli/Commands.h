@@ -71,7 +71,7 @@ struct MonitorOptions {
     std::optional<double> duration;  // seconds; until Ctrl-C when absent
     bool json = false;
     bool latency = false;                // the human lines add await, utilisation, queue depth and in flight
-    std::optional<std::string> csvPath;  // when set, the chart export (CSV and PNG beside it) at the end
+    std::optional<std::string> csvPath;  // when set, the chart export (CSV, PNG and latency CSV beside it) at the end
 };
 
 // Monitors the volume behind a folder: a line of figures a second until the duration ends or the

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "charts/ChartExportSupport.h"
+#include "charts/LatencyExport.h"
 #include "cli/Commands.h"
 #include "cli/JsonOutput.h"
 #include "cli/OptionChecks.h"
@@ -318,15 +319,15 @@ private:
         main_->stop();
     }
 
-    // The chart export of the whole history, when --csv asked for it: the CSV file and the PNG
-    // beside it. The outcome is a result, so it goes to standard output, unless that carries JSON
-    // only; a failure goes to standard error. False when nothing was exported.
+    // The chart export of the whole history, when --csv asked for it: the CSV file, and the PNG and
+    // the latency CSV beside it. The outcome is a result, so it goes to standard output, unless that
+    // carries JSON only; a failure goes to standard error. False when nothing was exported.
     bool exportChart(const DiskIOMonitor::State& state) {
         if (!options_.csvPath) return true;
         // Runs on the main thread, where the picture's QGuiApplication must live.
-        const auto outcome = ChartExportSupport::exportChart(SampleWindow(state.samples),
-                                                             DiskIOMonitor::rawValue(state.samplingPrecision),
-                                                             *options_.csvPath, render::chartPNGRenderer());
+        const auto outcome = LatencyExport::exportChart(SampleWindow(state.samples),
+                                                        DiskIOMonitor::rawValue(state.samplingPrecision),
+                                                        *options_.csvPath, render::chartPNGRenderer());
         if (!outcome) {
             reportFailure("chartExportFailed", text::localized("样本不足 2 个，未导出图表。",
                                                                "Fewer than 2 samples: the chart was not exported."));
@@ -415,14 +416,16 @@ Command addMonitorCommand(CLI::App& parent) {
     command
         ->add_option(
             "--csv", parsed->options.csvPath,
-            text::localized("结束时将图表数据导出为 CSV 文件，并在旁边保存同名 PNG 图表",
-                            "At the end, export the chart data as this CSV file and the chart as a PNG beside it"))
+            text::localized("结束时将图表数据导出为 CSV 文件，并在旁边保存同名 PNG 图表和延迟 CSV（名称加 -latency）",
+                            "At the end, export the chart data as this CSV file, and beside it the chart as a PNG "
+                            "and the latency figures as a CSV named with -latency"))
         ->type_name("FILE")
         ->check(CLI::Validator(
             [](std::string& path) {
-                // Refused before monitoring starts rather than after: the PNG beside it as well.
+                // Refused before monitoring starts rather than after: the files beside it as well.
                 auto problem = destinationProblem(path);
                 if (!problem) problem = destinationProblem(ChartExportSupport::pngPath(path));
+                if (!problem) problem = destinationProblem(LatencyExport::csvPath(path));
                 return problem.value_or("");
             },
             ""));

@@ -62,6 +62,10 @@ std::string chartExportSaved(std::string_view csvPath, std::string_view pngPath)
 
 std::string chartExportFailed(std::string_view reason) { return compose("导出失败：{}", "Export failed: {}", reason); }
 
+std::string latencyExportSaved(std::string_view latencyCsvPath) {
+    return compose("延迟 CSV 已保存至：{}", "Latency CSV saved to: {}", latencyCsvPath);
+}
+
 std::string wholeDiskPayload(std::string_view sizeText) {
     return compose("数据量：全盘（{}）", "Payload: Full Disk ({})", sizeText);
 }

@@ -23,6 +23,7 @@ std::string automaticReportSaved(std::string_view path);
 std::string randomTestSummary(std::string_view blockSizeText, std::uint64_t operationCount);
 std::string chartExportSaved(std::string_view csvPath, std::string_view pngPath);
 std::string chartExportFailed(std::string_view reason);
+std::string latencyExportSaved(std::string_view latencyCsvPath);
 std::string wholeDiskPayload(std::string_view sizeText);
 std::string adjustedPayload(std::string_view chosenText, std::string_view adjustedText);
 std::string smartSheetTitle(std::string_view volumeName);

@@ -8,6 +8,7 @@
 #include <QVBoxLayout>
 
 #include "charts/ChartExportSupport.h"
+#include "charts/LatencyExport.h"
 #include "charts/SampleWindow.h"
 #include "dashboard/MessageBubbles.h"
 #include "dashboard/MetricCards.h"
@@ -170,9 +171,9 @@ void DashboardRootView::exportTo(const QString& csvPath) {
     const auto& state = dependencies_.monitor->state();
     // The picture's labels follow the window's scheme, so that it reads in an image viewer.
     const auto appearance = isDark(palette()) ? render::Appearance::dark : render::Appearance::light;
-    const auto outcome = ChartExportSupport::exportChart(SampleWindow(state.samples),
-                                                         DiskIOMonitor::rawValue(state.samplingPrecision),
-                                                         csvPath.toStdString(), render::chartPNGRenderer(appearance));
+    const auto outcome = LatencyExport::exportChart(SampleWindow(state.samples),
+                                                    DiskIOMonitor::rawValue(state.samplingPrecision),
+                                                    csvPath.toStdString(), render::chartPNGRenderer(appearance));
     if (!outcome) return;
     const QString text = qText(outcome->text);
     auto* alert = new QMessageBox(QMessageBox::Information, qText(dashboard::exportFinishedTitle()), text,

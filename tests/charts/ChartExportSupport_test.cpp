@@ -1,12 +1,15 @@
 #include "charts/ChartExportSupport.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
+#include <csignal>
 #include <filesystem>
 #include <limits>
 #include <set>
 #include <sstream>
 
+#include "charts/LatencyExport.h"
 #include "charts/SampleFixtures.h"
 #include "services/ServiceTestSupport.h"
 #include "support/ScopedEnvironment.h"
@@ -171,6 +174,66 @@ TEST(ChartExportFlow, WritesBothFilesOrStopsAtTheFirstFailure) {
               (Support::Outcome{false, "导出失败：无法写入文件“" + path("blocked.png") + "”：Is a directory"}));
     EXPECT_EQ(fileContents(path("blocked.csv")), Support::csvText(two, 100));
     EXPECT_EQ(folder.names(), (std::set<std::string>{"blocked.csv", "blocked.png", "run.csv", "run.png"}));
+}
+
+TEST(LatencyExport, NamesItsFileAfterTheChartsAndLeavesAbsentFiguresEmpty) {
+    for (const auto& [chart, latency] :
+         std::vector<std::pair<std::string, std::string>>{{"run.csv", "run-latency.csv"},
+                                                          {"/x.y/io.data.csv", "/x.y/io.data-latency.csv"},
+                                                          {"x.y/run", "x.y/run-latency.csv"}})
+        EXPECT_EQ(LatencyExport::csvPath(chart), latency);
+
+    // A second of three reads in 1 ms and no write, half of it busy, 1.5 requests queued on average,
+    // 2 in flight at its end, 4 discards and a flush; then a reading after the device was reset,
+    // which spans no time.
+    using namespace std::chrono_literals;
+    const LoadCounters second{.wall = 1s,
+                              .readsCompleted = 3,
+                              .readMilliseconds = 1,
+                              .busyMilliseconds = 500,
+                              .weightedMilliseconds = 1500,
+                              .discardsCompleted = 4,
+                              .flushesCompleted = 1,
+                              .inFlight = 2};
+    EXPECT_EQ(LatencyExport::csvText(samplesOf({{0, 0}, {0, 0}}, {second, LoadCounters{.inFlight = 7}})),
+              "timestamp,read_await_ms,write_await_ms,utilization_percent,average_queue_depth,in_flight,"
+              "discards_per_sec,flushes_per_sec\n"
+              "2025-03-01T08:15:30.125Z,0.333333,,50,1.5,2,4,1\n"
+              "2025-03-01T08:15:31.125Z,,,,,7,,");
+}
+
+// After the chart's CSV and PNG, the latency CSV is written whole or not at all.
+TEST(LatencyExport, WritesTheThirdFileWholeOrNotAtAll) {
+    const ScopedLanguage english("en_US.UTF-8");
+    const TemporaryFolder folder;
+    const auto path = [&folder](const char* name) { return (folder.path() / name).string(); };
+    const auto renderer = [](const SampleWindow&, std::int64_t) -> PNGResult { return std::vector<std::uint8_t>{1}; };
+    const SampleWindow two = samplesOf({{1, 2}, {3, 4}});
+    EXPECT_EQ(LatencyExport::exportChart(two, 100, path("run.csv"), renderer),
+              (Support::Outcome{true, "CSV saved to: " + path("run.csv") + "\nPNG saved to: " + path("run.png") +
+                                          "\nLatency CSV saved to: " + path("run-latency.csv")}));
+    EXPECT_EQ(fileContents(path("run-latency.csv")), LatencyExport::csvText(two));
+
+    // A folder in its place: the two files written are named, then why the third is not there.
+    fs::create_directory(path("held-latency.csv"));
+    EXPECT_EQ(LatencyExport::exportChart(two, 100, path("held.csv"), renderer),
+              (Support::Outcome{false, "CSV saved to: " + path("held.csv") + "\nPNG saved to: " + path("held.png") +
+                                           "\nExport failed: Could not write the file “" + path("held-latency.csv") +
+                                           "”: Is a directory"}));
+
+    // A write that fails after its first bytes (past the file size limit) leaves nothing behind.
+    rlimit saved{};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &saved), 0);
+    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit small = saved;
+    small.rlim_cur = 8;
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+    const auto failure = LatencyExport::writeWhole(path("big-latency.csv"), std::string(64, 'x'));
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &saved), 0);
+    std::signal(SIGXFSZ, handler);
+    EXPECT_EQ(failure, "Could not write the file “" + path("big-latency.csv") + "”: File too large");
+    EXPECT_EQ(folder.names(), (std::set<std::string>{"held-latency.csv", "held.csv", "held.png", "run-latency.csv",
+                                                     "run.csv", "run.png"}));
 }
 
 }  // namespace

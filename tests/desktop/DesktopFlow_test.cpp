@@ -168,10 +168,11 @@ TEST_P(DesktopFlow, ASessionOnALoopVolume) {
     accept(dashboard->openDialog(), (folder / "run.csv").string());
     ASSERT_TRUE(waitFor([&] { return dashboard->exportAlert() != nullptr; }));
     const std::string csv = (folder / "run.csv").string(), png = (folder / "run.png").string();
-    EXPECT_EQ(dashboard->exportAlert()->text().toStdString(), english
-                                                                  ? "CSV saved to: " + csv + "\nPNG saved to: " + png
-                                                                  : "CSV 已保存至：" + csv + "\nPNG 已保存至：" + png);
-    EXPECT_TRUE(fs::exists(folder / "run.csv") && fs::exists(folder / "run.png"));
+    const std::string latency = (folder / "run-latency.csv").string();
+    EXPECT_EQ(dashboard->exportAlert()->text().toStdString(),
+              english ? "CSV saved to: " + csv + "\nPNG saved to: " + png + "\nLatency CSV saved to: " + latency
+                      : "CSV 已保存至：" + csv + "\nPNG 已保存至：" + png + "\n延迟 CSV 已保存至：" + latency);
+    EXPECT_TRUE(fs::exists(folder / "run.csv") && fs::exists(folder / "run.png") && fs::exists(latency));
     screenshot(dashboard->exportAlert(), variant, "export-alert");
     dashboard->exportAlert()->buttons().front()->click();
 

@@ -330,15 +330,17 @@ TEST_F(MonitorOnLoopVolume, CommandLinePrintsALineASecondAndOnInterruptASummary)
     EXPECT_EQ(summary["historyWriteBytes"], summary["totalWriteBytes"]);
 }
 
-// The chart of a run is exported as a CSV and a PNG beside it, or the run says why not (status 1);
-// what is not a regular file is never opened for writing and waited on: refused before monitoring
-// starts (status 2), or, when it appeared meanwhile, when the export comes.
+// The chart of a run is exported as a CSV, a PNG and a latency CSV beside it, or the run says why
+// not (status 1); what is not a regular file is never opened for writing and waited on: refused
+// before monitoring starts (status 2), or, when it appeared meanwhile, when the export comes.
 TEST_F(MonitorOnLoopVolume, CommandLineExportsTheChartOrSaysWhyNot) {
     const std::string dir = fs::path(volume_->mountPoint()).parent_path(), csv = dir + "/run.csv";
     const std::string missing = dir + "/missing/run.csv", fifo = dir + "/fifo.csv";
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
     const std::vector<std::tuple<std::string, std::string, int, std::string>> cases = {
-        {csv, "10", 0, "CSV saved to: " + csv + "\nPNG saved to: " + dir + "/run.png\n"},
+        {csv, "10", 0,
+         "CSV saved to: " + csv + "\nPNG saved to: " + dir + "/run.png\nLatency CSV saved to: " + dir +
+             "/run-latency.csv\n"},
         {missing, "10", 1, "Export failed: Could not write the file “" + missing + "”"},
         {dir + "/short.csv", "1000", 1, "Fewer than 2 samples: the chart was not exported."},
         {fifo, "10", 2, "--csv: Cannot write to " + fifo + ". It is a named pipe (FIFO), not a regular file.\n"},
@@ -359,7 +361,8 @@ TEST_F(MonitorOnLoopVolume, CommandLineExportsTheChartOrSaysWhyNot) {
     // A PNG of 3840 × 2160: its signature, then the width and height of its header, big-endian.
     const std::string header("\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR\0\0\x0f\x00\0\0\x08\x70", 24);
     EXPECT_EQ(contents(dir + "/run.png").substr(0, 24), header);
-
+    const std::string latency = contents(dir + "/run-latency.csv");
+    EXPECT_EQ(std::count(latency.begin(), latency.end(), '\n'), std::count(text.begin(), text.end(), '\n'));
     const std::string later = dir + "/later.csv";
     auto running = testing::RunningProcess::start({VANTORIX_CLI_PATH, "monitor", volume_->mountPoint(), "--precision",
                                                    "10", "--duration", "2", "--json", "--csv", later},
