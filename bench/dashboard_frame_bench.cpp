@@ -19,7 +19,9 @@
 // Run:
 //   ninja -C build/release vantorix_dashboard_frame_bench
 //   QT_QPA_PLATFORM=offscreen build/release/bench/vantorix_dashboard_frame_bench [--frames N] [--hover]
+//       [--view latency|load]
 // --hover keeps the pointer over the graph, so every frame also draws the marker and the tooltip;
+// --view shows the graph's latency or load view instead of its throughput;
 // QT_SCALE_FACTOR=2 measures a high-density screen.
 #include <QApplication>
 #include <QMainWindow>
@@ -120,7 +122,12 @@ public:
         const std::uint64_t write = burstLeft_ > 0 ? 2'000'000 + noise * 4 : noise / 8;
         burstLeft_ -= burstLeft_ > 0 ? 1 : 0;
         time_ += std::chrono::milliseconds(1);
-        return DiskSample{Uuid::make(), time_, 300'000 + noise, write, 3 + noise % 5, 5 + noise % 3, {}};
+        const std::uint64_t reads = 3 + noise % 5;
+        const std::uint64_t writes = burstLeft_ > 0 ? 5 + noise % 3 : noise % 2;
+        // Request times as a busy disk's: a millisecond counter that moves by 0 to 4 a sample.
+        LoadCounters load{
+            std::chrono::milliseconds(1), reads, writes, noise % 3, noise % 5, 1, 1 + noise % 6, 0, 0, noise % 4};
+        return DiskSample{Uuid::make(), time_, 300'000 + noise, write, reads, writes, load};
     }
 
     // One delivery: `count` samples with their sums and the newest, as the coordinator makes it.
@@ -183,6 +190,7 @@ struct Options {
     int frames = 2000;
     int warmUp = 300;
     bool hover = false;
+    GraphMeasure measure = GraphMeasure::throughput;
 };
 
 Options parse(int argc, char** argv) {
@@ -192,8 +200,14 @@ Options parse(int argc, char** argv) {
             options.frames = std::max(1, std::atoi(argv[++i]));
         } else if (std::strcmp(argv[i], "--hover") == 0) {
             options.hover = true;
+        } else if (std::strcmp(argv[i], "--view") == 0 && i + 1 < argc && std::strcmp(argv[i + 1], "latency") == 0) {
+            options.measure = GraphMeasure::latency;
+            ++i;
+        } else if (std::strcmp(argv[i], "--view") == 0 && i + 1 < argc && std::strcmp(argv[i + 1], "load") == 0) {
+            options.measure = GraphMeasure::load;
+            ++i;
         } else {
-            std::fprintf(stderr, "usage: %s [--frames N] [--hover]\n", argv[0]);
+            std::fprintf(stderr, "usage: %s [--frames N] [--hover] [--view latency|load]\n", argv[0]);
             std::exit(2);
         }
     }
@@ -254,6 +268,7 @@ int run(const Options& options) {
     }
     monitor->stopMonitoring(false);  // stops the sampler; its state change stays queued and never runs
 
+    dashboard->chart()->setMeasure(options.measure);
     window.show();
     auto* canvas = dashboard->chart()->canvas();
     PaintCounter canvasPaints;
@@ -328,9 +343,12 @@ int run(const Options& options) {
     const auto& state = monitor->state();
     std::printf(
         "Dashboard frame at 1 ms: %zu samples held, %zu per batch, %d frames after %d warm-up, "
-        "window %dx%d%s\n",
+        "window %dx%d%s, %s view\n",
         state.samples.size(), kBatch, options.frames, options.warmUp, window.width(), window.height(),
-        options.hover ? ", pointer over the graph" : "");
+        options.hover ? ", pointer over the graph" : "",
+        options.measure == GraphMeasure::latency ? "latency"
+        : options.measure == GraphMeasure::load  ? "load"
+                                                 : "throughput");
     std::printf("  %-18s %8s %8s %8s %8s %8s   (ms)\n", "", "median", "p90", "p99", "max", "mean");
     for (const Figures* figures : {&apply, &react, &install, &geometry, &relayout, &paint, &total}) figures->print();
     std::printf("  off the main thread, from the batch to the graph's picture being ready (wall time):\n");
