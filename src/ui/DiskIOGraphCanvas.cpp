@@ -119,19 +119,23 @@ void strokeRuns(QPainter& painter, const std::vector<GraphGeometry::Point>& line
         strokeLine(painter, line, pen);
         return;
     }
-    for (auto start = std::find_if_not(line.begin(), line.end(), isGap); start != line.end();) {
-        const auto end = std::find_if(start, line.end(), isGap);
-        if (end - start > 1) {
-            strokeLine(painter, std::vector<GraphGeometry::Point>(start, end), pen);
-        } else {
-            painter.save();
-            painter.setPen(Qt::NoPen);
-            painter.setBrush(pen.color());
-            painter.drawEllipse(toQt(*start), pen.widthF(), pen.widthF());
-            painter.restore();
-        }
-        start = std::find_if_not(end, line.end(), isGap);
+    // Every run's segments in one call, as strokeLine draws them; then the lone points.
+    QVarLengthArray<QLineF, 512> segments;
+    QVarLengthArray<QPointF, 256> dots;
+    for (std::size_t i = 0; i < line.size(); ++i) {
+        if (isGap(line[i])) continue;
+        const bool joinsPrevious = i > 0 && !isGap(line[i - 1]);
+        const bool joinsNext = i + 1 < line.size() && !isGap(line[i + 1]);
+        if (joinsNext) segments.append(QLineF(toQt(line[i]), toQt(line[i + 1])));
+        else if (!joinsPrevious) dots.append(toQt(line[i]));
     }
+    painter.setPen(pen);
+    painter.drawLines(segments.constData(), static_cast<int>(segments.size()));
+    painter.save();
+    painter.setPen(Qt::NoPen);
+    painter.setBrush(pen.color());
+    for (const auto& dot : dots) painter.drawEllipse(dot, pen.widthF(), pen.widthF());
+    painter.restore();
 }
 
 // The two lines of a plot `graph` in size, with the painter at the plot's top left.
