@@ -30,13 +30,15 @@ TEST(SystemdHelperService, MapsUnitStatesAndEnablesThroughSystemctlOrPkexec) {
         for (std::string line; std::getline(in, line);) lines.push_back(line);
         return lines;
     };
+    // What systemctl show says of the socket unit.
     const std::string loaded =
         "LoadState=loaded\nFragmentPath=/usr/lib/systemd/system/vantorix-smartctl-helper.socket\n";
+    const std::string disabled = loaded + "UnitFileState=disabled\n", masked = loaded + "UnitFileState=masked\n";
+    const std::string enabled = loaded + "UnitFileState=enabled\nActiveState=active\n";  // enabled only when active
     using State = HelperServiceState;
     using F = HelperServiceFailure;
     struct Case {
-        std::string name;
-        std::string properties;
+        std::string name, properties;
         uid_t uid;
         bool mayRegister;
         int pkexecStatus;
@@ -44,57 +46,15 @@ TEST(SystemdHelperService, MapsUnitStatesAndEnablesThroughSystemctlOrPkexec) {
         std::optional<F> enableFailure;  // nothing: enabled
         std::vector<std::string> commands;
     };
-    const std::string unit = "vantorix-smartctl-helper.socket";
-    const std::string pkexecEnable = "pkexec " + programs.systemctl + " enable --now " + unit;
+    const std::string direct = "systemctl enable --now vantorix-smartctl-helper.socket",
+                      pkexec = "pkexec " + d + "/" + direct;
     const std::vector<Case> cases = {
-        {"missing unit",
-         "LoadState=not-found\n",
-         0,
-         true,
-         0,
-         State::unitNotInstalled,
-         std::nullopt,
-         {"systemctl enable --now " + unit}},
-        {"root enables directly",
-         loaded + "UnitFileState=disabled\nActiveState=inactive\n",
-         0,
-         true,
-         0,
-         State::notEnabled,
-         std::nullopt,
-         {"systemctl enable --now " + unit}},
-        {"enabled; a read-only command changes nothing",
-         loaded + "UnitFileState=enabled\nActiveState=active\n",
-         0,
-         false,
-         0,
-         State::enabled,
-         F::needsAdministrator,
-         {}},
-        {"a user enables through pkexec",
-         loaded + "UnitFileState=disabled\n",
-         1000,
-         true,
-         0,
-         State::notEnabled,
-         std::nullopt,
-         {pkexecEnable}},
-        {"the password dialogue dismissed",
-         loaded + "UnitFileState=disabled\n",
-         1000,
-         true,
-         126,
-         State::notEnabled,
-         F::needsAdministrator,
-         {pkexecEnable}},
-        {"pkexec runs systemctl, which fails",
-         loaded + "UnitFileState=masked\n",
-         1000,
-         true,
-         1,
-         State::notEnabled,
-         F::commandFailed,
-         {pkexecEnable}},
+        {"missing unit", "LoadState=not-found\n", 0, true, 0, State::unitNotInstalled, {}, {direct}},
+        {"root enables directly", disabled, 0, true, 0, State::notEnabled, {}, {direct}},
+        {"enabled; read-only: no change", enabled, 0, false, 0, State::enabled, F::needsAdministrator, {}},
+        {"a user enables through pkexec", disabled, 1000, true, 0, State::notEnabled, {}, {pkexec}},
+        {"password dialogue dismissed", disabled, 1000, true, 126, State::notEnabled, F::needsAdministrator, {pkexec}},
+        {"pkexec runs systemctl, which fails", masked, 1000, true, 1, State::notEnabled, F::commandFailed, {pkexec}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
