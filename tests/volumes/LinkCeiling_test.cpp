@@ -26,34 +26,25 @@ TEST(LinkCeiling, CeilingDescriptionAndWarningOfEachLink) {
         std::string description;
         std::optional<std::string> warning;
     };
+    const auto slowPcie = [](const std::string& runs, const std::string& can) {
+        return "The drive runs at " + runs + "; it can use " + can + ".";
+    };
+    const auto usb2Port = [](const std::string& rate) {
+        return "A USB 3 drive on a USB 2 port: it runs at " + rate + ". A USB 3 port and cable would be faster.";
+    };
+    const std::string sataHeldBack =
+        "The SATA link runs at 3.0 Gb/s, below the port's 6.0 Gb/s: the cable or the drive is holding it back.";
     const std::vector<Case> cases{
         {{pcie(64 * G, 4)}, 30'250'000'000, "PCIe 6.0 x4", std::nullopt},
-        {{pcie(8 * G, 1, 8 * G, 4)},
-         984'615'384,
-         "PCIe 3.0 x1",
-         "The drive runs at PCIe 3.0 x1; it can use PCIe 3.0 x4."},
-        {{pcie(2'500 * M, 4, 16 * G, 4)},
-         1'000'000'000,
-         "PCIe 1.0 x4",
-         "The drive runs at PCIe 1.0 x4; it can use PCIe 4.0 x4."},
-        {{pcie(16 * G, 2, 8 * G, 4)},
-         3'938'461'538,
-         "PCIe 4.0 x2",
-         "The drive runs at PCIe 4.0 x2; it can use PCIe 4.0 x4."},
+        // Narrower than it could be, slower, and narrower at a rate above the slot's: the best of both.
+        {{pcie(8 * G, 1, 8 * G, 4)}, 984'615'384, "PCIe 3.0 x1", slowPcie("PCIe 3.0 x1", "PCIe 3.0 x4")},
+        {{pcie(2'500 * M, 4, 16 * G, 4)}, G, "PCIe 1.0 x4", slowPcie("PCIe 1.0 x4", "PCIe 4.0 x4")},
+        {{pcie(16 * G, 2, 8 * G, 4)}, 3'938'461'538, "PCIe 4.0 x2", slowPcie("PCIe 4.0 x2", "PCIe 4.0 x4")},
         {{pcie(8 * G, 0)}, std::nullopt, "PCIe 3.0", std::nullopt},
         {{SataLink{1'500 * M, std::nullopt}}, 150'000'000, "SATA 1.5 Gb/s", std::nullopt},
-        {{SataLink{3 * G, 6 * G}},
-         300'000'000,
-         "SATA 3.0 Gb/s",
-         "The SATA link runs at 3.0 Gb/s, below the port's 6.0 Gb/s: the cable or the drive is holding it back."},
-        {{UsbLink{12 * M, 0x0300}},
-         1'500'000,
-         "USB 1.1",
-         "A USB 3 drive on a USB 2 port: it runs at 12 Mb/s. A USB 3 port and cable would be faster."},
-        {{UsbLink{480 * M, 0x0320}},
-         60'000'000,
-         "USB 2.0",
-         "A USB 3 drive on a USB 2 port: it runs at 480 Mb/s. A USB 3 port and cable would be faster."},
+        {{SataLink{3 * G, 6 * G}}, 300'000'000, "SATA 3.0 Gb/s", sataHeldBack},
+        {{UsbLink{12 * M, 0x0300}}, 1'500'000, "USB 1.1", usb2Port("12 Mb/s")},
+        {{UsbLink{480 * M, 0x0320}}, 60'000'000, "USB 2.0", usb2Port("480 Mb/s")},
         {{UsbLink{480 * M, std::nullopt}}, 60'000'000, "USB 2.0", std::nullopt},
         {{UsbLink{20 * G, 0x0320}}, 2'424'242'424, "USB 3.2 Gen2x2", std::nullopt},
         {{ThunderboltLink{3}}, 3'938'461'538, "Thunderbolt 3", std::nullopt},
@@ -77,14 +68,11 @@ TEST(LinkCeiling, CeilingAndShareTextsInBothLanguages) {
         std::optional<std::string> ceiling;
         std::optional<std::string> share;
     };
+    const LinkCeiling usb2{UsbLink{480 * M, std::nullopt}};
     const std::vector<Case> cases{
         {"en_US.UTF-8", nvme, 2'441'846'153, "Link ceiling: 3.94 GB/s (PCIe 3.0 x4)", "62% of the link ceiling"},
         {"zh_CN.UTF-8", nvme, 2'441'846'153, "链路上限：3.94 GB/秒（PCIe 3.0 x4）", "达到链路上限的 62%"},
-        {"en_US.UTF-8",
-         {UsbLink{480 * M, std::nullopt}},
-         66'000'000,
-         "Link ceiling: 60 MB/s (USB 2.0)",
-         "110% of the link ceiling"},
+        {"en_US.UTF-8", usb2, 66'000'000, "Link ceiling: 60 MB/s (USB 2.0)", "110% of the link ceiling"},
         {"en_US.UTF-8", nvme, 0, "Link ceiling: 3.94 GB/s (PCIe 3.0 x4)", std::nullopt},
         {"en_US.UTF-8", {ThunderboltLink{7}}, 1e9, std::nullopt, std::nullopt},
     };
