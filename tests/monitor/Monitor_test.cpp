@@ -47,10 +47,8 @@ protected:
         for (const char* name : {"fake0", "fake1"}) {
             devices_->add(name, [c = counters_] {
                 ++c->reads;
-                BlockStatistics s;
-                s.sectorsWritten = c->value.fetch_add(c->step);
-                s.sectorsRead = 2 * s.sectorsWritten;
-                return s;
+                const std::uint64_t sectors = c->value.fetch_add(c->step);
+                return BlockStatistics{.sectorsRead = 2 * sectors, .sectorsWritten = sectors};
             });
         }
         monitor_ = DiskIOMonitor::create({devices_, std::make_shared<AnyPathOnFakeDisk>(), main_});
@@ -240,31 +238,25 @@ TEST(AggregationCoordinator, DeliversWhatIsPendingWhenAskedTo) {
     }
 }
 
-BlockStatistics written(std::uint64_t sectors) {
-    BlockStatistics statistics;
-    statistics.sectorsWritten = sectors;
-    return statistics;
-}
-
 // The stat file is opened once; a reading that fails opens it again once (a device that went away
 // and came back under the same name answers again), and only a second failure ends the session.
 TEST(StatisticsSession, ReadsOneKeptFileAndOpensItAgainOnceAfterAFailure) {
     auto devices = std::make_shared<testing::ScriptedBlockDevices>();
     std::uint64_t sectors = 0;
-    devices->add("sdb", [&] { return written(++sectors); });
+    devices->add("sdb", [&] { return BlockStatistics{.sectorsWritten = ++sectors}; });
     auto session = StatisticsSession::create(devices, "sdb");
     ASSERT_TRUE(session.ok());
     for (std::uint64_t i = 1; i <= 3; ++i) EXPECT_EQ(session.value()->snapshot()->bytesWritten(), i * 512);
     EXPECT_EQ(devices->opens("sdb"), 1);
 
     devices->remove("sdb");  // unplugged and plugged in again
-    devices->add("sdb", [] { return written(7); });
+    devices->add("sdb", [] { return BlockStatistics{.sectorsWritten = 7}; });
     EXPECT_EQ(session.value()->snapshot()->sectorsWritten, 7u);
     EXPECT_EQ(devices->opens("sdb"), 1);
 
     devices->remove("sdb");  // unplugged for good
     EXPECT_EQ(session.value()->snapshot().error(), MonitorError::statisticsUnavailable());
-    devices->add("sdb", [] { return written(9); });
+    devices->add("sdb", [] { return BlockStatistics{.sectorsWritten = 9}; });
     session.value()->end();
     EXPECT_EQ(session.value()->snapshot().error(), MonitorError::monitorStopped());
 }
