@@ -140,29 +140,26 @@ TEST(DiskPerformanceTester, FailuresNameTheirCauseAndLeaveNothingBehind) {
         TestMode mode;
         const char* message;  // empty: the run succeeds
     };
+    const char* full = "Write phase failed. Please check the disk status. No space left on device.";
+    const char* shrank =
+        "Not enough free space to run the performance test. The free space shrank after the test started: the test "
+        "needs 33.6 MB, but only 20 MB are free.";
+    const TestMode directStandard{TestKind::standard, true, 0.01}, directQueued{TestKind::queueDepth, true, 0.01};
+    // The volume goes while the queue-depth test reads.
+    const auto goneWhileReading = [](Harness& h) {
+        h.subscription = h.tester->subscribe([files = h.files](const DiskPerformanceTester::State& state) {
+            if (state.progressState && state.progressState->stepName == "SEQ1M Q8T1 Read") files->gone = true;
+        });
+    };
     const Case cases[] = {
-        {"full",
-         [](Harness& h) { h.files->writeError = ENOSPC; },
-         {TestKind::standard, true, 0.01},
-         "Write phase failed. Please check the disk status. No space left on device."},
-        {"space gone since the start",
-         [](Harness& h) { h.files->capacity = 20'000'000; },
-         {},
-         "Not enough free space to run the performance test. The free space shrank after the test started: the test "
-         "needs 33.6 MB, but only 20 MB are free."},
+        {"full", [](Harness& h) { h.files->writeError = ENOSPC; }, directStandard, full},
+        {"space gone since the start", [](Harness& h) { h.files->capacity = 20'000'000; }, {}, shrank},
         {"space given out only after a commit", [](Harness& h) { h.files->fullUntilCommit = true; }, {}, ""},
         // Gone during a standard test is the integration test's (a lazy unmount).
         {"volume gone before the start", [](Harness& h) { h.files->gone = true; }, {}, gone},
-        {"volume gone in a queued job",
-         [](Harness& h) {
-             h.subscription = h.tester->subscribe([files = h.files](const DiskPerformanceTester::State& state) {
-                 if (state.progressState && state.progressState->stepName == "SEQ1M Q8T1 Read") files->gone = true;
-             });
-         },
-         {TestKind::queueDepth, true, 0.3},
-         gone},
-        {"no direct I/O", refuseDirect, {TestKind::standard, true, 0.01}, noBypass},
-        {"no direct I/O, queue depth", refuseDirect, {TestKind::queueDepth, true, 0.01}, noBypass},
+        {"volume gone in a queued job", goneWhileReading, {TestKind::queueDepth, true, 0.3}, gone},
+        {"no direct I/O", refuseDirect, directStandard, noBypass},
+        {"no direct I/O, queue depth", refuseDirect, directQueued, noBypass},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
