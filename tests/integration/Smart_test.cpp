@@ -200,18 +200,18 @@ TEST(HelperRequests, ChildRunsWithAFixedEnvironmentAndNothingInherited) {
     }
 }
 
-const Environment kEnglish{{"LANGUAGE", std::nullopt},
-                           {"LC_ALL", std::nullopt},
-                           {"LC_MESSAGES", std::nullopt},
-                           {"LANG", "en_US.UTF-8"},
-                           {"VANTORIX_LOG", "off"}};
-const Environment kChinese{{"LANGUAGE", "zh_CN:en"},
-                           {"LC_ALL", std::nullopt},
-                           {"LC_MESSAGES", std::nullopt},
-                           {"LANG", "en_US.UTF-8"},
-                           {"VANTORIX_LOG", "off"}};
+// The command's environment in a language, whatever this machine's locale says, with `more` added.
+Environment in(const std::string& language, const Environment& more = {}) {
+    Environment environment{{"LANGUAGE", language},
+                            {"LC_ALL", std::nullopt},
+                            {"LC_MESSAGES", std::nullopt},
+                            {"LANG", "en_US.UTF-8"},
+                            {"VANTORIX_LOG", "off"}};
+    for (const auto& [name, value] : more) environment[name] = value;
+    return environment;
+}
 
-testing::ProcessResult smart(const std::vector<std::string>& args, const Environment& environment = kEnglish) {
+testing::ProcessResult smart(const std::vector<std::string>& args, const Environment& environment = in("en_US")) {
     std::vector<std::string> argv{VANTORIX_CLI_PATH, "smart"};
     argv.insert(argv.end(), args.begin(), args.end());
     return testing::runProcess(argv, environment);
@@ -250,8 +250,7 @@ TEST(SmartCli, SavedOutputsAreReadOnlyFromRegularFilesAndNeverDriveTheTerminal) 
     const auto empty = smart({"--json-file", dir / "empty.json", "--json"});
     EXPECT_EQ(nlohmann::json::parse(empty.out)["error"]["code"], "noUsableData");
 
-    std::ifstream in(testing::kHelperFixture);
-    std::string saved((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::string saved = slurp(testing::kHelperFixture);
     const std::string model = R"("INTEL SSDPEKNW010T8")";
     saved.replace(saved.find(model), model.size(),
                   "\"\xff\\u001b[2J\\u001b[31mEVIL\\u0007\\nFAKE ROW  ok\\r\\u009b\\u007f\"");
@@ -276,11 +275,6 @@ TEST(SmartCli, SavedOutputsAreReadOnlyFromRegularFilesAndNeverDriveTheTerminal) 
     fs::remove_all(dir);
 }
 
-Environment with(Environment environment, const Environment& more) {
-    for (const auto& [name, value] : more) environment[name] = value;
-    return environment;
-}
-
 // No helper, privileged operations disabled, a root process that accepts the connection and
 // closes it at once, a listener that is not root: the command says why as soon as it knows, in the
 // user's language, instead of waiting for the reply time-out.
@@ -290,24 +284,23 @@ TEST(SmartCliHelper, FailuresOfTheHelperSayWhyAtOnce) {
     HelperSocketStandIn impostor(HelperSocketStandIn::Behaviour::neverAnswer, 65534);
     const Environment nobody{{"VANTORIX_HELPER_SOCKET", "/nonexistent/helper.sock"}};
     const Environment closes{{"VANTORIX_HELPER_SOCKET", closer.path()}};
+    const Environment notRoot{{"VANTORIX_HELPER_SOCKET", impostor.path()}};
     const std::vector<std::tuple<Environment, std::vector<std::string>, std::string>> cases = {
-        {with(kEnglish, nobody),
+        {in("en_US", nobody),
          {"/"},
          "Enable Permissions: No Vantorix SMART helper running as root answers at /nonexistent/helper.sock "
          "(VANTORIX_HELPER_SOCKET). Start it there as root, then please restart Vantorix.\n"},
-        {with(kChinese, nobody),
+        {in("zh_CN:en", nobody),
          {"/"},
          "需要启用后台权限：/nonexistent/helper.sock（VANTORIX_HELPER_SOCKET）处没有以 root 身份运行的"},
-        {with(kEnglish, {{"VANTORIX_DISABLE_PRIVILEGED_OPERATIONS", "1"}}),
+        {in("en_US", {{"VANTORIX_DISABLE_PRIVILEGED_OPERATIONS", "1"}}),
          {"/"},
          "Privileged operations are disabled here (Manual override: VANTORIX_DISABLE_PRIVILEGED_OPERATIONS), so SMART "
          "data cannot be read.\n"},
-        {with(kEnglish, closes), {"/"}, ": it closed the connection before answering (VANTORIX_LOG=debug shows why)"},
-        {with(kChinese, closes), {"/"}, "的 SMART 数据：它在应答之前关闭了连接"},
-        {with(kEnglish, closes), {"/", "--watch"}, ": it closed the connection before answering"},
-        {with(kEnglish, {{"VANTORIX_HELPER_SOCKET", impostor.path()}}),
-         {"/"},
-         "No Vantorix SMART helper running as root answers at " + impostor.path()},
+        {in("en_US", closes), {"/"}, ": it closed the connection before answering (VANTORIX_LOG=debug shows why)"},
+        {in("zh_CN:en", closes), {"/"}, "的 SMART 数据：它在应答之前关闭了连接"},
+        {in("en_US", closes), {"/", "--watch"}, ": it closed the connection before answering"},
+        {in("en_US", notRoot), {"/"}, "No Vantorix SMART helper running as root answers at " + impostor.path()},
     };
     for (const auto& [environment, args, message] : cases) {
         const auto result = smart(args, environment);
@@ -318,7 +311,7 @@ TEST(SmartCliHelper, FailuresOfTheHelperSayWhyAtOnce) {
             EXPECT_THAT(result.err, Not(HasSubstr(other)));
         }
     }
-    const auto json = smart({"/", "--json"}, with(kEnglish, closes));
+    const auto json = smart({"/", "--json"}, in("en_US", closes));
     EXPECT_EQ(nlohmann::json::parse(json.out)["error"]["code"], "helperFailed");
 }
 
@@ -335,7 +328,7 @@ std::set<std::string> helperFolders() {
 TEST(SmartCliHelper, WithoutSystemdARootProcessRunsItsOwnHelperAndLeavesNothingBehind) {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root";
     if (fs::exists("/run/systemd/system")) GTEST_SKIP() << "systemd runs here: the helper is its business";
-    const Environment standalone = with(kEnglish, {{"VANTORIX_HELPER_SOCKET", std::nullopt}});
+    const Environment standalone = in("en_US", {{"VANTORIX_HELPER_SOCKET", std::nullopt}});
     const auto before = helperFolders();
 
     const auto once = smart({"/"}, standalone);
@@ -353,30 +346,20 @@ TEST(SmartCliHelper, WithoutSystemdARootProcessRunsItsOwnHelperAndLeavesNothingB
     EXPECT_EQ(helperFolders(), before);
 }
 
-class SmartPipelineIntegration : public ::testing::Test {
-protected:
-    void SetUp() override {
-        if (::geteuid() != 0) GTEST_SKIP() << "the helper and its peer check need root";
-    }
-    // The SMART fetch as the programs put it together, pointed at a helper listening at `socketPath`.
-    SmartPipeline pipelineAt(const std::string& socketPath) {
-        return SmartPipeline::over(std::make_shared<ExternalHelperService>(socketPath), main_);
-    }
-
-    std::shared_ptr<ManualMainExecutor> main_ = std::make_shared<ManualMainExecutor>();
-};
-
 // What the helper's side does decides how a request ends: a helper that never answers costs the
 // time-out, one that closes the connection fails the request as soon as it does. Either way the
 // connection is dropped and each request makes a fresh one.
-TEST_F(SmartPipelineIntegration, EachRequestEndsAsTheHelpersSideDecides) {
+TEST(SmartPipelineIntegration, EachRequestEndsAsTheHelpersSideDecides) {
+    if (::geteuid() != 0) GTEST_SKIP() << "the helper's peer check needs root";
     const std::pair<HelperSocketStandIn::Behaviour, HelperRequestFailure> cases[] = {
         {HelperSocketStandIn::Behaviour::neverAnswer, HelperRequestFailure::timedOut},
         {HelperSocketStandIn::Behaviour::closeAtOnce, HelperRequestFailure::brokenStream}};
     for (const auto& [behaviour, failure] : cases) {
         SCOPED_TRACE(static_cast<int>(behaviour));
         HelperSocketStandIn helper(behaviour, 0);
-        const auto pipeline = pipelineAt(helper.path());
+        // The SMART fetch as the programs put it together.
+        const auto pipeline = SmartPipeline::over(std::make_shared<ExternalHelperService>(helper.path()),
+                                                  std::make_shared<ManualMainExecutor>());
         for (int round = 1; round <= 2; ++round) {
             const auto run = pipeline.client->fetchSmartData("sda");
             ASSERT_FALSE(run.ok());
@@ -392,7 +375,8 @@ TEST_F(SmartPipelineIntegration, EachRequestEndsAsTheHelpersSideDecides) {
     }
 }
 
-TEST_F(SmartPipelineIntegration, NothingIsSentToAListenerThatIsNotRoot) {
+TEST(SmartPipelineIntegration, NothingIsSentToAListenerThatIsNotRoot) {
+    if (::geteuid() != 0) GTEST_SKIP() << "the peer check needs root";
     HelperSocketStandIn impostor(HelperSocketStandIn::Behaviour::neverAnswer, 65534);
     auto connection = UnixSocketHelperConnection::create(impostor.path());
     std::promise<HelperConnection::FetchAnswer> answered;
