@@ -2,6 +2,7 @@
 #include "smart/SmartctlJSONInterpreter.h"
 #include "smart/SmartmontoolsBridge.h"
 
+#include "services/ServiceTestSupport.h"
 #include "support/ScopedEnvironment.h"
 
 #include <gtest/gtest.h>
@@ -12,7 +13,6 @@
 #include <fstream>
 #include <sstream>
 #include <string>
-#include <vector>
 
 namespace vantorix::smart {
 namespace {
@@ -25,13 +25,6 @@ const fs::path kCorpus = fs::path(VANTORIX_TEST_DATA_DIR) / "smartctl";
 // Beside this file; found from the data folder's absolute path, since __FILE__ may be relative to the
 // build folder (a compiler cache rewrites it) while the tests run in another.
 const fs::path kGolden = fs::path(VANTORIX_TEST_DATA_DIR).parent_path() / "smart" / "golden";
-
-std::string contentsOf(const fs::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
 
 // Status, capability, row count and the first 15 rows, one per line.
 std::string summaryOf(const DiskSMARTInfo& info) {
@@ -58,7 +51,7 @@ TEST(SmartctlFixtures, EveryFixtureInterpretsInBothLanguagesAsReviewed) {
         std::size_t rowCount = 0;
         for (const auto& [lang, suffix] : {std::pair{"en_US.UTF-8", ".en.txt"}, std::pair{"zh_CN.UTF-8", ".zh.txt"}}) {
             const testing::ScopedLanguage language(lang);
-            const auto document = parsedDocument(contentsOf(entry.path()));
+            const auto document = parsedDocument(testing::fileContents(entry.path()));
             ASSERT_TRUE(document) << name;
             const auto info = interpret(*document);
             // The open failure holds nothing but smartctl's own members.
@@ -75,7 +68,7 @@ TEST(SmartctlFixtures, EveryFixtureInterpretsInBothLanguagesAsReviewed) {
             if (!fs::exists(golden)) continue;
             ++reviewed;
             if (update) std::ofstream(golden, std::ios::binary) << summaryOf(*info);
-            EXPECT_EQ(summaryOf(*info), contentsOf(golden)) << golden;
+            EXPECT_EQ(summaryOf(*info), testing::fileContents(golden)) << golden;
         }
     }
     EXPECT_EQ(fixtures, 34U);

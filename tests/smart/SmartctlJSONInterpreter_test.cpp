@@ -1,10 +1,16 @@
 #include "smart/SmartctlJSONInterpreter.h"
+#include "log/Log.h"
+#include "smart/SMARTKeyCatalogue.h"
+#include "smart/SmartValueText.h"
+#include "smart/SmartmontoolsBridge.h"
 
 #include "support/ScopedEnvironment.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -49,6 +55,12 @@ TEST(SmartctlJSONInterpreter, DerivesTheCapabilityFromTheFirstBoolean) {
         {R"({})", std::nullopt},
     };
     for (const auto& [text, expected] : cases) EXPECT_EQ(capability(json::parse(text)), expected) << text;
+    // A capability alone is usable information.
+    const auto capableOnly = interpret(json::parse(R"({"smart_support": {"available": false, "enabled": true}})"));
+    ASSERT_TRUE(capableOnly);
+    EXPECT_EQ(capableOnly->isCapable, false);
+    EXPECT_FALSE(capableOnly->overallStatus);
+    EXPECT_TRUE(capableOnly->details.empty());
 }
 
 TEST(SmartctlJSONInterpreter, FlattensEveryShapeOfJsonIntoNamedRows) {
@@ -105,22 +117,6 @@ TEST(SmartctlJSONInterpreter, OrdersRowsOfAGroupByNameThenArrival) {
     }
 }
 
-TEST(SmartctlJSONInterpreter, GivesNothingForDocumentsWithoutSmartInformation) {
-    for (const auto* text : {R"({})", R"([{"smart_status": {"passed": true}}])", R"("PASSED")", R"(null)",
-                             R"({"device": {"name": "/dev/sda"}, "smartctl": {"exit_status": 2}})",
-                             R"({"a": "", "b": {}, "c": [], "smart_support": true, "x": [""]})"}) {
-        EXPECT_FALSE(interpret(json::parse(text))) << text;
-    }
-    // A capability alone is usable information.
-    const auto capableOnly = interpret(json::parse(R"({"smart_support": {"available": false, "enabled": true}})"),
-                                       "smartctl -a /dev/sda");
-    ASSERT_TRUE(capableOnly);
-    EXPECT_EQ(capableOnly->isCapable, false);
-    EXPECT_FALSE(capableOnly->overallStatus);
-    EXPECT_TRUE(capableOnly->details.empty());
-    EXPECT_EQ(capableOnly->sourceCommand, "smartctl -a /dev/sda");
-}
-
 TEST(SmartctlJSONInterpreter, WalksDeepNestingUpToItsBoundWithoutExhaustingTheStack) {
     const testing::ScopedLanguage english("en_US.UTF-8");
     // {"k": {"k": ... {"k": 1, "l": [2]}}}: the innermost of n objects is at depth n − 1.
@@ -140,6 +136,102 @@ TEST(SmartctlJSONInterpreter, WalksDeepNestingUpToItsBoundWithoutExhaustingTheSt
 
     const std::string deep = R"({"a": )" + std::string(200000, '[') + "1" + std::string(200000, ']') + "}";
     EXPECT_FALSE(interpret(json::parse(deep)));
+}
+
+TEST(SMARTKeyCatalogue, HoldsEveryKeyOnceUnderItsOwnIndexFreePath) {
+    const auto& entries = SMARTKeyCatalogue::entries();
+    EXPECT_EQ(entries.size(), 177U);
+    EXPECT_EQ(std::count_if(entries.begin(), entries.end(), [](const auto& e) { return e.second.shouldDisplay; }), 67);
+    for (const auto& [key, entry] : entries) {
+        EXPECT_EQ(key, entry.key);
+        EXPECT_EQ(SMARTKeyCatalogue::normalizedKeyPath(key), key) << key;
+        EXPECT_FALSE(entry.displayNameChinese.empty() || entry.displayNameEnglish.empty()) << key;
+    }
+}
+
+TEST(SMARTKeyCatalogue, NormalizesIndicesBeforeAnExactLookup) {
+    struct Case {
+        std::string path;
+        std::string normalized;
+        std::optional<std::string> english;  // label of the entry found, if any
+        bool shown = false;
+    };
+    const std::vector<Case> cases = {
+        {"ata_smart_attributes.table[0].flags.auto_keep", "ata_smart_attributes.table[].flags.auto_keep", "Auto Keep",
+         true},
+        {"nvme_power_states[12]", "nvme_power_states[]", "Power State", false},
+        {"model_name", "model_name", "Model Name", true},
+        {"nvme_firmware_update_capabilities.activiation_without_reset",
+         "nvme_firmware_update_capabilities.activiation_without_reset", "Activate Without Reset", false},
+        {"nvme_firmware_update_capabilities.activation_without_reset",
+         "nvme_firmware_update_capabilities.activation_without_reset", std::nullopt},
+        // Any run of Unicode decimal digits is an index; anything else between brackets is not.
+        {"a[007][1][]", "a[][][]", std::nullopt},
+        {"x[1a].y[-1].z[ 1][1", "x[1a].y[-1].z[ 1][1", std::nullopt},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(SMARTKeyCatalogue::normalizedKeyPath(c.path), c.normalized) << c.path;
+        const auto* entry = SMARTKeyCatalogue::descriptor(c.path);
+        ASSERT_EQ(entry != nullptr, c.english.has_value()) << c.path;
+        if (entry != nullptr) {
+            EXPECT_EQ(entry->displayNameEnglish, *c.english) << c.path;
+            EXPECT_EQ(entry->shouldDisplay, c.shown) << c.path;
+        }
+    }
+}
+
+TEST(SmartValueText, FormatsEachJsonTypeInBothLanguages) {
+    struct Case {
+        std::string json;  // one value, parsed as smartctl output would be
+        std::string english, chinese;
+    };
+    const std::vector<Case> cases = {
+        {"-1234.5", "-1,234.5", "-1,234.5"},
+        {"0.125", "0.12", "0.12"},  // the formatter's default rounding: half to even
+        // Integers are printed exactly, not through a double, at both ends of 64 bits.
+        {"9223372036854775807", "9,223,372,036,854,775,807", "9,223,372,036,854,775,807"},
+        {"-9223372036854775808", "-9,223,372,036,854,775,808", "-9,223,372,036,854,775,808"},
+        {"18446744073709551615", "18,446,744,073,709,551,615", "18,446,744,073,709,551,615"},
+        {"true", "Yes", "是"},
+        {"false", "No", "否"},
+        {"null", "<null>", "<null>"},
+        {R"("\t\r\n line one\nline two \u2028")", "line one\nline two", "line one\nline two"},
+        {R"("\u200b")", "\u200b", "\u200b"},  // a zero-width space is a format character, not white space
+    };
+    for (const auto& c : cases) {
+        const auto value = json::parse(c.json);
+        EXPECT_EQ(formattedValue(value, true), c.english) << c.json;
+        EXPECT_EQ(formattedValue(value, false), c.chinese) << c.json;
+    }
+}
+
+TEST(SmartmontoolsBridge, InterpretsAResultOrLogsWhyItCannot) {
+    const std::pair<std::string, bool> cases[] = {
+        {"", false},
+        {"not json", false},
+        // Documents without SMART information.
+        {R"({})", false},
+        {R"([{"smart_status": {"passed": true}}])", false},
+        {R"("PASSED")", false},
+        {R"(null)", false},
+        {R"({"device": {"name": "/dev/sdc"}, "smartctl": {"exit_status": 2}})", false},
+        {R"({"a": "", "b": {}, "c": [], "smart_support": true, "x": [""]})", false},
+        {R"({"smart_status": {"passed": true}})", true},
+    };
+    for (const auto& [text, usable] : cases) {
+        const log::Capture capture;
+        const auto info = interpretResult(SmartctlExecutionResult{text, "smartctl -j -a /dev/sdc", "", 64}, "sdc");
+        EXPECT_EQ(info.has_value(), usable) << text;
+        EXPECT_EQ(capture.messages(kBridgeLogCategory, log::Level::error).empty(), usable) << text;
+        if (info) {
+            EXPECT_EQ(info->sourceCommand, "smartctl -j -a /dev/sdc");
+        }
+    }
+    // Bytes that are not UTF-8 (broken USB bridges) become U+FFFD; the rest is still read.
+    const auto repaired = interpretResult(SmartctlExecutionResult{"{\"model_name\": \"WD\xff\xc3\"}", "c", "", 0},
+                                          "sd");
+    ASSERT_TRUE(repaired);
+    EXPECT_EQ(repaired->details[0].value, "WD\uFFFD\uFFFD");
 }
 
 }  // namespace
