@@ -19,13 +19,13 @@ public:
         HelperServiceState state = HelperServiceState::notEnabled;
         // Outcome of enable(): nothing for success, which sets the state to `stateAfterEnabling`
         // and the program's presence to `executableExistsAfterEnabling`.
-        std::optional<HelperServiceError> enableError;
+        std::optional<HelperServiceError> enableError{};
         HelperServiceState stateAfterEnabling = HelperServiceState::enabled;
         bool executableExistsAfterEnabling = true;
         // Outcome of disable(): nothing for success, which sets the state to notEnabled.
-        std::optional<HelperServiceError> disableError;
+        std::optional<HelperServiceError> disableError{};
         // The state a failed disable() leaves behind (unchanged when nothing).
-        std::optional<HelperServiceState> stateAfterFailedDisable;
+        std::optional<HelperServiceState> stateAfterFailedDisable{};
         std::string socketPath = "/run/vantorix/smartctl-helper.sock";
     };
 
