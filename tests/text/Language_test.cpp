@@ -18,24 +18,7 @@ namespace {
 
 using testing::ScopedEnvironment;
 
-TEST(LanguageRule, FirstPreferredLanguageContainingZhSelectsChinese) {
-    struct Case {
-        std::vector<std::string> languages;
-        bool english;
-    };
-    const std::vector<Case> cases = {
-        {{"zh-Hans-CN", "en-US"}, false},
-        {{"en-US", "zh-Hans-CN"}, true},
-        {{}, true},
-        {{"ZH-TW"}, false},
-        {{"zh"}, false},
-        {{"de-DE", "zh-Hans"}, true},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(isEnglishFor(c.languages), c.english) << (c.languages.empty() ? "(empty)" : c.languages[0]);
-    }
-}
-
+// The first preferred language decides: Chinese when it contains "zh" in any case.
 TEST(LanguageRule, LanguageThenLcAllThenLcMessagesThenLang) {
     using Value = std::optional<std::string>;
     struct Case {
@@ -52,6 +35,8 @@ TEST(LanguageRule, LanguageThenLcAllThenLcMessagesThenLang) {
         {unset, unset, unset, unset, {}, true},
         {unset, unset, "zh_CN.UTF-8", "en_US.UTF-8", {"zh_CN.UTF-8"}, false},
         {unset, "C", unset, "zh_CN.UTF-8", {}, true},
+        {"de_DE:zh_CN", unset, unset, "en_US.UTF-8", {"de_DE", "zh_CN"}, true},
+        {"zh", unset, unset, "en_US.UTF-8", {"zh"}, false},
     };
     for (std::size_t i = 0; i < cases.size(); ++i) {
         const auto& c = cases[i];
