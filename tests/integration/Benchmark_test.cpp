@@ -33,10 +33,7 @@ protected:
     }
     void makeVolume() {
         std::string error;
-        volume_ = LoopVolume::create(
-            "VTX\xff"
-            "BENCH",
-            96ull << 20, &error);
+        volume_ = LoopVolume::create("VTX\377BENCH", 96ull << 20, &error);  // a label byte that is not UTF-8
         ASSERT_TRUE(volume_) << error;
     }
 

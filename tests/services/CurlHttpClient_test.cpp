@@ -4,11 +4,9 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "services/HttpTestServer.h"
 #include "services/ServiceTestSupport.h"
