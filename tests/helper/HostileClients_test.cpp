@@ -43,27 +43,18 @@ TEST(HostileClients, FramesOutsideTheProtocolCloseOnlyTheirConnection) {
     const std::string padded = R"({"method":"helperVersion","x":")";
     std::string forty;
     for (int i = 0; i < 40; ++i) forty += versionFrame();
+    const std::string refusedNames = fetchFrame("../sda") + fetchFrame("-a") + fetchFrame("sda;reboot") +
+                                     fetchFrame("null");
+    // Which payloads parse is the protocol's tests'; here, one of each way the daemon meets them.
     const std::vector<Case> cases = {
         {"a request of 4 KiB and a byte", protocol::framed(padded + std::string(4064, 'x') + "\"}"), {}, End::closed},
-        {"8 MiB of '['", protocol::framed(std::string(8U << 20U, '[')), {}, End::closed},
-        {"nested nine deep", protocol::framed(R"({"method":"helperVersion","x":[[[[[[[[1]]]]]]]]})"), {}, End::closed},
-        {"not an object", protocol::framed(R"(["fetchSmartData","sda"])"), {}, End::closed},
         {"garbage", protocol::framed(std::string("\xff\xfe\0{garbage", 11)), {}, End::closed},
         {"an empty frame", protocol::framed(""), {}, End::closed},
         {"half a frame", versionFrame().substr(0, 10), {}, End::closed},
         {"nothing", "", {}, End::closed},
-        {"three 1 MiB replies never read",
-         fetchFrame(disk) + fetchFrame(disk) + fetchFrame(disk),
-         {},
-         End::closedUnread},
-        {"refused names",
-         fetchFrame("../sda") + fetchFrame("-a") + fetchFrame("sda;reboot") + fetchFrame("null"),
-         {"error 3", "error 3", "error 3", "error 4"},
-         End::open},
-        {"an unknown method",
-         protocol::framed(R"({"method":"runCommand","argv":["rm","-rf","/"]})"),
-         {"error 2"},
-         End::open},
+        {"three 1 MiB replies unread", fetchFrame(disk) + fetchFrame(disk) + fetchFrame(disk), {}, End::closedUnread},
+        {"refused names", refusedNames, {"error 3", "error 3", "error 3", "error 4"}, End::open},
+        {"an unknown method", protocol::framed(R"({"method":"runCommand","argv":["rm"]})"), {"error 2"}, End::open},
         {"40 frames at once", forty, std::vector<std::string>(40, "version"), End::open},
         {"a fetch, then gone", fetchFrame(disk), {}, End::clientLeaves},
     };
