@@ -103,13 +103,9 @@ TEST_F(QueuedFileTest, JobsMoveWholeBlocksWithinTheirSpanUntilTheirTimeOrByteLim
                                           << c.depth << ", " << c.limitBlocks << " blocks");
         OPEN_OR_SKIP(file);
         const bool timed = c.limitBlocks == 0;
-        const QueuedJob job{c.pattern,
-                            c.direction,
-                            c.block,
-                            c.depth,
-                            c.direction == Direction::read ? kSpan + kTail : kSpan,
-                            timed ? 200ms : 0ns,
-                            timed ? std::nullopt : std::optional(c.limitBlocks * c.block)};
+        const auto span = c.direction == Direction::read ? kSpan + kTail : kSpan;
+        const auto limit = timed ? std::nullopt : std::optional(c.limitBlocks * c.block);
+        const QueuedJob job{c.pattern, c.direction, c.block, c.depth, span, timed ? 200ms : 0ns, limit};
         std::vector<std::uint64_t> reported;
         auto figures = file->run(job, {}, [&](std::uint64_t bytes) { reported.push_back(bytes); });
         ASSERT_TRUE(figures.ok()) << figures.error().message;
