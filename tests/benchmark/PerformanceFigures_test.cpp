@@ -5,7 +5,7 @@
 #include "benchmark/PerformanceReport.h"
 #include "benchmark/ProgressTracker.h"
 #include "platform/linux/PosixFileSystem.h"
-#include "services/ServiceTestSupport.h"
+#include "support/TemporaryFolder.h"
 #include "support/ManualMainExecutor.h"
 #include "support/ScopedEnvironment.h"
 #include "text/Formats.h"

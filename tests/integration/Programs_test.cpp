@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "integration/HelperTestClient.h"
-#include "services/ServiceTestSupport.h"
+#include "support/TemporaryFolder.h"
 #include "support/VirtualDisplay.h"
 
 namespace vantorix {

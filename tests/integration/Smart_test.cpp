@@ -21,6 +21,7 @@
 #include "support/LoopVolume.h"
 #include "support/ManualMainExecutor.h"
 #include "support/Process.h"
+#include "support/TemporaryFolder.h"
 
 namespace vantorix {
 namespace {
@@ -222,8 +223,8 @@ testing::ProcessResult smart(const std::vector<std::string>& args, const Environ
 // shows its control characters as escapes, the JSON output escapes them as JSON does, and a byte
 // that is not UTF-8 (a broken USB bridge's) becomes U+FFFD.
 TEST(SmartCli, SavedOutputsAreReadOnlyFromRegularFilesAndNeverDriveTheTerminal) {
-    const auto dir = fs::temp_directory_path() / ("vantorix-smart-cli-" + std::to_string(::getpid()));
-    fs::create_directories(dir);
+    const testing::TemporaryFolder folder;
+    const fs::path& dir = folder.path();
     std::ofstream(dir / "text.json") << "smartctl 7.3";
     std::ofstream(dir / "empty.json") << R"({"smartctl": {"exit_status": 2}, "device": {}})";
     std::ofstream(dir / "huge.json") << "{";
@@ -272,7 +273,6 @@ TEST(SmartCli, SavedOutputsAreReadOnlyFromRegularFilesAndNeverDriveTheTerminal) 
     EXPECT_FALSE(raw(json.out)) << json.out;
     EXPECT_EQ(nlohmann::json::parse(json.out)["details"][1]["value"],
               "\uFFFD\x1b[2J\x1b[31mEVIL\a\nFAKE ROW  ok\r\xc2\x9b\x7f");
-    fs::remove_all(dir);
 }
 
 // No helper, privileged operations disabled, a root process that accepts the connection and

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/linux/IoUringQueuedFile.h"
+#include "support/TemporaryFolder.h"
 
 namespace vantorix {
 namespace {
@@ -26,16 +27,9 @@ constexpr unsigned char kSentinel = 0xA5;
 // would not test the real thing).
 class QueuedFileTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char pattern[] = "/var/tmp/vantorix-queued-XXXXXX";
-        ASSERT_NE(::mkdtemp(pattern), nullptr);
-        folder_ = pattern;
-    }
-    void TearDown() override { std::filesystem::remove_all(folder_); }
-
     // A file of `kSpan` zero bytes followed by `kTail` sentinel bytes, opened for queued I/O.
     std::unique_ptr<QueuedFile> makeFile() {
-        path_ = folder_ + "/data";
+        path_ = folder_.string() + "/data";
         std::ofstream out(path_, std::ios::binary);
         out.seekp(static_cast<std::streamoff>(kSpan));
         const std::vector<char> tail(kTail, static_cast<char>(kSentinel));
@@ -71,13 +65,13 @@ protected:
         return written;
     }
 
-    std::string folder_;
+    const testing::TemporaryFolder folder_{"/var/tmp"};
     std::string path_;
 };
 
 #define OPEN_OR_SKIP(file)  \
     auto file = makeFile(); \
-    if (!file) GTEST_SKIP() << folder_ << " does not take direct I/O on this system"
+    if (!file) GTEST_SKIP() << folder_.string() << " does not take direct I/O on this system"
 
 // Each job on a fresh file: whole blocks counted, progress reported in order, writes kept to the
 // span (reads cover the whole file, so one past its end would fail the job).
@@ -170,7 +164,7 @@ TEST_F(QueuedFileTest, AStopOrTheFileEndEndsAJobAndMalformedJobsAreRefused) {
     for (std::size_t i = 0; i < bad.size(); ++i) EXPECT_EQ(errorCode(file->run(bad[i], {}, {})), EINVAL) << i;
     ASSERT_TRUE(file->close().ok());
     EXPECT_EQ(errorCode(file->run(good, {}, {})), EBADF);
-    EXPECT_EQ(errorCode(openIoUringQueuedFile(folder_ + "/missing")), ENOENT);
+    EXPECT_EQ(errorCode(openIoUringQueuedFile(folder_.string() + "/missing")), ENOENT);
 }
 
 }  // namespace

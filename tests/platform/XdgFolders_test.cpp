@@ -3,7 +3,7 @@
 #include <unistd.h>
 
 #include "platform/linux/XdgFolders.h"
-#include "services/ServiceTestSupport.h"
+#include "support/TemporaryFolder.h"
 #include "support/ScopedEnvironment.h"
 
 namespace vantorix::xdg {

@@ -4,7 +4,7 @@
 #include "smart/SmartValueText.h"
 #include "smart/SmartmontoolsBridge.h"
 
-#include "services/ServiceTestSupport.h"
+#include "support/TemporaryFolder.h"
 #include "support/ScopedEnvironment.h"
 
 #include <gmock/gmock.h>
