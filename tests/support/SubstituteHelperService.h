@@ -18,19 +18,16 @@ public:
         HelperExecutable helperExecutable{"/usr/libexec/vantorix/vantorix-smartctl-helper", true};
         HelperServiceState state = HelperServiceState::notEnabled;
         // Outcome of enable(): nothing for success, which sets the state to `stateAfterEnabling`
-        // and the program's presence to `executableExistsAfterEnabling`.
+        // and installs the program.
         std::optional<HelperServiceError> enableError{};
         HelperServiceState stateAfterEnabling = HelperServiceState::enabled;
-        bool executableExistsAfterEnabling = true;
-        // Outcome of disable(): nothing for success, which sets the state to notEnabled.
+        // Outcome of disable(): nothing for success, which sets the state to notEnabled; a failure
+        // changes nothing.
         std::optional<HelperServiceError> disableError{};
-        // The state a failed disable() leaves behind (unchanged when nothing).
-        std::optional<HelperServiceState> stateAfterFailedDisable{};
         std::string socketPath = "/run/vantorix/smartctl-helper.sock";
     };
 
     struct Calls {
-        int definitionLookups = 0;
         int stateReads = 0;
         int enables = 0;
         int disables = 0;
@@ -51,7 +48,6 @@ public:
     std::string definitionName() const override { return "the substitute unit file"; }
     std::optional<std::string> definitionPath() override {
         std::lock_guard lock(mutex_);
-        ++calls_.definitionLookups;
         return script_.definitionPath;
     }
     HelperExecutable helperExecutable() override {
@@ -68,16 +64,13 @@ public:
         ++calls_.enables;
         if (script_.enableError) return Failure{*script_.enableError};
         script_.state = script_.stateAfterEnabling;
-        script_.helperExecutable.exists = script_.executableExistsAfterEnabling;
+        script_.helperExecutable.exists = true;
         return Unit{};
     }
     Result<Unit, HelperServiceError> disable() override {
         std::lock_guard lock(mutex_);
         ++calls_.disables;
-        if (script_.disableError) {
-            if (script_.stateAfterFailedDisable) script_.state = *script_.stateAfterFailedDisable;
-            return Failure{*script_.disableError};
-        }
+        if (script_.disableError) return Failure{*script_.disableError};
         script_.state = HelperServiceState::notEnabled;
         return Unit{};
     }
