@@ -35,10 +35,9 @@ void screenshot(QWidget* widget, const std::string& name) {
 // helper, so nothing is enabled or started.
 struct Application {
     explicit Application(const std::string& lang) : language(lang) {
-        testing::SubstituteHelperService::Script script;
-        script.state = HelperServiceState::needsAdministrator;
-        script.enableError = HelperServiceError{HelperServiceFailure::needsAdministrator, "approve", ""};
-        services = std::make_shared<testing::SubstituteHelperService>(script);
+        services = std::make_shared<testing::SubstituteHelperService>(testing::SubstituteHelperService::Script{
+            .state = HelperServiceState::needsAdministrator,
+            .enableError = HelperServiceError{HelperServiceFailure::needsAdministrator, "approve", ""}});
         VantorixApp::Options options;
         options.helperService = services;
         options.launchLog = &launches;

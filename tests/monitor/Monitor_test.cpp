@@ -101,7 +101,6 @@ TEST_F(DiskIOMonitorTest, SamplesAreTheCounterDeltasAcrossAPrecisionChangeAndARu
     selectAndStart(Precision::ms10);
     ASSERT_TRUE(runUntil([&] { return state().samples.size() >= 20; }));
     monitor_->setSamplingPrecision(Precision::ms1);
-    EXPECT_EQ(state().samplingPrecision, Precision::ms1);
     ASSERT_TRUE(runUntil([&] { return state().samples.size() >= 200; }));
     monitor_->stopMonitoring(true);
     ASSERT_TRUE(runUntil([&] { return !state().isMonitoring; }));
