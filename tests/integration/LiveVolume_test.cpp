@@ -16,6 +16,7 @@
 #include "support/BlockDevice.h"
 #include "support/LoopVolume.h"
 #include "support/Process.h"
+#include "support/TemporaryFolder.h"
 #include "text/Utf8.h"
 
 namespace vantorix {
@@ -113,12 +114,9 @@ TEST_F(LiveVolume, SmartShowsTheDrivesDataThroughTheHelperInTheUsersLanguage) {
               "总体状态  PASSED\n\n序列号                                     BTNH93710FS91P0B\n");
     const auto json = smart({volume_->mountPoint(), "--json"});
     ASSERT_EQ(json.exitStatus, 0) << json.err;
-    const auto document = nlohmann::json::parse(json.out);
-    EXPECT_EQ(document["sourceCommand"], standIn_->path() + " --json -a -n standby " + volume_->device());
-    ASSERT_EQ(document["details"].size(), 34U);
-    const auto& first = document["details"][0];
-    EXPECT_EQ(first["keyPath"], "serial_number");
-    EXPECT_EQ(first["id"].get<std::string>().size(), 36U);
+    // The rows are the watch's and the interpreter's tests'; here, the command the helper ran.
+    EXPECT_EQ(nlohmann::json::parse(json.out)["sourceCommand"],
+              standIn_->path() + " --json -a -n standby " + volume_->device());
     // The loop device has no partition: one name to try. A request within a second of the last
     // run's end shares that run, so a command may not start smartctl again.
     const std::vector<std::string> arguments{"--json", "-a", "-n", "standby", volume_->device()};
@@ -136,8 +134,7 @@ TEST_F(LiveVolume, SmartShowsTheDrivesDataThroughTheHelperInTheUsersLanguage) {
     for (const auto& entry : fs::directory_iterator(volume_->mountPoint())) {
         if (entry.path().extension() == ".html") path = entry.path();
     }
-    std::ifstream report(path);
-    const std::string html{std::istreambuf_iterator<char>(report), std::istreambuf_iterator<char>()};
+    const std::string html = testing::fileContents(path);
     EXPECT_THAT(html, HasSubstr("<strong>Overall Status:</strong> PASSED"));
     EXPECT_THAT(html, HasSubstr("BTNH93710FS91P0B"));
 }

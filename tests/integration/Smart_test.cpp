@@ -35,11 +35,6 @@ using ::testing::Not;
 
 const std::string kSocketActivate = "/usr/bin/systemd-socket-activate";
 
-std::string slurp(const std::string& path) {
-    std::ifstream in(path);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
 TEST(HelperActivation, SocketActivatedDaemonAnswersAndLeavesWhenIdle) {
     if (::access(kSocketActivate.c_str(), X_OK) != 0) GTEST_SKIP() << "no " << kSocketActivate << " (package systemd)";
     auto standIn = SmartctlStandIn::create(printing(kHelperFixture));
@@ -56,7 +51,7 @@ TEST(HelperActivation, SocketActivatedDaemonAnswersAndLeavesWhenIdle) {
               runProcess({VANTORIX_HELPER_PATH, "--version"}).out);
     const auto reply = client->ask(fetchFrame(rootDiskName()));
     ASSERT_NE(result(reply), nullptr);
-    EXPECT_EQ(result(reply)->jsonData, slurp(kHelperFixture));
+    EXPECT_EQ(result(reply)->jsonData, fileContents(kHelperFixture));
     EXPECT_EQ(standIn->starts().size(), 1U);
 
     // With no client left and nothing running, it exits by itself (systemd would start it again).
@@ -251,7 +246,7 @@ TEST(SmartCli, SavedOutputsAreReadOnlyFromRegularFilesAndNeverDriveTheTerminal) 
     const auto empty = smart({"--json-file", dir / "empty.json", "--json"});
     EXPECT_EQ(nlohmann::json::parse(empty.out)["error"]["code"], "noUsableData");
 
-    std::string saved = slurp(testing::kHelperFixture);
+    std::string saved = fileContents(testing::kHelperFixture);
     const std::string model = R"("INTEL SSDPEKNW010T8")";
     saved.replace(saved.find(model), model.size(),
                   "\"\xff\\u001b[2J\\u001b[31mEVIL\\u0007\\nFAKE ROW  ok\\r\\u009b\\u007f\"");
