@@ -101,16 +101,14 @@ TEST(Feedback, ValidationReportsTheFirstFailure) {
     EXPECT_EQ(validationMessage(FeedbackForm{FeedbackType::other, "abcde", body, "x@y"}), "邮箱格式不正确");
 }
 
+// None of these is accepted; an accepted submission, in both languages, is the feedback window's test.
 TEST(Feedback, AnswersBecomeOneMessage) {
-    const std::string createdBody = R"({"success":true,"id":"abc"})";
     struct Case {
         Result<HttpResponse, HttpError> answer;
         const char* language;
         std::string message;
-        bool accepted = false;
     };
     const Case cases[] = {
-        {HttpResponse{201, createdBody}, en, "Submitted successfully. Feedback ID: abc", true},
         {HttpResponse{201, "created"}, zh, "提交成功，但响应解析失败"},
         {HttpResponse{400, "title: must not be blank"}, en, "title: must not be blank"},
         {HttpResponse{400, "\xff\xfe bad"}, en, "Submission failed: validation error"},
@@ -122,9 +120,7 @@ TEST(Feedback, AnswersBecomeOneMessage) {
         testing::ScopedLanguage language(c.language);
         const auto outcome = interpretFeedbackAnswer(c.answer);
         EXPECT_EQ(outcome.message, c.message);
-        EXPECT_EQ(outcome.accepted, c.accepted) << c.message;
-        EXPECT_EQ(outcome.resetForm, c.accepted) << c.message;
-        EXPECT_EQ(outcome.feedbackId, c.accepted ? std::optional<std::string>("abc") : std::nullopt) << c.message;
+        EXPECT_FALSE(outcome.accepted || outcome.resetForm || outcome.feedbackId) << c.message;
     }
 }
 
