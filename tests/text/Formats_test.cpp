@@ -90,12 +90,14 @@ TEST(ByteCountText, NumberLocaleFromLcAllThenLcNumericThenLang) {
     }
 }
 
-TEST(SpeedTexts, ClampRoundAndSuffix) {
-    struct Case {
+// Speeds are clamped to 0 … 2^63 and rounded half away from zero; operation rates keep one fraction
+// digit, rounded half to even. Both end in the language's "per second".
+TEST(RateTexts, SpeedsAndOperationRates) {
+    struct Speed {
         double bytesPerSecond;
         std::string speed, cardSpeed;
     };
-    const std::vector<Case> cases = {
+    const std::vector<Speed> speeds = {
         {0, "0 B", "0 B"},
         {-5, "0 B", "0 B"},
         {kNaN, "0 B", "0 B"},
@@ -106,27 +108,16 @@ TEST(SpeedTexts, ClampRoundAndSuffix) {
         {1e30, "9,223,372.04 TB", "9,223,372,036.85 GB"},  // clamped to 2^63
         {kInfinity, "9,223,372.04 TB", "9,223,372,036.85 GB"},
     };
-    for (const auto& c : cases) {
-        for (const auto& [lcAll, suffix] : {std::pair{kEnglish, "/s"}, std::pair{kChinese, "/秒"}}) {
-            const ScopedLocale locale(lcAll);
+    const std::vector<std::pair<double, std::string>> rates = {{0, "0"},        {-0.0, "0"},         {0.04, "0"},
+                                                               {0.05, "0"},     {0.15, "0.2"},       {0.25, "0.2"},
+                                                               {12.34, "12.3"}, {1234.56, "1,234.6"}};
+    for (const auto& [lcAll, suffix] : {std::pair{kEnglish, "/s"}, std::pair{kChinese, "/秒"}}) {
+        const ScopedLocale locale(lcAll);
+        for (const auto& c : speeds) {
             EXPECT_EQ(speedText(c.bytesPerSecond), c.speed + suffix) << c.bytesPerSecond;
             EXPECT_EQ(cardSpeedText(c.bytesPerSecond), c.cardSpeed + suffix) << c.bytesPerSecond;
         }
-    }
-}
-
-TEST(OperationRateText, OneFractionDigitRoundedHalfEven) {
-    struct Case {
-        double rate;
-        std::string expected;
-    };
-    const std::vector<Case> cases = {{0, "0"},      {-0.0, "0"},   {0.04, "0"},     {0.05, "0"},
-                                     {0.15, "0.2"}, {0.25, "0.2"}, {12.34, "12.3"}, {1234.56, "1,234.6"}};
-    for (const auto& c : cases) {
-        for (const auto& [lcAll, suffix] : {std::pair{kEnglish, "/s"}, std::pair{kChinese, "/秒"}}) {
-            const ScopedLocale locale(lcAll);
-            EXPECT_EQ(operationRateText(c.rate), c.expected + suffix) << c.rate;
-        }
+        for (const auto& [rate, text] : rates) EXPECT_EQ(operationRateText(rate), text + suffix) << rate;
     }
 }
 
