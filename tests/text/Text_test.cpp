@@ -1,14 +1,20 @@
 #include "text/Formats.h"
+#include "text/Language.h"
 #include "text/Locale.h"
+#include "text/Messages.h"
+#include "text/SystemError.h"
+#include "text/TerminalText.h"
+#include "text/Trim.h"
+#include "text/Utf8.h"
 
 #include "support/ScopedEnvironment.h"
 
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include <cerrno>
 #include <cstdint>
+#include <functional>
 #include <limits>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -196,6 +202,129 @@ TEST(NumberTexts, DecimalPercentAndUpperCaseFollowTheNumberLocale) {
     const ScopedLocale english(kEnglish);
     EXPECT_EQ(decimalText(1.5, 3, 1), "1.500");  // a maximum below the minimum is raised to it
     EXPECT_EQ(upperCasedForCurrentLocale("straße"), "STRASSE");
+}
+
+// The first preferred language decides: Chinese when it contains "zh" in any case.
+TEST(LanguageRule, LanguageThenLcAllThenLcMessagesThenLang) {
+    using Value = std::optional<std::string>;
+    struct Case {
+        Value language, lcAll, lcMessages, lang;
+        std::vector<std::string> expected;
+        bool english;
+    };
+    const Value unset;
+    const std::vector<Case> cases = {
+        {"zh_CN:en_US", "en_US.UTF-8", unset, "en_US.UTF-8", {"zh_CN", "en_US"}, false},
+        {"en_US:zh_CN", "zh_CN.UTF-8", unset, "zh_CN.UTF-8", {"en_US", "zh_CN"}, true},
+        {unset, "zh_TW.UTF-8", "en_US.UTF-8", "en_US.UTF-8", {"zh_TW.UTF-8"}, false},
+        {"", "", "", "ZH_TW", {"ZH_TW"}, false},
+        {unset, unset, unset, unset, {}, true},
+        {unset, unset, "zh_CN.UTF-8", "en_US.UTF-8", {"zh_CN.UTF-8"}, false},
+        {unset, "C", unset, "zh_CN.UTF-8", {}, true},
+        {"de_DE:zh_CN", unset, unset, "en_US.UTF-8", {"de_DE", "zh_CN"}, true},
+        {"zh", unset, unset, "en_US.UTF-8", {"zh"}, false},
+    };
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        const auto& c = cases[i];
+        const ScopedEnvironment environment{
+            {"LANGUAGE", c.language}, {"LC_ALL", c.lcAll}, {"LC_MESSAGES", c.lcMessages}, {"LANG", c.lang}};
+        EXPECT_EQ(preferredLanguages(), c.expected) << "case " << i;
+        EXPECT_EQ(isEnglish(), c.english) << "case " << i;
+    }
+}
+
+TEST(Messages, EachMessageInBothLanguages) {
+    struct Case {
+        const char* name;
+        std::function<std::string()> make;
+        std::string chinese, english;
+    };
+    // Texts that fill in one value are mostly checked by the tests of their users; here, the others
+    // and those with a rule of their own (counts, plurals, joined causes, braces in values).
+    const std::vector<Case> cases = {
+        {"sysfsReadFailed", [] { return sysfsReadFailed("/sys/class/block/sda/stat: malformed"); },
+         "读取块设备的 sysfs 信息失败：/sys/class/block/sda/stat: malformed。",
+         "Reading the block device's sysfs entry failed: /sys/class/block/sda/stat: malformed."},
+        {"randomTestSummary", [] { return randomTestSummary("4 KB", 1234567); },
+         "随机测试：块大小 4 KB，共 1234567 次操作。", "Random test: block size 4 KB, 1234567 operations."},
+        {"exportingMetrics one", [] { return exportingMetrics(1, "127.0.0.1:9842"); },
+         "正在导出 1 个卷的指标：http://127.0.0.1:9842/metrics 。按 Ctrl-C 停止。",
+         "Exporting the metrics of 1 volume at http://127.0.0.1:9842/metrics. Press Ctrl-C to stop."},
+        {"exportingMetrics two", [] { return exportingMetrics(2, "[::1]:80"); },
+         "正在导出 2 个卷的指标：http://[::1]:80/metrics 。按 Ctrl-C 停止。",
+         "Exporting the metrics of 2 volumes at http://[::1]:80/metrics. Press Ctrl-C to stop."},
+        {"cause after a fixed sentence", [] { return withSystemError("Write phase failed.", ENOSPC); },
+         "Write phase failed.设备上没有剩余空间。", "Write phase failed. No space left on device."},
+        {"cause without a text of its own", [] { return systemErrorText(ENOTSUP); },
+         "系统错误 95（Operation not supported）", "Operation not supported (error 95)"},
+        {"values with braces", [] { return chartExportFailed("{0} {}"); }, "导出失败：{0} {}", "Export failed: {0} {}"},
+    };
+    for (const auto& c : cases) {
+        {
+            const testing::ScopedLanguage chinese("zh_CN.UTF-8");
+            EXPECT_EQ(c.make(), c.chinese) << c.name;
+        }
+        const testing::ScopedLanguage english("en_US.UTF-8");
+        EXPECT_EQ(c.make(), c.english) << c.name;
+    }
+}
+
+const std::string kReplacement = "\uFFFD";
+
+TEST(Utf8, IllFormedSequencesBecomeOneReplacementEach) {
+    struct Case {
+        std::string bytes;
+        bool valid;
+        std::string lossy;
+    };
+    const std::vector<Case> cases = {
+        {"", true, ""},
+        {"plain ASCII", true, "plain ASCII"},
+        {"标题 € \U0001F468", true, "标题 € \U0001F468"},
+        {std::string("a\0b", 3), true, std::string("a\0b", 3)},
+        {"Bad\xff\xfeName", false, "Bad" + kReplacement + kReplacement + "Name"},
+        {"\xc0\xaf", false, kReplacement + kReplacement},                                        // an overlong "/"
+        {"\xed\xa0\x80", false, kReplacement + kReplacement + kReplacement},                     // a surrogate
+        {"\xf4\x90\x80\x80", false, kReplacement + kReplacement + kReplacement + kReplacement},  // past U+10FFFF
+        {"\xe2\x82", false, kReplacement},  // cut off: one maximal subpart
+        {"x\xe2\x82y\xf0\x9f\x98", false, "x" + kReplacement + "y" + kReplacement},
+        {"\x80\xbf", false, kReplacement + kReplacement},  // stray continuation bytes
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(isValidUtf8(c.bytes), c.valid) << c.bytes;
+        EXPECT_EQ(lossyUtf8(c.bytes), c.lossy) << c.bytes;
+        EXPECT_TRUE(isValidUtf8(lossyUtf8(c.bytes))) << c.bytes;
+    }
+}
+
+TEST(Trim, WhiteSpaceAndLineBreaksOfAnyScriptButNeverIllFormedBytes) {
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"\u3000 \t\n\u00A0a b\u2028 \r\n", "a b"},
+        {"\u0085x\u2029\v\f", "x"},
+        {"\u200Bzero width\u200B", "\u200Bzero width\u200B"},  // not a space separator
+        {std::string("\xff \xe2\x80", 4), std::string("\xff \xe2\x80", 4)},
+        {" \xc3", "\xc3"},
+    };
+    for (const auto& [text, expected] : cases) EXPECT_EQ(trimmed(text), expected) << text;
+}
+
+TEST(TerminalText, ControlCharactersShowAsVisibleEscapesAndNothingElseChanges) {
+    struct Case {
+        std::string bytes;
+        std::string text;   // terminalText
+        std::string lines;  // terminalLines
+    };
+    const std::vector<Case> cases = {
+        {"Samsung SSD 980 标题 € \U0001F468", "Samsung SSD 980 标题 € \U0001F468", "Samsung SSD 980 标题 € \U0001F468"},
+        {"EVIL\a\nROW", "EVIL\\x07\\nROW", "EVIL\\x07\nROW"},  // ESC sequences: the command-line tests
+        {std::string("\0\x7f", 2), "\\x00\\x7f", "\\x00\\x7f"},
+        {"\u009b31m \u0085 \u00a0", "\\u009b31m \\u0085 \u00a0", "\\u009b31m \\u0085 \u00a0"},  // C1; NBSP stays
+        {"Bad\xff\x9bName", "Bad\uFFFD\uFFFDName", "Bad\uFFFD\uFFFDName"},  // a lone 0x9B byte is not C1
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(terminalText(c.bytes), c.text) << c.bytes;
+        EXPECT_EQ(terminalLines(c.bytes), c.lines) << c.bytes;
+    }
 }
 
 }  // namespace
