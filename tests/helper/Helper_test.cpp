@@ -44,10 +44,8 @@ TEST(HelperDeviceNames, AcceptsOnlyBareKernelNamesOfDeviceNodesMatchingSysfs) {
 
     if (::geteuid() != 0) GTEST_SKIP() << "needs root to make device nodes with mknod";
     struct Case {
-        std::string name;
-        std::string className;
-        std::string sysfsDev;  // empty: not in sysfs
-        mode_t type;           // 0: a regular file; S_IFLNK: a link to sda
+        std::string name, className, sysfsDev;  // sysfsDev empty: not in sysfs
+        mode_t type;                            // 0: a regular file; S_IFLNK: a link to sda
         unsigned major, minor;
         std::optional<HelperFailure> refusal;
     };
@@ -102,8 +100,7 @@ TEST(HostileClients, FramesOutsideTheProtocolCloseOnlyTheirConnection) {
     // still answering, or left by the client.
     enum class End { closed, closedUnread, open, clientLeaves };
     struct Case {
-        std::string what;
-        std::string bytes;
+        std::string what, bytes;
         std::vector<std::string> replies;
         End end;
     };

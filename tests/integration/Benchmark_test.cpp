@@ -124,9 +124,7 @@ TEST_F(BenchmarkOnLoopVolume, EachModeRunsToItsFiguresAndLeavesOnlyTheReport) {
 
 TEST_F(BenchmarkOnLoopVolume, CommandFailuresNameTheirCauseAndLeaveNothing) {
     struct Case {
-        const char* arrange;  // a shell command, "{0}" standing for the volume's folder
-        const char* payload;
-        const char* message;
+        const char *arrange, *payload, *message;  // arrange: a shell command, "{0}" the volume's folder
     };
     const Case cases[] = {
         {"fallocate -l $(( $(stat -f -c '%a * %S' {0}) - 1000000 )) {0}/filler", "20000000",

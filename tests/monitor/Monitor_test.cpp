@@ -150,8 +150,7 @@ TEST(MonitorMetrics, SpeedsAndRatesOverTheLastSecond) {
         const char* name;
         Precision precision;
         std::size_t count;
-        MonitorMetrics::Rates speeds;
-        MonitorMetrics::Rates rates;
+        MonitorMetrics::Rates speeds, rates;
     };
     // Every sample: 1000 bytes read, 2000 written, 10 reads, 20 writes.
     const std::vector<Case> cases{

@@ -235,9 +235,7 @@ TEST(MountInfo, FindsTheMountHoldingAPath) {
     EXPECT_EQ(entries[2].fileSystemType, "ext4");  // after two optional fields
     struct Case {
         std::uint32_t major, minor;
-        const char* path;
-        const char* mountPoint;
-        const char* source;
+        const char *path, *mountPoint, *source;
     };
     const std::vector<Case> cases{
         {254, 0, "/home/user/file", "/", "/dev/vda"},

@@ -4,8 +4,8 @@
 #include "smart/SmartValueText.h"
 #include "smart/SmartmontoolsBridge.h"
 
-#include "support/TemporaryFolder.h"
 #include "support/ScopedEnvironment.h"
+#include "support/TemporaryFolder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -157,8 +157,7 @@ TEST(SMARTKeyCatalogue, HoldsEveryKeyOnceUnderItsOwnIndexFreePath) {
 
 TEST(SMARTKeyCatalogue, NormalizesIndicesBeforeAnExactLookup) {
     struct Case {
-        std::string path;
-        std::string normalized;
+        std::string path, normalized;
         std::optional<std::string> english;  // label of the entry found, if any
         bool shown = false;
     };

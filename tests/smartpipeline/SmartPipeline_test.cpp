@@ -22,8 +22,7 @@ using State = HelperServiceState;
 
 TEST(SMARTInfoProviderCandidates, FollowPartitionsStacksAndNvmeControllers) {
     struct Case {
-        std::string machine;
-        std::string deviceName;
+        std::string machine, deviceName;
         std::vector<std::string> candidates;
     };
     const std::vector<Case> cases = {
@@ -130,8 +129,7 @@ TEST_F(HelperPipelineTest, TriesTheCandidatesUntilOneAnswerIsUsable) {
     struct Case {
         std::string name;
         Answer partition, disk;
-        bool data;
-        bool asleep;
+        bool data, asleep;
         int connections;  // made over the whole fetch: a dropped connection is made afresh
         std::optional<F> helperFailure;
     };

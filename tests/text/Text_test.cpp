@@ -310,9 +310,7 @@ TEST(Trim, WhiteSpaceAndLineBreaksOfAnyScriptButNeverIllFormedBytes) {
 
 TEST(TerminalText, ControlCharactersShowAsVisibleEscapesAndNothingElseChanges) {
     struct Case {
-        std::string bytes;
-        std::string text;   // terminalText
-        std::string lines;  // terminalLines
+        std::string bytes, text, lines;  // text: terminalText's, lines: terminalLines'
     };
     const std::vector<Case> cases = {
         {"Samsung SSD 980 标题 € \U0001F468", "Samsung SSD 980 标题 € \U0001F468", "Samsung SSD 980 标题 € \U0001F468"},

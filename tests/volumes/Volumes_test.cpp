@@ -234,8 +234,7 @@ TEST(LinkCeiling, CeilingAndShareTextsInBothLanguages) {
         std::string lang;
         LinkCeiling link;
         double measured;
-        std::optional<std::string> ceiling;
-        std::optional<std::string> share;
+        std::optional<std::string> ceiling, share;
     };
     const LinkCeiling usb2{UsbLink{480 * M, std::nullopt}};
     const std::vector<Case> cases{
