@@ -166,5 +166,92 @@ TEST(HostileClients, OneUserCannotKeepAnotherOut) {
     EXPECT_EQ(kindOf(held.back()->ask(versionFrame())), "version");
 }
 
+TEST(HelperFrames, AnnounceTheirLengthBigEndianAndRefuseMoreThanTheirCap) {
+    EXPECT_EQ(protocol::framed("{}"), std::string("\0\0\0\x02{}", 6));
+    struct Case {
+        unsigned char header[protocol::kFrameHeaderBytes];
+        std::size_t cap;
+        std::optional<std::size_t> length;
+    };
+    const std::vector<Case> cases = {
+        {{0, 0, 0, 0}, protocol::kMaximumFrameBytes, 0},
+        {{0, 0x80, 0, 0}, protocol::kMaximumFrameBytes, protocol::kMaximumFrameBytes},
+        {{0, 0x80, 0, 1}, protocol::kMaximumFrameBytes, std::nullopt},
+        {{0xFF, 0xFF, 0xFF, 0xFF}, protocol::kMaximumFrameBytes, std::nullopt},
+        {{0, 0, 0x10, 0}, protocol::kMaximumRequestBytes, protocol::kMaximumRequestBytes},
+        {{0, 0, 0x10, 1}, protocol::kMaximumRequestBytes, std::nullopt},
+    };
+    for (const auto& c : cases) EXPECT_EQ(protocol::payloadLength(c.header, c.cap), c.length);
+}
+
+// What a payload parses into: "version", "fetch <device>", "error <code>", or "nothing".
+std::string parsedAs(const std::string& payload) {
+    const auto parsed = protocol::parsedRequest(payload);
+    if (!parsed) return "nothing";
+    if (const auto* error = std::get_if<protocol::HelperError>(&*parsed)) {
+        EXPECT_EQ(error->domain, protocol::kHelperErrorDomain);
+        EXPECT_FALSE(error->description.empty());
+        return "error " + std::to_string(error->code);
+    }
+    const auto* fetch = std::get_if<protocol::FetchRequest>(&std::get<protocol::Request>(*parsed));
+    return fetch ? "fetch " + fetch->deviceName : "version";
+}
+
+TEST(HelperRequests, ParseIntoRequestsErrorsOrNothing) {
+    const std::string padded = R"({"method":"helperVersion","x":")";
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {protocol::encodedRequest(protocol::FetchRequest{"sda"}), "fetch sda"},
+        {protocol::encodedRequest(protocol::VersionRequest{}), "version"},
+        // As deep (an object and seven arrays) and as long as allowed, then one more.
+        {R"({"method":"helperVersion","x":[[[[[[[1]]]]]]]})", "version"},
+        {R"({"method":"helperVersion","x":[[[[[[[[1]]]]]]]]})", "nothing"},
+        {R"({"method":"helperVersion","x":{"a":{"a":{"a":{"a":{"a":{"a":{"a":{}}}}}}}}})", "nothing"},
+        {padded + std::string(protocol::kMaximumRequestBytes - 33, 'x') + "\"}", "version"},
+        {padded + std::string(protocol::kMaximumRequestBytes - 32, 'x') + "\"}", "nothing"},
+        {"[1,2]", "nothing"},
+        {"{\"method\":", "nothing"},
+        {"", "nothing"},
+        {"{}", "error 1"},
+        {R"({"method":7})", "error 1"},
+        {R"({"method":"fetchSmartData","device":["sda"]})", "error 1"},
+        {R"({"method":"runCommand","argv":["rm"]})", "error 2"},
+    };
+    for (const auto& [payload, outcome] : cases) EXPECT_EQ(parsedAs(payload), outcome) << payload;
+}
+
+TEST(HelperReplies, CarryTheArchivedResultAndDecodeOnlyCompleteRecords) {
+    const SmartctlExecutionResult result{std::string("{\"a\":1}\n\xff", 9), "smartctl --json -a -n standby /dev/sda",
+                                         "warning", 4};
+    const std::vector<protocol::Reply> replies = {
+        protocol::Reply(result), protocol::Reply(protocol::VersionReply{"0.1.0"}),
+        protocol::Reply(protocol::helperError(HelperFailure::timedOut, "too slow"))};
+    for (const auto& reply : replies) EXPECT_EQ(protocol::parsedReply(protocol::encodedReply(reply)), reply);
+
+    // Archived records as a peer might send them: "terminationStatus" may be left out (then 0);
+    // the three other members are required, with their types.
+    const std::string data = "\"jsonData\":\"e30=\",\"commandDescription\":\"c\",\"standardError\":\"\"";
+    struct Case {
+        std::string record;
+        std::optional<std::int32_t> status;  // nothing: the record does not decode
+    };
+    const std::vector<Case> cases = {
+        {"{" + data + "}", 0},
+        {"{" + data + ",\"terminationStatus\":-1}", -1},
+        {"{" + data + ",\"terminationStatus\":2147483648}", std::nullopt},
+        {R"({"commandDescription":"c","standardError":""})", std::nullopt},
+        {R"({"jsonData":"{}","commandDescription":"c","standardError":""})", std::nullopt},
+    };
+    for (const auto& c : cases) {
+        const auto expected = c.status
+                                  ? std::optional<protocol::Reply>(SmartctlExecutionResult{"{}", "c", "", *c.status})
+                                  : std::nullopt;
+        EXPECT_EQ(protocol::parsedReply("{\"result\":" + c.record + "}"), expected) << c.record;
+    }
+    for (const std::string bad :
+         {"{}", R"({"error":{"code":1}})", R"({"error":{"domain":"d","code":"1"}})", "[]", "x"}) {
+        EXPECT_FALSE(protocol::parsedReply(bad).has_value()) << bad;
+    }
+}
+
 }  // namespace
 }  // namespace vantorix::testing
