@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <fstream>
-#include <iterator>
 #include <vector>
 
 #include "platform/linux/IoUringQueuedFile.h"
@@ -19,7 +18,7 @@ using Direction = QueuedJob::Direction;
 
 constexpr std::uint64_t kSpan = 4 << 20;
 constexpr std::uint64_t kTail = 1 << 20;  // past the span: must never be written
-constexpr unsigned char kSentinel = 0xA5;
+constexpr char kSentinel = static_cast<char>(0xA5);
 
 // A folder under /var/tmp, which sits on a disk file system that takes direct I/O (tmpfs /tmp
 // would not test the real thing).
@@ -30,7 +29,7 @@ protected:
         path_ = folder_.string() + "/data";
         std::ofstream out(path_, std::ios::binary);
         out.seekp(static_cast<std::streamoff>(kSpan));
-        const std::vector<char> tail(kTail, static_cast<char>(kSentinel));
+        const std::vector<char> tail(kTail, kSentinel);
         out.write(tail.data(), static_cast<std::streamsize>(tail.size()));
         out.close();
         auto file = openIoUringQueuedFile(path_);
@@ -39,16 +38,13 @@ protected:
         return file ? std::move(file).value() : nullptr;
     }
 
-    std::vector<unsigned char> contents() const {
-        std::ifstream in(path_, std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-    }
+    std::string contents() const { return testing::fileContents(path_); }
 
     // The file kept its size and its tail.
     void expectTailUntouched() const {
         const auto bytes = contents();
         ASSERT_EQ(bytes.size(), kSpan + kTail);
-        EXPECT_TRUE(std::all_of(bytes.begin() + kSpan, bytes.end(), [](unsigned char b) { return b == kSentinel; }));
+        EXPECT_TRUE(std::all_of(bytes.begin() + kSpan, bytes.end(), [](char b) { return b == kSentinel; }));
     }
 
     // How many `blockSize` blocks of the span hold something other than zeros.
@@ -58,7 +54,7 @@ protected:
         for (std::uint64_t at = 0; at < kSpan; at += blockSize) {
             const auto begin = bytes.begin() + static_cast<std::ptrdiff_t>(at);
             const auto end = begin + static_cast<std::ptrdiff_t>(blockSize);
-            written += std::any_of(begin, end, [](unsigned char b) { return b != 0; });
+            written += std::any_of(begin, end, [](char b) { return b != 0; });
         }
         return written;
     }
