@@ -13,7 +13,6 @@ namespace vantorix::testing {
 class SubstituteHelperService final : public HelperService {
 public:
     struct Script {
-        HelperServiceBackend backend = HelperServiceBackend::systemd;
         std::optional<std::string> definitionPath = "/usr/lib/systemd/system/vantorix-smartctl-helper.socket";
         HelperExecutable helperExecutable{"/usr/libexec/vantorix/vantorix-smartctl-helper", true};
         HelperServiceState state = HelperServiceState::notEnabled;
@@ -24,13 +23,10 @@ public:
         // Outcome of disable(): nothing for success, which sets the state to notEnabled; a failure
         // changes nothing.
         std::optional<HelperServiceError> disableError{};
-        std::string socketPath = "/run/vantorix/smartctl-helper.sock";
     };
 
     struct Calls {
-        int stateReads = 0;
-        int enables = 0;
-        int disables = 0;
+        int stateReads = 0, enables = 0, disables = 0;
     };
 
     explicit SubstituteHelperService(Script script) : script_(std::move(script)) {}
@@ -40,10 +36,7 @@ public:
         return calls_;
     }
 
-    HelperServiceBackend backend() const override {
-        std::lock_guard lock(mutex_);
-        return script_.backend;
-    }
+    HelperServiceBackend backend() const override { return HelperServiceBackend::systemd; }
     std::string mechanism() const override { return "substitute helper service"; }
     std::string definitionName() const override { return "the substitute unit file"; }
     std::optional<std::string> definitionPath() override {
@@ -74,10 +67,7 @@ public:
         script_.state = HelperServiceState::notEnabled;
         return Unit{};
     }
-    std::string socketPath() override {
-        std::lock_guard lock(mutex_);
-        return script_.socketPath;
-    }
+    std::string socketPath() override { return "/run/vantorix/smartctl-helper.sock"; }
 
 private:
     mutable std::mutex mutex_;
