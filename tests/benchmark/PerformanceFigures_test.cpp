@@ -5,9 +5,9 @@
 #include "benchmark/PerformanceReport.h"
 #include "benchmark/ProgressTracker.h"
 #include "platform/linux/PosixFileSystem.h"
-#include "support/TemporaryFolder.h"
 #include "support/ManualMainExecutor.h"
 #include "support/ScopedEnvironment.h"
+#include "support/TemporaryFolder.h"
 #include "text/Formats.h"
 
 #include <gtest/gtest.h>
@@ -161,12 +161,9 @@ DiskVolumeDescriptor fixedVolume() {
     volume.totalCapacityBytes = 2'000'398'934'016ULL;
     volume.availableCapacityBytes = 1'234'567'890'123ULL;
     volume.hardwareVendor = "SanDisk";
-    DiskSMARTInfo smart;
-    smart.overallStatus = "PASSED";
-    smart.isCapable = true;
-    smart.details = {{Uuid::make(), "temperature.current", "Temperature", "35 °C"},
-                     {Uuid::make(), "power_on_time.hours", "Power-on <hours>", "1234"}};
-    volume.smartInfo = smart;
+    const std::vector<DiskSMARTInfo::Detail> rows{{Uuid::make(), "temperature.current", "Temperature", "35 °C"},
+                                                  {Uuid::make(), "power_on_time.hours", "Power-on <hours>", "1234"}};
+    volume.smartInfo = DiskSMARTInfo{"PASSED", true, rows, std::nullopt};
     return volume;
 }
 
