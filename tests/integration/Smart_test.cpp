@@ -43,12 +43,8 @@ TEST(HelperActivation, SocketActivatedDaemonAnswersAndLeavesWhenIdle) {
     auto activator = RunningProcess::start(
         {kSocketActivate, "-l", socket, VANTORIX_HELPER_PATH, "--smartctl", standIn->path(), "--exit-idle-ms", "500"});
     ASSERT_TRUE(eventually([&] { return fs::exists(socket); }));
+    // Its version reply is read by the helper commands' test.
     auto client = std::make_unique<HelperClient>(socket);
-
-    const auto version = client->ask(versionFrame());
-    ASSERT_TRUE(version && std::holds_alternative<protocol::VersionReply>(*version));
-    EXPECT_EQ(std::get<protocol::VersionReply>(*version).version + "\n",
-              runProcess({VANTORIX_HELPER_PATH, "--version"}).out);
     const auto reply = client->ask(fetchFrame(rootDiskName()));
     ASSERT_NE(result(reply), nullptr);
     EXPECT_EQ(result(reply)->jsonData, fileContents(kHelperFixture));
