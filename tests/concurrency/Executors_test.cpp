@@ -30,12 +30,10 @@ using testing::waitFor;
 using Log = std::vector<std::string>;
 
 TEST(SerialQueue, RunsItemsOneAtATimeKeepingEachProducersOrder) {
-    constexpr int kProducers = 4;
-    constexpr int kItems = 2000;
+    constexpr int kProducers = 4, kItems = 2000;
     SerialQueue queue("com.vantorix.test.order", QualityOfService::utility);
     std::vector<std::pair<int, int>> seen;  // touched on the queue only
-    std::atomic<int> running{0};
-    std::atomic<int> overlaps{0};
+    std::atomic<int> running{0}, overlaps{0};
     testing::postFromThreads(kProducers, kItems, [&](int p, int i) {
         queue.async([&, p, i] {
             if (running.fetch_add(1) != 0) overlaps.fetch_add(1);

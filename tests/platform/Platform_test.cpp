@@ -125,8 +125,7 @@ TEST(SysfsBlockDevices, ThunderboltAndMemoryCards) {
         tree.link(std::string("class/block/") + name, dir + "/block/" + name);
     }
     SysfsBlockDevices devices(tree.root());
-    const auto thunderbolt = devices.device("sdt");
-    const auto memoryCard = devices.device("mmcblk0");
+    const auto thunderbolt = devices.device("sdt"), memoryCard = devices.device("mmcblk0");
     ASSERT_TRUE(thunderbolt.ok() && memoryCard.ok());
     EXPECT_EQ(thunderbolt->attachment.bus, BusKind::thunderbolt);
     EXPECT_EQ(thunderbolt->attachment.thunderboltGeneration, 3u);
@@ -341,8 +340,7 @@ TEST(SystemdHelperService, MapsUnitStatesAndEnablesThroughSystemctlOrPkexec) {
 }
 
 TEST(XdgFolders, DownloadsFollowTheUserDirectoriesThenHomeThenTheTemporaryFolder) {
-    testing::TemporaryFolder home;
-    testing::TemporaryFolder elsewhere;
+    testing::TemporaryFolder home, elsewhere;
     testing::ScopedEnvironment environment{{"HOME", home.string()},
                                            {"XDG_CONFIG_HOME", std::nullopt},
                                            {"XDG_DOWNLOAD_DIR", std::nullopt},

@@ -33,10 +33,8 @@ public:
 private:
     LoopVolume() = default;
     TemporaryFolder folder_;
-    std::string device_;
-    std::string mountPoint_;
-    bool mounted_ = false;
-    bool attached_ = false;
+    std::string device_, mountPoint_;
+    bool mounted_ = false, attached_ = false;
 };
 
 }  // namespace vantorix::testing

@@ -83,8 +83,7 @@ private:
     }
     SmartctlStandIn() = default;
     TemporaryFolder folder_;
-    std::string path_;
-    std::string log_;
+    std::string path_, log_;
 };
 
 }  // namespace vantorix::testing

@@ -37,8 +37,7 @@ struct ScopedLocale {
     explicit ScopedLocale(const std::string& lcAll) : environment{{"LANGUAGE", std::nullopt}, {"LC_ALL", lcAll}} {}
     ScopedEnvironment environment;
 };
-const std::string kEnglish = "en_US.UTF-8";
-const std::string kChinese = "zh_CN.UTF-8";
+const std::string kEnglish = "en_US.UTF-8", kChinese = "zh_CN.UTF-8";
 
 TEST(ByteCountText, UnitChoiceRoundingAndCarry) {
     struct Case {
