@@ -173,13 +173,9 @@ TEST(MonitorMetrics, SpeedsAndRatesOverTheLastSecond) {
 
 // Sample number n (kept in readOperations), with byte counts large enough that any two make a
 // sum past 2^64.
+constexpr std::uint64_t kBig = std::numeric_limits<std::uint64_t>::max() / 2 + 3;
 DiskSample sample(std::uint64_t n) {
-    constexpr std::uint64_t big = std::numeric_limits<std::uint64_t>::max() / 2 + 3;
-    return DiskSample{Uuid::make(), std::chrono::system_clock::now(), big * n, big + n, n, 2 * n, {}};
-}
-
-void enqueue(AggregationCoordinator& coordinator, const DiskSample& s) {
-    coordinator.enqueue(s, s.readBytes, s.writeBytes);
+    return DiskSample{Uuid::make(), std::chrono::system_clock::now(), kBig * n, kBig + n, n, 2 * n, {}};
 }
 
 // Checks each payload as it arrives: on the coordinator's queue, not empty, sums (modulo 2^64) and
@@ -234,7 +230,7 @@ TEST(AggregationCoordinator, DeliversWhatIsPendingWhenAskedTo) {
                 case stopDiscarding: coordinator->stop(false); break;
                 case reset: coordinator->reset(); break;
                 case start: coordinator->start(); break;
-                default: enqueue(*coordinator, sample(step));
+                default: coordinator->enqueue(sample(step), step * kBig, kBig + step);
             }
         }
         coordinator->queue().sync([] {});
