@@ -96,9 +96,6 @@ TEST(Feedback, ValidationReportsTheFirstFailure) {
         EXPECT_EQ(validationMessage(FeedbackForm{FeedbackType::other, c.title, c.content, c.email}), c.message)
             << c.title << " / " << c.content.size() << " / " << c.email;
     }
-    testing::ScopedLanguage chinese(zh);
-    EXPECT_EQ(validationMessage(FeedbackForm{FeedbackType::other, "abcde", "x", ""}), "内容长度需 20–2000");
-    EXPECT_EQ(validationMessage(FeedbackForm{FeedbackType::other, "abcde", body, "x@y"}), "邮箱格式不正确");
 }
 
 // None of these is accepted; an accepted submission, in both languages, is the feedback window's test.
