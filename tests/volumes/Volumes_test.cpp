@@ -43,7 +43,7 @@ public:
 // How each kind of attachment reads to people, beyond the kinds the sysfs fixtures hold (FixtureAttachments).
 TEST(DiskVolumeResolver, ConnectionOfEachBus) {
     testing::ScopedLanguage english("en_US.UTF-8");
-    const auto attached = [](BusKind bus, std::optional<LinkState> link = std::nullopt) {
+    const auto attached = [](BusKind bus, std::optional<LinkState> link = {}) {
         BlockAttachment attachment;
         attachment.bus = bus;
         attachment.link = std::move(link);
@@ -60,14 +60,13 @@ TEST(DiskVolumeResolver, ConnectionOfEachBus) {
     unknownWithVendor.vendor = "Acme";
     const std::vector<std::pair<BlockAttachment, Metadata>> cases{
         {numbered, {"USB 3.0", "5Gbps", "0x1234", "0x00AB"}},
-        {attached(BusKind::usb, LinkState{"1.5", std::nullopt}), {"USB 1.0", "1.5Mbps", std::nullopt, std::nullopt}},
-        {attached(BusKind::usb, LinkState{"20000", std::nullopt}),
-         {"USB 3.2 Gen2x2", "20Gbps", std::nullopt, std::nullopt}},
-        {thunderbolt, {"Thunderbolt 3", "40Gbps", std::nullopt, std::nullopt}},
-        {attached(BusKind::thunderbolt), {"Thunderbolt", std::nullopt, std::nullopt, std::nullopt}},
-        {fabric, {"NVMe over TCP", std::nullopt, std::nullopt, std::nullopt}},
-        {attached(BusKind::mmc), {"SD/MMC", std::nullopt, std::nullopt, std::nullopt}},
-        {unknownWithVendor, {"Unknown", std::nullopt, "Acme", std::nullopt}},
+        {attached(BusKind::usb, LinkState{"1.5", {}}), {"USB 1.0", "1.5Mbps", {}, {}}},
+        {attached(BusKind::usb, LinkState{"20000", {}}), {"USB 3.2 Gen2x2", "20Gbps", {}, {}}},
+        {thunderbolt, {"Thunderbolt 3", "40Gbps", {}, {}}},
+        {attached(BusKind::thunderbolt), {"Thunderbolt", {}, {}, {}}},
+        {fabric, {"NVMe over TCP", {}, {}, {}}},
+        {attached(BusKind::mmc), {"SD/MMC", {}, {}, {}}},
+        {unknownWithVendor, {"Unknown", {}, "Acme", {}}},
     };
     for (const auto& [attachment, expected] : cases) {
         SCOPED_TRACE(expected.type);
