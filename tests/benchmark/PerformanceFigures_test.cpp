@@ -327,7 +327,7 @@ TEST(DiskPerformanceTester, SuccessfulRunsPublishTheResultRemoveTheFilesAndWrite
 
         // Two files, and nothing left behind.
         EXPECT_EQ(h.files->everCreated().size(), 2U);
-        EXPECT_TRUE(h.files->existingFiles().empty());
+        EXPECT_FALSE(h.files->holdsFiles());
         EXPECT_TRUE(h.tester->temporaryFiles().empty());
 
         const auto opens = h.files->opens();
@@ -403,7 +403,7 @@ TEST(DiskPerformanceTester, FailuresNameTheirCauseAndLeaveNothingBehind) {
         // A failure leaves no result and no report; no run leaves a file.
         EXPECT_EQ(h.tester->state().lastResult.has_value(), *c.message == '\0');
         EXPECT_EQ(h.files->reports().size(), *c.message == '\0' ? 1U : 0U);
-        EXPECT_TRUE(h.files->existingFiles().empty());
+        EXPECT_FALSE(h.files->holdsFiles());
         EXPECT_TRUE(h.tester->temporaryFiles().empty());
         EXPECT_TRUE(!h.files->refuseDirect || h.files->opens().empty());  // no buffered fallback
     }
@@ -445,7 +445,7 @@ TEST(DiskPerformanceTester, ARunStartedRightAfterAStopUsesTheSpaceTheStoppedRunG
     h.runToEnd();
     EXPECT_TRUE(restarted);
     EXPECT_TRUE(h.tester->state().lastResult) << h.tester->state().errorMessage.value_or("");
-    EXPECT_TRUE(h.files->existingFiles().empty());
+    EXPECT_FALSE(h.files->holdsFiles());
     EXPECT_TRUE(h.tester->temporaryFiles().empty());
     EXPECT_EQ(h.files->reports().size(), 1U);
 }
@@ -475,7 +475,7 @@ TEST(DiskPerformanceTester, QueueDepthTestLaysOutTheFileThenReadsAndWritesEachPr
         EXPECT_FALSE(jobs[i].byteLimit);
         EXPECT_EQ(jobs[i].duration, std::chrono::milliseconds(20));
     }
-    EXPECT_TRUE(h.files->existingFiles().empty());
+    EXPECT_FALSE(h.files->holdsFiles());
 }
 
 }  // namespace
