@@ -96,9 +96,8 @@ TEST(SerialQueue, DestructionFinishesQueuedWorkAndWhatItEnqueues) {
 
 TEST(Task, DroppingOrReplacingTheHandleCancelsWithoutWaiting) {
     struct Shared {
-        std::atomic<int> cancelsSeen{0};
+        std::atomic<int> cancelsSeen{0}, finished{0};
         std::atomic<bool> mayFinish{false};
-        std::atomic<int> finished{0};
     };
     auto shared = std::make_shared<Shared>();
     const auto body = [shared](const CancellationToken& token) {
