@@ -30,17 +30,20 @@ public:
     const std::filesystem::path& path() const { return path_; }
     std::string string() const { return path_.string(); }
 
-    // The names in the folder (hidden ones included).
-    std::set<std::string> names() const {
-        std::set<std::string> found;
-        for (const auto& entry : std::filesystem::directory_iterator(path_))
-            found.insert(entry.path().filename().string());
-        return found;
-    }
+    std::set<std::string> names() const;  // as namesIn() gives them
 
 private:
     std::filesystem::path path_;
 };
+
+// The names in a folder (hidden ones included).
+inline std::set<std::string> namesIn(const std::filesystem::path& folder) {
+    std::set<std::string> found;
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+        found.insert(entry.path().filename().string());
+    return found;
+}
+inline std::set<std::string> TemporaryFolder::names() const { return namesIn(path_); }
 
 inline std::string fileContents(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);
