@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
@@ -8,11 +7,11 @@
 
 #include <atomic>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <thread>
 
 #include "integration/HelperTestClient.h"
@@ -31,17 +30,6 @@ using ::testing::HasSubstr;
 using json = nlohmann::json;
 using testing::LoopVolume;
 using testing::RunningProcess;
-
-// Overwrites the file in place with O_DIRECT, so the device sees the data and almost nothing else.
-void overwriteDirect(const std::string& path, std::size_t bytes, std::size_t offset) {
-    const int fd = ::open(path.c_str(), O_WRONLY | O_DIRECT);
-    ASSERT_GE(fd, 0);
-    void* buffer = std::aligned_alloc(4096, bytes);
-    std::memset(buffer, 0x5a, bytes);
-    EXPECT_EQ(::pwrite(fd, buffer, bytes, static_cast<off_t>(offset)), static_cast<ssize_t>(bytes));
-    std::free(buffer);
-    ::close(fd);
-}
 
 // A loop volume whose label, mount point and folder are bytes that are not UTF-8, and whose "drive"
 // is the real helper running a smartctl stand-in that prints a saved NVMe answer with exit status 4
@@ -236,7 +224,7 @@ TEST_F(LiveVolume, ExporterPrometheusSeesTheBytesWrittenAndBurstsAboveItsOneSeco
     const double before = now();
     const auto start = std::chrono::steady_clock::now();
     for (std::size_t i = 0; i < kBursts; ++i) {
-        overwriteDirect(file, kBurst, i * kBurst);
+        ASSERT_TRUE(testing::writeDirect(file, kBurst >> 20U, i * kBurst));
         std::this_thread::sleep_until(start + static_cast<int>(i + 1) * 2500ms);
     }
     ASSERT_TRUE(testing::eventually(settled, 60s));
@@ -334,12 +322,9 @@ protected:
     }
 
     // The names in the volume's root other than lost+found.
-    std::vector<std::string> rootEntries() const {
-        std::vector<std::string> names;
-        for (const auto& entry : fs::directory_iterator(volume_->mountPoint())) {
-            if (entry.path().filename() != "lost+found") names.push_back(entry.path().filename());
-        }
-        std::sort(names.begin(), names.end());
+    std::set<std::string> rootEntries() const {
+        auto names = testing::namesIn(volume_->mountPoint());
+        names.erase("lost+found");
         return names;
     }
 
@@ -383,7 +368,7 @@ TEST_F(BenchmarkOnLoopVolume, EachModeRunsToItsFiguresAndLeavesOnlyTheReport) {
         // The report is the only file left, in the volume's root, and the run says where.
         const fs::path report = result["reportPath"].get<std::string>();
         EXPECT_EQ(report.parent_path(), fs::path(volume_->mountPoint()));
-        EXPECT_EQ(rootEntries(), std::vector<std::string>{report.filename()});
+        EXPECT_EQ(rootEntries(), std::set<std::string>{report.filename()});
         EXPECT_NE(run.err.find(report.string()), std::string::npos) << run.err;
         fs::remove(report);
         if (mode == "--profile=deep") {  // on io_uring
@@ -476,7 +461,7 @@ TEST_F(BenchmarkOnLoopVolume, EverySignalStopsTheCommandAndRemovesItsFiles) {
             run->signal(signal);
         }
         EXPECT_EQ(run->waitForExit(60s), 128 + signal);
-        EXPECT_EQ(rootEntries(), std::vector<std::string>{});
+        EXPECT_EQ(rootEntries(), std::set<std::string>{});
     }
 }
 
