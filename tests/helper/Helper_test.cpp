@@ -73,9 +73,7 @@ TEST(HelperDeviceNames, AcceptsOnlyBareKernelNamesOfDeviceNodesMatchingSysfs) {
     EXPECT_EQ(refusal("sdg", roots), notFound);
     for (const auto& c : cases) {
         EXPECT_EQ(refusal(c.name, roots), c.refusal) << c.name;
-        if (!c.refusal) {
-            EXPECT_EQ(*helper::validatedDevicePath(c.name, roots), roots.dev + "/" + c.name);
-        }
+        EXPECT_TRUE(c.refusal || *helper::validatedDevicePath(c.name, roots) == roots.dev + "/" + c.name) << c.name;
     }
 }
 

@@ -226,9 +226,7 @@ TEST(SmartmontoolsBridge, InterpretsAResultOrLogsWhyItCannot) {
         const auto info = interpretResult(SmartctlExecutionResult{text, "smartctl -j -a /dev/sdc", "", 64}, "sdc");
         EXPECT_EQ(info.has_value(), usable) << text;
         EXPECT_EQ(capture.messages(kBridgeLogCategory, log::Level::error).empty(), usable) << text;
-        if (info) {
-            EXPECT_EQ(info->sourceCommand, "smartctl -j -a /dev/sdc");
-        }
+        EXPECT_TRUE(!info || info->sourceCommand == "smartctl -j -a /dev/sdc") << text;
     }
     // Bytes that are not UTF-8 (broken USB bridges) become U+FFFD; the rest is still read.
     const auto repaired = interpretResult(SmartctlExecutionResult{"{\"model_name\": \"WD\xff\xc3\"}", "c", "", 0},
