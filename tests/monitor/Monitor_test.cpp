@@ -326,9 +326,6 @@ protected:
         return fetch_->times.size();
     }
     bool runUntil(const std::function<bool()>& done) { return main_->runUntil(done, 10s); }
-    bool runUntilRounds(std::size_t count) {
-        return runUntil([&] { return rounds_.size() >= count; });
-    }
 
     std::shared_ptr<ManualMainExecutor> main_ = std::make_shared<ManualMainExecutor>();
     std::shared_ptr<ScriptedFetch> fetch_ = std::make_shared<ScriptedFetch>();
@@ -348,7 +345,7 @@ TEST_F(SmartRefreshTest, RoundsPublishOnlyWhatDiffersFieldByField) {
     const std::vector<Round> expected{Round::published, Round::identical, Round::published, Round::published,
                                       Round::identical, Round::published, Round::kept};
     select("fake0");
-    ASSERT_TRUE(runUntilRounds(expected.size()));
+    ASSERT_TRUE(runUntil([&] { return rounds_.size() >= expected.size(); }));
     std::vector<Round> seen;
     for (std::size_t i = 0; i < expected.size(); ++i) seen.push_back(rounds_[i].second);
     EXPECT_THAT(seen, ElementsAreArray(expected));
@@ -363,7 +360,7 @@ TEST_F(SmartRefreshTest, ALineEveryRoundRepeatsReachesTheLogOnceUntilItChanges) 
     const log::Capture capture;
     fetch_->lines = {"no SMART", "no SMART", "no SMART", "helper gone", "no SMART", "no SMART"};
     select("fake0");
-    ASSERT_TRUE(runUntilRounds(8));
+    ASSERT_TRUE(runUntil([&] { return rounds_.size() >= 8; }));
     EXPECT_THAT(capture.messages("ScriptedFetch", log::Level::error),
                 ::testing::ElementsAre("no SMART", "helper gone", "no SMART"));
     EXPECT_GE(capture.messages("ScriptedFetch", log::Level::debug).size(), 5u);
@@ -375,14 +372,14 @@ TEST_F(SmartRefreshTest, ReselectionCancelsTheOldTaskStaleResultsAreDiscardedAnd
     ASSERT_TRUE(runUntil([&] { return calls() > 0; }));
     script({outcome(info("PASSED"))});
     select("fake1");
-    ASSERT_TRUE(runUntilRounds(2));
+    ASSERT_TRUE(runUntil([&] { return rounds_.size() >= 2; }));
     for (const auto& [name, round] : rounds_) EXPECT_EQ(name, "fake1");
 
     // Paused, as during a performance test, rounds fetch nothing and the data stay.
     refresh_->setPaused(true);
     ASSERT_TRUE(runUntil([&] { return rounds_.back().second == Round::paused; }));
-    const std::size_t fetched = calls();
-    ASSERT_TRUE(runUntilRounds(rounds_.size() + 3));
+    const std::size_t fetched = calls(), rounds = rounds_.size();
+    ASSERT_TRUE(runUntil([&] { return rounds_.size() >= rounds + 3; }));
     EXPECT_EQ(calls(), fetched);
     EXPECT_EQ(rounds_.back().second, Round::paused);
     EXPECT_TRUE(monitor_->state().selectedVolume->smartInfo.has_value());
