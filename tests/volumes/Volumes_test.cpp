@@ -140,14 +140,13 @@ TEST(FixtureAttachments, EveryDeviceOfEveryTreeReadsAsRecorded) {
                     {"type", connection.type},
                     {"speed", optionalText(connection.speed)},
                     {"vendor", optionalText(connection.vendor)},
-                    {"model", optionalText(connection.product)}};
+                    {"model", optionalText(connection.product)},
+                    {"link", nullptr}};
         if (const auto link = DiskVolumeResolver::linkCeiling(attachment)) {
             actual["link"] = linkDescription(*link);
             const auto ceiling = ceilingBytesPerSecond(*link);
             actual["ceiling"] = ceiling ? json(*ceiling) : json(nullptr);
             actual["slowLink"] = slowLinkWarning(*link).has_value();
-        } else {
-            actual["link"] = nullptr;
         }
         auto file = devices.openStatistics(name);
         if (file.ok()) {
