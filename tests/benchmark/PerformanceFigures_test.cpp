@@ -214,16 +214,14 @@ TEST(PerformanceReport, MatchesTheExpectedDocumentsInBothLanguages) {
     }
 }
 
-// An empty timeline is the queue-depth documents'.
-TEST(PerformanceReport, ChartOfASingleSample) {
+// An empty timeline is the queue-depth documents'; SMART details, the standard ones'.
+TEST(PerformanceReport, ChartOfASingleSampleAndSmartSectionsWithoutDetails) {
     const auto labels = report::ChartLabels{"T", "B", "W", "R", "None", "Chart"};
     // A single sample (a phase shorter than a second) sits at the plot's top left corner.
     const std::string one = report::chartSVG({sample(TimelineSample::Phase::sequentialRead, 12, 5e8)}, labels);
     EXPECT_NE(one.find("<polyline points=\"50.00,50.00\" fill=\"none\" stroke=\"#38bdf8\""), std::string::npos);
     EXPECT_EQ(one.find("#f97316\" stroke-width"), std::string::npos);
-}
 
-TEST(PerformanceReport, SmartSectionWithoutDetails) {
     testing::ScopedLanguage language("en_US.UTF-8");
     EXPECT_NE(report::smartSection(std::nullopt).find("<p>No SMART information was provided.</p>"), std::string::npos);
     const std::string bare = report::smartSection(DiskSMARTInfo{std::nullopt, false, {}, std::nullopt});

@@ -37,7 +37,7 @@ std::vector<std::string> interpretedRows(const std::string& text) {
     return info ? rowTexts(info->details) : std::vector<std::string>{"<nothing>"};
 }
 
-TEST(SmartctlJSONInterpreter, DerivesTheOverallStatus) {
+TEST(SmartctlJSONInterpreter, DerivesTheOverallStatusAndTheCapability) {
     const std::vector<std::pair<std::string, std::optional<std::string>>> cases = {
         {R"({"smart_status": {"passed": true}})", "PASSED"},
         {R"({"smart_status": {"passed": false, "string": " Drive failing \n"}})", " Drive failing \n"},
@@ -49,10 +49,8 @@ TEST(SmartctlJSONInterpreter, DerivesTheOverallStatus) {
         {R"({})", std::nullopt},
     };
     for (const auto& [text, expected] : cases) EXPECT_EQ(overallStatus(json::parse(text), true), expected) << text;
-}
-
-TEST(SmartctlJSONInterpreter, DerivesTheCapabilityFromTheFirstBoolean) {
-    const std::vector<std::pair<std::string, std::optional<bool>>> cases = {
+    // The capability is the first boolean found.
+    const std::vector<std::pair<std::string, std::optional<bool>>> capabilities = {
         {R"({"smart_support": {"available": true, "enabled": false}})", true},
         {R"({"smart_support": {"enabled": false}})", false},
         {R"({"smart_support": true})", std::nullopt},
@@ -60,7 +58,7 @@ TEST(SmartctlJSONInterpreter, DerivesTheCapabilityFromTheFirstBoolean) {
         {R"({"ata_smart_data": {"capabilities": {"smart_capable": true, "supports_smart": false}}})", true},
         {R"({})", std::nullopt},
     };
-    for (const auto& [text, expected] : cases) EXPECT_EQ(capability(json::parse(text)), expected) << text;
+    for (const auto& [text, expected] : capabilities) EXPECT_EQ(capability(json::parse(text)), expected) << text;
     // A capability alone is usable information.
     const auto capableOnly = interpret(json::parse(R"({"smart_support": {"available": false, "enabled": true}})"));
     ASSERT_TRUE(capableOnly);
