@@ -240,7 +240,7 @@ constexpr const char* kMountInfo =
     "33 27 notanumber / /bad rw - ext4 /dev/sdz rw\n"
     "34 27 8:1 / /nofields rw\n";
 
-TEST(MountInfo, FindsTheMountHoldingAPath) {
+TEST(MountInfo, FindsTheMountHoldingAPathAndEachBlockDevicesRootMount) {
     const auto entries = parseMountInfo(kMountInfo);
     EXPECT_EQ(entries.size(), 7u) << "lines without all their fields are passed over";
     EXPECT_EQ(entries[2].fileSystemType, "ext4");  // after two optional fields
@@ -264,9 +264,7 @@ TEST(MountInfo, FindsTheMountHoldingAPath) {
         EXPECT_EQ(mount->source, c.source);
     }
     EXPECT_FALSE(findMount(parseMountInfo(""), 254, 0, "/x"));
-}
 
-TEST(MountInfo, ListsEachBlockDeviceOnceByItsRootMount) {
     // A bind mount of a folder of vda listed first gives way to vda's root mount; tmpfs, proc and
     // overlay have no block device.
     const std::string text = "40 27 254:0 /srv/etc /etc/hosts rw - ext4 /dev/vda rw\n" + std::string(kMountInfo) +
