@@ -48,15 +48,14 @@ void PrintTo(const Variant& variant, std::ostream* out) {
     *out << variant.language << (variant.dark ? " dark" : " light");
 }
 
-std::string nameOf(const Variant& variant) {
-    return variant.language.substr(0, 2) + (variant.dark ? "-dark" : "-light") +
-           (qApp->devicePixelRatio() > 1.5 ? "@2x" : "");
-}
+// "enLight", "zhDark": the name of the test's variant and of its pictures.
+std::string nameOf(const Variant& variant) { return variant.language.substr(0, 2) + (variant.dark ? "Dark" : "Light"); }
 
 void screenshot(QWidget* widget, const Variant& variant, const std::string& what) {
     QDir().mkpath(QStringLiteral(VANTORIX_SCREENSHOT_DIR));
+    const std::string scale = qApp->devicePixelRatio() > 1.5 ? "@2x" : "";
     widget->grab().save(QString::fromStdString(std::string(VANTORIX_SCREENSHOT_DIR) + "/flow-" + what + "-" +
-                                               nameOf(variant) + ".png"));
+                                               nameOf(variant) + scale + ".png"));
 }
 
 bool waitFor(const std::function<bool()>& predicate, int milliseconds = 30000) {
@@ -218,9 +217,7 @@ TEST_P(DesktopFlow, ASessionOnALoopVolume) {
 INSTANTIATE_TEST_SUITE_P(LanguagesAndSchemes, DesktopFlow,
                          ::testing::Values(Variant{"en_US.UTF-8", false}, Variant{"en_US.UTF-8", true},
                                            Variant{"zh_CN.UTF-8", false}, Variant{"zh_CN.UTF-8", true}),
-                         [](const ::testing::TestParamInfo<Variant>& param) {
-                             return param.param.language.substr(0, 2) + (param.param.dark ? "Dark" : "Light");
-                         });
+                         [](const ::testing::TestParamInfo<Variant>& param) { return nameOf(param.param); });
 
 }  // namespace
 }  // namespace vantorix::app
