@@ -24,7 +24,7 @@ using namespace std::chrono;
 
 constexpr std::uint64_t GB = 1'000'000'000ULL;
 
-TEST(PayloadSizing, RuleAtItsBoundaries) {
+TEST(PayloadSizing, RuleAtItsBoundariesAndTheChoicesIds) {
     struct Case {
         DataSize size;
         std::optional<std::uint64_t> free;
@@ -50,10 +50,7 @@ TEST(PayloadSizing, RuleAtItsBoundaries) {
             EXPECT_FALSE(payload->isAdjusted);
         }
     }
-}
-
-// The ids are what the command line's JSON says; the titles are the pickers' (dashboard tests).
-TEST(PayloadSizing, ChoicesAndTheirIds) {
+    // The ids are what the command line's JSON says; the titles are the pickers' (dashboard tests).
     std::vector<std::string> ids;
     for (const auto& size : DataSize::allCases()) ids.push_back(size.id());
     EXPECT_EQ(ids, (std::vector<std::string>{"availableSpace", "gigabytes_1", "gigabytes_10", "gigabytes_100",

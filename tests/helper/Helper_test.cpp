@@ -164,7 +164,7 @@ TEST(HostileClients, OneUserCannotKeepAnotherOut) {
     EXPECT_EQ(kindOf(held.back()->ask(versionFrame())), "version");
 }
 
-TEST(HelperFrames, AnnounceTheirLengthBigEndianAndRefuseMoreThanTheirCap) {
+TEST(HelperFrames, AnnounceTheirLengthBigEndianRefuseMoreThanTheirCapAndCarryTheArchivedReplies) {
     EXPECT_EQ(protocol::framed("{}"), std::string("\0\0\0\x02{}", 6));
     struct Case {
         unsigned char header[protocol::kFrameHeaderBytes];
@@ -180,6 +180,37 @@ TEST(HelperFrames, AnnounceTheirLengthBigEndianAndRefuseMoreThanTheirCap) {
         {{0, 0, 0x10, 1}, protocol::kMaximumRequestBytes, std::nullopt},
     };
     for (const auto& c : cases) EXPECT_EQ(protocol::payloadLength(c.header, c.cap), c.length);
+    const SmartctlExecutionResult result{std::string("{\"a\":1}\n\xff", 9), "smartctl --json -a -n standby /dev/sda",
+                                         "warning", 4};
+    const std::vector<protocol::Reply> replies = {
+        protocol::Reply(result), protocol::Reply(protocol::VersionReply{"0.1.0"}),
+        protocol::Reply(protocol::helperError(HelperFailure::timedOut, "too slow"))};
+    for (const auto& reply : replies) EXPECT_EQ(protocol::parsedReply(protocol::encodedReply(reply)), reply);
+
+    // Archived records as a peer might send them: "terminationStatus" may be left out (then 0);
+    // the three other members are required, with their types.
+    const std::string data = "\"jsonData\":\"e30=\",\"commandDescription\":\"c\",\"standardError\":\"\"";
+    struct Record {
+        std::string record;
+        std::optional<std::int32_t> status;  // nothing: the record does not decode
+    };
+    const std::vector<Record> records = {
+        {"{" + data + "}", 0},
+        {"{" + data + ",\"terminationStatus\":-1}", -1},
+        {"{" + data + ",\"terminationStatus\":2147483648}", std::nullopt},
+        {R"({"commandDescription":"c","standardError":""})", std::nullopt},
+        {R"({"jsonData":"{}","commandDescription":"c","standardError":""})", std::nullopt},
+    };
+    for (const auto& c : records) {
+        const auto expected = c.status
+                                  ? std::optional<protocol::Reply>(SmartctlExecutionResult{"{}", "c", "", *c.status})
+                                  : std::nullopt;
+        EXPECT_EQ(protocol::parsedReply("{\"result\":" + c.record + "}"), expected) << c.record;
+    }
+    for (const std::string bad :
+         {"{}", R"({"error":{"code":1}})", R"({"error":{"domain":"d","code":"1"}})", "[]", "x"}) {
+        EXPECT_FALSE(protocol::parsedReply(bad).has_value()) << bad;
+    }
 }
 
 // What a payload parses into: "version", "fetch <device>", "error <code>", or "nothing".
@@ -215,40 +246,6 @@ TEST(HelperRequests, ParseIntoRequestsErrorsOrNothing) {
         {R"({"method":"runCommand","argv":["rm"]})", "error 2"},
     };
     for (const auto& [payload, outcome] : cases) EXPECT_EQ(parsedAs(payload), outcome) << payload;
-}
-
-TEST(HelperReplies, CarryTheArchivedResultAndDecodeOnlyCompleteRecords) {
-    const SmartctlExecutionResult result{std::string("{\"a\":1}\n\xff", 9), "smartctl --json -a -n standby /dev/sda",
-                                         "warning", 4};
-    const std::vector<protocol::Reply> replies = {
-        protocol::Reply(result), protocol::Reply(protocol::VersionReply{"0.1.0"}),
-        protocol::Reply(protocol::helperError(HelperFailure::timedOut, "too slow"))};
-    for (const auto& reply : replies) EXPECT_EQ(protocol::parsedReply(protocol::encodedReply(reply)), reply);
-
-    // Archived records as a peer might send them: "terminationStatus" may be left out (then 0);
-    // the three other members are required, with their types.
-    const std::string data = "\"jsonData\":\"e30=\",\"commandDescription\":\"c\",\"standardError\":\"\"";
-    struct Case {
-        std::string record;
-        std::optional<std::int32_t> status;  // nothing: the record does not decode
-    };
-    const std::vector<Case> cases = {
-        {"{" + data + "}", 0},
-        {"{" + data + ",\"terminationStatus\":-1}", -1},
-        {"{" + data + ",\"terminationStatus\":2147483648}", std::nullopt},
-        {R"({"commandDescription":"c","standardError":""})", std::nullopt},
-        {R"({"jsonData":"{}","commandDescription":"c","standardError":""})", std::nullopt},
-    };
-    for (const auto& c : cases) {
-        const auto expected = c.status
-                                  ? std::optional<protocol::Reply>(SmartctlExecutionResult{"{}", "c", "", *c.status})
-                                  : std::nullopt;
-        EXPECT_EQ(protocol::parsedReply("{\"result\":" + c.record + "}"), expected) << c.record;
-    }
-    for (const std::string bad :
-         {"{}", R"({"error":{"code":1}})", R"({"error":{"domain":"d","code":"1"}})", "[]", "x"}) {
-        EXPECT_FALSE(protocol::parsedReply(bad).has_value()) << bad;
-    }
 }
 
 }  // namespace

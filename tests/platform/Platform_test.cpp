@@ -149,7 +149,7 @@ TEST(SysfsBlockDevices, StatisticsFilesThatCannotBeReadAreNamedInTheError) {
     }
 }
 
-TEST(SysfsNumbers, DecimalHexadecimalAndHexLiterals) {
+TEST(SysfsNumbers, DecimalHexadecimalHexLiteralsAndTheStatisticsFields) {
     struct Case {
         std::string text;
         std::optional<std::uint64_t> decimal, hex, literal;
@@ -168,9 +168,6 @@ TEST(SysfsNumbers, DecimalHexadecimalAndHexLiterals) {
         EXPECT_EQ(sysfs::parseHex(c.text), c.hex) << "'" << c.text << "'";
         EXPECT_EQ(sysfs::parseHexLiteral(c.text), c.literal) << "'" << c.text << "'";
     }
-}
-
-TEST(BlockStatisticsText, ParsesEveryFieldTheKernelGives) {
     const auto stat = [](std::initializer_list<std::uint64_t> fields) {
         BlockStatistics s;
         std::uint64_t* target[] = {&s.readsCompleted,   &s.readsMerged,          &s.sectorsRead,
@@ -183,11 +180,7 @@ TEST(BlockStatisticsText, ParsesEveryFieldTheKernelGives) {
         for (const auto value : fields) *target[i++] = value;
         return s;
     };
-    struct Case {
-        std::string text;
-        std::optional<BlockStatistics> expected;
-    };
-    const std::vector<Case> cases = {
+    const std::vector<std::pair<std::string, std::optional<BlockStatistics>>> stats = {
         {"\t1\t2\t3\t4\t5\t6\t7\t8\t9\t10\t11\n", stat({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11})},
         {"1 2 3 4 5 6 7 8 9 10 11 12 13 14 15", stat({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15})},
         {"1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19",
@@ -199,7 +192,7 @@ TEST(BlockStatisticsText, ParsesEveryFieldTheKernelGives) {
         {"1 2 18446744073709551616 4 5 6 7 8 9 10 11", std::nullopt},
         {"", std::nullopt},
     };
-    for (const auto& c : cases) EXPECT_EQ(parseBlockStatistics(c.text), c.expected) << "'" << c.text << "'";
+    for (const auto& [text, expected] : stats) EXPECT_EQ(parseBlockStatistics(text), expected) << "'" << text << "'";
     // Sectors are 512 bytes, and a byte count wraps as the sector count does.
     EXPECT_EQ(stat({0, 0, 3}).bytesRead(), 1536u);
     EXPECT_EQ(stat({0, 0, 0, 0, 0, 0, 18446744073709551615u}).bytesWritten(), 18446744073709551104u);

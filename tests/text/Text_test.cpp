@@ -270,7 +270,7 @@ TEST(Messages, EachMessageInBothLanguages) {
 
 const std::string kReplacement = "\uFFFD";
 
-TEST(Utf8, IllFormedSequencesBecomeOneReplacementEach) {
+TEST(Utf8, IllFormedSequencesBecomeOneReplacementEachAndTrimmingNeverCutsThem) {
     struct Case {
         std::string bytes;
         bool valid;
@@ -294,17 +294,15 @@ TEST(Utf8, IllFormedSequencesBecomeOneReplacementEach) {
         EXPECT_EQ(lossyUtf8(c.bytes), c.lossy) << c.bytes;
         EXPECT_TRUE(isValidUtf8(lossyUtf8(c.bytes))) << c.bytes;
     }
-}
-
-TEST(Trim, WhiteSpaceAndLineBreaksOfAnyScriptButNeverIllFormedBytes) {
-    const std::vector<std::pair<std::string, std::string>> cases = {
+    // Trimming takes white space and line breaks of any script, never ill-formed bytes.
+    const std::vector<std::pair<std::string, std::string>> trims = {
         {"\u3000 \t\n\u00A0a b\u2028 \r\n", "a b"},
         {"\u0085x\u2029\v\f", "x"},
         {"\u200Bzero width\u200B", "\u200Bzero width\u200B"},  // not a space separator
         {std::string("\xff \xe2\x80", 4), std::string("\xff \xe2\x80", 4)},
         {" \xc3", "\xc3"},
     };
-    for (const auto& [text, expected] : cases) EXPECT_EQ(trimmed(text), expected) << text;
+    for (const auto& [text, expected] : trims) EXPECT_EQ(trimmed(text), expected) << text;
 }
 
 TEST(TerminalText, ControlCharactersShowAsVisibleEscapesAndNothingElseChanges) {
