@@ -200,8 +200,7 @@ TEST(UpdateCheck, AnswersBecomeOnePromptOrOneMessage) {
 }
 
 TEST(UpdateCheck, SafeNamesFromUrlsAndSuggestions) {
-    std::string accented;
-    for (int i = 0; i < 200; ++i) accented += "é";
+    const std::string accented = repeated("é", 200);
     const std::tuple<std::optional<std::string>, std::string, std::string> cases[] = {
         {accented + ".deb", "https://h.example/", accented.substr(0, 250) + ".deb"},  // whole characters only
         {std::string(300, 'a') + ".deb", "https://h.example/", std::string(251, 'a') + ".deb"},
