@@ -190,22 +190,18 @@ TEST(HelperFrames, AnnounceTheirLengthBigEndianRefuseMoreThanTheirCapAndCarryThe
     // Archived records as a peer might send them: "terminationStatus" may be left out (then 0);
     // the three other members are required, with their types.
     const std::string data = "\"jsonData\":\"e30=\",\"commandDescription\":\"c\",\"standardError\":\"\"";
-    struct Record {
-        std::string record;
-        std::optional<std::int32_t> status;  // nothing: the record does not decode
-    };
-    const std::vector<Record> records = {
+    // Each record and its termination status; nothing: the record does not decode.
+    const std::vector<std::pair<std::string, std::optional<std::int32_t>>> records = {
         {"{" + data + "}", 0},
         {"{" + data + ",\"terminationStatus\":-1}", -1},
         {"{" + data + ",\"terminationStatus\":2147483648}", std::nullopt},
         {R"({"commandDescription":"c","standardError":""})", std::nullopt},
         {R"({"jsonData":"{}","commandDescription":"c","standardError":""})", std::nullopt},
     };
-    for (const auto& c : records) {
-        const auto expected = c.status
-                                  ? std::optional<protocol::Reply>(SmartctlExecutionResult{"{}", "c", "", *c.status})
-                                  : std::nullopt;
-        EXPECT_EQ(protocol::parsedReply("{\"result\":" + c.record + "}"), expected) << c.record;
+    for (const auto& [record, status] : records) {
+        const auto expected = status ? std::optional<protocol::Reply>(SmartctlExecutionResult{"{}", "c", "", *status})
+                                     : std::nullopt;
+        EXPECT_EQ(protocol::parsedReply("{\"result\":" + record + "}"), expected) << record;
     }
     for (const std::string bad :
          {"{}", R"({"error":{"code":1}})", R"({"error":{"domain":"d","code":"1"}})", "[]", "x"}) {

@@ -69,11 +69,8 @@ TEST(SmartctlJSONInterpreter, DerivesTheOverallStatusAndTheCapability) {
 
 TEST(SmartctlJSONInterpreter, FlattensEveryShapeOfJsonIntoNamedRows) {
     const testing::ScopedLanguage english("en_US.UTF-8");
-    struct Case {
-        std::string json;
-        std::vector<std::string> rows;  // in display order
-    };
-    const std::vector<Case> cases = {
+    // Each document and its rows in display order.
+    const std::vector<std::pair<std::string, std::vector<std::string>>> cases = {
         {R"({"smart_status": {"passed": true}})", {"smart_status.passed | Self-test Passed | Yes"}},
         {R"({"smartctl": {"version": [7, 3]}, "json_format_version": [1, 0], "device": {"name": "/dev/sda"},
              "ata_device": {}, "messages": [{"string": "x"}]})",
@@ -101,7 +98,7 @@ TEST(SmartctlJSONInterpreter, FlattensEveryShapeOfJsonIntoNamedRows) {
          {"ata_smart_attributes.table[0].new_flag | Attribute Entry › new flag | 2",
           "nvme_power_states[0].x_y | Power State › x y | 1"}},
     };
-    for (const auto& c : cases) EXPECT_THAT(interpretedRows(c.json), ElementsAreArray(c.rows)) << c.json;
+    for (const auto& [text, rows] : cases) EXPECT_THAT(interpretedRows(text), ElementsAreArray(rows)) << text;
 }
 
 // Which group a row falls in shows in the reviewed fixtures (SmartctlFixtures); within a group rows
