@@ -35,10 +35,9 @@ void screenshot(QWidget* widget, const std::string& name) {
 // helper, so nothing is enabled or started.
 struct Application {
     explicit Application(const std::string& lang) : language(lang) {
-        testing::SubstituteHelperService::Script script;
-        script.state = HelperServiceState::needsAdministrator;
-        script.enableError = HelperServiceError{HelperServiceFailure::needsAdministrator, "approve", ""};
-        services = std::make_shared<testing::SubstituteHelperService>(script);
+        services = std::make_shared<testing::SubstituteHelperService>(testing::SubstituteHelperService::Script{
+            .state = HelperServiceState::needsAdministrator,
+            .enableError = HelperServiceError{HelperServiceFailure::needsAdministrator, "approve", ""}});
         VantorixApp::Options options;
         options.helperService = services;
         options.launchLog = &launches;
@@ -63,7 +62,8 @@ void screenshot(QMenu* menu, const std::string& name) {
     menu->hide();
 }
 
-QStringList texts(QMenu* menu, bool checkedOnly = false) {
+// The texts of the menu's entries (or of those checked), or of the menu bar's.
+QStringList texts(QWidget* menu, bool checkedOnly = false) {
     QStringList result;
     for (auto* action : menu->actions()) {
         if (!action->text().isEmpty() && (!checkedOnly || action->isChecked())) result << action->text();
@@ -80,9 +80,8 @@ TEST(VantorixApp, MenuBarHoldsTheFourCommandsAndPickersShowTheCurrentValues) {
     app.show();
     EXPECT_EQ(english.launches.str(), "[Vantorix] App launched and root window created.\n");  // once
 
-    QStringList titles;
-    for (auto* action : app.mainWindow()->menuBar()->actions()) titles << action->text();
-    EXPECT_EQ(titles, (QStringList{"Feedback", "About Vantorix", "Sampling Precision", "Test Sample Size"}));
+    EXPECT_EQ(texts(app.mainWindow()->menuBar()),
+              (QStringList{"Feedback", "About Vantorix", "Sampling Precision", "Test Sample Size"}));
     EXPECT_EQ(texts(app.samplingPrecisionMenu()),
               (QStringList{"Sampling Interval", "1 ms", "10 ms", "100 ms", "1000 ms"}));
     EXPECT_EQ(texts(app.samplingPrecisionMenu(), true), QStringList{"1000 ms"});
@@ -119,30 +118,27 @@ TEST(VantorixApp, MenuBarHoldsTheFourCommandsAndPickersShowTheCurrentValues) {
     EXPECT_EQ(app.tester()->state().testMode, TestMode{});
 }
 
+// Their titles in Chinese are translations like the menu's; their contents are the service windows' tests.
 TEST(VantorixApp, AboutAndFeedbackAreSingleWindowsWithTheirTitlesAndSizes) {
-    for (const auto& [lang, about, feedback] : std::vector<std::tuple<std::string, QString, QString>>{
-             {"en_US.UTF-8", "About Vantorix", "Thanks for your feedback."},
-             {"zh_CN.UTF-8", "关于 Vantorix", "感谢您留下您的建议，多多益善～"}}) {
-        Application application(lang);
-        auto& app = *application.app;
-        auto* bar = app.mainWindow()->menuBar();
-        bar->actions()[1]->trigger();
-        bar->actions()[1]->trigger();
-        bar->actions()[0]->trigger();
-        QWidget* aboutWindow = app.window("about-vantorix-window");
-        QWidget* feedbackWindow = app.window("feedback-vantorix-window");
-        ASSERT_NE(aboutWindow, nullptr);
-        ASSERT_NE(feedbackWindow, nullptr);
-        const auto windows = QApplication::topLevelWidgets();
-        const auto isAbout = [](QWidget* w) { return w->objectName() == "about-vantorix-window" && w->isVisible(); };
-        EXPECT_EQ(std::count_if(windows.begin(), windows.end(), isAbout), 1);
-        EXPECT_EQ(aboutWindow->windowTitle(), about);
-        EXPECT_EQ(feedbackWindow->windowTitle(), feedback);
-        EXPECT_EQ(aboutWindow->size(), QSize(420, 380));
-        EXPECT_EQ(feedbackWindow->size(), QSize(520, 560));
-        aboutWindow->close();
-        EXPECT_TRUE(waitFor([&] { return app.window("about-vantorix-window") == nullptr; }));
-    }
+    Application english("en_US.UTF-8");
+    auto& app = *english.app;
+    auto* bar = app.mainWindow()->menuBar();
+    bar->actions()[1]->trigger();
+    bar->actions()[1]->trigger();
+    bar->actions()[0]->trigger();
+    QWidget* aboutWindow = app.window("about-vantorix-window");
+    QWidget* feedbackWindow = app.window("feedback-vantorix-window");
+    ASSERT_NE(aboutWindow, nullptr);
+    ASSERT_NE(feedbackWindow, nullptr);
+    const auto windows = QApplication::topLevelWidgets();
+    const auto isAbout = [](QWidget* w) { return w->objectName() == "about-vantorix-window" && w->isVisible(); };
+    EXPECT_EQ(std::count_if(windows.begin(), windows.end(), isAbout), 1);
+    EXPECT_EQ(aboutWindow->windowTitle(), "About Vantorix");
+    EXPECT_EQ(feedbackWindow->windowTitle(), "Thanks for your feedback.");
+    EXPECT_EQ(aboutWindow->size(), QSize(420, 380));
+    EXPECT_EQ(feedbackWindow->size(), QSize(520, 560));
+    aboutWindow->close();
+    EXPECT_TRUE(waitFor([&] { return app.window("about-vantorix-window") == nullptr; }));
 }
 
 // The dashboard on this machine's root volume, through the real dialog: choose it and hear the
@@ -199,9 +195,6 @@ TEST(VantorixApp, LooksRightInChineseAndInADarkScheme) {
     auto& app = *chinese.app;
     app.show();
     ASSERT_TRUE(QTest::qWaitForWindowExposed(app.mainWindow()));
-    QStringList titles;
-    for (auto* action : app.mainWindow()->menuBar()->actions()) titles << action->text();
-    EXPECT_EQ(titles, (QStringList{"建议与反馈", "关于 Vantorix", "采样精度", "测试样本大小"}));
     auto* panel = app.dashboard()->panel();
     // Nothing is cut off at the smallest window size.
     app.mainWindow()->resize(app.mainWindow()->minimumSize());
@@ -211,11 +204,7 @@ TEST(VantorixApp, LooksRightInChineseAndInADarkScheme) {
     }
     screenshot(app.mainWindow(), "main-empty-zh-dark-minimum");
     screenshot(app.testSampleSizeMenu(), "test-sample-size-menu-zh-dark");
-    app.mainWindow()->resize(1240, 800);
-    app.monitor()->selectVolume("/");
-    ASSERT_TRUE(waitFor([&] { return app.monitor()->state().selectedVolume.has_value(); }));
-    QTest::qWait(200);
-    screenshot(app.mainWindow(), "main-selected-zh-dark");
+    // The window with a volume is pictured in every language and scheme by the desktop flow.
 }
 
 }  // namespace

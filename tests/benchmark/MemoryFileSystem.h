@@ -38,11 +38,7 @@ public:
         return std::shared_ptr<Directory>(std::make_shared<Folder>(shared_from_this(), path));
     }
 
-    std::vector<std::string> existingFiles() const {
-        std::vector<std::string> names;
-        for (const auto& [name, data] : locked(files_)) names.push_back(name);
-        return names;
-    }
+    bool holdsFiles() const { return !locked(files_).empty(); }
     std::vector<std::string> everCreated() const { return locked(everCreated_); }
     std::vector<CacheMode> opens() const { return locked(opens_); }
     std::vector<QueuedJob> queuedJobs() const { return locked(queuedJobs_); }

@@ -11,7 +11,6 @@
 #include <csignal>
 #include <filesystem>
 #include <future>
-#include <set>
 #include <sstream>
 
 #include "app/QuitOnSignals.h"
@@ -21,6 +20,7 @@
 #include "support/LoopVolume.h"
 #include "support/ScopedEnvironment.h"
 #include "support/SmartctlStandIn.h"
+#include "support/TemporaryFolder.h"
 #include "text/Formats.h"
 #include "ui/DashboardRootView.h"
 #include "ui/DiskIOChartSection.h"
@@ -48,15 +48,14 @@ void PrintTo(const Variant& variant, std::ostream* out) {
     *out << variant.language << (variant.dark ? " dark" : " light");
 }
 
-std::string nameOf(const Variant& variant) {
-    return variant.language.substr(0, 2) + (variant.dark ? "-dark" : "-light") +
-           (qApp->devicePixelRatio() > 1.5 ? "@2x" : "");
-}
+// "enLight", "zhDark": the name of the test's variant and of its pictures.
+std::string nameOf(const Variant& variant) { return variant.language.substr(0, 2) + (variant.dark ? "Dark" : "Light"); }
 
 void screenshot(QWidget* widget, const Variant& variant, const std::string& what) {
     QDir().mkpath(QStringLiteral(VANTORIX_SCREENSHOT_DIR));
+    const std::string scale = qApp->devicePixelRatio() > 1.5 ? "@2x" : "";
     widget->grab().save(QString::fromStdString(std::string(VANTORIX_SCREENSHOT_DIR) + "/flow-" + what + "-" +
-                                               nameOf(variant) + ".png"));
+                                               nameOf(variant) + scale + ".png"));
 }
 
 bool waitFor(const std::function<bool()>& predicate, int milliseconds = 30000) {
@@ -66,12 +65,6 @@ bool waitFor(const std::function<bool()>& predicate, int milliseconds = 30000) {
 void accept(QFileDialog* dialog, const std::string& path) {
     dialog->selectFile(QString::fromStdString(path));
     static_cast<QDialog*>(dialog)->accept();  // QFileDialog keeps accept() protected
-}
-
-std::set<std::string> entriesOf(const std::string& folder) {
-    std::set<std::string> names;
-    for (const auto& entry : fs::directory_iterator(folder)) names.insert(entry.path().filename().string());
-    return names;
 }
 
 class DesktopFlow : public ::testing::TestWithParam<Variant> {};
@@ -177,7 +170,7 @@ TEST_P(DesktopFlow, ASessionOnALoopVolume) {
     dashboard->exportAlert()->buttons().front()->click();
 
     // A test of the volume's free space: progress in the strip, then the results and the report.
-    const auto filesBefore = entriesOf(volume->mountPoint());
+    const auto filesBefore = testing::namesIn(volume->mountPoint());
     QTest::mouseClick(panel->performanceButton(), Qt::LeftButton);
     ASSERT_TRUE(waitFor([&] {
         const auto& progress = app.tester()->state().progressState;
@@ -195,22 +188,22 @@ TEST_P(DesktopFlow, ASessionOnALoopVolume) {
     screenshot(app.mainWindow(), variant, "results");
     auto withReport = filesBefore;
     withReport.insert(fs::path(*app.tester()->state().lastReportPath).filename().string());
-    EXPECT_EQ(entriesOf(volume->mountPoint()), withReport);
+    EXPECT_EQ(testing::namesIn(volume->mountPoint()), withReport);
 
     // Stopped halfway, a test leaves nothing behind.
     QTest::mouseClick(panel->performanceButton(), Qt::LeftButton);
     ASSERT_TRUE(waitFor([&] {
-        return app.tester()->state().progressState.has_value() && entriesOf(volume->mountPoint()) != withReport;
+        return app.tester()->state().progressState.has_value() && testing::namesIn(volume->mountPoint()) != withReport;
     }));
     QTest::mouseClick(panel->performanceButton(), Qt::LeftButton);
     ASSERT_TRUE(waitFor([&] { return !app.tester()->state().isRunning; }));
     app.tester()->waitForBackgroundWork();
-    EXPECT_EQ(entriesOf(volume->mountPoint()), withReport);
+    EXPECT_EQ(testing::namesIn(volume->mountPoint()), withReport);
 
     // SIGTERM during a test ends the program as closing the window does: the files go.
     QTest::mouseClick(panel->performanceButton(), Qt::LeftButton);
-    ASSERT_TRUE(
-        waitFor([&] { return app.tester()->state().isRunning && entriesOf(volume->mountPoint()) != withReport; }));
+    ASSERT_TRUE(waitFor(
+        [&] { return app.tester()->state().isRunning && testing::namesIn(volume->mountPoint()) != withReport; }));
     {
         QuitOnSignals quit({SIGTERM});
         ::raise(SIGTERM);
@@ -218,15 +211,13 @@ TEST_P(DesktopFlow, ASessionOnALoopVolume) {
         EXPECT_EQ(quit.received(), SIGTERM);
     }
     owned.reset();
-    EXPECT_EQ(entriesOf(volume->mountPoint()), withReport);
+    EXPECT_EQ(testing::namesIn(volume->mountPoint()), withReport);
 }
 
 INSTANTIATE_TEST_SUITE_P(LanguagesAndSchemes, DesktopFlow,
                          ::testing::Values(Variant{"en_US.UTF-8", false}, Variant{"en_US.UTF-8", true},
                                            Variant{"zh_CN.UTF-8", false}, Variant{"zh_CN.UTF-8", true}),
-                         [](const ::testing::TestParamInfo<Variant>& param) {
-                             return param.param.language.substr(0, 2) + (param.param.dark ? "Dark" : "Light");
-                         });
+                         [](const ::testing::TestParamInfo<Variant>& param) { return nameOf(param.param); });
 
 }  // namespace
 }  // namespace vantorix::app

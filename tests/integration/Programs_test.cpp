@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "integration/HelperTestClient.h"
+#include "support/TemporaryFolder.h"
 #include "support/VirtualDisplay.h"
 
 namespace vantorix {
@@ -22,7 +23,6 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using testing::runProcess;
-using testing::runShell;
 
 template <typename T>
 std::unique_ptr<T, decltype(&std::free)> owned(T* reply) {
@@ -124,14 +124,8 @@ TEST(Package, InstallsRunsAndPurgesWithoutATrace) {
     const fs::path config = fs::path(VANTORIX_BUILD_DIR) / "CPackConfig.cmake";
     ASSERT_TRUE(fs::exists(config));
 
-    char pattern[] = "/tmp/vantorix-package-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    const fs::path out = pattern;
-    // Removed however the test ends.
-    const std::unique_ptr<const fs::path, void (*)(const fs::path*)> cleanup(&out, [](const fs::path* path) {
-        std::error_code ignored;
-        fs::remove_all(*path, ignored);
-    });
+    const testing::TemporaryFolder folder;  // removed however the test ends
+    const fs::path& out = folder.path();
     const auto made = runProcess({"/usr/bin/cpack", "-G", "DEB", "--config", config.string(), "-B", out.string()});
     ASSERT_EQ(made.exitStatus, 0) << made.out << made.err;
     fs::path package;
@@ -171,10 +165,8 @@ TEST(Package, InstallsRunsAndPurgesWithoutATrace) {
     // Warnings (an unknown key, a bad value) leave the status at 0: there must be none.
     EXPECT_EQ(verified.out + verified.err, "");
     // The installed units start the installed programs.
-    const auto units = runShell(
-                           "cat /usr/lib/systemd/system/vantorix-smartctl-helper.service "
-                           "/usr/lib/systemd/system/vantorix-exporter.service")
-                           .out;
+    const std::string units = testing::fileContents("/usr/lib/systemd/system/vantorix-smartctl-helper.service") +
+                              testing::fileContents("/usr/lib/systemd/system/vantorix-exporter.service");
     EXPECT_NE(units.find("\nExecStart=/usr/libexec/vantorix/vantorix-smartctl-helper\n"), std::string::npos) << units;
     EXPECT_NE(units.find("\nExecStart=/usr/bin/vantorix-cli serve"), std::string::npos) << units;
 

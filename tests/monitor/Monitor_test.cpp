@@ -3,6 +3,7 @@
 #include "log/Log.h"
 #include "monitor/AggregationCoordinator.h"
 #include "monitor/DiskIOMonitor.h"
+#include "monitor/FixedRingBuffer.h"
 #include "monitor/MonitorMetrics.h"
 #include "monitor/SmartRefresh.h"
 #include "monitor/StatisticsSession.h"
@@ -12,12 +13,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <limits>
 #include <mutex>
+#include <optional>
 #include <set>
+#include <string>
+#include <thread>
 #include <vector>
 
 namespace vantorix {
@@ -47,10 +53,8 @@ protected:
         for (const char* name : {"fake0", "fake1"}) {
             devices_->add(name, [c = counters_] {
                 ++c->reads;
-                BlockStatistics s;
-                s.sectorsWritten = c->value.fetch_add(c->step);
-                s.sectorsRead = 2 * s.sectorsWritten;
-                return s;
+                const std::uint64_t sectors = c->value.fetch_add(c->step);
+                return BlockStatistics{.sectorsRead = 2 * sectors, .sectorsWritten = sectors};
             });
         }
         monitor_ = DiskIOMonitor::create({devices_, std::make_shared<AnyPathOnFakeDisk>(), main_});
@@ -97,7 +101,6 @@ TEST_F(DiskIOMonitorTest, SamplesAreTheCounterDeltasAcrossAPrecisionChangeAndARu
     selectAndStart(Precision::ms10);
     ASSERT_TRUE(runUntil([&] { return state().samples.size() >= 20; }));
     monitor_->setSamplingPrecision(Precision::ms1);
-    EXPECT_EQ(state().samplingPrecision, Precision::ms1);
     ASSERT_TRUE(runUntil([&] { return state().samples.size() >= 200; }));
     monitor_->stopMonitoring(true);
     ASSERT_TRUE(runUntil([&] { return !state().isMonitoring; }));
@@ -147,8 +150,7 @@ TEST(MonitorMetrics, SpeedsAndRatesOverTheLastSecond) {
         const char* name;
         Precision precision;
         std::size_t count;
-        MonitorMetrics::Rates speeds;
-        MonitorMetrics::Rates rates;
+        MonitorMetrics::Rates speeds, rates;
     };
     // Every sample: 1000 bytes read, 2000 written, 10 reads, 20 writes.
     const std::vector<Case> cases{
@@ -171,13 +173,9 @@ TEST(MonitorMetrics, SpeedsAndRatesOverTheLastSecond) {
 
 // Sample number n (kept in readOperations), with byte counts large enough that any two make a
 // sum past 2^64.
+constexpr std::uint64_t kBig = std::numeric_limits<std::uint64_t>::max() / 2 + 3;
 DiskSample sample(std::uint64_t n) {
-    constexpr std::uint64_t big = std::numeric_limits<std::uint64_t>::max() / 2 + 3;
-    return DiskSample{Uuid::make(), std::chrono::system_clock::now(), big * n, big + n, n, 2 * n, {}};
-}
-
-void enqueue(AggregationCoordinator& coordinator, const DiskSample& s) {
-    coordinator.enqueue(s, s.readBytes, s.writeBytes);
+    return DiskSample{Uuid::make(), std::chrono::system_clock::now(), kBig * n, kBig + n, n, 2 * n, {}};
 }
 
 // Checks each payload as it arrives: on the coordinator's queue, not empty, sums (modulo 2^64) and
@@ -232,7 +230,7 @@ TEST(AggregationCoordinator, DeliversWhatIsPendingWhenAskedTo) {
                 case stopDiscarding: coordinator->stop(false); break;
                 case reset: coordinator->reset(); break;
                 case start: coordinator->start(); break;
-                default: enqueue(*coordinator, sample(step));
+                default: coordinator->enqueue(sample(step), step * kBig, kBig + step);
             }
         }
         coordinator->queue().sync([] {});
@@ -240,31 +238,25 @@ TEST(AggregationCoordinator, DeliversWhatIsPendingWhenAskedTo) {
     }
 }
 
-BlockStatistics written(std::uint64_t sectors) {
-    BlockStatistics statistics;
-    statistics.sectorsWritten = sectors;
-    return statistics;
-}
-
 // The stat file is opened once; a reading that fails opens it again once (a device that went away
 // and came back under the same name answers again), and only a second failure ends the session.
 TEST(StatisticsSession, ReadsOneKeptFileAndOpensItAgainOnceAfterAFailure) {
     auto devices = std::make_shared<testing::ScriptedBlockDevices>();
     std::uint64_t sectors = 0;
-    devices->add("sdb", [&] { return written(++sectors); });
+    devices->add("sdb", [&] { return BlockStatistics{.sectorsWritten = ++sectors}; });
     auto session = StatisticsSession::create(devices, "sdb");
     ASSERT_TRUE(session.ok());
     for (std::uint64_t i = 1; i <= 3; ++i) EXPECT_EQ(session.value()->snapshot()->bytesWritten(), i * 512);
     EXPECT_EQ(devices->opens("sdb"), 1);
 
     devices->remove("sdb");  // unplugged and plugged in again
-    devices->add("sdb", [] { return written(7); });
+    devices->add("sdb", [] { return BlockStatistics{.sectorsWritten = 7}; });
     EXPECT_EQ(session.value()->snapshot()->sectorsWritten, 7u);
     EXPECT_EQ(devices->opens("sdb"), 1);
 
     devices->remove("sdb");  // unplugged for good
     EXPECT_EQ(session.value()->snapshot().error(), MonitorError::statisticsUnavailable());
-    devices->add("sdb", [] { return written(9); });
+    devices->add("sdb", [] { return BlockStatistics{.sectorsWritten = 9}; });
     session.value()->end();
     EXPECT_EQ(session.value()->snapshot().error(), MonitorError::monitorStopped());
 }
@@ -334,9 +326,6 @@ protected:
         return fetch_->times.size();
     }
     bool runUntil(const std::function<bool()>& done) { return main_->runUntil(done, 10s); }
-    bool runUntilRounds(std::size_t count) {
-        return runUntil([&] { return rounds_.size() >= count; });
-    }
 
     std::shared_ptr<ManualMainExecutor> main_ = std::make_shared<ManualMainExecutor>();
     std::shared_ptr<ScriptedFetch> fetch_ = std::make_shared<ScriptedFetch>();
@@ -356,7 +345,7 @@ TEST_F(SmartRefreshTest, RoundsPublishOnlyWhatDiffersFieldByField) {
     const std::vector<Round> expected{Round::published, Round::identical, Round::published, Round::published,
                                       Round::identical, Round::published, Round::kept};
     select("fake0");
-    ASSERT_TRUE(runUntilRounds(expected.size()));
+    ASSERT_TRUE(runUntil([&] { return rounds_.size() >= expected.size(); }));
     std::vector<Round> seen;
     for (std::size_t i = 0; i < expected.size(); ++i) seen.push_back(rounds_[i].second);
     EXPECT_THAT(seen, ElementsAreArray(expected));
@@ -371,7 +360,7 @@ TEST_F(SmartRefreshTest, ALineEveryRoundRepeatsReachesTheLogOnceUntilItChanges) 
     const log::Capture capture;
     fetch_->lines = {"no SMART", "no SMART", "no SMART", "helper gone", "no SMART", "no SMART"};
     select("fake0");
-    ASSERT_TRUE(runUntilRounds(8));
+    ASSERT_TRUE(runUntil([&] { return rounds_.size() >= 8; }));
     EXPECT_THAT(capture.messages("ScriptedFetch", log::Level::error),
                 ::testing::ElementsAre("no SMART", "helper gone", "no SMART"));
     EXPECT_GE(capture.messages("ScriptedFetch", log::Level::debug).size(), 5u);
@@ -383,14 +372,14 @@ TEST_F(SmartRefreshTest, ReselectionCancelsTheOldTaskStaleResultsAreDiscardedAnd
     ASSERT_TRUE(runUntil([&] { return calls() > 0; }));
     script({outcome(info("PASSED"))});
     select("fake1");
-    ASSERT_TRUE(runUntilRounds(2));
+    ASSERT_TRUE(runUntil([&] { return rounds_.size() >= 2; }));
     for (const auto& [name, round] : rounds_) EXPECT_EQ(name, "fake1");
 
     // Paused, as during a performance test, rounds fetch nothing and the data stay.
     refresh_->setPaused(true);
     ASSERT_TRUE(runUntil([&] { return rounds_.back().second == Round::paused; }));
-    const std::size_t fetched = calls();
-    ASSERT_TRUE(runUntilRounds(rounds_.size() + 3));
+    const std::size_t fetched = calls(), rounds = rounds_.size();
+    ASSERT_TRUE(runUntil([&] { return rounds_.size() >= rounds + 3; }));
     EXPECT_EQ(calls(), fetched);
     EXPECT_EQ(rounds_.back().second, Round::paused);
     EXPECT_TRUE(monitor_->state().selectedVolume->smartInfo.has_value());
@@ -403,6 +392,91 @@ TEST_F(SmartRefreshTest, ReselectionCancelsTheOldTaskStaleResultsAreDiscardedAnd
     ASSERT_TRUE(runUntil([&] { return rounds_.back().first == "fake0"; }));
     EXPECT_EQ(rounds_.back().second, Round::discarded);
     EXPECT_EQ(selected(), "fake1");
+}
+
+using Strings = std::vector<std::string>;
+using View = FixedRingBuffer<std::string>::Elements;
+
+static_assert(std::random_access_iterator<View::const_iterator>);
+
+// Long enough to live on the heap, so that the sanitizers see a lost or doubly destroyed element.
+std::string value(std::size_t i) { return "element number " + std::to_string(i) + " of the history"; }
+
+// Reads the view segment by segment and element by element.
+void expectHolds(const View& view, const Strings& expected, const std::string& where) {
+    EXPECT_EQ(view.toVector(), expected) << where;
+    EXPECT_EQ(Strings(view.begin(), view.end()), expected) << where;
+}
+
+// Against a deque: every append's result and count, and every view, which must still show what the
+// buffer held then after evictions across segment boundaries, a removeAll and the buffer's destruction.
+TEST(FixedRingBuffer, ViewsKeepWhatTheyShowedWhateverTheBufferDoesLater) {
+    for (const std::size_t capacity : {1U, 2U, 3U, 5U, 1023U, 1024U, 1025U, 2500U}) {
+        const std::string where = "capacity " + std::to_string(capacity);
+        std::vector<std::pair<View, Strings>> kept;
+        {
+            FixedRingBuffer<std::string> buffer(capacity);
+            const std::size_t length = buffer.segmentLength();
+            const std::size_t appends = 3 * capacity + 2 * length + 7;
+            const std::size_t every = std::max<std::size_t>(1, capacity / 5);
+            std::deque<std::string> model;
+            for (std::size_t i = 0; i < appends; ++i) {
+                if (i == appends / 2) {
+                    buffer.removeAll();
+                    model.clear();
+                    expectHolds(buffer.elements(), {}, where + ", after removeAll");
+                }
+                std::optional<std::string> evicted;
+                if (model.size() == capacity) {
+                    evicted = model.front();
+                    model.pop_front();
+                }
+                model.push_back(value(i));
+                ASSERT_EQ(buffer.append(value(i)), evicted) << where << ", append " << i;
+                ASSERT_EQ(buffer.count(), model.size()) << where << ", append " << i;
+                if (i % every == 0 || (i + 1) % length <= 2) {
+                    kept.emplace_back(buffer.elements(), Strings(model.begin(), model.end()));
+                }
+            }
+        }
+        for (std::size_t k = 0; k < kept.size(); ++k) {
+            expectHolds(View(kept[k].first), kept[k].second, where + ", view " + std::to_string(k));
+        }
+    }
+}
+
+// For ThreadSanitizer: a reader checks views while the owner appends into the segments they show.
+TEST(FixedRingBuffer, ViewsCanBeReadOnAnotherThreadWhileTheBufferAppends) {
+    constexpr std::size_t capacity = 3000;  // not a multiple of the segment length
+    FixedRingBuffer<std::uint64_t> buffer(capacity);
+    std::mutex mutex;
+    FixedRingBuffer<std::uint64_t>::Elements latest;
+    std::atomic<bool> done{false};
+    std::atomic<std::size_t> checked{0}, bad{0};
+    std::thread reader([&] {
+        while (!done) {
+            std::unique_lock lock(mutex);
+            const auto view = latest;
+            lock.unlock();
+            if (view.empty()) continue;
+            std::uint64_t next = view.front();
+            const bool consecutive = std::all_of(view.begin(), view.end(), [&](auto e) { return e == next++; });
+            bad += view.size() > capacity || !consecutive;
+            ++checked;
+        }
+    });
+    // Goes on until the reader has seen enough views; the cap only stops a broken build.
+    for (std::uint64_t i = 0; i < 30000 || (checked < 50 && i < 50'000'000); ++i) {
+        buffer.append(i);
+        if (i % 17 == 16) {
+            std::lock_guard lock(mutex);
+            latest = buffer.elements();
+        }
+    }
+    done = true;
+    reader.join();
+    EXPECT_GE(checked.load(), 50U);
+    EXPECT_EQ(bad.load(), 0U);
 }
 
 }  // namespace

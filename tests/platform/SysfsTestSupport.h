@@ -4,7 +4,7 @@
 #include <fstream>
 #include <string>
 
-#include "services/ServiceTestSupport.h"
+#include "support/TemporaryFolder.h"
 
 namespace vantorix::testing {
 

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <optional>
 #include <string>
 
 namespace vantorix::testing {
@@ -21,16 +22,21 @@ inline std::array<std::uint64_t, 4> deviceCounters(const std::string& deviceName
     return {f[2] * 512, f[6] * 512, f[0], f[4]};
 }
 
-// Writes `mebibytes` MiB with O_DIRECT (bypassing the page cache) and fsyncs. False on failure.
-inline bool writeDirect(const std::string& path, std::size_t mebibytes) {
-    constexpr std::size_t kChunk = 1 << 20;
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_DIRECT, 0600);
+// Writes `mebibytes` MiB with O_DIRECT (bypassing the page cache): a new file, fsynced, a MiB a
+// write, or, with `inPlaceAt`, over the file's bytes from that offset in one write, so that the
+// device sees the data and almost nothing else. False on failure.
+inline bool writeDirect(const std::string& path, std::size_t mebibytes, std::optional<std::size_t> inPlaceAt = {}) {
+    const std::size_t chunk = inPlaceAt ? mebibytes << 20U : 1 << 20, chunks = inPlaceAt ? 1 : mebibytes;
+    const int fd = ::open(path.c_str(), O_WRONLY | O_DIRECT | (inPlaceAt ? 0 : O_CREAT | O_TRUNC), 0600);
     if (fd < 0) return false;
     void* buffer = nullptr;
-    bool ok = ::posix_memalign(&buffer, 4096, kChunk) == 0;
-    if (ok) std::memset(buffer, 0x5A, kChunk);
-    for (std::size_t i = 0; ok && i < mebibytes; ++i) ok = ::write(fd, buffer, kChunk) == static_cast<ssize_t>(kChunk);
-    ok = ok && ::fsync(fd) == 0;
+    bool ok = ::posix_memalign(&buffer, 4096, chunk) == 0;
+    if (ok) std::memset(buffer, 0x5A, chunk);
+    for (std::size_t i = 0; ok && i < chunks; ++i) {
+        const auto at = static_cast<off_t>(inPlaceAt.value_or(0) + i * chunk);
+        ok = ::pwrite(fd, buffer, chunk, at) == static_cast<ssize_t>(chunk);
+    }
+    ok = ok && (inPlaceAt || ::fsync(fd) == 0);
     ::close(fd);
     std::free(buffer);
     return ok;

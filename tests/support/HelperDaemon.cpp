@@ -52,14 +52,8 @@ std::optional<sockaddr_un> addressOf(const std::string& socketPath) {
 
 std::unique_ptr<HelperDaemon> HelperDaemon::start(const Options& options, std::string* error) {
     std::unique_ptr<HelperDaemon> daemon(new HelperDaemon());
-    char pattern[] = "/tmp/vantorix-helper-XXXXXX";
-    if (::mkdtemp(pattern) == nullptr) {
-        *error = std::string("mkdtemp: ") + std::strerror(errno);
-        return nullptr;
-    }
-    ::chmod(pattern, 0755);
-    daemon->directory_ = pattern;
-    daemon->socketPath_ = daemon->directory_ + "/helper.sock";
+    ::chmod(daemon->folder_.string().c_str(), 0755);
+    daemon->socketPath_ = daemon->folder_.string() + "/helper.sock";
     std::vector<std::string> arguments{options.program.empty() ? VANTORIX_HELPER_PATH : options.program, "--socket",
                                        daemon->socketPath_, "--smartctl", options.smartctl};
     arguments.insert(arguments.end(), options.extraArguments.begin(), options.extraArguments.end());
@@ -88,8 +82,6 @@ int HelperDaemon::stop() {
 
 HelperDaemon::~HelperDaemon() {
     if (process_) stop();
-    std::error_code ignored;
-    std::filesystem::remove_all(directory_, ignored);
 }
 
 int connectTo(const std::string& socketPath) {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "support/Process.h"
+#include "support/TemporaryFolder.h"
 
 namespace vantorix::testing {
 
@@ -29,8 +30,6 @@ public:
     static std::unique_ptr<HelperDaemon> start(const Options& options, std::string* error);
     // Stops the daemon (see stop()) and removes its temporary folder.
     ~HelperDaemon();
-    HelperDaemon(const HelperDaemon&) = delete;
-    HelperDaemon& operator=(const HelperDaemon&) = delete;
 
     const std::string& socketPath() const { return socketPath_; }
     pid_t pid() const { return process_->pid(); }
@@ -40,7 +39,7 @@ public:
 
 private:
     HelperDaemon() = default;
-    std::string directory_;
+    TemporaryFolder folder_;
     std::string socketPath_;
     std::unique_ptr<RunningProcess> process_;
 };

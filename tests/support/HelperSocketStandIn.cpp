@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <filesystem>
 #include <vector>
 
 #include "support/Process.h"
@@ -15,10 +14,8 @@
 namespace vantorix::testing {
 
 HelperSocketStandIn::HelperSocketStandIn(Behaviour behaviour, uid_t uid) {
-    char pattern[] = "/tmp/vantorix-listener-XXXXXX";
-    directory_ = ::mkdtemp(pattern);
-    ::chmod(directory_.c_str(), 0777);  // a listener of another user makes its socket there
-    path_ = directory_ + "/helper.sock";
+    ::chmod(folder_.string().c_str(), 0777);  // a listener of another user makes its socket there
+    path_ = folder_.string() + "/helper.sock";
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::snprintf(address.sun_path, sizeof(address.sun_path), "%s", path_.c_str());
@@ -41,8 +38,6 @@ HelperSocketStandIn::~HelperSocketStandIn() {
     stop_ = true;
     if (server_.joinable()) server_.join();
     ::close(listener_);
-    std::error_code ignored;
-    std::filesystem::remove_all(directory_, ignored);
 }
 
 void HelperSocketStandIn::serve(Behaviour behaviour) {

@@ -9,6 +9,8 @@
 #include <string>
 #include <thread>
 
+#include "support/TemporaryFolder.h"
+
 namespace vantorix::testing {
 
 // Something that listens where the helper would, but is not the helper: a Unix socket in a
@@ -22,8 +24,6 @@ public:
 
     HelperSocketStandIn(Behaviour behaviour, uid_t uid);
     ~HelperSocketStandIn();
-    HelperSocketStandIn(const HelperSocketStandIn&) = delete;
-    HelperSocketStandIn& operator=(const HelperSocketStandIn&) = delete;
 
     const std::string& path() const { return path_; }
 
@@ -40,7 +40,8 @@ public:
 private:
     void serve(Behaviour behaviour);
 
-    std::string directory_, path_;
+    TemporaryFolder folder_;
+    std::string path_;
     int listener_ = -1;
     std::atomic<bool> stop_{false};
     std::atomic<std::uint64_t> connections_{0}, bytes_{0}, closed_{0};

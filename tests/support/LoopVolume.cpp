@@ -25,14 +25,8 @@ std::string LoopVolume::unavailableReason() {
 std::unique_ptr<LoopVolume> LoopVolume::create(const std::string& label, std::uint64_t sizeBytes, std::string* error,
                                                const std::string& mountFolderName) {
     std::unique_ptr<LoopVolume> volume(new LoopVolume());
-    char pattern[] = "/tmp/vantorix-loop-XXXXXX";
-    if (::mkdtemp(pattern) == nullptr) {
-        *error = "mkdtemp failed";
-        return nullptr;
-    }
-    volume->directory_ = pattern;
-    const std::string image = volume->directory_ + "/image.ext4";
-    volume->mountPoint_ = volume->directory_ + "/" + mountFolderName;
+    const std::string image = volume->folder_.string() + "/image.ext4";
+    volume->mountPoint_ = volume->folder_.string() + "/" + mountFolderName;
     std::filesystem::create_directory(volume->mountPoint_);
     std::ofstream(image, std::ios::binary).close();
     std::error_code sized;
@@ -75,11 +69,10 @@ bool LoopVolume::removeDevice() {
     return removed;
 }
 
+// The folder goes after the file system is unmounted and its device detached.
 LoopVolume::~LoopVolume() {
     if (!unmount()) runProcess({"/bin/umount", "-l", mountPoint_});
     detach();
-    std::error_code ignored;
-    std::filesystem::remove_all(directory_, ignored);
 }
 
 }  // namespace vantorix::testing

@@ -4,6 +4,8 @@
 #include <memory>
 #include <string>
 
+#include "support/TemporaryFolder.h"
+
 namespace vantorix::testing {
 
 // A freshly made ext4 file system on a loop device, mounted in a temporary folder. Needs root and
@@ -17,8 +19,6 @@ public:
     static std::unique_ptr<LoopVolume> create(const std::string& label, std::uint64_t sizeBytes, std::string* error,
                                               const std::string& mountFolderName = "mnt");
     ~LoopVolume();
-    LoopVolume(const LoopVolume&) = delete;
-    LoopVolume& operator=(const LoopVolume&) = delete;
 
     const std::string& device() const { return device_; }         // "/dev/loop3"
     std::string deviceName() const { return device_.substr(5); }  // "loop3"
@@ -32,11 +32,9 @@ public:
 
 private:
     LoopVolume() = default;
-    std::string directory_;
-    std::string device_;
-    std::string mountPoint_;
-    bool mounted_ = false;
-    bool attached_ = false;
+    TemporaryFolder folder_;
+    std::string device_, mountPoint_;
+    bool mounted_ = false, attached_ = false;
 };
 
 }  // namespace vantorix::testing

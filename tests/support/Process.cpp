@@ -13,22 +13,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
+
+#include "support/TemporaryFolder.h"
 
 extern char** environ;
 
 namespace vantorix::testing {
 namespace {
-
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 // A temporary file, open (close-on-exec) at the descriptor returned; its path replaces `pattern`.
 int temporaryFile(std::string& pattern) {
@@ -78,8 +71,8 @@ ProcessResult runProcess(const std::vector<std::string>& argv, const Environment
     result.exitStatus = waitForExit(spawn(argv, environment, out, err), std::chrono::hours(1)).value_or(-1);
     ::close(out);
     ::close(err);
-    result.out = slurp(outPath);
-    result.err = slurp(errPath);
+    result.out = fileContents(outPath);
+    result.err = fileContents(errPath);
     ::unlink(outPath.c_str());
     ::unlink(errPath.c_str());
     return result;
@@ -142,7 +135,7 @@ std::optional<int> RunningProcess::waitForExit(std::chrono::milliseconds limit) 
     return status_;
 }
 
-std::string RunningProcess::standardError() const { return slurp(errPath_); }
+std::string RunningProcess::standardError() const { return fileContents(errPath_); }
 
 std::optional<int> waitForExit(pid_t pid, std::chrono::milliseconds limit) {
     const auto deadline = std::chrono::steady_clock::now() + limit;

@@ -14,8 +14,7 @@ namespace vantorix::testing {
 
 struct ProcessResult {
     int exitStatus = -1;  // the exit code, or 128 + signal number
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 
 // Variables that override (or, with nullopt, remove) those of this process's environment.

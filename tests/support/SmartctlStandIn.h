@@ -2,7 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -10,6 +9,8 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "support/TemporaryFolder.h"
 
 namespace vantorix::testing {
 
@@ -30,22 +31,12 @@ class SmartctlStandIn {
 public:
     static std::unique_ptr<SmartctlStandIn> create(const StandInBehaviour& behaviour) {
         std::unique_ptr<SmartctlStandIn> standIn(new SmartctlStandIn());
-        char pattern[] = "/tmp/vantorix-smartctl-XXXXXX";
-        if (::mkdtemp(pattern) == nullptr) throw std::runtime_error("mkdtemp failed");
-        ::chmod(pattern, 0755);
-        standIn->directory_ = pattern;
-        standIn->path_ = standIn->directory_ + "/smartctl";
-        standIn->log_ = standIn->directory_ + "/starts.log";
+        ::chmod(standIn->folder_.string().c_str(), 0755);
+        standIn->path_ = standIn->folder_.string() + "/smartctl";
+        standIn->log_ = standIn->folder_.string() + "/starts.log";
         standIn->setBehaviour(behaviour);
         return standIn;
     }
-    ~SmartctlStandIn() {
-        std::error_code ignored;
-        std::filesystem::remove_all(directory_, ignored);
-    }
-    SmartctlStandIn(const SmartctlStandIn&) = delete;
-    SmartctlStandIn& operator=(const SmartctlStandIn&) = delete;
-
     // The program to hand to --smartctl.
     const std::string& path() const { return path_; }
     // Rewrites the script atomically (a new file renamed over the old one).
@@ -91,9 +82,8 @@ private:
         return out + "'";
     }
     SmartctlStandIn() = default;
-    std::string directory_;
-    std::string path_;
-    std::string log_;
+    TemporaryFolder folder_;
+    std::string path_, log_;
 };
 
 }  // namespace vantorix::testing

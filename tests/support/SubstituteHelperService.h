@@ -13,27 +13,20 @@ namespace vantorix::testing {
 class SubstituteHelperService final : public HelperService {
 public:
     struct Script {
-        HelperServiceBackend backend = HelperServiceBackend::systemd;
         std::optional<std::string> definitionPath = "/usr/lib/systemd/system/vantorix-smartctl-helper.socket";
         HelperExecutable helperExecutable{"/usr/libexec/vantorix/vantorix-smartctl-helper", true};
         HelperServiceState state = HelperServiceState::notEnabled;
         // Outcome of enable(): nothing for success, which sets the state to `stateAfterEnabling`
-        // and the program's presence to `executableExistsAfterEnabling`.
-        std::optional<HelperServiceError> enableError;
+        // and installs the program.
+        std::optional<HelperServiceError> enableError{};
         HelperServiceState stateAfterEnabling = HelperServiceState::enabled;
-        bool executableExistsAfterEnabling = true;
-        // Outcome of disable(): nothing for success, which sets the state to notEnabled.
-        std::optional<HelperServiceError> disableError;
-        // The state a failed disable() leaves behind (unchanged when nothing).
-        std::optional<HelperServiceState> stateAfterFailedDisable;
-        std::string socketPath = "/run/vantorix/smartctl-helper.sock";
+        // Outcome of disable(): nothing for success, which sets the state to notEnabled; a failure
+        // changes nothing.
+        std::optional<HelperServiceError> disableError{};
     };
 
     struct Calls {
-        int definitionLookups = 0;
-        int stateReads = 0;
-        int enables = 0;
-        int disables = 0;
+        int stateReads = 0, enables = 0, disables = 0;
     };
 
     explicit SubstituteHelperService(Script script) : script_(std::move(script)) {}
@@ -43,15 +36,11 @@ public:
         return calls_;
     }
 
-    HelperServiceBackend backend() const override {
-        std::lock_guard lock(mutex_);
-        return script_.backend;
-    }
+    HelperServiceBackend backend() const override { return HelperServiceBackend::systemd; }
     std::string mechanism() const override { return "substitute helper service"; }
     std::string definitionName() const override { return "the substitute unit file"; }
     std::optional<std::string> definitionPath() override {
         std::lock_guard lock(mutex_);
-        ++calls_.definitionLookups;
         return script_.definitionPath;
     }
     HelperExecutable helperExecutable() override {
@@ -68,23 +57,17 @@ public:
         ++calls_.enables;
         if (script_.enableError) return Failure{*script_.enableError};
         script_.state = script_.stateAfterEnabling;
-        script_.helperExecutable.exists = script_.executableExistsAfterEnabling;
+        script_.helperExecutable.exists = true;
         return Unit{};
     }
     Result<Unit, HelperServiceError> disable() override {
         std::lock_guard lock(mutex_);
         ++calls_.disables;
-        if (script_.disableError) {
-            if (script_.stateAfterFailedDisable) script_.state = *script_.stateAfterFailedDisable;
-            return Failure{*script_.disableError};
-        }
+        if (script_.disableError) return Failure{*script_.disableError};
         script_.state = HelperServiceState::notEnabled;
         return Unit{};
     }
-    std::string socketPath() override {
-        std::lock_guard lock(mutex_);
-        return script_.socketPath;
-    }
+    std::string socketPath() override { return "/run/vantorix/smartctl-helper.sock"; }
 
 private:
     mutable std::mutex mutex_;

@@ -32,8 +32,7 @@ struct VirtualDisplay {
     VirtualDisplay(const VirtualDisplay&) = delete;
     VirtualDisplay& operator=(const VirtualDisplay&) = delete;
 
-    std::string display;
-    std::string error;
+    std::string display, error;
 
 private:
     std::unique_ptr<RunningProcess> server_;

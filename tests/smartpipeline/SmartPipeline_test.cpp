@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <thread>
 
+#include "log/Log.h"
 #include "platform/linux/SysfsBlockDevices.h"
+#include "smart/PrivilegedHelperManager.h"
 #include "smart/SMARTInfoProvider.h"
 #include "support/ManualMainExecutor.h"
 #include "support/ScopedEnvironment.h"
@@ -13,11 +16,13 @@ namespace vantorix {
 namespace {
 
 using namespace std::chrono_literals;
+using testing::SubstituteHelperService;
+using Script = SubstituteHelperService::Script;
+using State = HelperServiceState;
 
 TEST(SMARTInfoProviderCandidates, FollowPartitionsStacksAndNvmeControllers) {
     struct Case {
-        std::string machine;
-        std::string deviceName;
+        std::string machine, deviceName;
         std::vector<std::string> candidates;
     };
     const std::vector<Case> cases = {
@@ -32,16 +37,6 @@ TEST(SMARTInfoProviderCandidates, FollowPartitionsStacksAndNvmeControllers) {
         EXPECT_EQ(SMARTInfoProvider::candidateNames(c.deviceName, devices), c.candidates)
             << c.machine << " " << c.deviceName;
     }
-}
-
-// sdz1, a partition of sdz: the two names the provider tries.
-std::shared_ptr<BlockDevices> partitionOfSdz() {
-    auto devices = std::make_shared<testing::ScriptedBlockDevices>();
-    BlockDevice partition;
-    partition.name = "sdz1";
-    partition.wholeDisk = "sdz";
-    devices->add(partition);
-    return devices;
 }
 
 // An in-process helper: answers each request as the test script says (nothing: silence), on the
@@ -74,30 +69,41 @@ private:
     };
 };
 
-class SMARTInfoProviderTest : public ::testing::Test {
+// The helper manager over a substitute helper service, for user 1000, with the test thread as its
+// main thread; and the SMART fetch over it, from a scripted helper, for sdz1, a partition of sdz.
+class HelperPipelineTest : public ::testing::Test {
 protected:
-    SMARTInfoProvider provider(RuntimeEnvironment environment = {}) {
-        Script script;
-        script.state = HelperServiceState::enabled;
-        service_ = std::make_shared<testing::SubstituteHelperService>(script);
-        PrivilegedHelperManager::Dependencies dependencies;
-        dependencies.helperService = service_;
-        dependencies.mainExecutor = main_;  // the manager runs inline: the test thread is its main thread
-        dependencies.runtimeEnvironment = std::move(environment);
-        dependencies.notificationCenter = &notifications_;
-        auto manager = PrivilegedHelperManager::create(std::move(dependencies));
-        return SMARTInfoProvider(SmartctlHelperClient::create({helper_, manager, 100ms}), partitionOfSdz());
+    std::shared_ptr<PrivilegedHelperManager> manager(Script script, RuntimeEnvironment environment = {}) {
+        service_ = std::make_shared<SubstituteHelperService>(std::move(script));
+        return PrivilegedHelperManager::create({.helperService = service_,
+                                                .mainExecutor = main_,
+                                                .runtimeEnvironment = std::move(environment),
+                                                .notificationCenter = &notifications_,
+                                                .effectiveUserId = [] { return 1000U; }});
     }
+    SMARTInfoProvider provider(RuntimeEnvironment environment = {}) {
+        auto devices = std::make_shared<testing::ScriptedBlockDevices>();
+        BlockDevice partition;
+        partition.name = "sdz1";
+        partition.wholeDisk = "sdz";
+        devices->add(partition);
+        const auto enabled = manager(Script{.state = State::enabled}, std::move(environment));
+        return SMARTInfoProvider(SmartctlHelperClient::create({helper_, enabled, 100ms}), devices);
+    }
+    std::vector<std::string> lines() const { return capture_.messages("PrivilegedHelperManager"); }
 
-    using Script = testing::SubstituteHelperService::Script;
     testing::ScopedLanguage english_{"en_US.UTF-8"};
     std::shared_ptr<ManualMainExecutor> main_ = std::make_shared<ManualMainExecutor>();
     NotificationCenter notifications_;
-    std::shared_ptr<testing::SubstituteHelperService> service_;
+    int approvals_ = 0;
+    Subscription approvalObserver_ = notifications_.addObserver(
+        std::string(PrivilegedHelperManager::kApprovalNotification), [this] { ++approvals_; });
+    std::shared_ptr<SubstituteHelperService> service_;
     std::shared_ptr<ScriptedHelper> helper_ = std::make_shared<ScriptedHelper>();
+    log::Capture capture_;
 };
 
-TEST_F(SMARTInfoProviderTest, DisallowedPolicyTouchesNeitherHelperNorManager) {
+TEST_F(HelperPipelineTest, DisallowedPolicyTouchesNeitherHelperNorManager) {
     auto fetcher = provider(RuntimeEnvironment{false, {"Manual override: VANTORIX_DISABLE_PRIVILEGED_OPERATIONS"}});
     helper_->answer = [](const std::string&) { return Answer(); };
     const auto outcome = fetcher.fetch("sdz1");
@@ -108,7 +114,7 @@ TEST_F(SMARTInfoProviderTest, DisallowedPolicyTouchesNeitherHelperNorManager) {
 }
 
 // Each case: how the helper answers the two candidates, and what the fetch makes of it.
-TEST_F(SMARTInfoProviderTest, TriesTheCandidatesUntilOneAnswerIsUsable) {
+TEST_F(HelperPipelineTest, TriesTheCandidatesUntilOneAnswerIsUsable) {
     const std::string passed = R"({"smart_status": {"passed": true}})";
     const SmartctlExecutionResult usableResult{passed, "smartctl --json -a -n standby /dev/sdz", "", 4};
     const Answer usable = usableResult;
@@ -123,8 +129,7 @@ TEST_F(SMARTInfoProviderTest, TriesTheCandidatesUntilOneAnswerIsUsable) {
     struct Case {
         std::string name;
         Answer partition, disk;
-        bool data;
-        bool asleep;
+        bool data, asleep;
         int connections;  // made over the whole fetch: a dropped connection is made afresh
         std::optional<F> helperFailure;
     };
@@ -153,6 +158,62 @@ TEST_F(SMARTInfoProviderTest, TriesTheCandidatesUntilOneAnswerIsUsable) {
             EXPECT_EQ(outcome.info->sourceCommand, usableResult.commandDescription);
         }
     }
+}
+
+// Each case: the helper service's state, the outcome of two calls, and what the calls cost.
+TEST_F(HelperPipelineTest, EnablesRepairsAndRemembersTheOutcome) {
+    const HelperServiceError approval{HelperServiceFailure::needsAdministrator,
+                                      "the administrator password was not given",
+                                      "Error executing command as another user: Request dismissed"};
+    const HelperServiceError broken{HelperServiceFailure::commandFailed, "systemctl failed", ""};
+    struct Case {
+        std::string name;
+        Script script;
+        bool installed;
+        int enables, disables, approvals;
+    };
+    // A stale registration: enabled, its program gone; and one whose disabling fails too.
+    const Script stale{.helperExecutable = {"/usr/libexec/vantorix/vantorix-smartctl-helper", false},
+                       .state = State::enabled};
+    Script stuck = stale;
+    stuck.disableError = broken;
+    const std::vector<Case> cases = {
+        {"enabled", {.state = State::enabled}, true, 0, 0, 0},
+        {"stale", stale, true, 1, 1, 0},
+        {"stale; disabling fails", stuck, false, 0, 1, 0},
+        {"not enabled", {}, true, 1, 0, 0},
+        {"the administrator refused", {.enableError = approval}, false, 1, 0, 1},
+        {"failing", {.enableError = broken}, false, 1, 0, 0},
+        {"needs an administrator", {.state = State::needsAdministrator, .enableError = approval}, false, 1, 0, 1},
+        {"needs an administrator after enabling", {.stateAfterEnabling = State::needsAdministrator}, true, 1, 0, 1},
+        {"unit file missing", {.definitionPath = std::nullopt}, false, 0, 0, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        capture_.clear();
+        approvals_ = 0;
+        auto helper = manager(c.script);
+        EXPECT_EQ(helper->ensureHelperInstalledIfNeeded(), c.installed);
+        const int stateReads = service_->calls().stateReads;
+        EXPECT_EQ(helper->ensureHelperInstalledIfNeeded(), c.installed);  // answered from memory
+        main_->drain();                                                   // runs the posted approval notifications
+        const auto calls = service_->calls();
+        EXPECT_EQ(calls.stateReads, stateReads);
+        EXPECT_EQ(calls.enables, c.enables);
+        EXPECT_EQ(calls.disables, c.disables);
+        EXPECT_EQ(approvals_, c.approvals);
+        const auto all = lines();
+        for (std::size_t i = 1; i < all.size(); ++i) EXPECT_NE(all[i], all[i - 1]) << "logged twice in a row";
+    }
+}
+
+TEST_F(HelperPipelineTest, CallsFromOtherThreadsRunTheWorkflowOnTheMainThread) {
+    auto helper = manager(Script{.state = State::enabled});
+    std::optional<bool> answer;
+    std::thread caller([&] { answer = helper->ensureHelperInstalledIfNeeded(); });
+    ASSERT_TRUE(main_->runUntil([&] { return service_->calls().stateReads > 0; }, 10s));
+    caller.join();
+    EXPECT_EQ(answer, true);
 }
 
 }  // namespace
