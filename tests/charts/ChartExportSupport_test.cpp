@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <unicode/timezone.h>
 
 #include <csignal>
 #include <filesystem>
@@ -134,7 +135,13 @@ TEST(ChartExportSupport, TextsOfThePictureInBothLanguages) {
 
 // The picture's name is the CSV's with its extension replaced (std::filesystem's rule).
 TEST(ChartExportFlow, NamesTheCsvAfterTheTime) {
+    // ICU reads the process's zone once, and an earlier test in this process may have made it: it is
+    // read again with TZ set, and once more at the end, after TZ is restored.
+    struct ReadZoneAtEnd {
+        ~ReadZoneAtEnd() { icu::TimeZone::adoptDefault(icu::TimeZone::detectHostTimeZone()); }
+    } const readAtEnd;
     const ScopedEnvironment zone{{"TZ", "Asia/Shanghai"}};
+    icu::TimeZone::adoptDefault(icu::TimeZone::detectHostTimeZone());
     const auto time = std::chrono::sys_days(std::chrono::year(2025) / 3 / 1) + std::chrono::hours(20);
     EXPECT_EQ(Support::suggestedFileName(time), "Vantorix-20250302-040000.csv");
 }
