@@ -112,8 +112,7 @@ void appendNumber(std::string& out, double value) {
 // for a pipe's reader.
 std::optional<std::string> writeFile(const std::string& path, const void* bytes, std::size_t size) {
     const auto failed = [&path](const std::string& reason) {
-        return text::isEnglish() ? fmt::format("Could not write the file “{}”: {}", path, reason)
-                                 : fmt::format("无法写入文件“{}”：{}", path, reason);
+        return ChartExportSupport::writeFailureText(path, reason);
     };
     const auto failure = [&failed](int error) { return failed(std::generic_category().message(error)); };
     struct stat status {};
@@ -127,23 +126,31 @@ std::optional<std::string> writeFile(const std::string& path, const void* bytes,
         ::close(fd);
         return failed(text::notRegularFileText(status.st_mode));
     }
-    const auto* data = static_cast<const char*>(bytes);
-    while (size > 0) {
-        const ssize_t written = ::write(fd, data, size);
-        if (written < 0 && errno == EINTR) continue;
-        if (written < 0) {
-            const int error = errno;
-            ::close(fd);
-            return failure(error);
-        }
-        data += written;
-        size -= static_cast<std::size_t>(written);
+    if (const int error = ChartExportSupport::writeAll(fd, static_cast<const char*>(bytes), size); error != 0) {
+        ::close(fd);
+        return failure(error);
     }
     if (::close(fd) != 0) return failure(errno);
     return std::nullopt;
 }
 
 }  // namespace
+
+std::string ChartExportSupport::writeFailureText(const std::string& path, const std::string& reason) {
+    return text::isEnglish() ? fmt::format("Could not write the file “{}”: {}", path, reason)
+                             : fmt::format("无法写入文件“{}”：{}", path, reason);
+}
+
+int ChartExportSupport::writeAll(int fd, const char* data, std::size_t size) {
+    while (size > 0) {
+        const ssize_t written = ::write(fd, data, size);
+        if (written < 0 && errno == EINTR) continue;
+        if (written < 0) return errno;
+        data += written;
+        size -= static_cast<std::size_t>(written);
+    }
+    return 0;
+}
 
 double ChartExportSupport::speedFactor(std::int64_t sampleIntervalMs) {
     return sampleIntervalMs >= 1 ? 1000.0 / static_cast<double>(sampleIntervalMs) : 0.0;

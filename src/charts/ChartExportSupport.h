@@ -104,6 +104,10 @@ struct ChartExportSupport {
     static std::string suggestedFileName(std::chrono::system_clock::time_point now);
     // The CSV path with its extension replaced by (or, without one, extended with) "png".
     static std::string pngPath(const std::string& csvPath);
+    // "Could not write the file “PATH”: REASON", in the user's language.
+    static std::string writeFailureText(const std::string& path, const std::string& reason);
+    // Writes all `size` bytes to `fd`, going on after interruptions; 0, or the system's error.
+    static int writeAll(int fd, const char* data, std::size_t size);
     struct Outcome {
         bool saved = false;  // both files written
         std::string text;    // what the user is told: where the files went, or why the export failed

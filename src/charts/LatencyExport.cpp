@@ -10,7 +10,6 @@
 #include <system_error>
 
 #include "monitor/DeviceLoad.h"
-#include "text/Language.h"
 #include "text/Messages.h"
 #include "text/SystemError.h"
 #include "util/Uuid.h"
@@ -55,8 +54,7 @@ std::string LatencyExport::csvText(const SampleWindow& samples) {
 
 std::optional<std::string> LatencyExport::writeWhole(const std::string& path, std::string_view contents) {
     const auto failed = [&path](const std::string& reason) {
-        return text::isEnglish() ? fmt::format("Could not write the file “{}”: {}", path, reason)
-                                 : fmt::format("无法写入文件“{}”：{}", path, reason);
+        return ChartExportSupport::writeFailureText(path, reason);
     };
     const auto failure = [&failed](int error) { return failed(std::generic_category().message(error)); };
     struct stat status {};
@@ -74,18 +72,9 @@ std::optional<std::string> LatencyExport::writeWhole(const std::string& path, st
         ::unlink(unfinishedPath.c_str());
         return failure(error);
     };
-    const char* data = contents.data();
-    std::size_t left = contents.size();
-    while (left > 0) {
-        const ssize_t written = ::write(fd, data, left);
-        if (written < 0 && errno == EINTR) continue;
-        if (written < 0) {
-            const int error = errno;
-            ::close(fd);
-            return abandon(error);
-        }
-        data += written;
-        left -= static_cast<std::size_t>(written);
+    if (const int error = ChartExportSupport::writeAll(fd, contents.data(), contents.size()); error != 0) {
+        ::close(fd);
+        return abandon(error);
     }
     if (::close(fd) != 0) return abandon(errno);
     if (::rename(unfinishedPath.c_str(), path.c_str()) != 0) return abandon(errno);
