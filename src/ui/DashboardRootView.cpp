@@ -85,6 +85,7 @@ DashboardRootView::DashboardRootView(Dependencies dependencies, QWidget* parent)
     });
     testerSubscription_ = dependencies_.tester->subscribe([this](const DiskPerformanceTester::State& state) {
         if (dependencies_.smartRefresh) dependencies_.smartRefresh->setPaused(state.isRunning);
+        testerChanged_ = true;
         refresh();
     });
     // The helper manager posts its request on the main thread.
@@ -105,15 +106,23 @@ DashboardRootView::~DashboardRootView() {
 
 void DashboardRootView::showEvent(QShowEvent* event) {
     QWidget::showEvent(event);
+    testerChanged_ = true;  // everything again, in the texts of now
     refresh();
 }
 
 void DashboardRootView::refresh() {
     const auto& monitor = dependencies_.monitor->state();
     const auto& tester = dependencies_.tester->state();
-    const auto preview = dependencies_.tester->payloadPreview(monitor.selectedVolume);
-    const auto payload = performancePayloadContext(monitor.selectedVolume, tester.dataSize, preview);
-    panel_->setContent(dashboard::volumePanelContent(monitor, tester, payload));
+    // The panel reads no sample: a batch that leaves the selection and the run as they were
+    // leaves the panel as it is, and its capacity texts are not formatted again.
+    PanelInputs inputs{monitor.selectedVolume, monitor.isMonitoring, monitor.samples.size() > 1};
+    if (testerChanged_ || inputs != panelInputs_) {
+        const auto preview = dependencies_.tester->payloadPreview(monitor.selectedVolume);
+        const auto payload = performancePayloadContext(monitor.selectedVolume, tester.dataSize, preview);
+        panel_->setContent(dashboard::volumePanelContent(monitor, tester, payload));
+        panelInputs_ = std::move(inputs);
+        testerChanged_ = false;
+    }
     metrics_->setCards(dashboard::metricCards(monitor));
     bubbles_->setMessages(dashboard::messageBubbles(monitor, tester));
 }

@@ -92,6 +92,15 @@ private:
     Subscription testerSubscription_;
     Subscription approvalSubscription_;
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    // What the volume panel was last made from, apart from the tester, whose every change remakes it.
+    struct PanelInputs {
+        std::optional<DiskVolumeDescriptor> volume;
+        bool monitoring = false;
+        bool exportEnabled = false;
+        friend bool operator==(const PanelInputs&, const PanelInputs&) = default;
+    };
+    std::optional<PanelInputs> panelInputs_;
+    bool testerChanged_ = true;
     double chartScale_ = 1;
     double chartOffset_ = 0;
     QSize chartSize_;

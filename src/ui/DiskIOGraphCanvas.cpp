@@ -308,6 +308,11 @@ DiskIOGraphCanvas::DiskIOGraphCanvas(std::shared_ptr<MainExecutor> mainExecutor,
     plotShowTimer_.setSingleShot(true);
     plotShowTimer_.setInterval(kPlotShowDelay);
     connect(&plotShowTimer_, &QTimer::timeout, this, &DiskIOGraphCanvas::showArrivedPlot);
+    pointsTimer_.setSingleShot(true);
+    connect(&pointsTimer_, &QTimer::timeout, this, [this] {
+        lastPointsAt_ = Clock::now();
+        if (!requestPoints()) update();
+    });
     pointsSubscription_ = cache_->subscribe([this](const DiskIOGraphRendererCache::Points&) { pointsPublished(); });
     // Every paint covers the whole widget in the card colour, so the section need not paint beneath.
     setAttribute(Qt::WA_OpaquePaintEvent);
@@ -341,6 +346,19 @@ void DiskIOGraphCanvas::setSamples(SampleWindow samples, std::int64_t sampleInte
         hoverChanged = retargeted != hoveredSample_;
         hoveredSample_ = retargeted;
     }
+    // Samples move the lines at most once a kSampleRedrawPeriod: a batch that comes sooner waits
+    // for the period's end, when the newest samples are drawn. A new interval is drawn at once.
+    const auto now = Clock::now();
+    if (!intervalChanged && now - lastPointsAt_ < kSampleRedrawPeriod) {
+        if (!pointsTimer_.isActive()) {
+            pointsTimer_.start(
+                std::chrono::ceil<std::chrono::milliseconds>(kSampleRedrawPeriod - (now - lastPointsAt_)));
+        }
+        if (hoverChanged) update();
+        return;
+    }
+    pointsTimer_.stop();
+    lastPointsAt_ = now;
     // When the cache is asked for points, their arrival repaints; the batch costs one repaint.
     if (!requestPoints() && (wereVisible || intervalChanged || hoverChanged)) update();
 }

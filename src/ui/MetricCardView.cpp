@@ -1,5 +1,7 @@
 #include "ui/MetricCardView.h"
 
+#include <algorithm>
+
 #include <QEvent>
 #include <QGridLayout>
 #include <QPainter>
@@ -18,35 +20,71 @@ constexpr int kSpacing = 12;
 
 // The width a value asks the layout for grows and shrinks in steps of this many pixels.
 constexpr int kValueWidthStep = 24;
+constexpr double kAccentWash = 0.08;  // the accent colour's share in a card's colour
 
 }  // namespace
 
 void CardValueText::setText(const QString& text) {
     if (text == text_) return;
     text_ = text;
-    if (steppedWidth() != hintWidth_) updateGeometry();
+    // The room only grows: a figure that goes back and forth between two widths (800/s and
+    // 799.6/s) then asks for one layout, not one a frame.
+    if (steppedWidth() > hintWidth_) updateGeometry();
     update();
 }
 
 int CardValueText::steppedWidth() const {
-    const int width = fontMetrics().horizontalAdvance(text_);
-    return (width + kValueWidthStep - 1) / kValueWidthStep * kValueWidthStep;
+    // Measured with every digit written as the widest one, so that the figures of a live value
+    // share a few shapes ("00.0 MB/s"), each measured once, and the width is never too small.
+    if (widestDigit_.isNull()) {
+        const QFontMetrics metrics = fontMetrics();
+        widestDigit_ = QLatin1Char('0');
+        for (char digit = '1'; digit <= '9'; ++digit) {
+            if (metrics.horizontalAdvance(QLatin1Char(digit)) > metrics.horizontalAdvance(widestDigit_))
+                widestDigit_ = QLatin1Char(digit);
+        }
+    }
+    QString shape = text_;
+    for (QChar& c : shape) {
+        if (c >= QLatin1Char('0') && c <= QLatin1Char('9')) c = widestDigit_;
+    }
+    auto known = shapeWidths_.constFind(shape);
+    if (known == shapeWidths_.constEnd()) {
+        if (shapeWidths_.size() >= kShapesKept) shapeWidths_.clear();
+        known = shapeWidths_.insert(shape, fontMetrics().horizontalAdvance(shape));
+    }
+    return (*known + kValueWidthStep - 1) / kValueWidthStep * kValueWidthStep;
 }
 
 QSize CardValueText::sizeHint() const {
     // Remembered, so that setText can tell whether the layout needs to know.
-    hintWidth_ = steppedWidth();
+    hintWidth_ = std::max(hintWidth_, steppedWidth());
     return {hintWidth_, fontMetrics().height()};
+}
+
+void CardValueText::setBackground(const QColor& colour) {
+    if (colour == background_) return;
+    background_ = colour;
+    // Painting its own ground, the value repaints alone: the card and the window beneath it are
+    // not painted again for every new figure.
+    setAttribute(Qt::WA_OpaquePaintEvent, background_.isValid());
+    update();
 }
 
 void CardValueText::paintEvent(QPaintEvent*) {
     QPainter painter(this);
+    if (background_.isValid()) painter.fillRect(rect(), background_);
     painter.setPen(palette().color(foregroundRole()));
     painter.drawText(rect(), Qt::AlignLeft | Qt::AlignVCenter | Qt::TextSingleLine, text_);
 }
 
 void CardValueText::changeEvent(QEvent* event) {
-    if (event->type() == QEvent::FontChange) updateGeometry();
+    if (event->type() == QEvent::FontChange) {
+        widestDigit_ = QChar();
+        shapeWidths_.clear();
+        hintWidth_ = 0;
+        updateGeometry();
+    }
     QWidget::changeEvent(event);
 }
 
@@ -86,7 +124,8 @@ void MetricCardView::setContent(const dashboard::MetricCardContent& content) {
     if (title_->text() != qText(content.title)) title_->setText(qText(content.title));
     if (value_->text() != qText(content.valueText)) value_->setText(qText(content.valueText));
     if (footer_->text() != qText(content.footer)) footer_->setText(qText(content.footer));
-    setAccessibleName(qText(content.title + " " + content.valueText));
+    const QString name = qText(content.title + " " + content.valueText);
+    if (accessibleName() != name) setAccessibleName(name);
     if (content.iconSystemName != symbolName_ || content.accentColor != accent_) {
         symbolName_ = content.iconSystemName;
         accent_ = content.accentColor;
@@ -96,6 +135,13 @@ void MetricCardView::setContent(const dashboard::MetricCardContent& content) {
 
 void MetricCardView::refreshSymbol() {
     symbol_->setPixmap(symbolPixmap(symbolName_, accentColor(accent_), 18, devicePixelRatioF()));
+    // The card's colour inside its border, where the value lies: the base with the wash over it.
+    const QColor base = palette().color(QPalette::Base);
+    const QColor accent = accentColor(accent_);
+    const auto washed = [](double under, double over) { return under + (over - under) * kAccentWash; };
+    value_->setBackground(QColor::fromRgbF(static_cast<float>(washed(base.redF(), accent.redF())),
+                                           static_cast<float>(washed(base.greenF(), accent.greenF())),
+                                           static_cast<float>(washed(base.blueF(), accent.blueF()))));
     QPalette secondary = palette();
     secondary.setColor(QPalette::WindowText, withOpacity(palette().color(QPalette::WindowText), 0.65));
     title_->setPalette(secondary);
@@ -112,10 +158,9 @@ void MetricCardView::paintEvent(QPaintEvent*) {
     painter.setRenderHint(QPainter::Antialiasing);
     QPainterPath shape;
     shape.addRoundedRect(QRectF(rect()).adjusted(0.5, 0.5, -0.5, -0.5), 14, 14);
-    const QColor base = palette().color(QPalette::Base);
-    painter.fillPath(shape, base);
+    painter.fillPath(shape, palette().color(QPalette::Base));
     // A wash of the accent colour ties the card to its line of the graph.
-    painter.fillPath(shape, withOpacity(accentColor(accent_), 0.08));
+    painter.fillPath(shape, withOpacity(accentColor(accent_), kAccentWash));
     painter.setPen(QPen(withOpacity(palette().color(QPalette::WindowText), 0.12), 1));
     painter.drawPath(shape);
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QFrame>
+#include <QHash>
 #include <QLabel>
 
 #include <vector>
@@ -18,6 +19,8 @@ public:
     explicit CardValueText(QWidget* parent = nullptr) : QWidget(parent) {}
     void setText(const QString& text);
     QString text() const { return text_; }
+    // The solid colour the value is painted on; until one is set, the value is painted over its parent.
+    void setBackground(const QColor& colour);
     QSize sizeHint() const override;
     QSize minimumSizeHint() const override { return sizeHint(); }
 
@@ -28,8 +31,13 @@ protected:
 private:
     int steppedWidth() const;
 
+    static constexpr qsizetype kShapesKept = 64;
+
     QString text_;
-    mutable int hintWidth_ = 0;  // the width the last size hint gave
+    QColor background_;
+    mutable int hintWidth_ = 0;  // the widest the size hints gave
+    mutable QChar widestDigit_;  // null until measured in the current font
+    mutable QHash<QString, int> shapeWidths_;
 };
 
 // One live figure: its symbol in the card's accent colour, title, value and footer.

@@ -71,12 +71,12 @@ struct Graph {
         EXPECT_TRUE(QTest::qWaitForWindowExposed(&section));
     }
 
-    void append(std::size_t count) {
+    void append(std::size_t count, bool settled = true) {
         for (std::size_t n = history.count(), end = n + count; n < end; ++n)
             history.append(DiskSample{Uuid::make(), std::chrono::sys_seconds(std::chrono::seconds(1'740'816'930 + n)),
                                       readAt(n), writeAt(n), 1, 1, loadAt(n)});
         section.setSamples(history.elements(), 1000);
-        settle();
+        if (settled) settle();
     }
     // Runs the event loop until the cache has published the batch's points and they are painted.
     void settle() {
@@ -114,6 +114,16 @@ TEST(DiskIOGraphCanvas, PaintsNoneSomeAndAFullWindowOfSamples) {
         EXPECT_EQ(frame.throughputTicks.size(), c.points > 0 ? 5u : 1u);
         save(graph.section, c.screenshot);
     }
+}
+
+// Batches that come faster than the graph redraws are drawn together, and the newest is drawn.
+TEST(DiskIOGraphCanvas, BatchesInQuickSuccessionEndWithTheNewestDrawn) {
+    Graph graph;
+    graph.append(10);
+    for (int batch = 0; batch < 3; ++batch) graph.append(1, false);
+    EXPECT_TRUE(graph.canvas->hasPendingPoints());
+    graph.settle();
+    EXPECT_EQ(graph.canvas->frame().drawn.size(), 13u);
 }
 
 // The limits of the zoom are GraphGeometry's; here, that the wheel reaches them.
