@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -147,6 +148,8 @@ struct ServeOptions {
     std::string listen = "127.0.0.1:9842";
     DiskIOMonitor::SamplingPrecision precision = DiskIOMonitor::SamplingPrecision::ms1000;
     std::vector<std::string> volumes;  // folders; every mounted block-device file system when empty
+    std::string healthDatabase;        // the drive-health history; HealthHistory::servicePath() when empty
+    std::chrono::nanoseconds smartInterval = std::chrono::minutes(1);  // between two SMART refreshes of a drive
 };
 
 // "ADDRESS:PORT", "[IPv6]:PORT" or ":PORT" (loopback) as an address and a port; nothing when malformed.

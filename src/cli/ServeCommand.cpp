@@ -2,6 +2,7 @@
 #include <CLI/CLI.hpp>
 
 #include "cli/Commands.h"
+#include "cli/OptionChecks.h"
 #include "cli/SignalWatcher.h"
 #include "composition/SmartPipeline.h"
 #include "concurrency/Cancellation.h"
@@ -12,6 +13,7 @@
 #include "exporter/MetricsCollector.h"
 #include "exporter/MetricsServer.h"
 #include "exporter/SmartHealth.h"
+#include "health/HealthHistory.h"
 #include "text/Language.h"
 #include "text/Messages.h"
 #include "text/TerminalText.h"
@@ -52,13 +54,24 @@ exporter::MetricsCollector::Dependencies collectorDependencies(const ServeOption
     dependencies.paths = options.volumes;
     dependencies.mountPoints = environment.system.blockDeviceMountPoints;
     dependencies.samplingInterval = DiskIOMonitor::timerInterval(options.precision);
+    dependencies.smartInterval = options.smartInterval;
     dependencies.smart = [&pipeline, &cancellation](const std::string& device) {
         const auto outcome = pipeline.provider->fetch(device, cancellation.token());
         exporter::MetricsCollector::SmartReading reading;
         reading.driveAsleep = outcome.driveAsleep;
-        if (outcome.info) reading.figures = exporter::smartFiguresFromJson(outcome.smartctlJson);
+        reading.helperFailed = outcome.helperFailure.has_value();
+        if (outcome.info) reading.figures = exporter::smartFiguresFromJson(outcome.smartctlJson, 0, device);
         return reading;
     };
+    // Without its history the exporter still serves every figure but the growth.
+    const auto path = options.healthDatabase.empty() ? health::HealthHistory::servicePath() : options.healthDatabase;
+    if (auto history = health::HealthHistory::open(path)) {
+        dependencies.history = std::move(history).value();
+    } else {
+        const auto pattern = localized("无法打开健康历史 {}：{}；不记录历史。",
+                                       "Cannot open the health history {}: {}; serving without it.");
+        *environment.err << text::terminalLines(fmt::format(fmt::runtime(pattern), path, history.error())) << '\n';
+    }
     return dependencies;
 }
 
@@ -142,7 +155,9 @@ int runServe(const ServeOptions& options, Environment& environment) {
     SerialQueue smartQueue("com.vantorix.exporter.smart", QualityOfService::background);
     RepeatingTimer smart(smartQueue);
     smart.setHandler([&collector] { collector.refreshSmart(RepeatingTimer::Clock::now()); });
-    smart.schedule(RepeatingTimer::Duration::zero(), std::chrono::seconds(5), std::chrono::seconds(1));
+    // Each drive is due once per SMART interval; the timer looks every 5 s, or as often as that.
+    const auto smartTick = std::min<std::chrono::nanoseconds>(std::chrono::seconds(5), options.smartInterval);
+    smart.schedule(RepeatingTimer::Duration::zero(), smartTick, smartTick / 5);
     smart.resume();
 
     err << text::exportingMetrics(watched, http->address()) << std::endl;
@@ -160,6 +175,7 @@ Command addServeCommand(CLI::App& parent) {
     struct Parsed {
         ServeOptions options;
         int precision = 1000;
+        double smartSeconds = 60;
     };
     auto parsed = std::make_shared<Parsed>();
     auto* command = parent.add_subcommand(
@@ -181,8 +197,21 @@ Command addServeCommand(CLI::App& parent) {
             localized("要监控的卷上的文件夹，可重复；默认是所有已挂载的块设备文件系统",
                       "A folder on a volume to watch, repeatable; every mounted block-device file system by default"))
         ->type_name("PATH");
+    command
+        ->add_option("--health-database", parsed->options.healthDatabase,
+                     localized("记录驱动器健康历史的 SQLite 文件（默认 $STATE_DIRECTORY 或 /var/lib/vantorix 下的 "
+                               "health.sqlite）",
+                               "The SQLite file of the drives' health history (health.sqlite in $STATE_DIRECTORY "
+                               "or /var/lib/vantorix by default)"))
+        ->type_name("FILE");
+    // For tests: how often a drive's SMART figures are refreshed.
+    command->add_option("--smart-interval", parsed->smartSeconds)
+        ->check(namingHiddenOption("--smart-interval", secondsCheck(1, true, 86400)))
+        ->group("");
     return {command, [parsed](Environment& environment) {
                 parsed->options.precision = *DiskIOMonitor::precisionFromRawValue(parsed->precision);
+                parsed->options.smartInterval = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                    std::chrono::duration<double>(parsed->smartSeconds));
                 return runServe(parsed->options, environment);
             }};
 }

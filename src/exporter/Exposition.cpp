@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <functional>
 
@@ -141,9 +142,10 @@ void writeVolumeInfo(Writer& w, const Volumes& volumes) {
     for (const auto& volume : volumes) {
         const auto& l = volume.labels;
         w.sample("vantorix_volume_info",
-                 fmt::format("{},{},{},{},{},{},{}", label("device", l.device), label("mountpoint", l.mountPoint),
+                 fmt::format("{},{},{},{},{},{},{},{},{}", label("device", l.device), label("mountpoint", l.mountPoint),
                              label("filesystem", l.fileSystem), label("connection", l.connection),
-                             label("link_speed", l.linkSpeed), label("vendor", l.vendor), label("model", l.model)),
+                             label("link_speed", l.linkSpeed), label("vendor", l.vendor), label("model", l.model),
+                             label("wwn", l.wwn), label("serial", l.serial)),
                  1);
     }
 }
@@ -256,8 +258,49 @@ void writeHistograms(Writer& w, std::string_view histogram, std::string_view hel
     }
 }
 
-// The drives' SMART figures: a family appears only when some volume has a value for it.
+// How a health figure is exported: its family, type and help, and the factor from the drive's unit
+// to the metric's base unit.
+struct FigureMetric {
+    health::Figure figure;
+    std::string_view name;
+    Type type;
+    std::string_view help;
+    double scale = 1;
+};
+
+constexpr std::array<FigureMetric, health::kFigureCount> kFigureMetrics{{
+    {health::Figure::temperature, "vantorix_smart_temperature_celsius", Type::gauge, "Drive temperature."},
+    {health::Figure::powerOnHours, "vantorix_smart_power_on_seconds", Type::gauge,
+     "Time the drive has been powered on.", 3600},
+    {health::Figure::percentageUsed, "vantorix_smart_percentage_used_ratio", Type::gauge,
+     "Share of the drive's rated endurance used, by its own estimate (may exceed 1).", 0.01},
+    {health::Figure::reallocatedSectors, "vantorix_smart_reallocated_sectors", Type::gauge,
+     "Sectors the drive has reallocated."},
+    {health::Figure::pendingSectors, "vantorix_smart_pending_sectors", Type::gauge,
+     "Unstable sectors waiting to be remapped."},
+    {health::Figure::uncorrectableSectors, "vantorix_smart_uncorrectable_sectors", Type::gauge,
+     "Sectors the drive could not read or correct."},
+    {health::Figure::crcErrors, "vantorix_smart_crc_errors_total", Type::counter,
+     "Transfers to or from the drive that failed their interface checksum."},
+    {health::Figure::mediaErrors, "vantorix_smart_media_errors_total", Type::counter,
+     "Unrecovered data integrity errors the drive reported."},
+    {health::Figure::unsafeShutdowns, "vantorix_smart_unsafe_shutdowns_total", Type::counter,
+     "Times the drive lost power without being told first."},
+    {health::Figure::bytesWritten, "vantorix_smart_written_bytes_total", Type::counter,
+     "Bytes the host wrote to the drive over its life."},
+    {health::Figure::bytesRead, "vantorix_smart_read_bytes_total", Type::counter,
+     "Bytes the host read from the drive over its life."},
+}};
+
+// The drives' SMART figures, each series with the drive's wwn and serial beside the volume's
+// labels: a family appears only when some volume has a value for it.
 void writeSmart(Writer& w, const Volumes& volumes, const std::vector<std::string>& keys) {
+    std::vector<std::string> drives(volumes.size());
+    for (std::size_t i = 0; i < volumes.size(); ++i) {
+        if (!volumes[i].smart) continue;
+        const auto& identity = volumes[i].smart->drive.identity;
+        drives[i] = keys[i] + "," + label("wwn", identity.wwn) + "," + label("serial", identity.serial);
+    }
     using SmartField = std::function<std::optional<double>(const SmartFigures&)>;
     const auto smart = [&](std::string_view name, Type type, std::string_view help, const SmartField& field) {
         bool any = false;
@@ -267,7 +310,7 @@ void writeSmart(Writer& w, const Volumes& volumes, const std::vector<std::string
             if (!value) continue;
             if (!any) w.family(name, type, help);
             any = true;
-            w.sample(name, keys[i], *value);
+            w.sample(name, drives[i], *value);
         }
     };
     const auto flag = [](const std::optional<bool>& value) -> std::optional<double> {
@@ -276,28 +319,43 @@ void writeSmart(Writer& w, const Volumes& volumes, const std::vector<std::string
     };
     smart("vantorix_smart_passed", Type::gauge,
           "1 when the drive's SMART overall self-assessment passed, 0 when it failed.",
-          [&](const SmartFigures& s) { return flag(s.passed); });
+          [&](const SmartFigures& s) { return flag(s.drive.snapshot.passed); });
     smart("vantorix_smart_capable", Type::gauge, "1 when the drive supports SMART.",
           [&](const SmartFigures& s) { return flag(s.capable); });
-    smart("vantorix_smart_temperature_celsius", Type::gauge, "Drive temperature.",
-          [](const SmartFigures& s) { return s.temperatureCelsius; });
-    smart("vantorix_smart_power_on_seconds", Type::gauge, "Time the drive has been powered on.",
-          [](const SmartFigures& s) -> std::optional<double> {
-              if (!s.powerOnHours) return std::nullopt;
-              return *s.powerOnHours * 3600;
-          });
-    smart("vantorix_smart_percentage_used_ratio", Type::gauge,
-          "Share of the drive's rated endurance used (NVMe percentage used / 100; may exceed 1).",
-          [](const SmartFigures& s) -> std::optional<double> {
-              if (!s.percentageUsed) return std::nullopt;
-              return *s.percentageUsed / 100;
-          });
-    smart("vantorix_smart_media_errors_total", Type::counter, "Unrecovered data integrity errors the drive reported.",
-          [](const SmartFigures& s) { return s.mediaErrors; });
-    smart("vantorix_smart_reallocated_sectors", Type::gauge, "Sectors the drive has reallocated (ATA attribute 5).",
-          [](const SmartFigures& s) { return s.reallocatedSectors; });
+    for (const auto& metric : kFigureMetrics) {
+        smart(metric.name, metric.type, metric.help, [&metric](const SmartFigures& s) -> std::optional<double> {
+            const auto& value = s.drive.snapshot[metric.figure];
+            if (!value) return std::nullopt;
+            return *value * metric.scale;
+        });
+    }
+    smart("vantorix_smart_temperature_limit_celsius", Type::gauge,
+          "The highest temperature the drive is specified to work at.",
+          [](const SmartFigures& s) { return s.drive.temperatureLimit; });
+    smart("vantorix_smart_critical_warning", Type::gauge,
+          "NVMe critical warning bits (1 spare, 2 temperature, 4 reliability, 8 read-only, 16 backup); 0 when "
+          "none is set.",
+          [](const SmartFigures& s) { return s.drive.criticalWarning; });
     smart("vantorix_smart_refresh_timestamp_seconds", Type::gauge, "When the drive's SMART data was last read.",
           [](const SmartFigures& s) -> std::optional<double> { return s.refreshedAt; });
+    smart("vantorix_smart_data_age_seconds", Type::gauge,
+          "Time since the drive's SMART data was read; an idle drive is not asked again.",
+          [](const SmartFigures& s) -> std::optional<double> { return s.ageSeconds; });
+
+    constexpr std::string_view growth = "vantorix_smart_growth_since_baseline";
+    bool any = false;
+    for (std::size_t i = 0; i < volumes.size(); ++i) {
+        if (!volumes[i].smart) continue;
+        for (const auto& g : volumes[i].smart->growth) {
+            if (!any) {
+                w.family(growth, Type::gauge,
+                         "How far a count a healthy drive never raises has grown since the drive's first reading "
+                         "or its last acknowledgement.");
+            }
+            any = true;
+            w.sample(growth, drives[i] + "," + label("attribute", health::figureName(g.figure)), g.amount());
+        }
+    }
 }
 
 }  // namespace

@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "health/DriveHealth.h"
+#include "health/HealthHistory.h"
 #include "monitor/DeviceLoad.h"
 
 namespace vantorix::exporter {
@@ -47,19 +49,21 @@ struct VolumeLabels {
     std::string linkSpeed;
     std::string vendor;
     std::string model;
+    // The drive's identity from its SMART data, so that traffic and health join across renames;
+    // empty until the drive has answered.
+    std::string wwn;
+    std::string serial;
 };
 
-// A few standard health figures of a drive's SMART data; each is absent when the drive does not
-// report it.
+// A drive's SMART figures from its last answer, with who the drive is; each figure is absent when
+// the drive does not report it.
 struct SmartFigures {
-    std::optional<bool> passed;   // the overall self-assessment
+    health::DriveReading drive;   // identity (WWN, serial), verdict, figures, critical warning, temperature limit
     std::optional<bool> capable;  // whether the device supports SMART
-    std::optional<double> temperatureCelsius;
-    std::optional<double> powerOnHours;
-    std::optional<double> percentageUsed;  // NVMe's endurance estimate, 0-255
-    std::optional<double> mediaErrors;
-    std::optional<double> reallocatedSectors;
+    // Of each growth figure with a baseline in the drive-health history; empty without a history.
+    std::vector<health::Growth> growth;
     double refreshedAt = 0;  // Unix time of the smartctl run these came from
+    double ageSeconds = 0;   // time since then, at the scrape
 };
 
 struct VolumeFigures {

@@ -67,8 +67,11 @@ struct MetricsCollector::Volume {
     ThroughputHistogram writeHistogram;
     AwaitHistogram readAwaitHistogram;
     AwaitHistogram writeAwaitHistogram;
-    std::optional<SmartFigures> smart;
+    bool sampled = false;
+    std::optional<SmartFigures> smart;  // written on refreshSmart()'s thread only
     std::optional<Clock::time_point> smartAttemptedAt;
+    // Reads and writes completed when the drive last answered a SMART fetch.
+    std::optional<std::pair<std::uint64_t, std::uint64_t>> smartAnsweredAt;
 };
 
 struct MetricsCollector::Scraper {
@@ -144,7 +147,9 @@ std::size_t MetricsCollector::refreshVolumes() {
                                       descriptor->connectionTypeDescription,
                                       descriptor->connectionSpeedDescription.value_or(""),
                                       descriptor->hardwareVendor.value_or(""),
-                                      descriptor->hardwareModel.value_or("")};
+                                      descriptor->hardwareModel.value_or(""),
+                                      "",
+                                      ""};
         volume->session = std::move(session).value();
         logger().notice("Watching {} ({})", path, descriptor->deviceName);
         added.push_back(std::move(volume));
@@ -200,6 +205,7 @@ void MetricsCollector::sample(Clock::time_point now) {
         Volume& volume = *reading.volume;
         if (!reading.snapshot) continue;
         volume.latest = *reading.snapshot;
+        volume.sampled = true;
         volume.load += reading.span;
         if (!reading.interval) continue;
         const Peaks& f = reading.figures;
@@ -224,31 +230,72 @@ void MetricsCollector::sample(Clock::time_point now) {
 
 void MetricsCollector::refreshSmart(Clock::time_point now) {
     if (!dependencies_.smart) return;
-    std::vector<std::shared_ptr<Volume>> due;
+    struct Due {
+        std::shared_ptr<Volume> volume;
+        bool ask;
+        std::pair<std::uint64_t, std::uint64_t> completed;
+    };
+    std::vector<Due> due;
     {
         std::lock_guard guard(lock_);
         for (const auto& volume : volumes_) {
+            if (!volume->sampled) continue;  // its counters are not known yet
             if (volume->smartAttemptedAt && now - *volume->smartAttemptedAt < dependencies_.smartInterval) continue;
             volume->smartAttemptedAt = now;
-            due.push_back(volume);
+            const std::pair completed{volume->latest.readsCompleted, volume->latest.writesCompleted};
+            due.push_back({volume, volume->smartAnsweredAt != completed, completed});
         }
     }
-    for (const auto& volume : due) {
+    for (const auto& [volume, ask, completed] : due) {
+        if (!ask) {
+            recordSmart(*volume, std::nullopt);
+            continue;
+        }
         // A drive that fails the same way every minute says so in the log once.
         const log::RoundScope round(
             fmt::format("exporter SMART {} {}", volume->labels.device, static_cast<const void*>(this)));
-        const auto reading = dependencies_.smart(volume->labels.device);
-        if (!reading.figures) continue;  // asleep or unavailable: what was known stays
-        auto figures = *reading.figures;
-        figures.refreshedAt = dependencies_.unixTime();
-        std::lock_guard guard(lock_);
-        volume->smart = figures;
+        auto reading = dependencies_.smart(volume->labels.device);
+        if (reading.figures) {
+            reading.figures->refreshedAt = dependencies_.unixTime();
+            reading.figures->drive.snapshot.at = static_cast<std::int64_t>(reading.figures->refreshedAt);
+        }
+        if (!reading.helperFailed) {
+            std::lock_guard guard(lock_);
+            volume->smartAnsweredAt = completed;
+        }
+        recordSmart(*volume, std::move(reading.figures));  // asleep or unavailable: what was known stays
     }
+}
+
+// Records a fresh reading in the history and reads the drive's growth back from it, so that an
+// acknowledgement made by another process shows at the next refresh.
+void MetricsCollector::recordSmart(Volume& volume, std::optional<SmartFigures> fetched) {
+    auto& history = dependencies_.history;
+    std::optional<SmartFigures> figures = fetched ? std::move(fetched) : volume.smart;
+    if (!figures) return;
+    const auto& identity = figures->drive.identity;
+    if (history && identity.known()) {
+        if (fetched) {
+            if (auto recorded = history->record(identity, figures->drive.snapshot); !recorded) {
+                logger().error("Cannot record the SMART figures of {} in {}: {}", volume.labels.device,
+                               history->path(), recorded.error());
+            }
+        }
+        if (auto growth = history->growth(identity.key())) {
+            figures->growth = std::move(growth).value();
+        } else {
+            logger().error("Cannot read the growth of {} from {}: {}", volume.labels.device, history->path(),
+                           growth.error());
+        }
+    }
+    std::lock_guard guard(lock_);
+    volume.smart = std::move(figures);
 }
 
 Exposition MetricsCollector::scrape(const std::string& scraperKey) {
     Exposition exposition;
     exposition.samplingIntervalSeconds = intervalSeconds_;
+    const double now = dependencies_.unixTime();
     std::lock_guard guard(lock_);
     auto scraper = std::find_if(scrapers_.begin(), scrapers_.end(),
                                 [&](const Scraper& s) { return s.key == scraperKey; });
@@ -282,7 +329,12 @@ Exposition MetricsCollector::scrape(const std::string& scraperKey) {
         figures.writeHistogram = volume->writeHistogram;
         figures.readAwaitHistogram = volume->readAwaitHistogram;
         figures.writeAwaitHistogram = volume->writeAwaitHistogram;
-        figures.smart = volume->smart;
+        if (volume->smart) {
+            figures.smart = volume->smart;
+            figures.smart->ageSeconds = std::max(0.0, now - volume->smart->refreshedAt);
+            figures.labels.wwn = volume->smart->drive.identity.wwn;
+            figures.labels.serial = volume->smart->drive.identity.serial;
+        }
         exposition.volumes.push_back(std::move(figures));
     }
     scraper->peaks.clear();

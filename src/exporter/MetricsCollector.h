@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "exporter/Exposition.h"
+#include "health/HealthHistory.h"
 #include "monitor/StatisticsSession.h"
 #include "platform/BlockDevice.h"
 #include "platform/VolumeInfoSource.h"
@@ -28,10 +29,11 @@ public:
     using Clock = std::chrono::steady_clock;
 
     // What a SMART fetch gives: the figures, or that the drive is asleep and was left alone, or
-    // nothing (no helper, no SMART data).
+    // nothing (no SMART data; or no helper, and then the drive was not asked at all).
     struct SmartReading {
         std::optional<SmartFigures> figures;
         bool driveAsleep = false;
+        bool helperFailed = false;
     };
 
     struct Dependencies {
@@ -43,7 +45,10 @@ public:
         std::function<SmartReading(const std::string& device)> smart;  // may be empty: no SMART figures
         std::chrono::nanoseconds samplingInterval = std::chrono::seconds(1);
         std::chrono::nanoseconds smartInterval = std::chrono::minutes(1);
-        std::function<double()> unixTime;  // the wall clock, for the SMART refresh stamp
+        std::function<double()> unixTime;  // the wall clock, for the SMART refresh stamp and age
+        // Where each SMART reading is recorded and the growth figures are read back at every
+        // refresh; may be null. Used on refreshSmart()'s thread only.
+        std::shared_ptr<health::HealthHistory> history;
     };
 
     // Scrapers are told apart by a key (the client's address and user agent); this many are kept,
@@ -61,8 +66,10 @@ public:
     // Reads every volume's counters once and folds the interval since the last reading in. A
     // volume whose counters can no longer be read is dropped.
     void sample(Clock::time_point now);
-    // Fetches SMART figures for each watched device whose last refresh is older than the SMART
-    // interval. Blocks for as long as the fetches take.
+    // For each watched device sampled at least once and not refreshed within the SMART interval:
+    // fetches its SMART figures unless its drive has been asked before and the device has completed
+    // no read or write since (an idle drive is left alone, so that it may sleep), records them in the
+    // history and reads the growth since baseline back. Blocks for as long as the fetches take.
     void refreshSmart(Clock::time_point now);
 
     // The figures as one scraper sees them: its peaks cover the time since its previous scrape (a
@@ -78,6 +85,8 @@ private:
     struct Scraper;
     struct Reading;
     std::vector<std::string> wantedPaths() const;
+
+    void recordSmart(Volume& volume, std::optional<SmartFigures> fetched);
 
     Dependencies dependencies_;
     double intervalSeconds_;

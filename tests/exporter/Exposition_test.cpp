@@ -34,11 +34,14 @@ Exposition sampleExposition() {
     v.writeAwaitPeakSeconds = 0.25;  // no read completed: no read series
     v.queueDepthPeak = 0;
     SmartFigures smart;
-    smart.passed = false;
-    smart.temperatureCelsius = 41;
-    smart.powerOnHours = 2;
-    smart.percentageUsed = 7;
+    smart.drive.identity = {"0x5002538e40a22954", "SSD", "S3YZ", "loop3"};
+    smart.drive.snapshot.passed = false;
+    smart.drive.snapshot[health::Figure::temperature] = 41;
+    smart.drive.snapshot[health::Figure::powerOnHours] = 2;
+    smart.drive.snapshot[health::Figure::percentageUsed] = 7;
+    smart.growth = {{health::Figure::reallocatedSectors, 2, 0, 10, std::nullopt}};
     smart.refreshedAt = 1700000000;
+    smart.ageSeconds = 30;
     v.smart = smart;
     e.volumes.push_back(v);
     return e;
@@ -49,10 +52,11 @@ TEST(Exposition, BothFormatsNameFamiliesAndSamplesAsScrapersExpect) {
     const std::string text = render(e, ExpositionFormat::prometheusText);
     const std::string open = render(e, ExpositionFormat::openMetrics);
     const std::string key = R"(device="loop3",mountpoint="/mnt/a \"b\"\\c�")";
+    const std::string drive = key + R"(,wwn="0x5002538e40a22954",serial="S3YZ")";
     for (
         const std::string& line : std::vector<std::string>{
             "vantorix_sampling_interval_seconds 0.01", "vantorix_volumes 1",
-            R"(vantorix_volume_info{device="loop3",mountpoint="/mnt/a \"b\"\\c�",filesystem="EXT4",connection="Virtual",link_speed="",vendor="Linux",model="Loop\ndevice"} 1)",
+            R"(vantorix_volume_info{device="loop3",mountpoint="/mnt/a \"b\"\\c�",filesystem="EXT4",connection="Virtual",link_speed="",vendor="Linux",model="Loop\ndevice",wwn="",serial=""} 1)",
             "vantorix_volume_read_bytes_total{" + key + "} 1.8446744073709552e+19",
             "vantorix_volume_written_bytes_total{" + key + "} 4096",
             "vantorix_volume_read_peak_bytes_per_second{" + key + "} 1500000000",
@@ -74,8 +78,9 @@ TEST(Exposition, BothFormatsNameFamiliesAndSamplesAsScrapersExpect) {
             "vantorix_volume_interval_await_seconds_bucket{" + key + R"(,direction="write",le="5e-05"} 1)",
             "vantorix_volume_interval_await_seconds_bucket{" + key + R"(,direction="write",le="0.0005"} 2)",
             "vantorix_volume_interval_await_seconds_bucket{" + key + R"(,direction="write",le="+Inf"} 3)",
-            "vantorix_smart_passed{" + key + "} 0", "vantorix_smart_power_on_seconds{" + key + "} 7200",
-            "vantorix_smart_percentage_used_ratio{" + key + "} 0.07"}) {
+            "vantorix_smart_passed{" + drive + "} 0", "vantorix_smart_power_on_seconds{" + drive + "} 7200",
+            "vantorix_smart_percentage_used_ratio{" + drive + "} 0.07", "vantorix_smart_data_age_seconds{" + drive + "} 30",
+            "vantorix_smart_growth_since_baseline{" + drive + R"(,attribute="reallocated_sectors"} 8)"}) {
         EXPECT_THAT(text, HasSubstr("\n" + line + "\n")) << line;
         EXPECT_THAT(open, HasSubstr("\n" + line + "\n")) << line;
     }
@@ -100,34 +105,29 @@ std::string fixture(const std::string& name) {
     return text.str();
 }
 
-TEST(SmartHealth, StandardFiguresFromRealSmartctlOutputs) {
-    using O = std::optional<double>;
+// The identity and figures are health::driveReadingFromJson's; the exporter adds the capability.
+TEST(SmartHealth, IdentityFiguresAndCapabilityFromRealSmartctlOutputs) {
     struct Case {
-        std::string file;
-        std::optional<bool> passed;
-        std::optional<bool> capable;
-        O temperature, hours, used, mediaErrors, reallocated;
+        std::string file, wwn, serial;
+        std::optional<bool> passed, capable;
+        std::optional<double> temperature;
     };
     const std::vector<Case> cases{
-        {"scrutiny-smart-nvme-failed.json", true, std::nullopt, 35, 12798, 3, 7, std::nullopt},
-        {"scrutiny-smart-fail2.json", false, std::nullopt, 25, 65592, std::nullopt, std::nullopt, 1975},
-        {"smartctl_exporter-nvme-null-SAMSUNG_MZWLL3T2HAJQ-00005-nvme0.json", false, true, 40, 18376, 0, 0,
-         std::nullopt},
+        {"scrutiny-smart-ata-full.json", "0x5002538e40a22954", "S3YZNB0KB00864E", true, true, 36},
+        {"smartctl_exporter-nvme-null-SAMSUNG_MZWLL3T2HAJQ-00005-nvme0.json", "", "S3ZUNX0K200146", false, true, 40},
     };
     for (const auto& c : cases) {
-        const auto f = smartFiguresFromJson(fixture(c.file));
-        EXPECT_EQ(f.passed, c.passed) << c.file;
+        const auto f = smartFiguresFromJson(fixture(c.file), 1.7e9, "sdz");
+        EXPECT_EQ(f.drive.identity.wwn, c.wwn) << c.file;
+        EXPECT_EQ(f.drive.identity.serial, c.serial) << c.file;
+        EXPECT_EQ(f.drive.snapshot.passed, c.passed) << c.file;
         EXPECT_EQ(f.capable, c.capable) << c.file;
-        EXPECT_EQ(f.temperatureCelsius, c.temperature) << c.file;
-        EXPECT_EQ(f.powerOnHours, c.hours) << c.file;
-        EXPECT_EQ(f.percentageUsed, c.used) << c.file;
-        EXPECT_EQ(f.mediaErrors, c.mediaErrors) << c.file;
-        EXPECT_EQ(f.reallocatedSectors, c.reallocated) << c.file;
+        EXPECT_EQ(f.drive.snapshot[health::Figure::temperature], c.temperature) << c.file;
+        EXPECT_EQ(f.refreshedAt, 1.7e9);
     }
-    for (const std::string bad :
-         {"", "not json", "[1,2]", R"({"temperature":{"current":"hot"},"ata_smart_attributes":{"table":[5]}})"}) {
+    for (const std::string bad : {"", "not json", "[1,2]"}) {
         const auto f = smartFiguresFromJson(bad);
-        EXPECT_FALSE(f.passed || f.temperatureCelsius || f.reallocatedSectors) << bad;
+        EXPECT_FALSE(f.drive.snapshot.passed || f.capable || f.drive.identity.known()) << bad;
     }
 }
 

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
+#include <map>
 
 #include "exporter/MetricsCollector.h"
 #include "monitor/FakeVolumes.h"
@@ -102,38 +102,67 @@ TEST_F(MetricsCollectorTest, BurstPeaksBelongToEachScraperAndRestartAtItsScrape)
 }
 
 // A vanished device is dropped from the export in the exporter's integration test.
-TEST_F(MetricsCollectorTest, EachVolumeOnceAndSmartAskedAtMostOncePerInterval) {
-    addDevice("fake0", std::make_shared<BlockStatistics>());
+TEST_F(MetricsCollectorTest, EachVolumeOnceAndSmartAskedOncePerIntervalAndOnlyAfterTraffic) {
+    auto busy = std::make_shared<BlockStatistics>();
+    addDevice("fake0", busy);
     addDevice("fake1", std::make_shared<BlockStatistics>());
     // The same device twice counts once; a folder that does not resolve is passed over.
     mounts_ = {"/volumes/fake0", "/other/fake0", "/missing/fake2", "/volumes/fake1"};
-    std::atomic<int> asked{0};
-    std::atomic<bool> asleep{false};
+    std::map<std::string, int> asked;
+    bool asleep = false, helperFailed = false;
     auto d = dependencies();
-    d.smart = [&](const std::string&) {
-        const int answer = ++asked;
+    d.smart = [&](const std::string& device) {
+        const int answer = ++asked[device];
         MetricsCollector::SmartReading reading;
         reading.driveAsleep = asleep;
-        if (!asleep) reading.figures.emplace().temperatureCelsius = 30 + answer;
+        reading.helperFailed = helperFailed;
+        if (!asleep && !helperFailed) reading.figures.emplace().drive.snapshot[health::Figure::temperature] = 30 + answer;
         return reading;
     };
     MetricsCollector collector(d);
     ASSERT_EQ(collector.refreshVolumes(), 2u);
 
     const auto t0 = Clock::now();
-    collector.refreshSmart(t0);
-    collector.refreshSmart(t0 + 59s);
-    EXPECT_EQ(asked, 2);  // one fetch per device
-    asleep = true;
-    collector.refreshSmart(t0 + 61s);
-    EXPECT_EQ(asked, 4);
-    auto scraped = collector.scrape("a");
+    collector.refreshSmart(t0);  // before the first sample nothing is known of the traffic
+    EXPECT_TRUE(asked.empty());
+    // Each step: seconds after t0, fake0's reads and writes before it, the drive's state, and how
+    // often each device has been asked after the refresh.
+    struct Step {
+        int at, reads, writes;
+        bool asleep, helperFailed;
+        int fake0, fake1;
+    };
+    const std::vector<Step> steps{
+        {0, 0, 0, false, false, 1, 1},   // the first refresh asks every drive
+        {59, 0, 1, false, false, 1, 1},  // within the interval
+        {61, 0, 0, false, false, 2, 1},  // fake0 wrote since; fake1 stayed idle
+        {122, 4, 0, true, false, 3, 1},  // a read; the drive sleeps: its figures stay
+        {183, 0, 0, false, false, 3, 1},  // idle since the drive answered
+        {244, 0, 2, false, true, 4, 1},  // no helper: the drive was not asked...
+        {305, 0, 0, false, true, 5, 1},  // ...so it is asked again, idle or not
+        {366, 0, 0, false, false, 6, 1},
+        {427, 0, 0, false, false, 6, 1},
+    };
+    for (const auto& step : steps) {
+        SCOPED_TRACE("at " + std::to_string(step.at) + " s");
+        busy->readsCompleted += static_cast<std::uint64_t>(step.reads);
+        busy->writesCompleted += static_cast<std::uint64_t>(step.writes);
+        asleep = step.asleep;
+        helperFailed = step.helperFailed;
+        const auto now = t0 + std::chrono::seconds(step.at);
+        collector.sample(now);
+        collector.refreshSmart(now);
+        EXPECT_EQ(asked["fake0"], step.fake0);
+        EXPECT_EQ(asked["fake1"], step.fake1);
+    }
+    const auto scraped = collector.scrape("a");
     ASSERT_EQ(scraped.volumes.size(), 2u);
-    for (const auto& volume : scraped.volumes) {
-        // A sleeping drive keeps the figures of its last answer.
+    // The last answers: fake0's sixth, fake1's first, read at the (fixed) wall clock's time.
+    for (const auto& [volume, temperature] : {std::pair{scraped.volumes[0], 36.0}, {scraped.volumes[1], 31.0}}) {
         ASSERT_TRUE(volume.smart);
-        EXPECT_LE(*volume.smart->temperatureCelsius, 32);
+        EXPECT_EQ(volume.smart->drive.snapshot[health::Figure::temperature], temperature);
         EXPECT_EQ(volume.smart->refreshedAt, 1.7e9);
+        EXPECT_EQ(volume.smart->ageSeconds, 0);
     }
 }
 

@@ -11,9 +11,13 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <set>
+#include <sstream>
 #include <thread>
 
+#include "health/DriveHealth.h"
+#include "health/HealthHistory.h"
 #include "integration/HelperTestClient.h"
 #include "support/BlockDevice.h"
 #include "support/LoopVolume.h"
@@ -64,16 +68,47 @@ protected:
         argv.insert(argv.end(), args.begin(), args.end());
         return testing::runProcess(argv, environment(language));
     }
-    // `serve` for the volume's folder.
-    void startExporter() {
+    // `serve` for the volume's folder, its health history beside the volume's mount point.
+    void startExporter(const std::vector<std::string>& options = {}) {
         port_ = testing::freeLoopbackPort();
         started_ = std::chrono::steady_clock::now();
-        exporter_ = RunningProcess::start({VANTORIX_CLI_PATH, "serve", "--listen", "127.0.0.1:" + std::to_string(port_),
-                                           "--precision", "100", "--volume", volume_->mountPoint() + "/dir\xfe"},
-                                          {{"VANTORIX_HELPER_SOCKET", helper_->socketPath()}});
+        std::vector<std::string> argv{VANTORIX_CLI_PATH, "serve", "--listen", "127.0.0.1:" + std::to_string(port_),
+                                      "--precision", "100", "--volume", volume_->mountPoint() + "/dir\xfe",
+                                      "--health-database", database()};
+        argv.insert(argv.end(), options.begin(), options.end());
+        exporter_ = RunningProcess::start(argv, {{"VANTORIX_HELPER_SOCKET", helper_->socketPath()}});
         ASSERT_TRUE(testing::eventually([&] { return static_cast<bool>(client().Get("/metrics")); }))
             << exporter_->standardError();
     }
+    std::string database() const { return (beside() / "health.sqlite").string(); }
+    fs::path beside() const { return fs::path(volume_->mountPoint()).parent_path(); }
+    std::string scrape() const {
+        const auto r = client().Get("/metrics");
+        return r && r->status == 200 ? r->body : std::string();
+    }
+    // The ATA fixture as a drive answers it with this temperature and reallocated sector count,
+    // saved beside the volume; `extra` is merged in.
+    std::string ataAnswer(int temperature, int reallocated, const json& extra = json::object()) const {
+        auto document = json::parse(testing::fileContents(kAtaFixture));
+        document["temperature"]["current"] = temperature;
+        for (auto& row : document["ata_smart_attributes"]["table"])
+            if (row["id"] == 5) row["raw"]["value"] = reallocated;
+        document.update(extra);
+        const auto path = beside() / fmt::format("ata-{}-{}.json", temperature, reallocated);
+        std::ofstream(path) << document.dump();
+        return path.string();
+    }
+    // Overwrites the first MiB of a file written before: the device completes one write and, with
+    // timestamps kept in memory (lazytime), nothing else.
+    void writeOnce() const { ASSERT_TRUE(testing::writeDirect(volume_->mountPoint() + "/once", 1, 0)); }
+    // Lets the volume settle: its file written, everything synced, timestamps kept in memory.
+    void quiet() const {
+        ASSERT_TRUE(testing::writeDirect(volume_->mountPoint() + "/once", 1));
+        ASSERT_EQ(testing::runProcess({"/bin/mount", "-o", "remount,lazytime,noatime", volume_->mountPoint()}).exitStatus, 0);
+        ::sync();
+    }
+    static inline const std::string kAtaFixture = std::string(VANTORIX_TEST_DATA_DIR) + "/smartctl/scrutiny-smart-ata-full.json";
+
     httplib::Client client() const {
         httplib::Client c("127.0.0.1", port_);
         c.set_connection_timeout(5);
@@ -302,6 +337,110 @@ TEST_F(LiveVolume, ExporterAnswersEveryScrapeAndDropsAVanishedVolume) {
         const auto r = client().Get("/metrics");
         return r && r->status == 200 && r->body.find("vantorix_volumes 0\n") != std::string::npos;
     }));
+}
+
+// The exporter asks an idle drive once, however many SMART intervals pass, and once more after a
+// write to its volume.
+TEST_F(LiveVolume, ExporterLeavesAnIdleDriveAloneUntilItsVolumeIsUsed) {
+    quiet();
+    startExporter({"--smart-interval", "1"});
+    std::this_thread::sleep_for(8s);
+    EXPECT_EQ(standIn_->starts().size(), 1u);
+    writeOnce();
+    EXPECT_TRUE(testing::eventually([&] { return standIn_->starts().size() == 2; }));
+    std::this_thread::sleep_for(4s);
+    EXPECT_EQ(standIn_->starts().size(), 2u);
+    // The figures are those of the second run, however long ago it was.
+    const auto metrics = scrape();
+    const auto at = metrics.find("\nvantorix_smart_data_age_seconds{");
+    ASSERT_NE(at, std::string::npos) << metrics;
+    const double age = std::stod(metrics.substr(metrics.find("} ", at) + 2));
+    EXPECT_GE(age, 3.5);
+    EXPECT_LT(age, 10);
+}
+
+// A reading whose reallocated sectors grew shows the growth, under the drive's WWN and serial, until
+// someone acknowledges it in the same history file.
+TEST_F(LiveVolume, ExporterShowsGrowthSinceBaselineUntilAcknowledged) {
+    quiet();
+    standIn_->setBehaviour(testing::printing(ataAnswer(36, 0)));
+    startExporter({"--smart-interval", "1"});
+    const std::string drive = labels().substr(0, labels().size() - 1) +
+                              R"(,wwn="0x5002538e40a22954",serial="S3YZNB0KB00864E")";
+    const auto shows = [&](const std::string& growth, int temperature) {
+        const auto metrics = scrape();
+        return metrics.find("\nvantorix_smart_growth_since_baseline" + drive + R"(,attribute="reallocated_sectors"} )" +
+                            growth + "\n") != std::string::npos &&
+               metrics.find("\nvantorix_smart_temperature_celsius" + drive + "} " + std::to_string(temperature) +
+                            "\n") != std::string::npos;
+    };
+    ASSERT_TRUE(testing::eventually([&] { return shows("0", 36); })) << scrape();
+    standIn_->setBehaviour(testing::printing(ataAnswer(41, 8)));
+    writeOnce();
+    ASSERT_TRUE(testing::eventually([&] { return shows("8", 41); })) << scrape();
+
+    auto history = health::HealthHistory::open(database());
+    ASSERT_TRUE(history) << history.error();
+    const auto key = health::driveReadingFromJson(testing::fileContents(kAtaFixture), 0)->identity.key();
+    ASSERT_TRUE(history.value()->acknowledge(key, std::time(nullptr)));
+    EXPECT_TRUE(testing::eventually([&] { return shows("0", 41); })) << scrape();
+    EXPECT_EQ(standIn_->starts().size(), 2u);
+}
+
+// Every metric the Grafana dashboard and the alert rules ask for is one a running exporter serves,
+// for a drive that reports every figure (an ATA answer with an NVMe health log).
+TEST_F(LiveVolume, DashboardAndAlertRulesAskOnlyForServedMetrics) {
+    const auto nvme = json::parse(testing::fileContents(testing::kHelperFixture));
+    standIn_->setBehaviour(testing::printing(
+        ataAnswer(36, 0, {{"nvme_smart_health_information_log", nvme["nvme_smart_health_information_log"]}})));
+    startExporter();
+    // The await peak shows in a scrape that follows a completed request.
+    std::string metrics;
+    ASSERT_TRUE(testing::eventually([&] {
+        testing::writeDirect(volume_->mountPoint() + "/data", 1);
+        metrics = scrape();
+        return metrics.find("\nvantorix_volume_await_peak_seconds{") != std::string::npos &&
+               metrics.find("\nvantorix_smart_growth_since_baseline{") != std::string::npos;
+    })) << metrics;
+    std::set<std::string> served;
+    std::istringstream lines(metrics);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.rfind("# TYPE ", 0) == 0) line = line.substr(7);
+        if (line.empty() || line[0] == '#') continue;
+        served.insert(line.substr(0, line.find_first_of("{ ")));
+    }
+    const auto isServed = [&](const std::string& name) {
+        if (served.count(name) != 0) return true;
+        for (const std::string suffix : {"_bucket", "_sum", "_count"}) {
+            if (name.size() > suffix.size() && name.ends_with(suffix) &&
+                served.count(name.substr(0, name.size() - suffix.size())) != 0)
+                return true;
+        }
+        return false;
+    };
+    const std::regex metric("vantorix_[a-z0-9_]+");
+    const auto check = [&](const std::string& text, const std::string& where) {
+        int found = 0;
+        for (std::sregex_iterator i(text.begin(), text.end(), metric), end; i != end; ++i, ++found)
+            EXPECT_TRUE(isServed(i->str())) << i->str() << " in " << where;
+        return found;
+    };
+    const std::string source = VANTORIX_SOURCE_DIR;
+    int asked = 0;
+    std::function<void(const json&)> expressions = [&](const json& node) {
+        for (const auto& [key, value] : node.items()) {
+            if (value.is_string() && (key == "expr" || key == "definition")) asked += check(value, key);
+            if (value.is_structured()) expressions(value);
+        }
+    };
+    expressions(json::parse(testing::fileContents(source + "/packaging/grafana/vantorix.json")));
+    EXPECT_GT(asked, 40);
+    std::istringstream rules(testing::fileContents(source + "/packaging/prometheus/vantorix-rules.yml"));
+    asked = 0;
+    for (std::string line; std::getline(rules, line);)
+        if (line.find_first_not_of(' ') != std::string::npos && line[line.find_first_not_of(' ')] != '#')
+            asked += check(line, "vantorix-rules.yml");
+    EXPECT_GE(asked, 14);
 }
 
 const std::map<std::string, std::optional<std::string>> kEnglish{
