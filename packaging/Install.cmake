@@ -1,5 +1,5 @@
 # What `cmake --install` places, relative to the installation prefix: the programs, the desktop
-# entry, the AppStream metainfo, the icon and the manual pages. The helper and its systemd units
+# entry, the AppStream metainfo, the icon, the alert rules and dashboard, and the manual pages. The helper and its systemd units
 # are installed beside their build rules.
 
 install(TARGETS vantorix-cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
@@ -16,6 +16,10 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/packaging/com.vantorix.Vantorix.metain
         DESTINATION ${CMAKE_INSTALL_DATADIR}/metainfo)
 install(FILES src/ui/icons/vantorix.svg DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/scalable/apps
         RENAME com.vantorix.Vantorix.svg)
+
+# For fleets: the alert rules (their promtool tests stay in the source tree) and the Grafana dashboard.
+install(FILES packaging/prometheus/vantorix-rules.yml DESTINATION ${CMAKE_INSTALL_DATADIR}/vantorix/prometheus)
+install(FILES packaging/grafana/vantorix.json DESTINATION ${CMAKE_INSTALL_DATADIR}/vantorix/grafana)
 
 # Manual pages from the programs' own --help (help2man), with hand-written sections beside,
 # compressed as Debian installs them (man reads them either way).

@@ -271,14 +271,15 @@ void MetricsCollector::refreshSmart(Clock::time_point now) {
 // acknowledgement made by another process shows at the next refresh.
 void MetricsCollector::recordSmart(Volume& volume, std::optional<SmartFigures> fetched) {
     auto& history = dependencies_.history;
-    std::optional<SmartFigures> figures = fetched ? std::move(fetched) : volume.smart;
+    const bool fresh = fetched.has_value();
+    std::optional<SmartFigures> figures = fresh ? std::move(fetched) : volume.smart;
     if (!figures) return;
     const auto& identity = figures->drive.identity;
     if (history && identity.known()) {
-        if (fetched) {
+        if (fresh) {
             if (auto recorded = history->record(identity, figures->drive.snapshot); !recorded) {
-                logger().error("Cannot record the SMART figures of {} in {}: {}", volume.labels.device,
-                               history->path(), recorded.error());
+                logger().error("Cannot record the SMART figures of {} in {}: {}", volume.labels.device, history->path(),
+                               recorded.error());
             }
         }
         if (auto growth = history->growth(identity.key())) {

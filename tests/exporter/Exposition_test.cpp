@@ -18,7 +18,8 @@ Exposition sampleExposition() {
     e.samplingIntervalSeconds = 0.01;
     VolumeFigures v;
     // A mount point's bytes need not be UTF-8; label values must be.
-    v.labels = {"loop3", "/mnt/a \"b\"\\c\xff", "EXT4", "Virtual", "", "Linux", "Loop\ndevice"};
+    v.labels = {"loop3",        "/mnt/a \"b\"\\c\xff", "EXT4", "Virtual", "", "Linux",
+                "Loop\ndevice", "0x5002538e40a22954",  "S3YZ"};
     v.readBytes = 18446744073709551615ULL;  // a counter near its wrap
     v.writtenBytes = 4096;
     v.reads = 7;
@@ -56,7 +57,7 @@ TEST(Exposition, BothFormatsNameFamiliesAndSamplesAsScrapersExpect) {
     for (
         const std::string& line : std::vector<std::string>{
             "vantorix_sampling_interval_seconds 0.01", "vantorix_volumes 1",
-            R"(vantorix_volume_info{device="loop3",mountpoint="/mnt/a \"b\"\\c�",filesystem="EXT4",connection="Virtual",link_speed="",vendor="Linux",model="Loop\ndevice",wwn="",serial=""} 1)",
+            R"(vantorix_volume_info{device="loop3",mountpoint="/mnt/a \"b\"\\c�",filesystem="EXT4",connection="Virtual",link_speed="",vendor="Linux",model="Loop\ndevice",wwn="0x5002538e40a22954",serial="S3YZ"} 1)",
             "vantorix_volume_read_bytes_total{" + key + "} 1.8446744073709552e+19",
             "vantorix_volume_written_bytes_total{" + key + "} 4096",
             "vantorix_volume_read_peak_bytes_per_second{" + key + "} 1500000000",
@@ -79,7 +80,8 @@ TEST(Exposition, BothFormatsNameFamiliesAndSamplesAsScrapersExpect) {
             "vantorix_volume_interval_await_seconds_bucket{" + key + R"(,direction="write",le="0.0005"} 2)",
             "vantorix_volume_interval_await_seconds_bucket{" + key + R"(,direction="write",le="+Inf"} 3)",
             "vantorix_smart_passed{" + drive + "} 0", "vantorix_smart_power_on_seconds{" + drive + "} 7200",
-            "vantorix_smart_percentage_used_ratio{" + drive + "} 0.07", "vantorix_smart_data_age_seconds{" + drive + "} 30",
+            "vantorix_smart_percentage_used_ratio{" + drive + "} 0.07",
+            "vantorix_smart_data_age_seconds{" + drive + "} 30",
             "vantorix_smart_growth_since_baseline{" + drive + R"(,attribute="reallocated_sectors"} 8)"}) {
         EXPECT_THAT(text, HasSubstr("\n" + line + "\n")) << line;
         EXPECT_THAT(open, HasSubstr("\n" + line + "\n")) << line;
@@ -113,8 +115,8 @@ TEST(SmartHealth, IdentityFiguresAndCapabilityFromRealSmartctlOutputs) {
         std::optional<double> temperature;
     };
     const std::vector<Case> cases{
-        {"scrutiny-smart-ata-full.json", "0x5002538e40a22954", "S3YZNB0KB00864E", true, true, 36},
-        {"smartctl_exporter-nvme-null-SAMSUNG_MZWLL3T2HAJQ-00005-nvme0.json", "", "S3ZUNX0K200146", false, true, 40},
+        {"scrutiny-smart-ata-full.json", "0x5002538e40a22954", "S3YZNB0KB00864E", true, std::nullopt, 36},
+        {"smartctl_exporter-nvme-null-SAMSUNG_MZWLL3T2HAJQ-00005-nvme0.json", "", "REDACTED", false, true, 40},
     };
     for (const auto& c : cases) {
         const auto f = smartFiguresFromJson(fixture(c.file), 1.7e9, "sdz");

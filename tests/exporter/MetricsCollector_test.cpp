@@ -116,7 +116,8 @@ TEST_F(MetricsCollectorTest, EachVolumeOnceAndSmartAskedOncePerIntervalAndOnlyAf
         MetricsCollector::SmartReading reading;
         reading.driveAsleep = asleep;
         reading.helperFailed = helperFailed;
-        if (!asleep && !helperFailed) reading.figures.emplace().drive.snapshot[health::Figure::temperature] = 30 + answer;
+        if (!asleep && !helperFailed)
+            reading.figures.emplace().drive.snapshot[health::Figure::temperature] = 30 + answer;
         return reading;
     };
     MetricsCollector collector(d);
@@ -133,15 +134,14 @@ TEST_F(MetricsCollectorTest, EachVolumeOnceAndSmartAskedOncePerIntervalAndOnlyAf
         int fake0, fake1;
     };
     const std::vector<Step> steps{
-        {0, 0, 0, false, false, 1, 1},   // the first refresh asks every drive
-        {59, 0, 1, false, false, 1, 1},  // within the interval
-        {61, 0, 0, false, false, 2, 1},  // fake0 wrote since; fake1 stayed idle
-        {122, 4, 0, true, false, 3, 1},  // a read; the drive sleeps: its figures stay
+        {0, 0, 0, false, false, 1, 1},    // the first refresh asks every drive
+        {59, 0, 1, false, false, 1, 1},   // within the interval
+        {61, 0, 0, false, false, 2, 1},   // fake0 wrote since; fake1 stayed idle
+        {122, 4, 0, true, false, 3, 1},   // a read; the drive sleeps: its figures stay
         {183, 0, 0, false, false, 3, 1},  // idle since the drive answered
-        {244, 0, 2, false, true, 4, 1},  // no helper: the drive was not asked...
-        {305, 0, 0, false, true, 5, 1},  // ...so it is asked again, idle or not
-        {366, 0, 0, false, false, 6, 1},
-        {427, 0, 0, false, false, 6, 1},
+        {244, 0, 2, false, true, 4, 1},   // no helper: the drive was not asked...
+        {305, 0, 0, false, true, 5, 1},   // ...so it is asked again, idle or not
+        {366, 0, 0, false, false, 6, 1}, {427, 0, 0, false, false, 6, 1},
     };
     for (const auto& step : steps) {
         SCOPED_TRACE("at " + std::to_string(step.at) + " s");

@@ -72,8 +72,8 @@ protected:
     void startExporter(const std::vector<std::string>& options = {}) {
         port_ = testing::freeLoopbackPort();
         started_ = std::chrono::steady_clock::now();
-        std::vector<std::string> argv{VANTORIX_CLI_PATH, "serve", "--listen", "127.0.0.1:" + std::to_string(port_),
-                                      "--precision", "100", "--volume", volume_->mountPoint() + "/dir\xfe",
+        std::vector<std::string> argv{VANTORIX_CLI_PATH,   "serve",   "--listen", "127.0.0.1:" + std::to_string(port_),
+                                      "--precision",       "100",     "--volume", volume_->mountPoint() + "/dir\xfe",
                                       "--health-database", database()};
         argv.insert(argv.end(), options.begin(), options.end());
         exporter_ = RunningProcess::start(argv, {{"VANTORIX_HELPER_SOCKET", helper_->socketPath()}});
@@ -91,8 +91,10 @@ protected:
     std::string ataAnswer(int temperature, int reallocated, const json& extra = json::object()) const {
         auto document = json::parse(testing::fileContents(kAtaFixture));
         document["temperature"]["current"] = temperature;
-        for (auto& row : document["ata_smart_attributes"]["table"])
+        auto& rows = document["ata_smart_attributes"]["table"];
+        for (auto& row : rows)
             if (row["id"] == 5) row["raw"]["value"] = reallocated;
+        rows.push_back({{"id", 197}, {"name", "Current_Pending_Sector"}, {"raw", {{"value", 0}}}});
         document.update(extra);
         const auto path = beside() / fmt::format("ata-{}-{}.json", temperature, reallocated);
         std::ofstream(path) << document.dump();
@@ -104,10 +106,12 @@ protected:
     // Lets the volume settle: its file written, everything synced, timestamps kept in memory.
     void quiet() const {
         ASSERT_TRUE(testing::writeDirect(volume_->mountPoint() + "/once", 1));
-        ASSERT_EQ(testing::runProcess({"/bin/mount", "-o", "remount,lazytime,noatime", volume_->mountPoint()}).exitStatus, 0);
+        ASSERT_EQ(
+            testing::runProcess({"/bin/mount", "-o", "remount,lazytime,noatime", volume_->mountPoint()}).exitStatus, 0);
         ::sync();
     }
-    static inline const std::string kAtaFixture = std::string(VANTORIX_TEST_DATA_DIR) + "/smartctl/scrutiny-smart-ata-full.json";
+    static inline const std::string kAtaFixture = std::string(VANTORIX_TEST_DATA_DIR) +
+                                                  "/smartctl/scrutiny-smart-ata-full.json";
 
     httplib::Client client() const {
         httplib::Client c("127.0.0.1", port_);
@@ -296,8 +300,9 @@ TEST_F(LiveVolume, ExporterPrometheusSeesTheBytesWrittenAndBurstsAboveItsOneSeco
     // promtool accepts what the exporter serves, SMART figures included; smartctl ran at most once a minute.
     auto metrics = client().Get("/metrics");
     ASSERT_TRUE(metrics);
-    for (const std::string& line : {"passed" + labels() + " 1", "temperature_celsius" + labels() + " 36",
-                                    "power_on_seconds" + labels() + " 8643600"}) {
+    const std::string drive = labels().substr(0, labels().size() - 1) + R"(,wwn="",serial="BTNH93710FS91P0B"})";
+    for (const std::string& line :
+         {"passed" + drive + " 1", "temperature_celsius" + drive + " 36", "power_on_seconds" + drive + " 8643600"}) {
         EXPECT_NE(metrics->body.find("\nvantorix_smart_" + line + "\n"), std::string::npos) << line;
     }
     const auto minutes =
@@ -434,7 +439,7 @@ TEST_F(LiveVolume, DashboardAndAlertRulesAskOnlyForServedMetrics) {
         }
     };
     expressions(json::parse(testing::fileContents(source + "/packaging/grafana/vantorix.json")));
-    EXPECT_GT(asked, 40);
+    EXPECT_GT(asked, 30);
     std::istringstream rules(testing::fileContents(source + "/packaging/prometheus/vantorix-rules.yml"));
     asked = 0;
     for (std::string line; std::getline(rules, line);)

@@ -169,6 +169,11 @@ TEST(Package, InstallsRunsAndPurgesWithoutATrace) {
                               testing::fileContents("/usr/lib/systemd/system/vantorix-exporter.service");
     EXPECT_NE(units.find("\nExecStart=/usr/libexec/vantorix/vantorix-smartctl-helper\n"), std::string::npos) << units;
     EXPECT_NE(units.find("\nExecStart=/usr/bin/vantorix-cli serve"), std::string::npos) << units;
+    // The fleet files: the rules as installed load, beside the dashboard.
+    EXPECT_TRUE(fs::exists("/usr/share/vantorix/grafana/vantorix.json"));
+    EXPECT_EQ(runProcess({"/usr/bin/promtool", "check", "rules", "/usr/share/vantorix/prometheus/vantorix-rules.yml"})
+                  .exitStatus,
+              0);
 
     if (const testing::VirtualDisplay x; !x.display.empty()) {
         auto app = testing::RunningProcess::start({"/usr/bin/vantorix"},
