@@ -5,8 +5,9 @@
 # prints how many times smartctl started (1: the first refresh; the drive is left alone after
 # that), then writes 1 MiB to the volume once and prints the count again two intervals later (2),
 # with the device's completed reads and writes beside each count and the figures' age the
-# exporter reports. The volume is mounted with lazytime and noatime, and the written file is laid
-# out before the exporter starts, so the one write is one write at the device and nothing follows.
+# exporter reports. The file written is laid out before the exporter starts, and the write is
+# synced as a program saving a file does, so the device completes its writes (data and journal)
+# at once and nothing follows.
 # Needs root (loop device, mount) and curl. Everything it starts or makes is removed when it ends,
 # however it ends.
 #
@@ -48,7 +49,7 @@ mkfs.ext4 -q -F -E lazy_itable_init=0,lazy_journal_init=0 "$work/volume.img"
 device=$(losetup --find --show "$work/volume.img")
 name=$(basename "$device")
 mkdir "$work/mnt"
-mount -o lazytime,noatime "$device" "$work/mnt"
+mount -o noatime "$device" "$work/mnt"
 mounted=1
 dd if=/dev/zero of="$work/mnt/once" bs=1M count=1 oflag=direct conv=fsync status=none
 sync
@@ -74,6 +75,7 @@ report "after 5 s:"
 sleep $((minutes * 60 - 5))
 report "after $minutes min idle:"
 dd if=/dev/zero of="$work/mnt/once" bs=1M count=1 oflag=direct conv=notrunc status=none
+sync
 report "right after one 1 MiB write:"
 sleep 120
 report "2 min after the write:"

@@ -100,14 +100,15 @@ protected:
         std::ofstream(path) << document.dump();
         return path.string();
     }
-    // Overwrites the first MiB of a file written before: the device completes one write and, with
-    // timestamps kept in memory (lazytime), nothing else.
-    void writeOnce() const { ASSERT_TRUE(testing::writeDirect(volume_->mountPoint() + "/once", 1, 0)); }
-    // Lets the volume settle: its file written, everything synced, timestamps kept in memory.
+    // Saves a MiB over a file written before, as a program saving a file does (sync included): the
+    // device completes its writes at once, and then nothing for a while.
+    void writeOnce() const {
+        ASSERT_TRUE(testing::writeDirect(volume_->mountPoint() + "/once", 1, 0));
+        ::sync();
+    }
+    // Lets the volume settle: the file written, everything synced.
     void quiet() const {
         ASSERT_TRUE(testing::writeDirect(volume_->mountPoint() + "/once", 1));
-        ASSERT_EQ(
-            testing::runProcess({"/bin/mount", "-o", "remount,lazytime,noatime", volume_->mountPoint()}).exitStatus, 0);
         ::sync();
     }
     static inline const std::string kAtaFixture = std::string(VANTORIX_TEST_DATA_DIR) +
@@ -352,7 +353,7 @@ TEST_F(LiveVolume, ExporterLeavesAnIdleDriveAloneUntilItsVolumeIsUsed) {
     std::this_thread::sleep_for(8s);
     EXPECT_EQ(standIn_->starts().size(), 1u);
     writeOnce();
-    EXPECT_TRUE(testing::eventually([&] { return standIn_->starts().size() == 2; }));
+    EXPECT_TRUE(testing::eventually([&] { return standIn_->starts().size() == 2; }, 30s));
     std::this_thread::sleep_for(4s);
     EXPECT_EQ(standIn_->starts().size(), 2u);
     // The figures are those of the second run, however long ago it was.
@@ -360,8 +361,8 @@ TEST_F(LiveVolume, ExporterLeavesAnIdleDriveAloneUntilItsVolumeIsUsed) {
     const auto at = metrics.find("\nvantorix_smart_data_age_seconds{");
     ASSERT_NE(at, std::string::npos) << metrics;
     const double age = std::stod(metrics.substr(metrics.find("} ", at) + 2));
-    EXPECT_GE(age, 3.5);
-    EXPECT_LT(age, 10);
+    EXPECT_GE(age, 1);
+    EXPECT_LT(age, 30);
 }
 
 // A reading whose reallocated sectors grew shows the growth, under the drive's WWN and serial, until
@@ -379,16 +380,16 @@ TEST_F(LiveVolume, ExporterShowsGrowthSinceBaselineUntilAcknowledged) {
                metrics.find("\nvantorix_smart_temperature_celsius" + drive + "} " + std::to_string(temperature) +
                             "\n") != std::string::npos;
     };
-    ASSERT_TRUE(testing::eventually([&] { return shows("0", 36); })) << scrape();
+    ASSERT_TRUE(testing::eventually([&] { return shows("0", 36); }, 30s)) << scrape();
     standIn_->setBehaviour(testing::printing(ataAnswer(41, 8)));
     writeOnce();
-    ASSERT_TRUE(testing::eventually([&] { return shows("8", 41); })) << scrape();
+    ASSERT_TRUE(testing::eventually([&] { return shows("8", 41); }, 30s)) << scrape();
 
     auto history = health::HealthHistory::open(database());
     ASSERT_TRUE(history) << history.error();
     const auto key = health::driveReadingFromJson(testing::fileContents(kAtaFixture), 0)->identity.key();
     ASSERT_TRUE(history.value()->acknowledge(key, std::time(nullptr)));
-    EXPECT_TRUE(testing::eventually([&] { return shows("0", 41); })) << scrape();
+    EXPECT_TRUE(testing::eventually([&] { return shows("0", 41); }, 30s)) << scrape();
     EXPECT_EQ(standIn_->starts().size(), 2u);
 }
 
