@@ -123,8 +123,7 @@ bool execute(sqlite3* database, std::string_view sql) {
 // failing on an upgrade; rolled back unless committed.
 class WriteTransaction {
 public:
-    explicit WriteTransaction(sqlite3* database)
-        : database_(database), begun_(execute(database, "BEGIN IMMEDIATE")) {}
+    explicit WriteTransaction(sqlite3* database) : database_(database), begun_(execute(database, "BEGIN IMMEDIATE")) {}
     ~WriteTransaction() {
         if (begun_ && !committed_) execute(database_, "ROLLBACK");
     }
@@ -182,7 +181,8 @@ Result<std::unique_ptr<HealthHistory>, Error> HealthHistory::open(const std::str
     sqlite3_busy_timeout(database, kBusyTimeoutMs);
     // The write-ahead log lets readers and one writer work at once; FULL makes each commit durable
     // against a power cut too, which costs little at a reading an hour.
-    if (Statement journal(database, "PRAGMA journal_mode = WAL"); journal.step() != SQLITE_ROW || journal.text(0) != "wal")
+    if (Statement journal(database, "PRAGMA journal_mode = WAL");
+        journal.step() != SQLITE_ROW || journal.text(0) != "wal")
         return Failure{failure(path, database)};
     if (!execute(database, "PRAGMA synchronous = FULL; PRAGMA foreign_keys = ON"))
         return Failure{failure(path, database)};
@@ -240,8 +240,8 @@ Result<bool, Error> HealthHistory::record(const DriveIdentity& drive, const Heal
         std::string placeholders = "?, ?, ?";
         for (std::size_t i = 0; i < kFigureCount; ++i) placeholders += ", ?";
         // A reading of the same second from another recorder is the same reading.
-        Statement insert(database_,
-                         "INSERT OR IGNORE INTO readings (drive, " + readingColumns() + ") VALUES (" + placeholders + ")");
+        Statement insert(database_, "INSERT OR IGNORE INTO readings (drive, " + readingColumns() + ") VALUES (" +
+                                        placeholders + ")");
         insert.bind(1, *id).bind(2, reading.at);
         insert.bind(3, reading.passed ? std::optional<double>(*reading.passed ? 1 : 0) : std::nullopt);
         for (std::size_t i = 0; i < kFigureCount; ++i) insert.bind(static_cast<int>(i) + 4, reading.figures[i]);
