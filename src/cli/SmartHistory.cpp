@@ -150,13 +150,12 @@ void printGrowth(std::ostream& out, const std::vector<health::Growth>& growth) {
         if (entry.amount() <= 0) continue;
         const std::string since = entry.grewAt ? localText(*entry.grewAt) : localText(entry.baselineAt);
         out << text::terminalText(
-                   text::isEnglish()
-                       ? fmt::format("{} grew by {} since {} (baseline {}, set {}).", health::figureTitle(entry.figure),
-                                     numberText(entry.amount()), since, numberText(entry.baseline),
-                                     localText(entry.baselineAt))
-                       : fmt::format("{}自 {} 起增加了 {}（基准 {}，设于 {}）。", health::figureTitle(entry.figure),
-                                     since, numberText(entry.amount()), numberText(entry.baseline),
-                                     localText(entry.baselineAt)))
+                   text::isEnglish() ? fmt::format("{} grew by {} since {} (baseline {}, set {}).",
+                                                   health::figureTitle(entry.figure), numberText(entry.amount()), since,
+                                                   numberText(entry.baseline), localText(entry.baselineAt))
+                                     : fmt::format("{}自 {} 起增加了 {}（基准 {}，设于 {}）。",
+                                                   health::figureTitle(entry.figure), since, numberText(entry.amount()),
+                                                   numberText(entry.baseline), localText(entry.baselineAt)))
             << '\n';
     }
 }
@@ -170,12 +169,13 @@ void printHistory(std::ostream& out, HistoryFormat format, const health::DriveId
             ordered_json row{{"time", utcText(reading.at)},
                              {"passed", reading.passed ? ordered_json(*reading.passed) : ordered_json(nullptr)}};
             for (const Figure figure : allFigures()) {
-                row[std::string(health::figureName(figure))] =
-                    reading[figure] ? ordered_json(*reading[figure]) : ordered_json(nullptr);
+                row[std::string(health::figureName(figure))] = reading[figure] ? ordered_json(*reading[figure])
+                                                                               : ordered_json(nullptr);
             }
             list.push_back(std::move(row));
         }
-        printJson(out, {{"drive", identityJson(identity)}, {"readings", std::move(list)}, {"growth", growthJson(growth)}});
+        printJson(out,
+                  {{"drive", identityJson(identity)}, {"readings", std::move(list)}, {"growth", growthJson(growth)}});
         return;
     }
     if (format == HistoryFormat::csv) {

@@ -3,10 +3,12 @@
 #include <fmt/format.h>
 #include <sqlite3.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <string_view>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include "text/Language.h"
@@ -181,9 +183,15 @@ Result<std::unique_ptr<HealthHistory>, Error> HealthHistory::open(const std::str
     sqlite3_busy_timeout(database, kBusyTimeoutMs);
     // The write-ahead log lets readers and one writer work at once; FULL makes each commit durable
     // against a power cut too, which costs little at a reading an hour.
-    if (Statement journal(database, "PRAGMA journal_mode = WAL");
-        journal.step() != SQLITE_ROW || journal.text(0) != "wal")
-        return Failure{failure(path, database)};
+    // Switching a new file to the log needs it to itself for a moment; another process opening it
+    // at the same time makes the switch fail without waiting, so it is tried again.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kBusyTimeoutMs);
+    for (;;) {
+        Statement journal(database, "PRAGMA journal_mode = WAL");
+        if (journal.step() == SQLITE_ROW && journal.text(0) == "wal") break;
+        if (std::chrono::steady_clock::now() > deadline) return Failure{failure(path, database)};
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
     if (!execute(database, "PRAGMA synchronous = FULL; PRAGMA foreign_keys = ON"))
         return Failure{failure(path, database)};
 

@@ -23,7 +23,8 @@ TEST(HealthHistoryCli, WatchRecordsWhatHistoryShowsAndAcknowledgingResetsTheGrow
     const auto volume = testing::LoopVolume::create("vx-health", 16ull << 20, &error);
     ASSERT_TRUE(volume) << error;
     const testing::TemporaryFolder folder;
-    json answer = json::parse(std::ifstream(std::string(VANTORIX_TEST_DATA_DIR) + "/smartctl/scrutiny-smart-ata-full.json"));
+    json answer = json::parse(
+        std::ifstream(std::string(VANTORIX_TEST_DATA_DIR) + "/smartctl/scrutiny-smart-ata-full.json"));
     std::vector<std::string> sequence;
     for (int step = 0; step < 6; ++step) {
         answer["temperature"]["current"] = 36 + step;
