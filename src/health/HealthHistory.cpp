@@ -182,7 +182,8 @@ Result<std::unique_ptr<HealthHistory>, Error> HealthHistory::open(const std::str
     if (opened != SQLITE_OK) return Failure{failure(path, database)};
     sqlite3_busy_timeout(database, kBusyTimeoutMs);
     // The write-ahead log lets readers and one writer work at once; FULL makes each commit durable
-    // against a power cut too, which costs little at a reading an hour.
+    // against a power cut too, which costs little at a reading an hour. The log is cut back to
+    // 1 MB after it has been folded into the file.
     // Switching a new file to the log needs it to itself for a moment; another process opening it
     // at the same time makes the switch fail without waiting, so it is tried again.
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kBusyTimeoutMs);
@@ -192,7 +193,7 @@ Result<std::unique_ptr<HealthHistory>, Error> HealthHistory::open(const std::str
         if (std::chrono::steady_clock::now() > deadline) return Failure{failure(path, database)};
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    if (!execute(database, "PRAGMA synchronous = FULL; PRAGMA foreign_keys = ON"))
+    if (!execute(database, "PRAGMA synchronous = FULL; PRAGMA foreign_keys = ON; PRAGMA journal_size_limit = 1048576"))
         return Failure{failure(path, database)};
 
     WriteTransaction migration(database);

@@ -76,8 +76,7 @@ void HealthRecorder::loadHistory(std::string deviceName, std::int64_t since,
             std::optional<DriveIdentity> identity;
             if (const auto known = shared->lastIdentity.find(deviceName); known != shared->lastIdentity.end())
                 identity = known->second;
-            else if (auto seen = history->driveSeenAs(deviceName); seen && *seen)
-                identity = (*seen)->identity;
+            else if (auto seen = history->driveSeenAs(deviceName); seen && *seen) identity = (*seen)->identity;
             if (identity) {
                 auto readings = history->history(identity->key(), since);
                 auto growth = history->growth(identity->key());
