@@ -51,6 +51,15 @@ VantorixApp::VantorixApp(Options options)
     monitor_ = system.makeMonitor(mainExecutor_);
     tester_ = system.makeTester(mainExecutor_, options_.testParameters);
     smartRefresh_ = smart_.attachRefresh(monitor_, mainExecutor_);
+    // Every answer of the selected drive goes into its health history, off the main thread.
+    const std::string historyPath = options_.healthHistoryPath.value_or(health::HealthHistory::userPath());
+    if (!historyPath.empty()) {
+        healthRecorder_ = std::make_shared<health::HealthRecorder>(historyPath, mainExecutor_);
+        smartRefresh_->setRoundObserver([recorder = healthRecorder_](const std::string& deviceName, SmartRefresh::Round,
+                                                                     const SMARTInfoProvider::Outcome& fetched) {
+            if (!fetched.smartctlJson.empty()) recorder->record(deviceName, fetched.smartctlJson);
+        });
+    }
     const services::ServiceConfiguration services = options_.serviceConfiguration
                                                         ? *options_.serviceConfiguration
                                                         : services::ServiceConfiguration::current();

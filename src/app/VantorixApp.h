@@ -13,6 +13,7 @@
 #include "benchmark/DiskPerformanceTester.h"
 #include "composition/SmartPipeline.h"
 #include "composition/System.h"
+#include "health/HealthRecorder.h"
 #include "monitor/DiskIOMonitor.h"
 #include "platform/HttpClient.h"
 #include "services/Feedback.h"
@@ -49,6 +50,9 @@ public:
         std::shared_ptr<HttpClient> httpClient;
         std::function<std::string()> downloadsFolder;
         std::shared_ptr<services::FileOpener> fileOpener;
+        // The drive-health history every SMART refresh is recorded into; the user's file when not
+        // given, none when empty.
+        std::optional<std::string> healthHistoryPath;
     };
 
     VantorixApp();
@@ -60,6 +64,7 @@ public:
     const std::shared_ptr<DiskIOMonitor>& monitor() const { return monitor_; }
     const std::shared_ptr<DiskPerformanceTester>& tester() const { return tester_; }
     const std::shared_ptr<ui::QtMainExecutor>& mainExecutor() const { return mainExecutor_; }
+    const std::shared_ptr<health::HealthRecorder>& healthRecorder() const { return healthRecorder_; }
 
     // Opens (or brings forward) the window with this identifier: "about-vantorix-window" or
     // "feedback-vantorix-window".
@@ -92,6 +97,7 @@ private:
     std::shared_ptr<DiskIOMonitor> monitor_;
     std::shared_ptr<DiskPerformanceTester> tester_;
     std::shared_ptr<SmartRefresh> smartRefresh_;
+    std::shared_ptr<health::HealthRecorder> healthRecorder_;  // null: nothing is recorded
     std::unique_ptr<QMainWindow> mainWindow_;
     QMenu* precisionMenu_ = nullptr;
     QMenu* sizeMenu_ = nullptr;

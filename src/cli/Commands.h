@@ -103,6 +103,13 @@ struct SmartOptions {
     std::optional<std::string> jsonFile;  // or a saved `smartctl --json` output to replay
     bool json = false;
     bool watch = false;  // with a path: keep refreshing and print every published change until Ctrl-C
+    // The drive's health history (--database, else the user's file): its readings since a time,
+    // as text, JSON or CSV; or the growth figures' baselines set to their current values.
+    bool history = false;
+    std::optional<std::string> since;  // a duration: "7d"
+    bool csv = false;
+    bool acknowledge = false;
+    std::optional<std::string> database;
 };
 
 // Prints the overall status, the capability and the rows of a drive's SMART data: live through the

@@ -18,6 +18,7 @@
 #include "cli/JsonOutput.h"
 #include "cli/SignalWatcher.h"
 #include "cli/SmartFetch.h"
+#include "cli/SmartHistory.h"
 #include "cli/TextTable.h"
 #include "composition/SmartPipeline.h"
 #include "concurrency/LoopMainExecutor.h"
@@ -222,8 +223,15 @@ std::string noDataMessage(const std::string& deviceName, bool asleep) {
                              : fmt::format("{} 所在的硬盘没有提供可用的 SMART 信息。", deviceName);
 }
 
-// One fetch through the helper for the volume behind a folder.
-int fetchOnce(const SmartOptions& options, Environment& environment) {
+// One fetch through the helper for the drive of a volume, with the name it was asked by.
+struct Fetched {
+    std::string deviceName;
+    SMARTInfoProvider::Outcome outcome;
+};
+
+// One fetch through the helper for the volume behind a folder. When it gives no SMART data, the
+// reason has been reported and the result is the exit status.
+Result<Fetched, int> fetchForVolume(const SmartOptions& options, Environment& environment) {
     auto main = std::make_shared<LoopMainExecutor>();
     CancellationSource cancellation;
     int stopSignal = 0;
@@ -232,24 +240,131 @@ int fetchOnce(const SmartOptions& options, Environment& environment) {
         cancellation.cancel();
     });
     auto volume = DiskVolumeResolver::resolve(*options.path, *environment.system.volumes, *environment.system.devices);
-    if (!volume.ok()) return fail(options, environment, volume.error().name(), volume.error().description());
+    if (!volume.ok()) return Failure{fail(options, environment, volume.error().name(), volume.error().description())};
     const auto pipeline = SmartPipeline::system(main, RegistrationPolicy{false});
     const ApprovalListener approval;
-    const auto outcome = fetchSmartInfo(pipeline, *main, volume->deviceName, cancellation);
-    if (stopSignal != 0) return stoppedBy(stopSignal);
+    auto outcome = fetchSmartInfo(pipeline, *main, volume->deviceName, cancellation);
+    if (stopSignal != 0) return Failure{stoppedBy(stopSignal)};
     if (!outcome.info) {
         if (const auto reason = helperUnavailableReason(pipeline, approval)) {
-            return fail(options, environment, "helperUnavailable", *reason);
+            return Failure{fail(options, environment, "helperUnavailable", *reason)};
         }
         if (outcome.helperFailure) {
-            return fail(options, environment, "helperFailed",
-                        smart::helperRequestFailedMessage(volume->deviceName, *outcome.helperFailure));
+            return Failure{fail(options, environment, "helperFailed",
+                                smart::helperRequestFailedMessage(volume->deviceName, *outcome.helperFailure))};
         }
-        return fail(options, environment, outcome.driveAsleep ? "driveAsleep" : "noUsableData",
-                    noDataMessage(volume->deviceName, outcome.driveAsleep));
+        return Failure{fail(options, environment, outcome.driveAsleep ? "driveAsleep" : "noUsableData",
+                            noDataMessage(volume->deviceName, outcome.driveAsleep))};
     }
-    if (options.json) printJson(*environment.out, infoJson(*outcome.info));
-    else printInfo(*environment.out, *outcome.info);
+    return Fetched{volume->deviceName, std::move(outcome)};
+}
+
+std::int64_t unixNow() {
+    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+// The rows, and what grew since the baselines when the drive has a history.
+int fetchOnce(const SmartOptions& options, Environment& environment) {
+    auto fetched = fetchForVolume(options, environment);
+    if (!fetched) return fetched.error();
+    const auto& outcome = fetched->outcome;
+    std::vector<health::Growth> growth;
+    const std::string path = options.database ? *options.database : health::HealthHistory::userPath();
+    const auto reading = health::driveReadingFromJson(outcome.smartctlJson, unixNow(), fetched->deviceName);
+    // Only a history that exists is read: asking for the rows creates no file.
+    if (reading && reading->identity.known() && !path.empty() && std::filesystem::exists(path)) {
+        if (auto history = openHealthHistory(path)) {
+            growth = growthAgainst(**history, reading->identity.key(), reading->snapshot);
+        }
+    }
+    if (options.json) {
+        auto document = infoJson(*outcome.info);
+        document["growth"] = growthJson(growth);
+        printJson(*environment.out, document);
+    } else {
+        printInfo(*environment.out, *outcome.info);
+        printGrowth(*environment.out, growth);
+    }
+    return kSuccess;
+}
+
+std::string noHistoryMessage(const std::string& deviceName) {
+    return text::isEnglish() ? fmt::format("No health history of the drive of {} has been recorded.", deviceName)
+                             : fmt::format("没有 {} 所在硬盘的健康历史记录。", deviceName);
+}
+
+// The readings since --since. The drive is told by its identity when the helper can ask it, else
+// by the kernel name it was last recorded under.
+int showHistory(const SmartOptions& options, Environment& environment) {
+    std::optional<std::chrono::seconds> since;
+    if (options.since) {
+        since = parseDuration(*options.since);
+        if (!since) {
+            return fail(
+                options, environment, "invalidDuration",
+                text::isEnglish()
+                    ? fmt::format("--since takes a duration such as 90s, 30m, 12h, 7d or 2w, not {}.", *options.since)
+                    : fmt::format("--since 需要 90s、30m、12h、7d 或 2w 这样的时长，而不是 {}。", *options.since));
+        }
+    }
+    auto volume = DiskVolumeResolver::resolve(*options.path, *environment.system.volumes, *environment.system.devices);
+    if (!volume.ok()) return fail(options, environment, volume.error().name(), volume.error().description());
+    auto history = openHealthHistory(options.database);
+    if (!history) return fail(options, environment, "historyUnavailable", history.error());
+
+    std::optional<health::DriveIdentity> identity;
+    {
+        auto main = std::make_shared<LoopMainExecutor>();
+        CancellationSource cancellation;
+        const auto pipeline = SmartPipeline::system(main, RegistrationPolicy{false});
+        const auto outcome = fetchSmartInfo(pipeline, *main, volume->deviceName, cancellation);
+        if (auto reading = health::driveReadingFromJson(outcome.smartctlJson, unixNow(), volume->deviceName);
+            reading && reading->identity.known()) {
+            identity = reading->identity;
+        }
+    }
+    if (!identity) {
+        if (auto seen = (*history)->driveSeenAs(volume->deviceName); seen && *seen) identity = (*seen)->identity;
+    }
+    if (!identity) return fail(options, environment, "noHistory", noHistoryMessage(volume->deviceName));
+    const std::int64_t from = since ? unixNow() - since->count() : 0;
+    auto readings = (*history)->history(identity->key(), from);
+    if (!readings) return fail(options, environment, "historyUnavailable", readings.error());
+    const auto format = options.json ? HistoryFormat::json : options.csv ? HistoryFormat::csv : HistoryFormat::text;
+    printHistory(*environment.out, format, *identity, *readings, growthAgainst(**history, identity->key(), {}));
+    return kSuccess;
+}
+
+// Records a fresh reading and makes its growth figures the new baselines.
+int acknowledgeGrowth(const SmartOptions& options, Environment& environment) {
+    auto history = openHealthHistory(options.database);
+    if (!history) return fail(options, environment, "historyUnavailable", history.error());
+    auto fetched = fetchForVolume(options, environment);
+    if (!fetched) return fetched.error();
+    const auto reading = health::driveReadingFromJson(fetched->outcome.smartctlJson, unixNow(), fetched->deviceName);
+    if (!reading || !reading->identity.known()) {
+        return fail(
+            options, environment, "noIdentity",
+            text::isEnglish()
+                ? fmt::format("The drive of {} reports neither a WWN nor a serial number, so it has no history.",
+                              fetched->deviceName)
+                : fmt::format("{} 所在的硬盘既没有报告 WWN 也没有报告序列号，因此没有历史记录。", fetched->deviceName));
+    }
+    if (auto recorded = (*history)->record(reading->identity, reading->snapshot); !recorded)
+        return fail(options, environment, "historyUnavailable", recorded.error());
+    auto growth = (*history)->acknowledge(reading->identity.key(), reading->snapshot.at);
+    if (!growth) return fail(options, environment, "historyUnavailable", growth.error());
+    if (options.json) {
+        printJson(*environment.out, {{"drive", identityJson(reading->identity)}, {"baselines", growthJson(*growth)}});
+        return kSuccess;
+    }
+    std::vector<std::pair<std::string, std::string>> rows;
+    for (const auto& entry : *growth) {
+        rows.emplace_back(health::figureTitle(entry.figure), fmt::format("{}", entry.baseline));
+    }
+    *environment.out << text::localized("新的基准：", "New baselines:") << '\n';
+    printTable(*environment.out, rows);
     return kSuccess;
 }
 
@@ -267,6 +382,9 @@ public:
           pipeline_(SmartPipeline::system(main_, RegistrationPolicy{false})) {}
 
     int run() {
+        // Every reading goes into the drive's history; without one, the watch goes on and says so.
+        if (auto history = openHealthHistory(options_.database)) history_ = std::move(history).value();
+        else *environment_.err << text::terminalLines(history.error()) << std::endl;
         monitor_ = environment_.system.makeMonitor(main_);
         refresh_ = pipeline_.attachRefresh(monitor_, main_);
         refresh_->setRoundObserver(main_->failingTheLoop(
@@ -374,6 +492,12 @@ private:
     // After the first round without data, says why when it is the helper's fault and ends.
     void observeRound(const std::string& deviceName, SmartRefresh::Round round,
                       const SMARTInfoProvider::Outcome& fetched) {
+        if (history_ && !fetched.smartctlJson.empty()) {
+            if (auto error = recordAnswer(*history_, fetched.smartctlJson, deviceName)) {
+                *environment_.err << text::terminalLines(*error) << std::endl;
+                history_.reset();  // said once
+            }
+        }
         if (done_ || ++rounds_ > 1 || publications_ > 0) return;
         if (round != SmartRefresh::Round::identical && round != SmartRefresh::Round::published) return;
         if (const auto reason = helperUnavailableReason(pipeline_, approval_)) {
@@ -407,6 +531,7 @@ private:
     ApprovalListener approval_;
     std::shared_ptr<DiskIOMonitor> monitor_;
     std::shared_ptr<SmartRefresh> refresh_;
+    std::unique_ptr<health::HealthHistory> history_;
     Subscription subscription_;
     std::optional<DiskSMARTInfo> last_;
     std::map<std::string, std::string> printedValues_;
@@ -434,6 +559,8 @@ int watch(const SmartOptions& options, Environment& environment) {
 
 int runSmart(const SmartOptions& options, Environment& environment) {
     if (options.jsonFile) return replay(options, environment);
+    if (options.history) return showHistory(options, environment);
+    if (options.acknowledge) return acknowledgeGrowth(options, environment);
     if (options.watch) return watch(options, environment);
     return fetchOnce(options, environment);
 }
@@ -456,6 +583,31 @@ Command addSmartCommand(CLI::App& parent) {
                    text::localized("每秒刷新，显示每次发布的变化，直到按下 Ctrl-C",
                                    "Refresh once a second and print every published change until Ctrl-C"))
         ->needs(path);
+    auto* history = command
+                        ->add_flag(
+                            "--history", options->history,
+                            text::localized("显示硬盘记录下来的健康历史", "Show the drive's recorded health history"))
+                        ->needs(path);
+    command
+        ->add_option("--since", options->since,
+                     text::localized("只显示这段时间以来的记录（90s、30m、12h、7d、2w）",
+                                     "Only what was recorded in this last time (90s, 30m, 12h, 7d, 2w)"))
+        ->type_name("DURATION")
+        ->needs(history);
+    command->add_flag("--csv", options->csv, text::localized("以 CSV 输出历史", "Print the history as CSV"))
+        ->needs(history);
+    command
+        ->add_flag(
+            "--acknowledge", options->acknowledge,
+            text::localized("把不应增长的计数的当前值设为新的基准",
+                            "Make the current values of the counters that should never grow their new baselines"))
+        ->needs(path)
+        ->excludes(history);
+    command
+        ->add_option("--database", options->database,
+                     text::localized("健康历史文件（默认 $XDG_DATA_HOME/vantorix/health.sqlite）",
+                                     "The health history file (default $XDG_DATA_HOME/vantorix/health.sqlite)"))
+        ->type_name("FILE");
     command->callback([path, file] {
         if (path->count() == 0 && file->count() == 0) {
             throw CLI::RequiredError(text::localized("需要文件夹或 --json-file", "A folder or --json-file is required"),

@@ -132,12 +132,12 @@ std::optional<DriveReading> driveReadingFromJson(std::string_view smartctlJson, 
     identity.wwn = wwnOf(document);
     identity.model = stringAt(document, "model_name");
     identity.serial = stringAt(document, "serial_number");
-    if (const json* device = find(document, "device")) {
+    identity.deviceHint = std::string(deviceHint);
+    if (const json* device = find(document, "device"); device != nullptr && identity.deviceHint.empty()) {
         std::string name = stringAt(*device, "name");
         if (name.rfind("/dev/", 0) == 0) name.erase(0, 5);
         identity.deviceHint = name;
     }
-    if (identity.deviceHint.empty()) identity.deviceHint = std::string(deviceHint);
 
     auto& snapshot = reading.snapshot;
     snapshot.at = at;

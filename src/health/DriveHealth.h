@@ -58,7 +58,7 @@ struct DriveIdentity {
 
 // One reading of a drive's figures; each is absent when the drive does not report it.
 struct HealthSnapshot {
-    std::int64_t at = 0;  // Unix seconds
+    std::int64_t at = 0;         // Unix seconds
     std::optional<bool> passed;  // the overall self-assessment
     std::array<std::optional<double>, kFigureCount> figures{};
 
@@ -72,12 +72,12 @@ struct HealthSnapshot {
 struct DriveReading {
     DriveIdentity identity;
     HealthSnapshot snapshot;
-    std::optional<double> criticalWarning;     // NVMe's critical warning bits
-    std::optional<double> temperatureLimit;    // the drive's own highest operating temperature, °C
+    std::optional<double> criticalWarning;   // NVMe's critical warning bits
+    std::optional<double> temperatureLimit;  // the drive's own highest operating temperature, °C
 };
 
 // The reading in a smartctl --json answer read at `at` (Unix seconds); nothing when the text is not
-// a JSON object. `deviceHint` becomes the identity's device name when the answer names none.
+// a JSON object. The identity's device name is `deviceHint`, or the answer's when that is empty.
 std::optional<DriveReading> driveReadingFromJson(std::string_view smartctlJson, std::int64_t at,
                                                  std::string_view deviceHint = {});
 

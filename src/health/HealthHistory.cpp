@@ -3,10 +3,12 @@
 #include <fmt/format.h>
 #include <sqlite3.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <string_view>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include "text/Language.h"
@@ -123,8 +125,7 @@ bool execute(sqlite3* database, std::string_view sql) {
 // failing on an upgrade; rolled back unless committed.
 class WriteTransaction {
 public:
-    explicit WriteTransaction(sqlite3* database)
-        : database_(database), begun_(execute(database, "BEGIN IMMEDIATE")) {}
+    explicit WriteTransaction(sqlite3* database) : database_(database), begun_(execute(database, "BEGIN IMMEDIATE")) {}
     ~WriteTransaction() {
         if (begun_ && !committed_) execute(database_, "ROLLBACK");
     }
@@ -181,10 +182,18 @@ Result<std::unique_ptr<HealthHistory>, Error> HealthHistory::open(const std::str
     if (opened != SQLITE_OK) return Failure{failure(path, database)};
     sqlite3_busy_timeout(database, kBusyTimeoutMs);
     // The write-ahead log lets readers and one writer work at once; FULL makes each commit durable
-    // against a power cut too, which costs little at a reading an hour.
-    if (Statement journal(database, "PRAGMA journal_mode = WAL"); journal.step() != SQLITE_ROW || journal.text(0) != "wal")
-        return Failure{failure(path, database)};
-    if (!execute(database, "PRAGMA synchronous = FULL; PRAGMA foreign_keys = ON"))
+    // against a power cut too, which costs little at a reading an hour. The log is cut back to
+    // 1 MB after it has been folded into the file.
+    // Switching a new file to the log needs it to itself for a moment; another process opening it
+    // at the same time makes the switch fail without waiting, so it is tried again.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kBusyTimeoutMs);
+    for (;;) {
+        Statement journal(database, "PRAGMA journal_mode = WAL");
+        if (journal.step() == SQLITE_ROW && journal.text(0) == "wal") break;
+        if (std::chrono::steady_clock::now() > deadline) return Failure{failure(path, database)};
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    if (!execute(database, "PRAGMA synchronous = FULL; PRAGMA foreign_keys = ON; PRAGMA journal_size_limit = 1048576"))
         return Failure{failure(path, database)};
 
     WriteTransaction migration(database);
@@ -240,8 +249,8 @@ Result<bool, Error> HealthHistory::record(const DriveIdentity& drive, const Heal
         std::string placeholders = "?, ?, ?";
         for (std::size_t i = 0; i < kFigureCount; ++i) placeholders += ", ?";
         // A reading of the same second from another recorder is the same reading.
-        Statement insert(database_,
-                         "INSERT OR IGNORE INTO readings (drive, " + readingColumns() + ") VALUES (" + placeholders + ")");
+        Statement insert(database_, "INSERT OR IGNORE INTO readings (drive, " + readingColumns() + ") VALUES (" +
+                                        placeholders + ")");
         insert.bind(1, *id).bind(2, reading.at);
         insert.bind(3, reading.passed ? std::optional<double>(*reading.passed ? 1 : 0) : std::nullopt);
         for (std::size_t i = 0; i < kFigureCount; ++i) insert.bind(static_cast<int>(i) + 4, reading.figures[i]);

@@ -6,11 +6,14 @@
 
 #include <fstream>
 #include <iterator>
+#include <nlohmann/json.hpp>
 #include <random>
 #include <set>
 #include <thread>
 
 #include "health/HealthHistory.h"
+#include "health/HealthRecorder.h"
+#include "support/ManualMainExecutor.h"
 #include "support/TemporaryFolder.h"
 
 namespace vantorix::health {
@@ -176,6 +179,44 @@ TEST(HealthHistory, ConcurrentAndKilledWritersLoseNoCommittedReading) {
     EXPECT_STREQ(reinterpret_cast<const char*>(sqlite3_column_text(check, 0)), "ok");
     sqlite3_finalize(check);
     sqlite3_close(database);
+}
+
+// The recorder's work runs on its queue; the main thread only hears of readings stored and gets
+// the history it asked for.
+TEST(HealthRecorder, RecordsAnswersOffTheMainThreadAndLoadsTheDrivesHistory) {
+    const TemporaryFolder folder;
+    auto main = std::make_shared<ManualMainExecutor>();
+    std::int64_t clock = 1'790'000'000;
+    HealthRecorder recorder(folder.string() + "/health.sqlite", main, [&clock] { return clock += 60; });
+    std::vector<std::string> stored;
+    recorder.setRecordedObserver([&stored](const std::string& device) { stored.push_back(device); });
+    auto answer = nlohmann::json::parse(fixture("scrutiny-smart-ata-full.json"));
+    for (const int temperature : {36, 36, 40}) {
+        answer["temperature"]["current"] = temperature;
+        recorder.record("sdc", answer.dump());
+    }
+    recorder.record("sdc", "not json");
+    recorder.drain();
+    main->drain();
+    EXPECT_EQ(stored, (std::vector<std::string>{"sdc", "sdc"}));  // the repeated reading is not stored again
+
+    std::vector<std::optional<DriveHistory>> loaded;
+    for (const std::string device : {"sdc", "sdq"}) {
+        recorder.loadHistory(device, 0, [&loaded](std::optional<DriveHistory> history) { loaded.push_back(history); });
+    }
+    recorder.drain();
+    main->drain();
+    ASSERT_EQ(loaded.size(), 2u);
+    ASSERT_TRUE(loaded[0]);
+    EXPECT_EQ(loaded[0]->identity.wwn, "0x5002538e40a22954");
+    EXPECT_EQ(loaded[0]->readings.size(), 2u);
+    EXPECT_FALSE(loaded[1]);  // never seen
+
+    HealthRecorder unusable(folder.string(), main);  // a folder, not a file
+    unusable.record("sdc", answer.dump());
+    unusable.drain();
+    main->drain();
+    EXPECT_TRUE(unusable.lastError());
 }
 
 TEST(HealthHistory, SaysWhyAFileCannotBeUsed) {
