@@ -68,9 +68,9 @@ exporter::MetricsCollector::Dependencies collectorDependencies(const ServeOption
     if (auto history = health::HealthHistory::open(path)) {
         dependencies.history = std::move(history).value();
     } else {
-        const auto pattern = localized("无法打开健康历史 {}：{}；不记录历史。",
-                                       "Cannot open the health history {}: {}; serving without it.");
-        *environment.err << text::terminalLines(fmt::format(fmt::runtime(pattern), path, history.error())) << '\n';
+        *environment.err << text::terminalLines(history.error() +
+                                                localized("不记录健康历史，照常导出。", " Serving without it."))
+                         << '\n';
     }
     return dependencies;
 }
