@@ -5,9 +5,11 @@
 # prints how many times smartctl started (1: the first refresh; the drive is left alone after
 # that), then writes 1 MiB to the volume once and prints the count again two intervals later (2),
 # with the device's completed reads and writes beside each count and the figures' age the
-# exporter reports. The file written is laid out before the exporter starts, and the write is
-# synced as a program saving a file does, so the device completes its writes (data and journal)
-# at once and nothing follows.
+# exporter reports. The file written is laid out before the exporter starts (and the file system
+# left to settle for 40 s), and the write is synced as a program saving a file does, so the device
+# completes its writes (data and journal) at once. At the end it lists when smartctl started and
+# when the device's counters moved (seconds since the exporter started): each start after the
+# first follows a move; anything else on the machine that touches the volume shows there too.
 # Needs root (loop device, mount) and curl. Everything it starts or makes is removed when it ends,
 # however it ends.
 #
@@ -37,7 +39,7 @@ trap 'exit 130' INT TERM
 
 cat >"$work/smartctl" <<SCRIPT
 #!/bin/sh
-echo "\$*" >> "$work/starts.log"
+echo "\$(date +%s) \$*" >> "$work/starts.log"
 cat "$fixture"
 SCRIPT
 chmod 755 "$work/smartctl"
@@ -53,7 +55,7 @@ mount -o noatime "$device" "$work/mnt"
 mounted=1
 dd if=/dev/zero of="$work/mnt/once" bs=1M count=1 oflag=direct conv=fsync status=none
 sync
-sleep 2
+sleep 40
 
 "$helper" --socket "$work/helper.sock" --smartctl "$work/smartctl" 2>"$work/helper.log" &
 pids+=($!)
@@ -70,6 +72,10 @@ report() {
   printf '%-34s smartctl started %s time(s); %s; SMART data age %s s\n' "$1" "$(starts)" "$counters" "${age:-none}"
 }
 started=$(date +%s)
+# The device's completed reads and writes, once a second, whenever they change.
+(last=; while :; do now=$(awk '{print $1 " reads, " $5 " writes"}' "/sys/class/block/$name/stat")
+  [[ $now == "$last" ]] || echo "$(($(date +%s) - started)) s: $now" >>"$work/moves.log"; last=$now; sleep 1; done) &
+pids+=($!)
 sleep 5
 report "after 5 s:"
 sleep $((minutes * 60 - 5))
@@ -80,3 +86,6 @@ report "right after one 1 MiB write:"
 sleep 120
 report "2 min after the write:"
 echo "exporter ran $(($(date +%s) - started)) s at the default SMART interval"
+echo "smartctl started at:" $(awk -v s="$started" '{printf "%d s, ", $1 - s}' "$work/starts.log")
+echo "the device's counters moved at:"
+cat "$work/moves.log"
