@@ -4,12 +4,14 @@
 # real helper running a smartctl stand-in that logs each start and prints a saved ATA answer. It
 # prints how many times smartctl started (1: the first refresh; the drive is left alone after
 # that), then writes 1 MiB to the volume once and prints the count again two intervals later (2),
-# with the device's completed reads and writes beside each count and the figures' age the
-# exporter reports. The file written is laid out before the exporter starts (and the file system
+# with the device's sectors read and written beside each count and the figures' age the exporter
+# reports. The file written is laid out before the exporter starts (and the file system
 # left to settle for 40 s), and the write is synced as a program saving a file does, so the device
 # completes its writes (data and journal) at once. At the end it lists when smartctl started and
 # when the device's counters moved (seconds since the exporter started): each start after the
-# first follows a move; anything else on the machine that touches the volume shows there too.
+# first follows moved sectors; anything else on the machine that touches the volume shows there
+# too (a sync(2) anywhere sends every file system an empty write with a cache flush: a request,
+# no sector, no start).
 # Needs root (loop device, mount) and curl. Everything it starts or makes is removed when it ends,
 # however it ends.
 #
@@ -36,6 +38,8 @@ cleanup() {
 }
 trap cleanup EXIT
 trap 'exit 130' INT TERM
+# A wait that a signal ends at once.
+pause() { sleep "$1" & wait $!; }
 
 cat >"$work/smartctl" <<SCRIPT
 #!/bin/sh
@@ -55,7 +59,7 @@ mount -o noatime "$device" "$work/mnt"
 mounted=1
 dd if=/dev/zero of="$work/mnt/once" bs=1M count=1 oflag=direct conv=fsync status=none
 sync
-sleep 40
+pause 40
 
 "$helper" --socket "$work/helper.sock" --smartctl "$work/smartctl" 2>"$work/helper.log" &
 pids+=($!)
@@ -68,22 +72,22 @@ pids+=($!)
 report() {
   local age counters
   age=$(curl -sf "http://127.0.0.1:$port/metrics" | awk '/^vantorix_smart_data_age_seconds/ {print $2}')
-  counters=$(awk '{print $1 " reads, " $5 " writes completed"}' "/sys/class/block/$name/stat")
+  counters=$(awk '{print $3 " sectors read, " $7 " written"}' "/sys/class/block/$name/stat")
   printf '%-34s smartctl started %s time(s); %s; SMART data age %s s\n' "$1" "$(starts)" "$counters" "${age:-none}"
 }
 started=$(date +%s)
 # The device's completed reads and writes, once a second, whenever they change.
-(last=; while :; do now=$(awk '{print $1 " reads, " $5 " writes"}' "/sys/class/block/$name/stat")
+(last=; while :; do now=$(awk '{print $3 " sectors read, " $7 " written; " $5 " writes, " $16 " flushes"}' "/sys/class/block/$name/stat")
   [[ $now == "$last" ]] || echo "$(($(date +%s) - started)) s: $now" >>"$work/moves.log"; last=$now; sleep 1; done) &
 pids+=($!)
-sleep 5
+pause 5
 report "after 5 s:"
-sleep $((minutes * 60 - 5))
+pause $((minutes * 60 - 5))
 report "after $minutes min idle:"
 dd if=/dev/zero of="$work/mnt/once" bs=1M count=1 oflag=direct conv=notrunc status=none
 sync
 report "right after one 1 MiB write:"
-sleep 120
+pause 120
 report "2 min after the write:"
 echo "exporter ran $(($(date +%s) - started)) s at the default SMART interval"
 echo "smartctl started at:" $(awk -v s="$started" '{printf "%d s, ", $1 - s}' "$work/starts.log")

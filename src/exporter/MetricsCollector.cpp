@@ -70,7 +70,9 @@ struct MetricsCollector::Volume {
     bool sampled = false;
     std::optional<SmartFigures> smart;  // written on refreshSmart()'s thread only
     std::optional<Clock::time_point> smartAttemptedAt;
-    // Reads and writes completed when the drive last answered a SMART fetch.
+    // Sectors read and written when the drive last answered a SMART fetch. Moved data, not requests:
+    // the empty write that carries a cache flush (every file system gets one at each sync(2) on the
+    // machine) does not count as use.
     std::optional<std::pair<std::uint64_t, std::uint64_t>> smartAnsweredAt;
 };
 
@@ -233,7 +235,7 @@ void MetricsCollector::refreshSmart(Clock::time_point now) {
     struct Due {
         std::shared_ptr<Volume> volume;
         bool ask;
-        std::pair<std::uint64_t, std::uint64_t> completed;
+        std::pair<std::uint64_t, std::uint64_t> moved;
     };
     std::vector<Due> due;
     {
@@ -242,11 +244,11 @@ void MetricsCollector::refreshSmart(Clock::time_point now) {
             if (!volume->sampled) continue;  // its counters are not known yet
             if (volume->smartAttemptedAt && now - *volume->smartAttemptedAt < dependencies_.smartInterval) continue;
             volume->smartAttemptedAt = now;
-            const std::pair completed{volume->latest.readsCompleted, volume->latest.writesCompleted};
-            due.push_back({volume, volume->smartAnsweredAt != completed, completed});
+            const std::pair moved{volume->latest.sectorsRead, volume->latest.sectorsWritten};
+            due.push_back({volume, volume->smartAnsweredAt != moved, moved});
         }
     }
-    for (const auto& [volume, ask, completed] : due) {
+    for (const auto& [volume, ask, moved] : due) {
         if (!ask) {
             recordSmart(*volume, std::nullopt);
             continue;
@@ -261,7 +263,7 @@ void MetricsCollector::refreshSmart(Clock::time_point now) {
         }
         if (!reading.helperFailed) {
             std::lock_guard guard(lock_);
-            volume->smartAnsweredAt = completed;
+            volume->smartAnsweredAt = moved;
         }
         recordSmart(*volume, std::move(reading.figures));  // asleep or unavailable: what was known stays
     }

@@ -67,8 +67,8 @@ public:
     // volume whose counters can no longer be read is dropped.
     void sample(Clock::time_point now);
     // For each watched device sampled at least once and not refreshed within the SMART interval:
-    // fetches its SMART figures unless its drive has been asked before and the device has completed
-    // no read or write since (an idle drive is left alone, so that it may sleep), records them in the
+    // fetches its SMART figures unless its drive has answered before and the device has read and
+    // written nothing since (an idle drive is left alone, so that it may sleep), records them in the
     // history and reads the growth since baseline back. Blocks for as long as the fetches take.
     void refreshSmart(Clock::time_point now);
 

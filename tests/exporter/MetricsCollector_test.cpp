@@ -126,27 +126,30 @@ TEST_F(MetricsCollectorTest, EachVolumeOnceAndSmartAskedOncePerIntervalAndOnlyAf
     const auto t0 = Clock::now();
     collector.refreshSmart(t0);  // before the first sample nothing is known of the traffic
     EXPECT_TRUE(asked.empty());
-    // Each step: seconds after t0, fake0's reads and writes before it, the drive's state, and how
-    // often each device has been asked after the refresh.
+    // Each step: seconds after t0, the sectors fake0 reads and writes and the flushes it completes
+    // before it, the drive's state, and how often each device has been asked after the refresh.
     struct Step {
-        int at, reads, writes;
+        int at, reads, writes, flushes;
         bool asleep, helperFailed;
         int fake0, fake1;
     };
     const std::vector<Step> steps{
-        {0, 0, 0, false, false, 1, 1},    // the first refresh asks every drive
-        {59, 0, 1, false, false, 1, 1},   // within the interval
-        {61, 0, 0, false, false, 2, 1},   // fake0 wrote since; fake1 stayed idle
-        {122, 4, 0, true, false, 3, 1},   // a read; the drive sleeps: its figures stay
-        {183, 0, 0, false, false, 3, 1},  // idle since the drive answered
-        {244, 0, 2, false, true, 4, 1},   // no helper: the drive was not asked...
-        {305, 0, 0, false, true, 5, 1},   // ...so it is asked again, idle or not
-        {366, 0, 0, false, false, 6, 1}, {427, 0, 0, false, false, 6, 1},
+        {0, 0, 0, 0, false, false, 1, 1},    // the first refresh asks every drive
+        {59, 0, 8, 0, false, false, 1, 1},   // within the interval
+        {61, 0, 0, 0, false, false, 2, 1},   // fake0 wrote since; fake1 stayed idle
+        {122, 8, 0, 0, true, false, 3, 1},   // a read; the drive sleeps: its figures stay
+        {183, 0, 0, 5, false, false, 3, 1},  // flushes alone: idle since the drive answered
+        {244, 0, 8, 0, false, true, 4, 1},   // no helper: the drive was not asked...
+        {305, 0, 0, 0, false, true, 5, 1},   // ...so it is asked again, idle or not
+        {366, 0, 0, 0, false, false, 6, 1}, {427, 0, 0, 0, false, false, 6, 1},
     };
     for (const auto& step : steps) {
         SCOPED_TRACE("at " + std::to_string(step.at) + " s");
-        busy->readsCompleted += static_cast<std::uint64_t>(step.reads);
-        busy->writesCompleted += static_cast<std::uint64_t>(step.writes);
+        busy->sectorsRead += static_cast<std::uint64_t>(step.reads);
+        busy->sectorsWritten += static_cast<std::uint64_t>(step.writes);
+        // A flush is an empty write: a request completed, no sector moved.
+        busy->writesCompleted += static_cast<std::uint64_t>(step.flushes);
+        busy->flushesCompleted += static_cast<std::uint64_t>(step.flushes);
         asleep = step.asleep;
         helperFailed = step.helperFailed;
         const auto now = t0 + std::chrono::seconds(step.at);
