@@ -57,7 +57,6 @@ void HealthHistoryCanvas::setHistory(std::vector<health::HealthSnapshot> reading
     readings_ = std::move(readings);
     growth_ = std::move(growth);
     now_ = now;
-    hovered_.reset();
     layOut();
     updateGeometry();
     update();
@@ -68,7 +67,7 @@ QPointF HealthHistoryCanvas::chartOrigin() const { return {kPadLeft, kPadTop}; }
 void HealthHistoryCanvas::layOut() {
     chart_ = HealthChart::make(readings_, growth_, now_,
                                {width() - kPadLeft - kPadRight, height() - kPadTop - kPadBottom});
-    if (hovered_ && *hovered_ >= readings_.size()) hovered_.reset();
+    hovered_ = pointer_ ? chart_.hovered({pointer_->x(), pointer_->y()}) : std::nullopt;
 }
 
 std::optional<GraphGeometry::TooltipLines> HealthHistoryCanvas::tooltipLines() const {
@@ -93,8 +92,8 @@ void HealthHistoryCanvas::resizeEvent(QResizeEvent* event) {
 }
 
 void HealthHistoryCanvas::mouseMoveEvent(QMouseEvent* event) {
-    const QPointF at = event->position() - chartOrigin();
-    const auto hovered = chart_.hovered({at.x(), at.y()});
+    pointer_ = event->position() - chartOrigin();
+    const auto hovered = chart_.hovered({pointer_->x(), pointer_->y()});
     if (hovered != hovered_) {
         hovered_ = hovered;
         update();
@@ -103,6 +102,7 @@ void HealthHistoryCanvas::mouseMoveEvent(QMouseEvent* event) {
 }
 
 void HealthHistoryCanvas::leaveEvent(QEvent* event) {
+    pointer_.reset();
     if (hovered_) {
         hovered_.reset();
         update();

@@ -46,6 +46,7 @@ protected:
     void leaveEvent(QEvent* event) override;
 
 private:
+    // Lays the chart out for the current size and hovers the reading under the pointer, if any.
     void layOut();
     void paintPanel(QPainter& painter, const HealthChart::Panel& panel, const GraphPalette& colours) const;
     void paintHover(QPainter& painter, const GraphPalette& colours) const;
@@ -54,6 +55,7 @@ private:
     std::vector<health::Growth> growth_;
     std::int64_t now_ = 0;
     HealthChart chart_;
+    std::optional<QPointF> pointer_;  // in the chart's coordinates, while it is over the widget
     std::optional<std::size_t> hovered_;
     QFont axisFont_;
     QFont titleFont_;

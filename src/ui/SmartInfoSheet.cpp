@@ -111,7 +111,10 @@ SmartInfoSheet::SmartInfoSheet(const dashboard::SmartSheetPayload& payload, QWid
         pages->addWidget(makeHistoryPage());
         connect(switch_, &SegmentedControl::currentIndexChanged, pages, &QStackedWidget::setCurrentIndex);
         layout->addWidget(pages, 1);
-        reloadHistory();
+        reloadTimer_.setSingleShot(true);
+        reloadTimer_.setInterval(kReloadDelayMs);
+        connect(&reloadTimer_, &QTimer::timeout, this, &SmartInfoSheet::loadHistory);
+        loadHistory();
     }
     auto* buttons = new QDialogButtonBox(this);
     auto* ok = buttons->addButton(qText(content.closeButton), QDialogButtonBox::AcceptRole);
@@ -143,7 +146,10 @@ QWidget* SmartInfoSheet::makeHistoryPage() {
 }
 
 void SmartInfoSheet::reloadHistory() {
-    if (!history_.recorder) return;
+    if (history_.recorder && !reloadTimer_.isActive()) reloadTimer_.start();
+}
+
+void SmartInfoSheet::loadHistory() {
     // The whole history: the file keeps a year at full resolution and a reading a day before that,
     // and the chart reduces what falls into one pixel column to one stroke.
     history_.recorder->loadHistory(history_.deviceName, 0,

@@ -3,6 +3,7 @@
 #include <QDialog>
 #include <QLabel>
 #include <QTableWidget>
+#include <QTimer>
 
 #include <memory>
 #include <string>
@@ -43,8 +44,11 @@ public:
     QLabel* historyGrowth() const { return growth_; }
     const std::string& deviceName() const { return history_.deviceName; }
 
-    // Reads the history again: a reading of the drive was stored.
+    // Reads the history again, a few seconds later, with whatever else was stored meanwhile: a
+    // reading of the drive was stored. (A drive whose figures change every second would otherwise
+    // have its whole history read every second while the sheet is open.)
     void reloadHistory();
+    static constexpr int kReloadDelayMs = 5000;
 
 Q_SIGNALS:
     // An answer of the recorder is on show.
@@ -52,6 +56,7 @@ Q_SIGNALS:
 
 private:
     QWidget* makeHistoryPage();
+    void loadHistory();
     void showHistory(std::optional<health::DriveHistory> history);
 
     SmartHistorySource history_;
@@ -62,6 +67,7 @@ private:
     QLabel* state_ = nullptr;
     QLabel* note_ = nullptr;
     QLabel* growth_ = nullptr;
+    QTimer reloadTimer_;
 };
 
 }  // namespace vantorix::ui

@@ -387,6 +387,8 @@ TEST(SmartInfoSheet, HistoryShowsEachFigureTheDriveReportsAndItsGrowth) {
     ASSERT_TRUE(shown.wait(10'000));
     EXPECT_EQ(sheet.historyState()->text(), qText(dashboard::smartHistoryMissingNote(std::nullopt)));
     EXPECT_FALSE(sheet.historyCanvas()->isVisibleTo(&sheet));
+    sheet.viewSwitch()->setCurrentIndex(1);
+    save(sheet, "smart-history-none-en-light");
 }
 
 }  // namespace
