@@ -79,6 +79,7 @@ VantorixApp::VantorixApp(Options options)
     dependencies.tester = tester_;
     dependencies.mainExecutor = mainExecutor_;
     dependencies.smartRefresh = smartRefresh_;
+    dependencies.healthRecorder = healthRecorder_;
     dependencies.helperService = smart_.helperService;
     mainWindow_->setCentralWidget(new ui::DashboardRootView(std::move(dependencies)));
     // The smallest size is the layout's: nothing is squeezed below what it needs to show its text.

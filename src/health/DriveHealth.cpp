@@ -117,6 +117,28 @@ std::optional<Figure> figureNamed(std::string_view name) {
 
 std::string figureTitle(Figure figure) { return text::localized(textOf(figure).chinese, textOf(figure).english); }
 
+Change changeBetween(const HealthSnapshot& stored, const HealthSnapshot& next) {
+    if (stored.passed != next.passed) return Change::notable;
+    Change change = Change::none;
+    for (std::size_t i = 0; i < kFigureCount; ++i) {
+        const auto figure = static_cast<Figure>(i);
+        const auto& before = stored[figure];
+        const auto& now = next[figure];
+        if (before == now) continue;
+        switch (figure) {
+            case Figure::powerOnHours:
+            case Figure::bytesWritten:
+            case Figure::bytesRead: break;
+            case Figure::temperature:
+                if (before && now && std::abs(*now - *before) < kTemperatureStep) change = Change::small;
+                else return Change::notable;
+                break;
+            default: return Change::notable;
+        }
+    }
+    return change;
+}
+
 std::string DriveIdentity::key() const {
     if (!wwn.empty()) return "wwn:" + wwn;
     if (!serial.empty()) return "model-serial:" + model + "/" + serial;

@@ -64,9 +64,16 @@ struct HealthSnapshot {
 
     std::optional<double>& operator[](Figure figure) { return figures[static_cast<std::size_t>(figure)]; }
     const std::optional<double>& operator[](Figure figure) const { return figures[static_cast<std::size_t>(figure)]; }
-    // The same figures and verdict, whenever they were read.
-    bool sameFiguresAs(const HealthSnapshot& other) const { return passed == other.passed && figures == other.figures; }
 };
+
+// How a new reading differs from the last one stored.
+enum class Change : std::uint8_t {
+    none,     // nothing, or only what grows with use (power-on hours, bytes written and read)
+    small,    // the temperature by less than kTemperatureStep
+    notable,  // the verdict, a count, the wear, or the temperature by kTemperatureStep or more
+};
+inline constexpr double kTemperatureStep = 3;  // °C
+Change changeBetween(const HealthSnapshot& stored, const HealthSnapshot& next);
 
 // Everything a smartctl --json answer tells about a drive's health.
 struct DriveReading {

@@ -245,7 +245,10 @@ Result<bool, Error> HealthHistory::record(const DriveIdentity& drive, const Heal
         if (found == SQLITE_ROW) last = readingAt(query);
     }
     bool stored = false;
-    if (!last || !last->sameFiguresAs(reading) || reading.at - last->at >= kRecordAtLeastEvery.count()) {
+    const auto change = last ? changeBetween(*last, reading) : Change::notable;
+    const std::int64_t age = last ? reading.at - last->at : 0;
+    if (change == Change::notable || (change == Change::small && age >= kSmallChangesEvery.count()) ||
+        age >= kRecordAtLeastEvery.count()) {
         std::string placeholders = "?, ?, ?";
         for (std::size_t i = 0; i < kFigureCount; ++i) placeholders += ", ?";
         // A reading of the same second from another recorder is the same reading.

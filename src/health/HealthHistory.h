@@ -45,6 +45,8 @@ public:
     using Error = std::string;  // in the user's language
 
     static constexpr std::chrono::seconds kRecordAtLeastEvery = std::chrono::hours(1);
+    // A small change of the temperature is stored once this long has passed since the last reading.
+    static constexpr std::chrono::seconds kSmallChangesEvery = std::chrono::minutes(10);
     static constexpr std::chrono::seconds kFullResolutionFor = std::chrono::hours(24 * 365);
 
     // Opens (creating it and its folders when missing) and migrates the file.
@@ -55,8 +57,11 @@ public:
 
     const std::string& path() const { return path_; }
 
-    // Stores the reading when its figures differ from the drive's last stored reading, or when
-    // that is kRecordAtLeastEvery old; a growth figure seen for the first time gets its baseline.
+    // Stores the reading when it differs notably from the drive's last stored reading (the
+    // verdict, a count, the wear, the temperature by kTemperatureStep), when the temperature moved
+    // less and the last is kSmallChangesEvery old, or when the last is kRecordAtLeastEvery old.
+    // What grows with use alone (hours, bytes) waits for the hour. A growth figure seen for the
+    // first time gets its baseline.
     // True when a reading was stored. A drive without an identity is not recorded (false).
     Result<bool, Error> record(const DriveIdentity& drive, const HealthSnapshot& reading);
 

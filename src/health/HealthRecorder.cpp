@@ -68,7 +68,7 @@ void HealthRecorder::record(std::string deviceName, std::string smartctlJson) {
 
 void HealthRecorder::loadHistory(std::string deviceName, std::int64_t since,
                                  std::function<void(std::optional<DriveHistory>)> done) {
-    queue_->async([shared = shared_, main = mainExecutor_, alive = std::weak_ptr<bool>(alive_),
+    queue_->async([shared = shared_, main = mainExecutor_, alive = std::weak_ptr<bool>(alive_), self = this,
                    deviceName = std::move(deviceName), since, done = std::move(done)]() mutable {
         std::optional<DriveHistory> result;
         std::optional<std::string> error;
@@ -81,11 +81,15 @@ void HealthRecorder::loadHistory(std::string deviceName, std::int64_t since,
                 auto readings = history->history(identity->key(), since);
                 auto growth = history->growth(identity->key());
                 if (readings && growth) result = DriveHistory{*identity, std::move(*readings), std::move(*growth)};
+                else error = !readings ? readings.error() : growth.error();
             }
         }
-        main->post([alive, done = std::move(done), result = std::move(result)]() mutable {
-            if (!alive.expired()) done(std::move(result));
-        });
+        main->post(
+            [alive, self, done = std::move(done), result = std::move(result), error = std::move(error)]() mutable {
+                if (alive.expired()) return;
+                if (error) self->lastError_ = error;
+                done(std::move(result));
+            });
     });
 }
 

@@ -42,7 +42,8 @@ public:
 
     // The history of the drive last recorded (or, failing that, last seen in the file) as
     // `deviceName`, from `since` (Unix seconds) on; `done` is called on the main thread, with
-    // nothing when the drive has no history or the file cannot be read.
+    // nothing when the drive has no history or the file cannot be read (then `lastError` says why
+    // by the time `done` runs).
     void loadHistory(std::string deviceName, std::int64_t since, std::function<void(std::optional<DriveHistory>)> done);
 
     // Called on the main thread after each reading that was stored, with the device name.

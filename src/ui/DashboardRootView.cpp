@@ -77,6 +77,13 @@ DashboardRootView::DashboardRootView(Dependencies dependencies, QWidget* parent)
     connect(chart_, &DiskIOChartSection::scaleChanged, this, [this](double scale) { chartScale_ = scale; });
     connect(chart_, &DiskIOChartSection::offsetChanged, this, [this](double offset) { chartOffset_ = offset; });
     connect(chart_, &DiskIOChartSection::chartSizeChanged, this, [this](QSize size) { chartSize_ = size; });
+    if (dependencies_.healthRecorder) {
+        dependencies_.healthRecorder->setRecordedObserver(
+            [this, alive = std::weak_ptr<bool>(alive_)](const std::string& deviceName) {
+                if (!alive.expired() && smartSheet_ && smartSheet_->deviceName() == deviceName)
+                    smartSheet_->reloadHistory();
+            });
+    }
 
     monitorSubscription_ = dependencies_.monitor->subscribe([this](const DiskIOMonitor::State& state) {
         chart_->setQueue(state.selectedVolume ? state.selectedVolume->queue : std::nullopt);
@@ -201,7 +208,8 @@ void DashboardRootView::showSmartInfo() {
     if (!volume || !volume->smartInfo) return;
     if (smartSheet_) smartSheet_->close();
     auto* sheet = new SmartInfoSheet(
-        dashboard::SmartSheetPayload{Uuid::make(), volume->displayName, *volume->smartInfo}, this);
+        dashboard::SmartSheetPayload{Uuid::make(), volume->displayName, *volume->smartInfo}, this,
+        SmartHistorySource{dependencies_.healthRecorder, volume->deviceName});
     smartSheet_ = sheet;
     sheet->open();
 }

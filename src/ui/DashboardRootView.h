@@ -13,6 +13,7 @@
 #include "concurrency/MainExecutor.h"
 #include "concurrency/NotificationCenter.h"
 #include "dashboard/SmartSheetContent.h"
+#include "health/HealthRecorder.h"
 #include "monitor/DiskIOMonitor.h"
 #include "monitor/SmartRefresh.h"
 #include "platform/HelperService.h"
@@ -40,6 +41,9 @@ public:
         std::shared_ptr<SmartRefresh> smartRefresh;
         // Says how the SMART helper is enabled on this system, for the approval alert.
         std::shared_ptr<HelperService> helperService;
+        // The drives' SMART history, shown in the SMART sheet; none: the sheet shows no history.
+        // The dashboard takes its recorded observer, to refresh an open sheet's history.
+        std::shared_ptr<health::HealthRecorder> healthRecorder;
         NotificationCenter* notifications = &NotificationCenter::defaultCenter();
     };
 

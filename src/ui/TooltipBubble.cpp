@@ -4,6 +4,7 @@
 #include <QPainter>
 #include <QPainterPath>
 #include <QString>
+#include <QStringList>
 
 #include <algorithm>
 #include <cmath>
@@ -16,6 +17,10 @@ constexpr double bubbleVerticalPadding = 8;
 constexpr double lineGap = 3;
 constexpr double bubbleCornerRadius = 10;
 
+QStringList figureLines(const GraphGeometry::TooltipLines& lines) {
+    return QString::fromStdString(lines.secondary).split(QLatin1Char('\n'));
+}
+
 }  // namespace
 
 QFont TooltipBubble::font(const QFont& base) {
@@ -27,10 +32,12 @@ QFont TooltipBubble::font(const QFont& base) {
 
 QSizeF TooltipBubble::measure(const GraphGeometry::TooltipLines& lines, const QFont& font) {
     const QFontMetricsF metrics(font);
-    const double width = std::max(metrics.horizontalAdvance(QString::fromStdString(lines.primary)),
-                                  metrics.horizontalAdvance(QString::fromStdString(lines.secondary)));
+    const QStringList figures = figureLines(lines);
+    double width = metrics.horizontalAdvance(QString::fromStdString(lines.primary));
+    for (const QString& line : figures) width = std::max(width, metrics.horizontalAdvance(line));
+    const auto count = static_cast<double>(figures.size());
     return {std::ceil(width + 2 * bubbleHorizontalPadding),
-            std::ceil(2 * metrics.height() + lineGap + 2 * bubbleVerticalPadding)};
+            std::ceil((1 + count) * metrics.height() + lineGap + 2 * bubbleVerticalPadding)};
 }
 
 void TooltipBubble::paint(QPainter& painter, QPointF origin, const GraphGeometry::TooltipLines& lines,
@@ -44,6 +51,7 @@ void TooltipBubble::paint(QPainter& painter, QPointF origin, const GraphGeometry
     outline.addRoundedRect(QRectF(origin, size).adjusted(0.5, 0.5, -0.5, -0.5), bubbleCornerRadius, bubbleCornerRadius);
     painter.fillPath(outline, colours.bubbleBackground);
     painter.setPen(QPen(colours.bubbleBorder, 1));
+    painter.setBrush(Qt::NoBrush);
     painter.drawPath(outline);
 
     painter.setFont(font);
@@ -52,8 +60,11 @@ void TooltipBubble::paint(QPainter& painter, QPointF origin, const GraphGeometry
     painter.setPen(colours.bubbleSecondaryText);
     painter.drawText(QPointF(left, firstBaseline), QString::fromStdString(lines.primary));
     painter.setPen(colours.bubbleText);
-    painter.drawText(QPointF(left, firstBaseline + metrics.height() + lineGap),
-                     QString::fromStdString(lines.secondary));
+    double baseline = firstBaseline + lineGap;
+    for (const QString& line : figureLines(lines)) {
+        baseline += metrics.height();
+        painter.drawText(QPointF(left, baseline), line);
+    }
     painter.restore();
 }
 

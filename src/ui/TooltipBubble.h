@@ -11,8 +11,8 @@ class QPainter;
 
 namespace vantorix::ui {
 
-// The graph's hover tooltip: two lines of text in a rounded bubble. The first line (time,
-// elapsed, window) is quieter than the second (read and write).
+// The graph's hover tooltip: lines of text in a rounded bubble. The first line (time, elapsed,
+// window) is quieter than the figures below it: the secondary text, one line per line feed.
 class TooltipBubble {
 public:
     // The unified text font of the bubble, made from the widget's font.

@@ -57,12 +57,13 @@ TEST(DriveHealth, ReadingsOfSmartctlAnswers) {
     EXPECT_FALSE(DriveIdentity{}.known());  // neither WWN nor serial: nothing to key the history by
 }
 
-HealthSnapshot reading(std::int64_t at, double temperature, double reallocated) {
+HealthSnapshot reading(std::int64_t at, double temperature, double reallocated, double written = 1e12) {
     HealthSnapshot snapshot;
     snapshot.at = at;
     snapshot.passed = true;
     snapshot[Figure::temperature] = temperature;
     snapshot[Figure::reallocatedSectors] = reallocated;
+    snapshot[Figure::bytesWritten] = written;
     return snapshot;
 }
 
@@ -79,37 +80,40 @@ TEST(HealthHistory, StoresChangesAndHourlyReadingsAndMeasuresGrowthFromTheBaseli
         bool stored;
     };
     const Step steps[] = {
-        {reading(t0, 36, 0), true},          // first
-        {reading(t0 + 60, 36, 0), false},    // unchanged
-        {reading(t0 + 120, 41, 0), true},    // temperature moved
-        {reading(t0 + 3719, 41, 0), false},  // unchanged for less than an hour
-        {reading(t0 + 3720, 41, 0), true},   // an hour since the last stored one
-        {reading(t0 + 4000, 41, 8), true},   // reallocated sectors grew
+        {reading(t0, 36, 0), true},                // first
+        {reading(t0 + 60, 36, 0, 2e12), false},    // only what grows with use
+        {reading(t0 + 120, 37, 0), false},         // a degree, within ten minutes
+        {reading(t0 + 180, 41, 0), true},          // a step of the temperature
+        {reading(t0 + 779, 42, 0), false},         // a degree, ten minutes less a second after
+        {reading(t0 + 780, 42, 0), true},          // ... and ten minutes after
+        {reading(t0 + 4379, 42, 0, 3e12), false},  // unchanged for less than an hour
+        {reading(t0 + 4380, 42, 0, 3e12), true},   // an hour since the last stored one
+        {reading(t0 + 4500, 42, 8, 3e12), true},   // reallocated sectors grew
     };
     for (const auto& step : steps) {
         const auto stored = history.record(kDrive, step.reading);
         ASSERT_TRUE(stored) << stored.error();
         EXPECT_EQ(*stored, step.stored) << step.reading.at;
     }
-    EXPECT_EQ(history.history(kDrive.key())->size(), 4u);
-    EXPECT_EQ(history.history(kDrive.key(), t0 + 3720)->size(), 2u);
+    EXPECT_EQ(history.history(kDrive.key())->size(), 5u);
+    EXPECT_EQ(history.history(kDrive.key(), t0 + 4380)->size(), 2u);
     EXPECT_EQ((*history.driveSeenAs("sdb"))->key, kDrive.key());
 
     auto growth = *history.growth(kDrive.key());
     ASSERT_EQ(growth.size(), 1u);  // the only growth figure the readings carry
     EXPECT_EQ(growth[0].figure, Figure::reallocatedSectors);
     EXPECT_EQ(growth[0].amount(), 8);
-    EXPECT_EQ(growth[0].grewAt, t0 + 4000);
+    EXPECT_EQ(growth[0].grewAt, t0 + 4500);
 
     EXPECT_EQ((*history.acknowledge(kDrive.key(), t0 + 5000))[0].amount(), 0);
-    ASSERT_TRUE(history.record(kDrive, reading(t0 + 6000, 41, 9)));
+    ASSERT_TRUE(history.record(kDrive, reading(t0 + 6000, 42, 9, 3e12)));
     growth = *history.growth(kDrive.key());
     EXPECT_EQ(growth[0].baseline, 8);
     EXPECT_EQ(growth[0].amount(), 1);
     EXPECT_EQ(growth[0].grewAt, t0 + 6000);
 
     // A year later the readings of the first day are thinned to that day's last.
-    EXPECT_EQ(*history.thin(t0 + 365 * 86'400 + 86'400), 4u);
+    EXPECT_EQ(*history.thin(t0 + 365 * 86'400 + 86'400), 5u);
     EXPECT_EQ(history.history(kDrive.key())->size(), 1u);
 }
 
@@ -121,7 +125,7 @@ pid_t startWriter(const std::string& path, std::int64_t first, int count, int re
     auto history = HealthHistory::open(path);
     if (!history) ::_exit(2);
     for (std::int64_t at = first; at < first + count; ++at) {
-        const auto stored = (*history)->record(kDrive, reading(at, static_cast<double>(at % 50), 0));
+        const auto stored = (*history)->record(kDrive, reading(at, 40, static_cast<double>(at)));  // a count: stored
         if (!stored) ::_exit(3);
         if (*stored && ::write(reportTo, &at, sizeof at) != sizeof at) ::_exit(4);
     }
@@ -213,10 +217,13 @@ TEST(HealthRecorder, RecordsAnswersOffTheMainThreadAndLoadsTheDrivesHistory) {
     EXPECT_FALSE(loaded[1]);  // never seen
 
     HealthRecorder unusable(folder.string(), main);  // a folder, not a file
-    unusable.record("sdc", answer.dump());
+    bool answered = false;
+    unusable.loadHistory("sdc", 0, [&](std::optional<DriveHistory> history) {
+        answered = !history && unusable.lastError().has_value();
+    });
     unusable.drain();
     main->drain();
-    EXPECT_TRUE(unusable.lastError());
+    EXPECT_TRUE(answered);
 }
 
 TEST(HealthHistory, SaysWhyAFileCannotBeUsed) {

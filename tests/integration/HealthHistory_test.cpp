@@ -27,7 +27,7 @@ TEST(HealthHistoryCli, WatchRecordsWhatHistoryShowsAndAcknowledgingResetsTheGrow
         std::ifstream(std::string(VANTORIX_TEST_DATA_DIR) + "/smartctl/scrutiny-smart-ata-full.json"));
     std::vector<std::string> sequence;
     for (int step = 0; step < 6; ++step) {
-        answer["temperature"]["current"] = 36 + step;
+        answer["temperature"]["current"] = 36 + 3 * step;  // a step each time, so each is stored
         for (auto& row : answer["ata_smart_attributes"]["table"]) {
             if (row["id"] == 5) row["raw"]["value"] = step < 3 ? 0 : 8;
         }
@@ -63,7 +63,7 @@ TEST(HealthHistoryCli, WatchRecordsWhatHistoryShowsAndAcknowledgingResetsTheGrow
     EXPECT_EQ(document["drive"]["wwn"], "0x5002538e40a22954");
     std::vector<double> temperatures;
     for (const auto& reading : document["readings"]) temperatures.push_back(reading["temperature"]);
-    EXPECT_EQ(temperatures, (std::vector<double>{36, 37, 38, 39, 40, 41}));
+    EXPECT_EQ(temperatures, (std::vector<double>{36, 39, 42, 45, 48, 51}));
     EXPECT_EQ(document["readings"].back()["reallocated_sectors"], 8);
     EXPECT_EQ(document["growth"][0]["attribute"], "reallocated_sectors");
     EXPECT_EQ(document["growth"][0]["growth"], 8);

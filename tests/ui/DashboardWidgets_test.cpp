@@ -1,11 +1,16 @@
 #include "ScopedScheme.h"
+#include "health/HealthRecorder.h"
 #include "monitor/FixedRingBuffer.h"
 #include "support/ScopedEnvironment.h"
+#include "support/TemporaryFolder.h"
 #include "ui/Appearance.h"
 #include "ui/DiskIOChartSection.h"
 #include "ui/DiskIOGraphCanvas.h"
+#include "ui/HealthHistoryCanvas.h"
 #include "ui/QtMainExecutor.h"
+#include "ui/QtText.h"
 #include "ui/SegmentedControl.h"
+#include "ui/SmartInfoSheet.h"
 #include "ui/VolumeControlPanel.h"
 
 #include <gtest/gtest.h>
@@ -22,6 +27,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <ctime>
 #include <memory>
 #include <string>
 #include <vector>
@@ -321,6 +327,68 @@ TEST(VolumeControlPanel, ShowsTheLinkCeilingWhileTheVolumeHasOneAndAQueueDepthRe
         EXPECT_EQ(panel.infoTexts().indexOf(warning), -1);
         EXPECT_NE(colourOf(panel, panel.infoTexts()[3]), orange);
     }
+}
+
+// The SMART sheet with a recorder on a file that holds three days of a SATA drive: the temperature
+// moves, the reallocated sectors go from 0 to 8, and the evening of the first day was not watched.
+TEST(SmartInfoSheet, HistoryShowsEachFigureTheDriveReportsAndItsGrowth) {
+    const testing::TemporaryFolder folder;
+    const std::string path = folder.string() + "/health.sqlite";
+    const health::DriveIdentity drive{"0x5002538e40a22954", "Samsung SSD 860 EVO 500GB", "S3Z2NB0K123456X", "sda"};
+    const std::int64_t now = std::time(nullptr) / 3600 * 3600;
+    {
+        auto history = health::HealthHistory::open(path);
+        ASSERT_TRUE(history);
+        for (std::int64_t hour = 72; hour >= 0; --hour) {
+            if (hour > 50 && hour < 60) continue;
+            health::HealthSnapshot reading;
+            reading.at = now - hour * 3600;
+            reading[health::Figure::temperature] = std::round(38 + 5 * std::sin(static_cast<double>(hour) / 4));
+            reading[health::Figure::reallocatedSectors] = hour > 30 ? 0 : 8;
+            reading[health::Figure::pendingSectors] = 0;
+            reading[health::Figure::crcErrors] = 0;
+            ASSERT_TRUE((*history)->record(drive, reading));
+        }
+    }
+    const auto recorder = std::make_shared<health::HealthRecorder>(path, std::make_shared<QtMainExecutor>());
+    const dashboard::SmartSheetPayload payload{Uuid::make(), "Data", DiskSMARTInfo{"PASSED", true, {}, std::nullopt}};
+    for (const auto& [lang, dark] :
+         {std::pair{"en_US.UTF-8", false}, {"en_US.UTF-8", true}, {"zh_CN.UTF-8", false}, {"zh_CN.UTF-8", true}}) {
+        const ScopedLanguage language(lang);
+        const ScopedScheme scheme(dark);
+        const bool english = std::string(lang) == "en_US.UTF-8";
+        SmartInfoSheet sheet(payload, nullptr, {recorder, "sda"});
+        QSignalSpy shown(&sheet, &SmartInfoSheet::historyShown);
+        sheet.show();
+        if (english && !dark) save(sheet, "smart-history-now-en-light");
+        sheet.viewSwitch()->setCurrentIndex(1);
+        ASSERT_TRUE(shown.wait(10'000));
+        HealthHistoryCanvas& canvas = *sheet.historyCanvas();
+        ASSERT_TRUE(canvas.isVisible());
+        QStringList titles;
+        for (const auto& panel : canvas.chart().panels) titles << qText(panel.title);
+        EXPECT_EQ(titles.join('|'), english ? "Temperature|Reallocated sectors|Pending sectors|CRC errors"
+                                            : "温度|重新分配扇区|待映射扇区|CRC 错误");
+        EXPECT_TRUE(sheet.historyGrowth()->text().startsWith(english ? "Reallocated sectors grew by 8 since"
+                                                                     : "重新分配扇区自"));
+        // The pointer over the newest readings: the marker and bubble show the last one.
+        const QPointF at = canvas.chartOrigin() + QPointF(canvas.chart().readingX.back() - 2, 60);
+        QMouseEvent move(QEvent::MouseMove, at, canvas.mapToGlobal(at), Qt::NoButton, Qt::NoButton, Qt::NoModifier);
+        QApplication::sendEvent(&canvas, &move);
+        EXPECT_EQ(canvas.hoveredReading(), canvas.chart().readingX.size() - 1);
+        const std::string name = std::string("smart-history-") + (english ? "en" : "zh") + (dark ? "-dark" : "-light");
+        QCoreApplication::sendPostedEvents();  // the labels' new heights
+        save(sheet, name);
+        if (!dark) save(sheet, name + "@2x", 2);
+    }
+    // A drive the file does not know: the sheet says there is no history yet.
+    SmartInfoSheet sheet(payload, nullptr, {recorder, "sdz"});
+    QSignalSpy shown(&sheet, &SmartInfoSheet::historyShown);
+    ASSERT_TRUE(shown.wait(10'000));
+    EXPECT_EQ(sheet.historyState()->text(), qText(dashboard::smartHistoryMissingNote(std::nullopt)));
+    EXPECT_FALSE(sheet.historyCanvas()->isVisibleTo(&sheet));
+    sheet.viewSwitch()->setCurrentIndex(1);
+    save(sheet, "smart-history-none-en-light");
 }
 
 }  // namespace
