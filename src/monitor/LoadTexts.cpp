@@ -11,7 +11,7 @@
 namespace vantorix {
 namespace {
 
-constexpr const char* kNone = "—";
+constexpr const char* kNoFigure = "—";
 
 }  // namespace
 
@@ -26,18 +26,18 @@ std::string utilizationLabel(const std::optional<BlockQueue>& queue) {
 }
 
 std::string awaitText(std::optional<double> milliseconds) {
-    if (!milliseconds) return kNone;
+    if (!milliseconds) return kNoFigure;
     const int digits = *milliseconds < 10 ? 2 : (*milliseconds < 100 ? 1 : 0);
     return text::decimalText(*milliseconds, digits, digits) + text::localized(" 毫秒", " ms");
 }
 
 std::string utilizationText(std::optional<double> utilization) {
-    if (!utilization) return kNone;
+    if (!utilization) return kNoFigure;
     return text::percentText(*utilization, 1);
 }
 
 std::string queueDepthText(std::optional<double> depth, const std::optional<BlockQueue>& queue) {
-    if (!depth) return kNone;
+    if (!depth) return kNoFigure;
     auto shown = text::decimalText(*depth, 2, 2);
     if (queue && queue->requests) shown += fmt::format(" / {}", *queue->requests);
     return shown;
