@@ -75,7 +75,9 @@ void CardValueText::paintEvent(QPaintEvent*) {
     QPainter painter(this);
     if (background_.isValid()) painter.fillRect(rect(), background_);
     painter.setPen(palette().color(foregroundRole()));
-    painter.drawText(rect(), Qt::AlignLeft | Qt::AlignVCenter | Qt::TextSingleLine, text_);
+    // On its baseline, centred as one line: the text is shaped but not laid out as a paragraph.
+    const QFontMetrics metrics = fontMetrics();
+    painter.drawText(QPoint(0, (height() - metrics.height()) / 2 + metrics.ascent()), text_);
 }
 
 void CardValueText::changeEvent(QEvent* event) {
