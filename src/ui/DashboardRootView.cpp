@@ -122,12 +122,14 @@ void DashboardRootView::refresh() {
     const auto& tester = dependencies_.tester->state();
     // The panel reads no sample: a batch that leaves the selection and the run as they were
     // leaves the panel as it is, and its capacity texts are not formatted again.
-    PanelInputs inputs{monitor.selectedVolume, monitor.isMonitoring, monitor.samples.size() > 1};
-    if (testerChanged_ || inputs != panelInputs_) {
+    // Compared in place: the descriptor is copied only when it changed, not with every batch.
+    const bool exportEnabled = monitor.samples.size() > 1;
+    if (testerChanged_ || !panelInputs_ || panelInputs_->volume != monitor.selectedVolume ||
+        panelInputs_->monitoring != monitor.isMonitoring || panelInputs_->exportEnabled != exportEnabled) {
         const auto preview = dependencies_.tester->payloadPreview(monitor.selectedVolume);
         const auto payload = performancePayloadContext(monitor.selectedVolume, tester.dataSize, preview);
         panel_->setContent(dashboard::volumePanelContent(monitor, tester, payload));
-        panelInputs_ = std::move(inputs);
+        panelInputs_ = PanelInputs{monitor.selectedVolume, monitor.isMonitoring, exportEnabled};
         testerChanged_ = false;
     }
     metrics_->setCards(dashboard::metricCards(monitor));

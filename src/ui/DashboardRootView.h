@@ -101,7 +101,6 @@ private:
         std::optional<DiskVolumeDescriptor> volume;
         bool monitoring = false;
         bool exportEnabled = false;
-        friend bool operator==(const PanelInputs&, const PanelInputs&) = default;
     };
     std::optional<PanelInputs> panelInputs_;
     bool testerChanged_ = true;
