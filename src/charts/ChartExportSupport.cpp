@@ -111,20 +111,14 @@ void appendNumber(std::string& out, double value) {
 // a regular file is written: a named pipe or a device there is refused, and opening does not wait
 // for a pipe's reader.
 std::optional<std::string> writeFile(const std::string& path, const void* bytes, std::size_t size) {
-    const auto failed = [&path](const std::string& reason) {
-        return ChartExportSupport::writeFailureText(path, reason);
-    };
-    const auto failure = [&failed](int error) { return failed(std::generic_category().message(error)); };
+    const auto failure = [&path](int error) { return ChartExportSupport::writeFailureText(path, error); };
+    if (auto refused = ChartExportSupport::specialFileRefusal(path)) return refused;
     struct stat status {};
-    // A folder is left to open(), which names it.
-    if (::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
-        return failed(text::notRegularFileText(status.st_mode));
-    }
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666);
     if (fd < 0) return failure(errno);
     if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
         ::close(fd);
-        return failed(text::notRegularFileText(status.st_mode));
+        return ChartExportSupport::writeFailureText(path, text::notRegularFileText(status.st_mode));
     }
     if (const int error = ChartExportSupport::writeAll(fd, static_cast<const char*>(bytes), size); error != 0) {
         ::close(fd);
@@ -139,6 +133,18 @@ std::optional<std::string> writeFile(const std::string& path, const void* bytes,
 std::string ChartExportSupport::writeFailureText(const std::string& path, const std::string& reason) {
     return text::isEnglish() ? fmt::format("Could not write the file “{}”: {}", path, reason)
                              : fmt::format("无法写入文件“{}”：{}", path, reason);
+}
+
+std::string ChartExportSupport::writeFailureText(const std::string& path, int error) {
+    return writeFailureText(path, std::generic_category().message(error));
+}
+
+std::optional<std::string> ChartExportSupport::specialFileRefusal(const std::string& path) {
+    struct stat status {};
+    if (::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
+        return writeFailureText(path, text::notRegularFileText(status.st_mode));
+    }
+    return std::nullopt;
 }
 
 int ChartExportSupport::writeAll(int fd, const char* data, std::size_t size) {

@@ -106,6 +106,12 @@ struct ChartExportSupport {
     static std::string pngPath(const std::string& csvPath);
     // "Could not write the file “PATH”: REASON", in the user's language.
     static std::string writeFailureText(const std::string& path, const std::string& reason);
+    // The same with the system's text for `error`.
+    static std::string writeFailureText(const std::string& path, int error);
+    // The failure text when something other than a regular file or a folder is at `path` (a
+    // named pipe, a device): such a thing is never written. A folder is left to the caller's
+    // open() or rename(), which names it.
+    static std::optional<std::string> specialFileRefusal(const std::string& path);
     // Writes all `size` bytes to `fd`, going on after interruptions; 0, or the system's error.
     static int writeAll(int fd, const char* data, std::size_t size);
     struct Outcome {

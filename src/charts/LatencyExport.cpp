@@ -53,15 +53,8 @@ std::string LatencyExport::csvText(const SampleWindow& samples) {
 }
 
 std::optional<std::string> LatencyExport::writeWhole(const std::string& path, std::string_view contents) {
-    const auto failed = [&path](const std::string& reason) {
-        return ChartExportSupport::writeFailureText(path, reason);
-    };
-    const auto failure = [&failed](int error) { return failed(std::generic_category().message(error)); };
-    struct stat status {};
-    // A folder is left to rename(), which names it.
-    if (::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode)) {
-        return failed(text::notRegularFileText(status.st_mode));
-    }
+    const auto failure = [&path](int error) { return ChartExportSupport::writeFailureText(path, error); };
+    if (auto refused = ChartExportSupport::specialFileRefusal(path)) return refused;
     // Hidden, beside the file it becomes, and named afresh, so that it is nobody else's file.
     std::filesystem::path unfinished(path);
     unfinished.replace_filename("." + unfinished.filename().string() + "." + Uuid::make().text() + ".tmp");
