@@ -310,6 +310,10 @@ int showHistory(const SmartOptions& options, Environment& environment) {
     }
     auto volume = DiskVolumeResolver::resolve(*options.path, *environment.system.volumes, *environment.system.devices);
     if (!volume.ok()) return fail(options, environment, volume.error().name(), volume.error().description());
+    // Asking for a history creates no file.
+    const std::string path = options.database ? *options.database : health::HealthHistory::userPath();
+    if (!path.empty() && !std::filesystem::exists(path))
+        return fail(options, environment, "noHistory", noHistoryMessage(volume->deviceName));
     auto history = openHealthHistory(options.database);
     if (!history) return fail(options, environment, "historyUnavailable", history.error());
 
