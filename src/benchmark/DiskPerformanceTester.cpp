@@ -144,6 +144,8 @@ public:
         TestMode mode;
         EffectivePayload payload;
         Uuid token;
+        std::shared_ptr<BlockDevices> devices;
+        std::string deviceName;  // the volume's block device, whose counters each phase is held against
     };
 
     Run(Context context, CancellationToken cancellation)
@@ -193,6 +195,7 @@ private:
     Result perform() {
         runStart_ = Clock::now();
         checkCancellation();
+        openDeviceCounters();
         const std::uint64_t workingSet = std::min(c_.payload.byteCount, randomPhaseWorkingSetLimit);
         const TestFile randomFile = createTestFile("Vantorix_IO_RandomTest_", workingSet);
         RandomFigures random;
@@ -238,6 +241,7 @@ private:
         result.timeline = std::move(write.samples);
         result.timeline.insert(result.timeline.end(), std::make_move_iterator(read.samples.begin()),
                                std::make_move_iterator(read.samples.end()));
+        result.phaseTraffic = std::move(traffic_);
         result.finishedAt = std::chrono::system_clock::now();
         handToCleanup(sequentialFile, c_.payload.byteCount);
         return result;
@@ -377,10 +381,35 @@ private:
         }));
     }
 
+    // The device's counters, when they can be read: a run goes on without them.
+    void openDeviceCounters() {
+        if (!c_.devices || c_.deviceName.empty()) return;
+        auto opened = c_.devices->openStatistics(c_.deviceName);
+        if (opened) counters_ = std::move(opened).value();
+        else testerLogger().notice("The counters of {} cannot be read: {}", c_.deviceName, opened.error().detail());
+    }
+    std::optional<BlockStatistics> readCounters() {
+        if (!counters_) return std::nullopt;
+        auto read = counters_->read();
+        if (!read) return std::nullopt;
+        return read.value();
+    }
+
     void started(BenchmarkPhase phase) {
         if (c_.observer.started) c_.observer.started(phase);
+        phaseStartCounters_ = readCounters();
     }
+    // Holds what the phase moved against what the device counted since it started (the counters
+    // wrap modulo 2^64, so the difference is right across a wrap).
     void finished(BenchmarkPhase phase, std::uint64_t bytes) {
+        if (counters_) {
+            PhaseTraffic traffic{phase, bytes, std::nullopt};
+            if (const auto now = readCounters(); now && phaseStartCounters_) {
+                traffic.deviceBytes = isWritePhase(phase) ? now->bytesWritten() - phaseStartCounters_->bytesWritten()
+                                                          : now->bytesRead() - phaseStartCounters_->bytesRead();
+            }
+            traffic_.push_back(traffic);
+        }
         if (c_.observer.finished) c_.observer.finished(phase, bytes);
     }
 
@@ -694,6 +723,9 @@ private:
 
     Context c_;
     CancellationToken cancellation_;
+    std::unique_ptr<BlockStatisticsFile> counters_;
+    std::optional<BlockStatistics> phaseStartCounters_;
+    std::vector<PhaseTraffic> traffic_;
     Clock::time_point lastQueuePublish_;
     ProgressTracker tracker_;
     Clock::time_point runStart_;
@@ -821,7 +853,9 @@ void DiskPerformanceTester::runTest(const std::optional<DiskVolumeDescriptor>& v
                          state().dataSize,
                          state().testMode,
                          *payload,
-                         token};
+                         token,
+                         dependencies_.devices,
+                         volume->deviceName};
     retire(std::exchange(current_, {}));
     current_.volumeRoot = volume->mountPoint;
     current_.heldBytes = std::move(heldBytes);

@@ -20,6 +20,7 @@
 #include "concurrency/Published.h"
 #include "concurrency/SerialQueue.h"
 #include "concurrency/Task.h"
+#include "platform/BlockDevice.h"
 #include "platform/FileSystem.h"
 #include "util/Uuid.h"
 #include "volumes/DiskVolumeDescriptor.h"
@@ -51,6 +52,8 @@ public:
     struct Dependencies {
         std::shared_ptr<MainExecutor> mainExecutor;
         std::shared_ptr<FileSystem> files;
+        // The volumes' block devices, whose counters each phase is held against; null: none.
+        std::shared_ptr<BlockDevices> devices;
     };
 
     // What a run does. The defaults are what users get; tests and comparisons may shorten them.

@@ -134,6 +134,34 @@ std::string queueDepthTable(const std::vector<QueueDepthFigure>& figures) {
                  rows);
 }
 
+// Each phase against the device's counters, with the warning of each phase the page cache served;
+// nothing when every phase reached the device.
+std::string pageCacheSection(const std::vector<PhaseTraffic>& phases) {
+    const std::vector<std::string> warnings = pageCacheWarnings(phases);
+    if (warnings.empty()) return {};
+    const auto bytes = [](std::uint64_t count) {
+        return text::byteCountText(count, ByteUnits::bytes | ByteUnits::kilobytes | ByteUnits::megabytes |
+                                              ByteUnits::gigabytes | ByteUnits::terabytes);
+    };
+    std::vector<std::string> rows;
+    rows.reserve(phases.size());
+    for (const auto& traffic : phases) {
+        rows.push_back(
+            "<tr><td>" + htmlEscaped(phaseName(traffic.phase)) + "</td><td>" + bytes(traffic.bytesMoved) + "</td><td>" +
+            (traffic.deviceBytes ? bytes(*traffic.deviceBytes) : htmlEscaped(localized("不可用", "Unavailable"))) +
+            "</td></tr>");
+    }
+    std::string section = "\n    <div class=\"card\">\n        <h2>" +
+                          htmlEscaped(localized("设备核对", "Device Check")) + "</h2>";
+    for (const auto& warning : warnings) {
+        section += "\n        <p style=\"color: #c2410c; font-weight: 600;\">" + htmlEscaped(warning) + "</p>";
+    }
+    return section + "\n        " +
+           table({localized("阶段", "Phase"), localized("传输", "Moved"), localized("设备读写", "Reached the Device")},
+                 rows) +
+           "\n    </div>";
+}
+
 std::string interfaceText(const DiskVolumeDescriptor& volume) {
     if (volume.connectionTypeDescription.empty()) return unknown();
     if (volume.connectionSpeedDescription && !volume.connectionSpeedDescription->empty()) {
@@ -368,6 +396,7 @@ std::string reportHTML(const PerformanceResult& result, const DiskVolumeDescript
         join(metricTexts, "</strong>\n            </div>\n            <div class=\"metric\">\n                <span>") +
         "</strong>\n            </div>\n        </div>\n        <p>" + htmlEscaped(randomLine) + "</p>\n        <p>" +
         htmlEscaped(finishedLine) + "</p>\n    </div>";
+    html += pageCacheSection(result.phaseTraffic);
     html += "\n    <div class=\"card\">\n        <h2>" + htmlEscaped(localized("吞吐率图表", "Throughput Chart")) +
             "</h2>\n        <div class=\"chart-wrapper\">\n            " +
             chartSVG(result.timeline, ChartLabels::current()) + "\n        </div>\n    </div>\n    ";

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "benchmark/DataSize.h"
+#include "benchmark/PageCacheCheck.h"
 #include "benchmark/ProgressTracker.h"
 #include "benchmark/TestMode.h"
 #include "util/Uuid.h"
@@ -33,6 +34,9 @@ struct PerformanceResult {
     // The queue-depth test's figures, one per profile in the order of kQueueDepthProfiles; empty
     // for the standard test.
     std::vector<QueueDepthFigure> queueDepthFigures;
+    // The standard test's phases against the device's counters, in the order they ran; empty when
+    // the device's counters could not be opened.
+    std::vector<PhaseTraffic> phaseTraffic;
 };
 
 }  // namespace vantorix

@@ -3,8 +3,6 @@
 #include <unistd.h>
 #include <CLI/CLI.hpp>
 
-#include <map>
-#include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <utility>
@@ -22,7 +20,6 @@
 #include "composition/SmartPipeline.h"
 #include "concurrency/LoopMainExecutor.h"
 #include "json/JsonText.h"
-#include "monitor/StatisticsSession.h"
 #include "smart/HelperApprovalTexts.h"
 #include "text/Formats.h"
 #include "text/Language.h"
@@ -38,112 +35,6 @@ using text::localized;
 
 // The largest --payload-bytes: a petabyte.
 constexpr std::uint64_t kLargestPayload = 1'000'000'000'000'000;
-
-// A phase is taken as served from the page cache when less than half of the bytes it moved
-// reached the device.
-constexpr double kCacheThreshold = 0.5;
-
-bool isWritePhase(BenchmarkPhase phase) {
-    return phase == BenchmarkPhase::randomWrite || phase == BenchmarkPhase::sequentialWrite;
-}
-
-// What each phase moved, next to what the volume's block counters saw in the same span.
-class DeviceTraffic {
-public:
-    struct Phase {
-        std::uint64_t bytesMoved = 0;
-        std::optional<std::uint64_t> deviceBytes;
-
-        bool servedFromPageCache() const {
-            return deviceBytes && bytesMoved > 0 &&
-                   static_cast<double>(*deviceBytes) < kCacheThreshold * static_cast<double>(bytesMoved);
-        }
-    };
-
-    explicit DeviceTraffic(std::unique_ptr<StatisticsSession> session) : session_(std::move(session)) {}
-
-    // Called on the test's thread.
-    DiskPerformanceTester::PhaseObserver observer() {
-        return {[this](BenchmarkPhase phase) {
-                    const auto now = read();
-                    std::lock_guard lock(mutex_);
-                    startCounters_[phase] = now;
-                },
-                [this](BenchmarkPhase phase, std::uint64_t bytesMoved) {
-                    const auto now = read();
-                    std::lock_guard lock(mutex_);
-                    Phase& entry = phases_[phase];
-                    entry.bytesMoved = bytesMoved;
-                    const auto start = startCounters_.find(phase);
-                    if (now && start != startCounters_.end() && start->second) {
-                        // Counters wrap modulo 2^64, so the difference is right across a wrap.
-                        entry.deviceBytes = isWritePhase(phase) ? now->bytesWritten() - start->second->bytesWritten()
-                                                                : now->bytesRead() - start->second->bytesRead();
-                    }
-                }};
-    }
-
-    std::map<BenchmarkPhase, Phase> phases() const {
-        std::lock_guard lock(mutex_);
-        return phases_;
-    }
-
-    ~DeviceTraffic() {
-        if (session_) session_->end();
-    }
-    DeviceTraffic(const DeviceTraffic&) = delete;
-    DeviceTraffic& operator=(const DeviceTraffic&) = delete;
-
-private:
-    std::optional<BlockStatistics> read() {
-        if (!session_) return std::nullopt;
-        auto snapshot = session_->snapshot();
-        if (!snapshot) return std::nullopt;
-        return snapshot.value();
-    }
-
-    std::unique_ptr<StatisticsSession> session_;
-    mutable std::mutex mutex_;
-    std::map<BenchmarkPhase, std::optional<BlockStatistics>> startCounters_;
-    std::map<BenchmarkPhase, Phase> phases_;
-};
-
-std::string deviceLine(BenchmarkPhase phase, const DeviceTraffic::Phase& traffic) {
-    using text::ByteUnits;
-    const auto bytes = [](std::uint64_t count) {
-        return text::byteCountText(count, ByteUnits::bytes | ByteUnits::kilobytes | ByteUnits::megabytes |
-                                              ByteUnits::gigabytes | ByteUnits::terabytes);
-    };
-    const bool write = isWritePhase(phase);
-    if (!traffic.deviceBytes) {
-        return text::isEnglish() ? fmt::format("moved {}; device counters unavailable", bytes(traffic.bytesMoved))
-                                 : fmt::format("传输 {}；无法读取设备计数", bytes(traffic.bytesMoved));
-    }
-    if (text::isEnglish()) {
-        return fmt::format("moved {}, device {} {}", bytes(traffic.bytesMoved), write ? "wrote" : "read",
-                           bytes(*traffic.deviceBytes));
-    }
-    return fmt::format("传输 {}，设备{} {}", bytes(traffic.bytesMoved), write ? "写入" : "读取",
-                       bytes(*traffic.deviceBytes));
-}
-
-std::string cacheWarning(BenchmarkPhase phase) {
-    if (isWritePhase(phase)) {
-        return text::isEnglish()
-                   ? fmt::format(
-                         "Warning: most writes of the {} stayed in the page cache and never reached the "
-                         "disk; its speed reflects memory, not the disk.",
-                         phaseName(phase))
-                   : fmt::format("警告：{}的大部分写入停留在页面缓存中，没有到达磁盘；其速度反映的是内存而不是磁盘。",
-                                 phaseName(phase));
-    }
-    return text::isEnglish()
-               ? fmt::format(
-                     "Warning: the {} was served mostly from the page cache; its speed reflects memory, not "
-                     "the disk.",
-                     phaseName(phase))
-               : fmt::format("警告：{}的数据大多来自页面缓存，其速度反映的是内存而不是磁盘。", phaseName(phase));
-}
 
 std::string progressLine(const ProgressState& progress) {
     const std::string eta = progress.estimatedRemainingTime
@@ -162,7 +53,6 @@ std::string isoTime(std::chrono::system_clock::time_point time) {
 }
 
 ordered_json resultJson(const PerformanceResult& result, const DiskVolumeDescriptor& volume,
-                        const std::map<BenchmarkPhase, DeviceTraffic::Phase>& traffic,
                         const std::optional<std::string>& reportPath, const std::string& reportMessage) {
     ordered_json timeline = ordered_json::array();
     for (const auto& sample : result.timeline) {
@@ -172,14 +62,12 @@ ordered_json resultJson(const PerformanceResult& result, const DiskVolumeDescrip
                             {"throughput", sample.throughput}});
     }
     ordered_json phases = ordered_json::array();
-    for (const auto phase : kBenchmarkPhases) {
-        const auto found = traffic.find(phase);
-        if (found == traffic.end()) continue;
-        phases.push_back({{"phase", rawValue(phase)},
-                          {"bytesMoved", found->second.bytesMoved},
-                          {"deviceBytes", found->second.deviceBytes ? ordered_json(*found->second.deviceBytes)
-                                                                    : ordered_json(nullptr)},
-                          {"servedFromPageCache", found->second.servedFromPageCache()}});
+    for (const auto& traffic : result.phaseTraffic) {
+        phases.push_back(
+            {{"phase", rawValue(traffic.phase)},
+             {"bytesMoved", traffic.bytesMoved},
+             {"deviceBytes", traffic.deviceBytes ? ordered_json(*traffic.deviceBytes) : ordered_json(nullptr)},
+             {"servedFromPageCache", traffic.servedFromPageCache()}});
     }
     const auto linkShare = volume.link
                                ? ceilingFraction(PerformanceMetrics::bestSequentialThroughput(result), *volume.link)
@@ -275,10 +163,6 @@ public:
         mode.bypassCache = options_.direct;
         mode.secondsPerProfile = options_.seconds;
         tester_->setTestMode(mode);
-
-        auto session = StatisticsSession::create(environment_.system.devices, volume_->deviceName);
-        traffic_ = std::make_unique<DeviceTraffic>(session ? std::move(session).value() : nullptr);
-        tester_->setPhaseObserver(traffic_->observer());
 
         const auto preview = tester_->payloadPreview(volume_);
         // The report carries the drive's SMART data when the helper answers. It is read before the
@@ -396,9 +280,8 @@ private:
     }
 
     void printResult(const PerformanceResult& result, const DiskPerformanceTester::State& state) {
-        const auto traffic = traffic_->phases();
         if (options_.json) {
-            auto document = resultJson(result, *volume_, traffic, state.lastReportPath, *state.automaticReportMessage);
+            auto document = resultJson(result, *volume_, state.lastReportPath, *state.automaticReportMessage);
             // The figures hold; the report is missing: the failure in the same shape.
             if (!state.lastReportPath) document.update(jsonError("reportWriteFailed", *state.automaticReportMessage));
             printJson(out_, document);
@@ -409,9 +292,8 @@ private:
                 rows.emplace_back(localized("随机操作次数", "Random Operations"),
                                   std::to_string(result.randomOperationCount));
             }
-            for (const auto phase : kBenchmarkPhases) {
-                const auto found = traffic.find(phase);
-                if (found != traffic.end()) rows.emplace_back(phaseName(phase), deviceLine(phase, found->second));
+            for (const auto& traffic : result.phaseTraffic) {
+                rows.emplace_back(phaseName(traffic.phase), phaseTrafficText(traffic));
             }
             // The best sequential speed against what the link can carry at most.
             if (volume_->link) {
@@ -431,10 +313,7 @@ private:
             }
             out_ << std::flush;
         }
-        for (const auto phase : kBenchmarkPhases) {
-            const auto found = traffic.find(phase);
-            if (found != traffic.end() && found->second.servedFromPageCache()) err_ << cacheWarning(phase) << '\n';
-        }
+        for (const auto& warning : pageCacheWarnings(result.phaseTraffic)) err_ << warning << '\n';
         (state.lastReportPath ? (options_.json ? err_ : out_) : err_)
             << text::terminalLines(*state.automaticReportMessage) << std::endl;
     }
@@ -462,7 +341,6 @@ private:
     bool interactive_;
     std::optional<DiskVolumeDescriptor> volume_;
     std::shared_ptr<DiskPerformanceTester> tester_;
-    std::unique_ptr<DeviceTraffic> traffic_;
     Subscription subscription_;
     std::string lastProgressLine_;
     bool lineOpen_ = false;

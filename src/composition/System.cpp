@@ -35,7 +35,7 @@ std::shared_ptr<DiskIOMonitor> System::makeMonitor(std::shared_ptr<MainExecutor>
 
 std::shared_ptr<DiskPerformanceTester> System::makeTester(std::shared_ptr<MainExecutor> mainExecutor,
                                                           DiskPerformanceTester::Parameters parameters) const {
-    return DiskPerformanceTester::create({std::move(mainExecutor), files}, parameters);
+    return DiskPerformanceTester::create({std::move(mainExecutor), files, devices}, parameters);
 }
 
 }  // namespace vantorix

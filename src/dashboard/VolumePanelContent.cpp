@@ -1,7 +1,9 @@
 #include "dashboard/VolumePanelContent.h"
 
 #include <algorithm>
+#include <cctype>
 
+#include "benchmark/PageCacheCheck.h"
 #include "monitor/LoadTexts.h"
 #include "smart/SmartValueText.h"
 #include "text/Formats.h"
@@ -116,6 +118,20 @@ void setButtons(VolumePanelContent& panel) {
     }
 }
 
+// The text with each space between a number and its unit ("67.1 MB", "0 B") made unbreakable,
+// so that a wrapped line never leaves the unit alone.
+std::string unitsKeptWithNumbers(std::string text) {
+    std::string kept;
+    kept.reserve(text.size() + 8);
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const bool betweenNumberAndUnit = text[i] == ' ' && i > 0 && i + 1 < text.size() &&
+                                          std::isdigit(static_cast<unsigned char>(text[i - 1])) != 0 &&
+                                          std::isupper(static_cast<unsigned char>(text[i + 1])) != 0;
+        kept += betweenNumberAndUnit ? std::string("\u00a0") : std::string(1, text[i]);
+    }
+    return kept;
+}
+
 // The progress while a test runs, else the last result with its share of the link ceiling.
 std::vector<MetricItem> stripItemsFor(const VolumePanelContent& panel) {
     std::vector<MetricItem> items;
@@ -126,6 +142,14 @@ std::vector<MetricItem> stripItemsFor(const VolumePanelContent& panel) {
         items = PerformanceMetrics::runningItems(panel.performanceProgressState, payloadValue);
     } else if (panel.lastPerformanceResult) {
         items = PerformanceMetrics::resultItems(*panel.lastPerformanceResult);
+        // Each phase against the device's counters: a phase served from the page cache says so.
+        for (const auto& traffic : panel.lastPerformanceResult->phaseTraffic) {
+            const bool cached = traffic.servedFromPageCache();
+            items.push_back(
+                {cached ? PerformanceMetrics::warningIcon() : "checkmark.circle.fill", "",
+                 phaseName(traffic.phase) + localized("：", ": ") + unitsKeptWithNumbers(phaseTrafficText(traffic)),
+                 MetricItem::Style::normal});
+        }
         if (auto share = linkCeilingShareText(*panel.lastPerformanceResult, panel.link)) {
             const auto ceiling = ceilingBytesPerSecond(*panel.link);
             items.push_back({"gauge.with.needle", std::move(*share),
@@ -152,6 +176,13 @@ VolumePanelContent volumePanelContent(const DiskIOMonitor::State& monitor, const
     panel.lastPerformanceResult = tester.lastResult;
     panel.isPerformanceTestAvailable = payload.isAvailable;
     panel.performanceWarningMessage = payload.warning;
+    if (!tester.isRunning && tester.lastResult) {
+        for (const auto& warning : pageCacheWarnings(tester.lastResult->phaseTraffic)) {
+            panel.performanceWarningMessage = panel.performanceWarningMessage
+                                                  ? *panel.performanceWarningMessage + "\n" + warning
+                                                  : warning;
+        }
+    }
 
     panel.infoItems = infoItemsFor(panel);
     setButtons(panel);

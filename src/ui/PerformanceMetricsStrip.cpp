@@ -2,6 +2,7 @@
 
 #include <QHBoxLayout>
 #include <QVBoxLayout>
+#include <algorithm>
 
 #include "dashboard/AccentColor.h"
 #include "ui/Appearance.h"
@@ -65,7 +66,10 @@ void PerformanceMetricsStrip::setContent(const MetricItem& heading, const std::s
     shownWarning_ = warning;
     warningRow_->setVisible(warning.has_value());
     if (items == shownItems_) return;
-    const bool sameShape = items.size() == shownItems_.size();
+    // An item without a title is a line of its own: its value spans the title's column and wraps.
+    const auto spans = [](const MetricItem& item) { return item.title.empty(); };
+    const bool sameShape = std::equal(items.begin(), items.end(), shownItems_.begin(), shownItems_.end(),
+                                      [&](const MetricItem& a, const MetricItem& b) { return spans(a) == spans(b); });
     shownItems_ = items;
     if (!sameShape) {
         while (auto* child = items_->takeAt(0)) {
@@ -81,22 +85,33 @@ void PerformanceMetricsStrip::setContent(const MetricItem& heading, const std::s
         QLabel* value = nullptr;
         if (sameShape) {
             symbol = static_cast<QLabel*>(items_->itemAtPosition(row, 0)->widget());
-            title = static_cast<QLabel*>(items_->itemAtPosition(row, 1)->widget());
+            title = static_cast<QLabel*>(items_->itemAtPosition(row, spans(item) ? 3 : 1)->widget());
             value = static_cast<QLabel*>(items_->itemAtPosition(row, 2)->widget());
         } else {
             symbol = new QLabel(itemsBox_);
             title = new QLabel(itemsBox_);
             value = new QLabel(itemsBox_);
-            value->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
             items_->addWidget(symbol, row, 0);
-            items_->addWidget(title, row, 1);
-            items_->addWidget(value, row, 2);
+            if (spans(item)) {
+                title->hide();
+                value->setWordWrap(true);
+                value->setTextFormat(Qt::PlainText);
+                items_->addWidget(value, row, 1, 1, 2);
+                items_->addWidget(title, row, 3);
+            } else {
+                value->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+                items_->addWidget(title, row, 1);
+                items_->addWidget(value, row, 2);
+            }
         }
         const bool highlight = item.style == MetricItem::Style::highlight;
         const QColor ink = item.style == MetricItem::Style::placeholder ? withOpacity(text, 0.5) : text;
-        symbol->setPixmap(symbolPixmap(item.icon,
-                                       highlight ? accentColor(dashboard::AccentColor::indigo) : withOpacity(text, 0.7),
-                                       14, devicePixelRatioF()));
+        // A warning's symbol is orange, as the warning's text is.
+        const QColor symbolInk = item.icon == PerformanceMetrics::warningIcon()
+                                     ? accentColor(dashboard::AccentColor::orange)
+                                 : highlight ? accentColor(dashboard::AccentColor::indigo)
+                                             : withOpacity(text, 0.7);
+        symbol->setPixmap(symbolPixmap(item.icon, symbolInk, 14, devicePixelRatioF()));
         title->setText(qText(item.title));
         value->setText(qText(item.value));
         QPalette palette = value->palette();
@@ -110,7 +125,8 @@ void PerformanceMetricsStrip::setContent(const MetricItem& heading, const std::s
 
 QStringList PerformanceMetricsStrip::itemTexts() const {
     QStringList texts;
-    for (const auto& item : shownItems_) texts << qText(item.title + ": " + item.value);
+    for (const auto& item : shownItems_)
+        texts << qText(item.title.empty() ? item.value : item.title + ": " + item.value);
     return texts;
 }
 

@@ -7,8 +7,10 @@
 #include "platform/linux/PosixFileSystem.h"
 #include "support/ManualMainExecutor.h"
 #include "support/ScopedEnvironment.h"
+#include "support/ScriptedBlockDevices.h"
 #include "support/TemporaryFolder.h"
 #include "text/Formats.h"
+#include "text/Language.h"
 
 #include <gtest/gtest.h>
 
@@ -206,6 +208,25 @@ TEST(PerformanceReport, MatchesTheExpectedDocumentsInBothLanguages) {
                             : "\n    <p class=\"mode\">测试方式：绕过缓存（直接 I/O），队列深度 1</p>");
         EXPECT_EQ(report::reportHTML(direct, fixedVolume()), expected);
 
+        // Phases that all reached the device leave the document as it is; one served from the page
+        // cache adds the device check, with its warning, between the figures and the chart.
+        PerformanceResult checked = fixedResult();
+        for (const auto phase : kBenchmarkPhases) checked.phaseTraffic.push_back({phase, 1'000'000, 999'424});
+        EXPECT_EQ(report::reportHTML(checked, fixedVolume()), standard);
+        checked.phaseTraffic[1].deviceBytes = 4096;
+        checked.phaseTraffic[3].deviceBytes.reset();
+        const std::string cached = report::reportHTML(checked, fixedVolume());
+        const auto chart = standard.find("\n    <div class=\"card\">\n        <h2>" +
+                                         report::htmlEscaped(text::localized("吞吐率图表", "Throughput Chart")));
+        ASSERT_NE(chart, std::string::npos);
+        EXPECT_EQ(cached.substr(0, chart), standard.substr(0, chart));
+        const std::string added = cached.substr(chart, cached.size() - standard.size());
+        EXPECT_EQ(cached.substr(chart + added.size()), standard.substr(chart));
+        EXPECT_NE(added.find(report::htmlEscaped(pageCacheWarning(BenchmarkPhase::randomRead))), std::string::npos);
+        EXPECT_EQ(added.find(pageCacheWarning(BenchmarkPhase::randomWrite)), std::string::npos);
+        EXPECT_NE(added.find("<td>1 MB</td><td>4 KB</td>"), std::string::npos) << added;
+        EXPECT_NE(added.find(text::localized("不可用", "Unavailable")), std::string::npos);
+
         EXPECT_EQ(report::reportHTML(queueDepthResult(), fixedVolume()),
                   expectedDocument(std::string("report-queue-depth-") + lang + ".html"));
     }
@@ -257,7 +278,13 @@ struct Harness {
         DiskPerformanceTester::Parameters parameters;
         parameters.randomPhaseDuration = 0.05;
         parameters.payloadBytes = payload;
-        tester = DiskPerformanceTester::create({main, files}, parameters);
+        // The volume's device counts `sectorsPerReading` more sectors read and written at each reading.
+        devices->add("loop9", [this] {
+            BlockStatistics counters;
+            counters.sectorsRead = counters.sectorsWritten = readings++ * sectorsPerReading;
+            return counters;
+        });
+        tester = DiskPerformanceTester::create({main, files, devices}, parameters);
         tester->setDataSize(DataSize::gigabytes(1));
         subscription = tester->subscribe([this](const DiskPerformanceTester::State& state) {
             if (state.progressState) progress.push_back(*state.progressState);
@@ -274,6 +301,8 @@ struct Harness {
 
     std::shared_ptr<ManualMainExecutor> main = std::make_shared<ManualMainExecutor>();
     std::shared_ptr<MemoryFileSystem> files = std::make_shared<MemoryFileSystem>();
+    std::shared_ptr<testing::ScriptedBlockDevices> devices = std::make_shared<testing::ScriptedBlockDevices>();
+    std::atomic<std::uint64_t> readings{0}, sectorsPerReading{0};
     std::shared_ptr<DiskPerformanceTester> tester;
     std::vector<ProgressState> progress;
     Subscription subscription;
@@ -304,6 +333,8 @@ TEST(DiskPerformanceTester, SuccessfulRunsPublishTheResultRemoveTheFilesAndWrite
     for (const auto& c : cases) {
         SCOPED_TRACE(c.payload);
         Harness h(c.payload);
+        // The device counts a terabyte in each direct phase and nothing in the buffered ones.
+        h.sectorsPerReading = c.direct ? 1ULL << 31 : 0;
         h.tester->setTestMode(TestMode{TestKind::standard, c.direct, 5});
         EXPECT_EQ(h.tester->payloadPreview(volume())->byteCount, c.actual);
         h.runToEnd();
@@ -311,6 +342,18 @@ TEST(DiskPerformanceTester, SuccessfulRunsPublishTheResultRemoveTheFilesAndWrite
         ASSERT_TRUE(state.lastResult) << state.errorMessage.value_or("");
         const auto& result = *state.lastResult;
         EXPECT_EQ(result.actualByteCount, c.actual);
+        // Each phase, in order, with what it moved, against what the device counted meanwhile.
+        ASSERT_EQ(result.phaseTraffic.size(), 4U);
+        for (std::size_t i = 0; i < 4; ++i) {
+            const auto& traffic = result.phaseTraffic[i];
+            EXPECT_EQ(traffic.phase, kBenchmarkPhases[i]);
+            EXPECT_EQ(traffic.deviceBytes, (c.direct ? 1ULL << 31 : 0) * BlockStatistics::kSectorBytes);
+            EXPECT_EQ(traffic.servedFromPageCache(), !c.direct);
+            if (i >= 2) {
+                EXPECT_EQ(traffic.bytesMoved, c.actual);
+            }
+        }
+        EXPECT_EQ(result.phaseTraffic[0].bytesMoved % std::min<std::uint64_t>(c.actual, 4096), 0U);
         for (const double figure :
              {result.randomWriteIOPS, result.randomReadIOPS, result.writeThroughput, result.readThroughput}) {
             EXPECT_GT(figure, 0);

@@ -512,6 +512,13 @@ TEST_F(BenchmarkOnLoopVolume, EachModeRunsToItsFiguresAndLeavesOnlyTheReport) {
         EXPECT_EQ(report.parent_path(), fs::path(volume_->mountPoint()));
         EXPECT_EQ(rootEntries(), std::set<std::string>{report.filename()});
         EXPECT_NE(run.err.find(report.string()), std::string::npos) << run.err;
+        // Buffered, the reads come from the page cache the writes filled, and the report says so.
+        const bool cached = mode.empty();
+        EXPECT_EQ(testing::fileContents(report).find("<h2>Device Check</h2>") != std::string::npos, cached);
+        EXPECT_EQ(run.err.find("Warning: the Sequential Read Phase was served mostly from the page cache") !=
+                      std::string::npos,
+                  cached)
+            << run.err;
         fs::remove(report);
         if (mode == "--profile=deep") {  // on io_uring
             std::vector<std::string> profiles;
@@ -531,6 +538,7 @@ TEST_F(BenchmarkOnLoopVolume, EachModeRunsToItsFiguresAndLeavesOnlyTheReport) {
             const double moved = phase["bytesMoved"].get<double>();
             if (mode == "--direct") {
                 EXPECT_NEAR(phase["deviceBytes"].get<double>(), moved, moved * 0.01) << phase.dump();
+                EXPECT_FALSE(phase["servedFromPageCache"].get<bool>());
             }
         }
         EXPECT_EQ(phases, (std::vector<std::string>{"randomWrite", "randomRead", "sequentialWrite", "sequentialRead"}));
