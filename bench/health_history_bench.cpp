@@ -106,7 +106,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "%s\n", history.error().c_str());
         return 1;
     }
-    const health::DriveIdentity drive{"0x5002538e40a22954", "Samsung SSD 860 EVO 500GB", "S3YZNB0KB00864E", "sda"};
+    const health::DriveIdentity drive{"0x5002538e40a22954", "Samsung SSD 860 EVO 500GB", "S3YZNB0KB00864E", "sda", {}};
     auto reading = health::driveReadingFromJson(answers[0], 0)->snapshot;
     const std::int64_t start = 1'790'000'000;
     constexpr int kHoursPerYear = 24 * 365;

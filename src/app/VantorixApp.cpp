@@ -49,10 +49,12 @@ VantorixApp::VantorixApp(Options options)
     if (options_.httpClient) system.http = options_.httpClient;
     if (options_.downloadsFolder) system.downloadsFolder = options_.downloadsFolder;
     monitor_ = system.makeMonitor(mainExecutor_);
-    tester_ = system.makeTester(mainExecutor_, options_.testParameters);
-    smartRefresh_ = smart_.attachRefresh(monitor_, mainExecutor_);
-    // Every answer of the selected drive goes into its health history, off the main thread.
+    // Every finished test, and every answer of the selected drive, goes into the drive's history.
     const std::string historyPath = options_.healthHistoryPath.value_or(health::HealthHistory::userPath());
+    std::optional<DiskPerformanceTester::Dependencies::History> runHistory;
+    if (!historyPath.empty()) runHistory = {historyPath, VANTORIX_VERSION};
+    tester_ = system.makeTester(mainExecutor_, options_.testParameters, runHistory);
+    smartRefresh_ = smart_.attachRefresh(monitor_, mainExecutor_);
     if (!historyPath.empty()) {
         healthRecorder_ = std::make_shared<health::HealthRecorder>(historyPath, mainExecutor_);
         smartRefresh_->setRoundObserver([recorder = healthRecorder_](const std::string& deviceName, SmartRefresh::Round,

@@ -12,6 +12,7 @@
 #include <fmt/format.h>
 
 #include "benchmark/PerformanceReport.h"
+#include "benchmark/ResultHistory.h"
 #include "benchmark/TestError.h"
 #include "concurrency/WeakOwner.h"
 #include "log/Log.h"
@@ -146,6 +147,8 @@ public:
         Uuid token;
         std::shared_ptr<BlockDevices> devices;
         std::string deviceName;  // the volume's block device, whose counters each phase is held against
+        std::optional<Dependencies::History> history;
+        health::DriveIdentity drive;  // the drive the volume is on, as its history knows it
     };
 
     Run(Context context, CancellationToken cancellation)
@@ -162,6 +165,7 @@ public:
             waitForTurn(turn);
             result = c_.mode.kind == TestKind::queueDepth ? performQueueDepth() : perform();
             result->mode = c_.mode;
+            compareAndRecord(*result);
         } catch (const RunCancelled&) {
             outcome = Outcome::cancelled;
         } catch (const TestError& error) {
@@ -245,6 +249,25 @@ private:
         result.finishedAt = std::chrono::system_clock::now();
         handToCleanup(sequentialFile, c_.payload.byteCount);
         return result;
+    }
+
+    // Compares the result with the previous run of its kind on the drive, and records it. The
+    // history is the user's to keep: a run goes on without it, saying why in the log.
+    void compareAndRecord(Result& result) {
+        if (!c_.history || !c_.drive.known()) return;
+        auto opened = health::HealthHistory::open(c_.history->path);
+        if (!opened) {
+            testerLogger().notice("The run is not recorded: {}", opened.error());
+            return;
+        }
+        auto& history = *opened.value();
+        const health::BenchmarkRun run = benchmarkRun(result, c_.history->version);
+        if (auto runs = history.runs(c_.drive.key())) {
+            if (const auto* previous = previousRun(*runs, run.kind, run.finishedMs))
+                result.comparison = compareWith(comparableFigures(result), *previous);
+        }
+        if (auto recorded = history.recordRun(c_.drive, run); !recorded)
+            testerLogger().notice("The run is not recorded: {}", recorded.error());
     }
 
     void checkCancellation() const {
@@ -855,7 +878,9 @@ void DiskPerformanceTester::runTest(const std::optional<DiskVolumeDescriptor>& v
                          *payload,
                          token,
                          dependencies_.devices,
-                         volume->deviceName};
+                         volume->deviceName,
+                         dependencies_.history,
+                         driveOf(*volume)};
     retire(std::exchange(current_, {}));
     current_.volumeRoot = volume->mountPoint;
     current_.heldBytes = std::move(heldBytes);
@@ -897,6 +922,12 @@ void DiskPerformanceTester::waitForBackgroundWork() {
 void DiskPerformanceTester::retire(RunRecord run) {
     std::erase_if(retired_, [](const RunRecord& r) { return r.task.isFinished() && r.heldBytes->load() == 0; });
     if (run.task.valid()) retired_.push_back(std::move(run));
+}
+
+health::DriveIdentity DiskPerformanceTester::driveOf(const DiskVolumeDescriptor& volume) const {
+    if (!dependencies_.history || !dependencies_.devices) return {};
+    auto device = dependencies_.devices->device(volume.deviceName);
+    return device ? driveIdentity(device.value()) : health::DriveIdentity{};
 }
 
 std::uint64_t DiskPerformanceTester::bytesHeldByEarlierRuns(const DiskVolumeDescriptor& volume) const {

@@ -20,6 +20,7 @@
 #include "concurrency/Published.h"
 #include "concurrency/SerialQueue.h"
 #include "concurrency/Task.h"
+#include "health/DriveHealth.h"
 #include "platform/BlockDevice.h"
 #include "platform/FileSystem.h"
 #include "util/Uuid.h"
@@ -54,6 +55,13 @@ public:
         std::shared_ptr<FileSystem> files;
         // The volumes' block devices, whose counters each phase is held against; null: none.
         std::shared_ptr<BlockDevices> devices;
+        // Where each finished run is recorded for its drive and compared with the previous run of
+        // its kind (the drive-health history), and the version recorded with it; none: neither.
+        struct History {
+            std::string path;
+            std::string version;
+        };
+        std::optional<History> history;
     };
 
     // What a run does. The defaults are what users get; tests and comparisons may shorten them.
@@ -133,6 +141,8 @@ private:
     void startAutomaticExport(const Result& result, const DiskVolumeDescriptor& volume,
                               std::shared_ptr<Directory> folder);
     void retire(RunRecord run);
+    // The drive the volume is on, when runs are recorded and the device is known.
+    health::DriveIdentity driveOf(const DiskVolumeDescriptor& volume) const;
     // What stopped or finished runs on the volume still hold in test files.
     std::uint64_t bytesHeldByEarlierRuns(const DiskVolumeDescriptor& volume) const;
 

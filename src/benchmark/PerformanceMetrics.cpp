@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <initializer_list>
 
+#include "benchmark/ResultHistory.h"
 #include "text/Formats.h"
 #include "text/Language.h"
 
@@ -58,6 +60,38 @@ std::string PerformanceMetrics::iopsText(double operationsPerSecond) {
     return text::decimalText(std::max(operationsPerSecond, 0.0), 0, 0);
 }
 
+namespace {
+
+// The value with its change since the previous run of the same kind, when there was one.
+std::string withChange(std::string value, const PerformanceResult& result, const std::string& figure) {
+    if (!result.comparison) return value;
+    if (const auto* change = result.comparison->change(figure))
+        value += localized("（", " (") + changeText(change->percent) + localized("）", ")");
+    return value;
+}
+
+bool dropped(const PerformanceResult& result, const std::string& figure) {
+    const auto* change = result.comparison ? result.comparison->change(figure) : nullptr;
+    return change != nullptr && change->dropped;
+}
+
+// When the changes are against a previous run: when it finished.
+void addPreviousRun(std::vector<MetricItem>& items, const PerformanceResult& result) {
+    if (!result.comparison) return;
+    items.push_back({"clock", localized("对比上次测试", "Compared With"),
+                     text::mediumDateTimeText(result.comparison->previousFinishedAt), Style::normal});
+}
+
+// A figure that dropped since the previous run of its kind carries the warning's symbol.
+const char* iconOf(const char* icon, const PerformanceResult& result, std::initializer_list<std::string> figures) {
+    for (const auto& figure : figures) {
+        if (dropped(result, figure)) return PerformanceMetrics::warningIcon();
+    }
+    return icon;
+}
+
+}  // namespace
+
 std::vector<MetricItem> PerformanceMetrics::resultItems(const PerformanceResult& result) {
     if (result.mode.kind == TestKind::queueDepth) {
         std::vector<MetricItem> items{
@@ -67,29 +101,32 @@ std::vector<MetricItem> PerformanceMetrics::resultItems(const PerformanceResult&
         };
         for (const auto& figure : result.queueDepthFigures) {
             const bool sequential = figure.profile.rfind("SEQ", 0) == 0;
-            const auto value = [&](double bytesPerSecond, double iops) {
-                return sequential ? speedText(bytesPerSecond) : iopsText(iops) + " IOPS";
+            const std::string read = figure.profile + " read", write = figure.profile + " write";
+            const auto value = [&](double bytesPerSecond, double iops, const std::string& name) {
+                return withChange(sequential ? speedText(bytesPerSecond) : iopsText(iops) + " IOPS", result, name);
             };
             items.push_back(
-                {sequential ? "speedometer" : "square.grid.3x3", figure.profile,
-                 localized("读 ", "Read ") + value(figure.readBytesPerSecond, figure.readIOPS) +
-                     localized(" · 写 ", " · Write ") + value(figure.writeBytesPerSecond, figure.writeIOPS),
+                {iconOf(sequential ? "speedometer" : "square.grid.3x3", result, {read, write}), figure.profile,
+                 localized("读 ", "Read ") + value(figure.readBytesPerSecond, figure.readIOPS, read) +
+                     localized(" · 写 ", " · Write ") + value(figure.writeBytesPerSecond, figure.writeIOPS, write),
                  sequential && figure.profile == kQueueDepthProfiles[0].name ? Style::highlight : Style::normal});
         }
         items.push_back({"clock.badge.checkmark", localized("完成时间", "Finished"),
                          text::mediumDateTimeText(result.finishedAt), Style::normal});
+        addPreviousRun(items, result);
         return items;
     }
     std::vector<MetricItem> items{
         {"externaldrive.fill", localized("样本大小", "Sample Size"), sizeText(result.actualByteCount), Style::normal},
-        {"arrow.down.circle.fill", localized("写入平均速度", "Average Write Speed"), speedText(result.writeThroughput),
-         Style::highlight},
-        {"arrow.up.circle.fill", localized("读取平均速度", "Average Read Speed"), speedText(result.readThroughput),
-         Style::highlight},
-        {"square.grid.3x3.fill", localized("随机写入 IOPS", "Random Write IOPS"), iopsText(result.randomWriteIOPS),
-         Style::normal},
-        {"square.grid.3x3", localized("随机读取 IOPS", "Random Read IOPS"), iopsText(result.randomReadIOPS),
-         Style::normal},
+        {iconOf("arrow.down.circle.fill", result, {"writeThroughput"}),
+         localized("写入平均速度", "Average Write Speed"),
+         withChange(speedText(result.writeThroughput), result, "writeThroughput"), Style::highlight},
+        {iconOf("arrow.up.circle.fill", result, {"readThroughput"}), localized("读取平均速度", "Average Read Speed"),
+         withChange(speedText(result.readThroughput), result, "readThroughput"), Style::highlight},
+        {iconOf("square.grid.3x3.fill", result, {"randomWriteIOPS"}), localized("随机写入 IOPS", "Random Write IOPS"),
+         withChange(iopsText(result.randomWriteIOPS), result, "randomWriteIOPS"), Style::normal},
+        {iconOf("square.grid.3x3", result, {"randomReadIOPS"}), localized("随机读取 IOPS", "Random Read IOPS"),
+         withChange(iopsText(result.randomReadIOPS), result, "randomReadIOPS"), Style::normal},
         {"arrow.down.to.line.compact", localized("写入最大速度", "Peak Write Speed"),
          speedText(result.maximumWriteThroughput), Style::normal},
         {"arrow.up.to.line.compact", localized("读取最大速度", "Peak Read Speed"),
@@ -101,6 +138,7 @@ std::vector<MetricItem> PerformanceMetrics::resultItems(const PerformanceResult&
         items.insert(items.begin() + 1,
                      {"info.circle", localized("测试方式", "Test Mode"), modeDescription(result.mode), Style::normal});
     }
+    addPreviousRun(items, result);
     return items;
 }
 

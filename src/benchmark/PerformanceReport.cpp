@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "benchmark/DataSize.h"
+#include "benchmark/ResultHistory.h"
 #include "text/Formats.h"
 #include "text/Language.h"
 #include "text/Messages.h"
@@ -158,6 +159,33 @@ std::string pageCacheSection(const std::vector<PhaseTraffic>& phases) {
     }
     return section + "\n        " +
            table({localized("阶段", "Phase"), localized("传输", "Moved"), localized("设备读写", "Reached the Device")},
+                 rows) +
+           "\n    </div>";
+}
+
+// Each figure against the previous run of the same kind on the drive, with a warning for each drop;
+// nothing without a previous run.
+std::string comparisonSection(const std::optional<ResultComparison>& comparison) {
+    if (!comparison) return {};
+    std::vector<std::string> rows;
+    rows.reserve(comparison->changes.size());
+    for (const auto& change : comparison->changes) {
+        const std::string style = change.dropped ? " style=\"color: #c2410c; font-weight: 600;\"" : "";
+        rows.push_back("<tr" + style + "><td>" + htmlEscaped(figureTitle(change.name)) + "</td><td>" +
+                       htmlEscaped(figureValueText(change.name, change.previous)) + "</td><td>" +
+                       htmlEscaped(figureValueText(change.name, change.current)) + "</td><td>" +
+                       htmlEscaped(changeText(change.percent)) + "</td></tr>");
+    }
+    std::string section = "\n    <div class=\"card\">\n        <h2>" +
+                          htmlEscaped(localized("与上次测试对比", "Compared With the Previous Run")) +
+                          "</h2>\n        <p>" + htmlEscaped(localized("上次测试：", "Previous run: ")) +
+                          htmlEscaped(text::mediumDateTimeText(comparison->previousFinishedAt)) + "</p>";
+    for (const auto& warning : dropWarnings(comparison)) {
+        section += "\n        <p style=\"color: #c2410c; font-weight: 600;\">" + htmlEscaped(warning) + "</p>";
+    }
+    return section + "\n        " +
+           table({localized("指标", "Figure"), localized("上次", "Previous"), localized("本次", "This Run"),
+                  localized("变化", "Change")},
                  rows) +
            "\n    </div>";
 }
@@ -385,6 +413,7 @@ std::string reportHTML(const PerformanceResult& result, const DiskVolumeDescript
                                   "</span></div>";
     if (result.mode.kind == TestKind::queueDepth) {
         html += badgeList + "\n        <p>" + htmlEscaped(finishedLine) + "</p>\n    </div>";
+        html += comparisonSection(result.comparison);
         html += "\n    <div class=\"card\">\n        <h2>" +
                 htmlEscaped(localized("队列深度测试", "Queue-Depth Profiles")) + "</h2>\n        " +
                 queueDepthTable(result.queueDepthFigures) + "\n    </div>\n    ";
@@ -397,6 +426,7 @@ std::string reportHTML(const PerformanceResult& result, const DiskVolumeDescript
         "</strong>\n            </div>\n        </div>\n        <p>" + htmlEscaped(randomLine) + "</p>\n        <p>" +
         htmlEscaped(finishedLine) + "</p>\n    </div>";
     html += pageCacheSection(result.phaseTraffic);
+    html += comparisonSection(result.comparison);
     html += "\n    <div class=\"card\">\n        <h2>" + htmlEscaped(localized("吞吐率图表", "Throughput Chart")) +
             "</h2>\n        <div class=\"chart-wrapper\">\n            " +
             chartSVG(result.timeline, ChartLabels::current()) + "\n        </div>\n    </div>\n    ";

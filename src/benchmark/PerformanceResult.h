@@ -2,6 +2,8 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
+#include <string>
 #include <vector>
 
 #include "benchmark/DataSize.h"
@@ -11,6 +13,30 @@
 #include "util/Uuid.h"
 
 namespace vantorix {
+
+// How one figure of a result moved since the previous run of the same kind on the same drive.
+struct FigureChange {
+    std::string name;  // the figure's key: "writeThroughput", "SEQ1M Q8T1 read", ...
+    double previous = 0;
+    double current = 0;
+    double percent = 0;    // the change, in per cent of the previous value
+    bool dropped = false;  // fell by more than run-to-run noise
+
+    friend bool operator==(const FigureChange&, const FigureChange&) = default;
+};
+
+struct ResultComparison {
+    std::chrono::system_clock::time_point previousFinishedAt;
+    std::vector<FigureChange> changes;  // in the order the result shows its figures
+
+    const FigureChange* change(const std::string& name) const {
+        for (const auto& entry : changes) {
+            if (entry.name == name) return &entry;
+        }
+        return nullptr;
+    }
+    friend bool operator==(const ResultComparison&, const ResultComparison&) = default;
+};
 
 // The figures of one successful performance test.
 struct PerformanceResult {
@@ -37,6 +63,8 @@ struct PerformanceResult {
     // The standard test's phases against the device's counters, in the order they ran; empty when
     // the device's counters could not be opened.
     std::vector<PhaseTraffic> phaseTraffic;
+    // Against the previous run of the same kind on the same drive, when the drive's history has one.
+    std::optional<ResultComparison> comparison;
 };
 
 }  // namespace vantorix

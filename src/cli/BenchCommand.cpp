@@ -3,12 +3,14 @@
 #include <unistd.h>
 #include <CLI/CLI.hpp>
 
+#include <filesystem>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <utility>
 
 #include "benchmark/DiskPerformanceTester.h"
 #include "benchmark/PerformanceMetrics.h"
+#include "benchmark/ResultHistory.h"
 #include "cli/Commands.h"
 #include "cli/JsonOutput.h"
 #include "cli/LinkCeilingJson.h"
@@ -19,6 +21,7 @@
 #include "cli/TextTable.h"
 #include "composition/SmartPipeline.h"
 #include "concurrency/LoopMainExecutor.h"
+#include "health/HealthHistory.h"
 #include "json/JsonText.h"
 #include "smart/HelperApprovalTexts.h"
 #include "text/Formats.h"
@@ -50,6 +53,20 @@ std::string isoTime(std::chrono::system_clock::time_point time) {
     const auto millis = std::chrono::duration_cast<std::chrono::milliseconds>(time - seconds).count();
     return fmt::format("{:%Y-%m-%dT%H:%M:%S}.{:03}Z", fmt::gmtime(std::chrono::system_clock::to_time_t(seconds)),
                        millis);
+}
+
+// Each figure against the previous run of the same kind on the drive; null without one.
+ordered_json comparisonJson(const std::optional<ResultComparison>& comparison) {
+    if (!comparison) return nullptr;
+    ordered_json changes = ordered_json::array();
+    for (const auto& change : comparison->changes) {
+        changes.push_back({{"figure", change.name},
+                           {"previous", change.previous},
+                           {"current", change.current},
+                           {"percent", change.percent},
+                           {"dropped", change.dropped}});
+    }
+    return {{"previousFinishedAt", isoTime(comparison->previousFinishedAt)}, {"changes", changes}};
 }
 
 ordered_json resultJson(const PerformanceResult& result, const DiskVolumeDescriptor& volume,
@@ -104,6 +121,7 @@ ordered_json resultJson(const PerformanceResult& result, const DiskVolumeDescrip
         {"linkCeiling", linkCeilingJson(volume.link)},
         {"linkCeilingShare", linkShare ? ordered_json(*linkShare) : ordered_json(nullptr)},
         {"phases", phases},
+        {"comparison", comparisonJson(result.comparison)},
         {"reportPath", reportPath ? ordered_json(*reportPath) : ordered_json(nullptr)},
         {"reportMessage", reportMessage},
     };
@@ -135,6 +153,91 @@ void printQueueDepthTable(std::ostream& out, const std::vector<QueueDepthFigure>
     }
 }
 
+std::string kindTitle(const std::string& kind) {
+    if (kind == "standard") return localized("标准（经过页面缓存）", "Standard (through the page cache)");
+    if (kind == "standardDirect") return localized("绕过缓存（直接 I/O）", "Cache bypass (direct I/O)");
+    if (kind == "queueDepth") return localized("队列深度（io_uring）", "Queue depth (io_uring)");
+    return kind;
+}
+
+int historyFailure(const BenchOptions& options, Environment& environment, std::string_view code,
+                   const std::string& message) {
+    *environment.err << text::terminalLines(message) << std::endl;
+    if (options.json) printJsonError(*environment.out, code, message);
+    return kFailure;
+}
+
+// The runs recorded for the drive behind the folder, oldest first, each figure with its change
+// since the previous run of the same kind. Asking creates no file.
+int showBenchHistory(const BenchOptions& options, Environment& environment) {
+    auto volume = DiskVolumeResolver::resolve(options.path, *environment.system.volumes, *environment.system.devices);
+    if (!volume) return historyFailure(options, environment, volume.error().name(), volume.error().description());
+    const std::string none =
+        text::isEnglish() ? fmt::format("No performance test of the drive of {} has been recorded.", volume->deviceName)
+                          : fmt::format("没有 {} 所在硬盘的性能测试记录。", volume->deviceName);
+    auto device = environment.system.devices->device(volume->deviceName);
+    const health::DriveIdentity drive = device ? driveIdentity(device.value()) : health::DriveIdentity{};
+    const std::string path = options.database.value_or(health::HealthHistory::userPath());
+    if (!drive.known() || path.empty() || !std::filesystem::exists(path))
+        return historyFailure(options, environment, "noHistory", none);
+    auto history = health::HealthHistory::open(path);
+    if (!history) return historyFailure(options, environment, "historyUnavailable", history.error());
+    auto runs = history.value()->runs(drive.key());
+    if (!runs) return historyFailure(options, environment, "historyUnavailable", runs.error());
+    if (runs->empty()) return historyFailure(options, environment, "noHistory", none);
+
+    ordered_json list = ordered_json::array();
+    for (const auto& run : *runs) {
+        const auto figures = storedFigures(run);
+        const auto* previous = previousRun(*runs, run.kind, run.finishedMs);
+        const auto comparison = previous ? std::optional(compareWith(figures, *previous)) : std::nullopt;
+        const auto phases = storedPageCheck(run);
+        const auto finished = std::chrono::system_clock::time_point(std::chrono::milliseconds(run.finishedMs));
+        if (options.json) {
+            ordered_json values = ordered_json::object();
+            for (const auto& figure : figures) values[figure.name] = figure.value;
+            list.push_back({{"finishedAt", isoTime(finished)},
+                            {"kind", run.kind},
+                            {"payloadBytes", run.payloadBytes},
+                            {"figures", values},
+                            {"phases", ordered_json::parse(run.pageCache, nullptr, false)},
+                            {"version", run.version},
+                            {"comparison", comparisonJson(comparison)}});
+            continue;
+        }
+        auto& out = *environment.out;
+        out << text::terminalText(text::mediumDateTimeText(finished) + " · " + kindTitle(run.kind) + " · " +
+                                  PerformanceMetrics::sizeText(run.payloadBytes))
+            << '\n';
+        std::vector<std::pair<std::string, std::string>> rows;
+        for (const auto& figure : figures) {
+            std::string value = figureValueText(figure.name, figure.value);
+            const auto* change = comparison ? comparison->change(figure.name) : nullptr;
+            if (change != nullptr) {
+                value += localized("（", " (") + changeText(change->percent) + (change->dropped ? " ⚠" : "") +
+                         localized("）", ")");
+            }
+            rows.emplace_back("  " + figureTitle(figure.name), value);
+        }
+        for (const auto& traffic : phases) {
+            if (traffic.servedFromPageCache())
+                rows.emplace_back("  " + phaseName(traffic.phase), phaseTrafficText(traffic) + " ⚠");
+        }
+        printTable(out, rows);
+    }
+    if (options.json) {
+        printJson(*environment.out, ordered_json{{"drive",
+                                                  {{"key", drive.key()},
+                                                   {"wwn", drive.wwn},
+                                                   {"model", drive.model},
+                                                   {"serial", drive.serial},
+                                                   {"device", drive.deviceHint}}},
+                                                 {"runs", list}});
+    }
+    *environment.out << std::flush;
+    return kSuccess;
+}
+
 // Drives one run on the main loop: start, progress, outcome, report.
 class BenchSession {
 public:
@@ -155,7 +258,12 @@ public:
         DiskPerformanceTester::Parameters parameters;
         if (options_.randomSeconds) parameters.randomPhaseDuration = *options_.randomSeconds;
         parameters.payloadBytes = options_.payloadBytes;
-        tester_ = environment_.system.makeTester(main_, parameters);
+        // Each finished run is recorded for its drive and compared with the previous one of its kind.
+        std::optional<DiskPerformanceTester::Dependencies::History> history;
+        if (const std::string path = options_.database.value_or(health::HealthHistory::userPath()); !path.empty()) {
+            history = {path, VANTORIX_VERSION};
+        }
+        tester_ = environment_.system.makeTester(main_, parameters, history);
         tester_->setDataSize(options_.size == "full" ? DataSize::availableSpace()
                                                      : DataSize::gigabytes(std::stoll(options_.size)));
         TestMode mode;
@@ -314,6 +422,7 @@ private:
             out_ << std::flush;
         }
         for (const auto& warning : pageCacheWarnings(result.phaseTraffic)) err_ << warning << '\n';
+        for (const auto& warning : dropWarnings(result.comparison)) err_ << warning << '\n';
         (state.lastReportPath ? (options_.json ? err_ : out_) : err_)
             << text::terminalLines(*state.automaticReportMessage) << std::endl;
     }
@@ -354,6 +463,7 @@ private:
 }  // namespace
 
 int runBench(const BenchOptions& options, Environment& environment) {
+    if (options.history) return showBenchHistory(options, environment);
     // Signals are blocked before the tester's threads start, so only the watcher receives them.
     auto main = std::make_shared<LoopMainExecutor>();
     BenchSession* current = nullptr;
@@ -387,6 +497,16 @@ Command addBenchCommand(CLI::App& parent) {
         ->check(CLI::IsMember({"full", "1", "10", "100", "1000", "10000"}))
         ->default_val("1");
     command->add_flag("--json", parsed->options.json, text::localized("以 JSON 输出", "Print JSON"));
+    command->add_flag(
+        "--history", parsed->options.history,
+        text::localized("列出该卷所在硬盘记录下的各次测试，而不运行测试",
+                        "List the tests recorded for the drive behind the folder instead of running one"));
+    command
+        ->add_option(
+            "--database", parsed->options.database,
+            text::localized("测试与健康历史文件（默认 $XDG_DATA_HOME/vantorix/health.sqlite）",
+                            "The test and health history file (default $XDG_DATA_HOME/vantorix/health.sqlite)"))
+        ->type_name("FILE");
     command->add_flag("--direct", parsed->options.direct,
                       text::localized("绕过页面缓存：四个阶段都使用直接 I/O（O_DIRECT）",
                                       "Bypass the page cache: direct I/O (O_DIRECT) in all four phases"));

@@ -91,6 +91,8 @@ struct BenchOptions {
     // Shorter runs for tests and comparisons; hidden from --help.
     std::optional<std::uint64_t> payloadBytes;
     std::optional<double> randomSeconds;
+    bool history = false;                 // list the drive's recorded runs instead of running one
+    std::optional<std::string> database;  // the history's file, when not the user's
 };
 
 // Runs the four-phase performance test on the volume behind a folder, with a progress line, then

@@ -35,8 +35,9 @@ struct System {
     std::shared_ptr<DiskIOMonitor> makeMonitor(
         std::shared_ptr<MainExecutor> mainExecutor,
         std::chrono::nanoseconds deliveryInterval = DiskIOMonitor::aggregationInterval) const;
-    std::shared_ptr<DiskPerformanceTester> makeTester(std::shared_ptr<MainExecutor> mainExecutor,
-                                                      DiskPerformanceTester::Parameters parameters = {}) const;
+    std::shared_ptr<DiskPerformanceTester> makeTester(
+        std::shared_ptr<MainExecutor> mainExecutor, DiskPerformanceTester::Parameters parameters = {},
+        std::optional<DiskPerformanceTester::Dependencies::History> history = std::nullopt) const;
 };
 
 }  // namespace vantorix

@@ -4,6 +4,7 @@
 #include <cctype>
 
 #include "benchmark/PageCacheCheck.h"
+#include "benchmark/ResultHistory.h"
 #include "monitor/LoadTexts.h"
 #include "smart/SmartValueText.h"
 #include "text/Formats.h"
@@ -177,7 +178,9 @@ VolumePanelContent volumePanelContent(const DiskIOMonitor::State& monitor, const
     panel.isPerformanceTestAvailable = payload.isAvailable;
     panel.performanceWarningMessage = payload.warning;
     if (!tester.isRunning && tester.lastResult) {
-        for (const auto& warning : pageCacheWarnings(tester.lastResult->phaseTraffic)) {
+        auto warnings = pageCacheWarnings(tester.lastResult->phaseTraffic);
+        for (auto& warning : dropWarnings(tester.lastResult->comparison)) warnings.push_back(std::move(warning));
+        for (const auto& warning : warnings) {
             panel.performanceWarningMessage = panel.performanceWarningMessage
                                                   ? *panel.performanceWarningMessage + "\n" + warning
                                                   : warning;

@@ -142,6 +142,7 @@ Change changeBetween(const HealthSnapshot& stored, const HealthSnapshot& next) {
 std::string DriveIdentity::key() const {
     if (!wwn.empty()) return "wwn:" + wwn;
     if (!serial.empty()) return "model-serial:" + model + "/" + serial;
+    if (!backingFile.empty()) return "file:" + backingFile;
     return {};
 }
 

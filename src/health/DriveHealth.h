@@ -49,9 +49,10 @@ struct DriveIdentity {
     std::string model;   // trimmed, or empty
     std::string serial;  // trimmed, or empty
     std::string deviceHint;
+    std::string backingFile;  // for a loop device: the file it reads and writes, or empty
 
-    // "wwn:0x5002538e40a22954", or "model-serial:MODEL/SERIAL"; empty when neither is known, and
-    // then the drive is not recorded.
+    // "wwn:0x5002538e40a22954", "model-serial:MODEL/SERIAL", or for a loop device "file:PATH";
+    // empty when none is known, and then the drive is not recorded.
     std::string key() const;
     bool known() const { return !key().empty(); }
 };

@@ -59,6 +59,18 @@ CREATE TABLE baselines (
     PRIMARY KEY (drive, figure)
 ) WITHOUT ROWID;
 )sql",
+    R"sql(
+CREATE TABLE benchmark_runs (
+    drive INTEGER NOT NULL REFERENCES drives (id),
+    finished_ms INTEGER NOT NULL,
+    kind TEXT NOT NULL,
+    payload_bytes INTEGER NOT NULL,
+    figures TEXT NOT NULL,
+    page_cache TEXT NOT NULL,
+    version TEXT NOT NULL,
+    PRIMARY KEY (drive, kind, finished_ms)
+) WITHOUT ROWID;
+)sql",
 };
 
 constexpr int kBusyTimeoutMs = 10'000;
@@ -160,6 +172,28 @@ std::optional<std::int64_t> driveId(sqlite3* database, const std::string& key) {
     return query.integer(0);
 }
 
+// Adds the drive, or updates what is known of it and when it was last seen; its row's id.
+std::optional<std::int64_t> upsertDrive(sqlite3* database, const DriveIdentity& drive, std::int64_t at) {
+    const std::string key = drive.key();
+    Statement upsert(database,
+                     "INSERT INTO drives (key, wwn, model, serial, device, first_at, last_at) "
+                     "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?6) ON CONFLICT (key) DO UPDATE SET "
+                     "wwn = excluded.wwn, model = excluded.model, serial = excluded.serial, "
+                     "device = excluded.device, last_at = max(last_at, excluded.last_at)");
+    upsert.bind(1, key).bind(2, drive.wwn).bind(3, drive.model).bind(4, drive.serial).bind(5, drive.deviceHint);
+    if (!upsert.bind(6, at).run()) return std::nullopt;
+    return driveId(database, key);
+}
+
+// A row of `SELECT key, wwn, model, serial, device, first_at, last_at FROM drives`. A loop device's
+// file is known from its key alone.
+StoredDrive storedDrive(const Statement& row) {
+    StoredDrive drive{
+        {row.text(1), row.text(2), row.text(3), row.text(4), {}}, row.text(0), row.integer(5), row.integer(6)};
+    if (drive.key.starts_with("file:")) drive.identity.backingFile = drive.key.substr(5);
+    return drive;
+}
+
 std::string environment(const char* name) {
     const char* value = std::getenv(name);
     return value != nullptr ? value : "";
@@ -226,14 +260,7 @@ Result<bool, Error> HealthHistory::record(const DriveIdentity& drive, const Heal
     }
     WriteTransaction transaction(database_);
     if (!transaction.begun()) return Failure{failure(path_, database_)};
-    Statement upsert(database_,
-                     "INSERT INTO drives (key, wwn, model, serial, device, first_at, last_at) "
-                     "VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?6) ON CONFLICT (key) DO UPDATE SET "
-                     "wwn = excluded.wwn, model = excluded.model, serial = excluded.serial, "
-                     "device = excluded.device, last_at = max(last_at, excluded.last_at)");
-    upsert.bind(1, key).bind(2, drive.wwn).bind(3, drive.model).bind(4, drive.serial).bind(5, drive.deviceHint);
-    if (!upsert.bind(6, reading.at).run()) return Failure{failure(path_, database_)};
-    const auto id = driveId(database_, key);
+    const auto id = upsertDrive(database_, drive, reading.at);
     if (!id) return Failure{failure(path_, database_)};
 
     std::optional<HealthSnapshot> last;
@@ -342,10 +369,7 @@ Result<std::vector<StoredDrive>, Error> HealthHistory::drives() const {
     Statement query(database_, "SELECT key, wwn, model, serial, device, first_at, last_at FROM drives ORDER BY key");
     int step = SQLITE_ROW;
     while ((step = query.step()) == SQLITE_ROW) {
-        drives.push_back({{query.text(1), query.text(2), query.text(3), query.text(4)},
-                          query.text(0),
-                          query.integer(5),
-                          query.integer(6)});
+        drives.push_back(storedDrive(query));
     }
     if (step != SQLITE_DONE) return Failure{failure(path_, database_)};
     return drives;
@@ -386,6 +410,36 @@ std::string HealthHistory::servicePath() {
     state = state.substr(0, state.find(':'));
     if (state.empty() || state.front() != '/') state = "/var/lib/vantorix";
     return state + "/health.sqlite";
+}
+
+Result<bool, Error> HealthHistory::recordRun(const DriveIdentity& drive, const BenchmarkRun& run) {
+    if (!drive.known()) return false;
+    WriteTransaction transaction(database_);
+    if (!transaction.begun()) return Failure{failure(path_, database_)};
+    const auto id = upsertDrive(database_, drive, run.finishedMs / 1000);
+    if (!id) return Failure{failure(path_, database_)};
+    Statement insert(database_,
+                     "INSERT OR REPLACE INTO benchmark_runs (drive, finished_ms, kind, payload_bytes, figures, "
+                     "page_cache, version) VALUES (?, ?, ?, ?, ?, ?, ?)");
+    insert.bind(1, *id).bind(2, run.finishedMs).bind(3, run.kind);
+    insert.bind(4, static_cast<std::int64_t>(run.payloadBytes)).bind(5, run.figures).bind(6, run.pageCache);
+    if (!insert.bind(7, run.version).run() || !transaction.commit()) return Failure{failure(path_, database_)};
+    return true;
+}
+
+Result<std::vector<BenchmarkRun>, Error> HealthHistory::runs(const std::string& key) const {
+    std::vector<BenchmarkRun> runs;
+    Statement query(database_,
+                    "SELECT finished_ms, kind, payload_bytes, figures, page_cache, version FROM benchmark_runs "
+                    "WHERE drive = (SELECT id FROM drives WHERE key = ?) ORDER BY finished_ms, kind");
+    query.bind(1, key);
+    int step = SQLITE_ROW;
+    while ((step = query.step()) == SQLITE_ROW) {
+        runs.push_back({query.integer(0), query.text(1), static_cast<std::uint64_t>(query.integer(2)), query.text(3),
+                        query.text(4), query.text(5)});
+    }
+    if (step != SQLITE_DONE) return Failure{failure(path_, database_)};
+    return runs;
 }
 
 }  // namespace vantorix::health

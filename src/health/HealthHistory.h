@@ -26,6 +26,16 @@ struct Growth {
     double amount() const { return current > baseline ? current - baseline : 0; }
 };
 
+// One finished performance test of a drive, as the history keeps it.
+struct BenchmarkRun {
+    std::int64_t finishedMs = 0;  // Unix milliseconds
+    std::string kind;             // the kind of test, with its cache mode: runs of one kind compare
+    std::uint64_t payloadBytes = 0;
+    std::string figures;    // a JSON object: each figure's name and value
+    std::string pageCache;  // a JSON array: each phase against the device's counters
+    std::string version;    // of the program that ran it
+};
+
 struct StoredDrive {
     DriveIdentity identity;
     std::string key;
@@ -35,9 +45,9 @@ struct StoredDrive {
 
 // A drive-health history in one SQLite file (write-ahead log, schema migrated by its version):
 // readings of each drive keyed by its identity, stored when they change and at least hourly, a
-// year at full resolution and one reading a day before that, and the baselines of the growth
-// figures. Several processes may record into one file at once; every write is one transaction,
-// so a process killed mid-write loses only what it had not committed.
+// year at full resolution and one reading a day before that, the baselines of the growth
+// figures, and the drive's performance tests. Several processes may record into one file at once; every write is one
+// transaction, so a process killed mid-write loses only what it had not committed.
 //
 // One object is one connection: use it from one thread at a time.
 class HealthHistory {
@@ -76,6 +86,11 @@ public:
     Result<std::vector<StoredDrive>, Error> drives() const;
     // The stored drive last seen under this kernel name, if any.
     Result<std::optional<StoredDrive>, Error> driveSeenAs(const std::string& deviceName) const;
+
+    // Stores a finished performance test of the drive (false for a drive without an identity).
+    Result<bool, Error> recordRun(const DriveIdentity& drive, const BenchmarkRun& run);
+    // The drive's performance tests, oldest first.
+    Result<std::vector<BenchmarkRun>, Error> runs(const std::string& key) const;
 
     // Keeps one reading a day (the day's last) of what is older than kFullResolutionFor before
     // `now`. record() does this by itself at most once a day per object.

@@ -53,6 +53,7 @@ struct BlockAttachment {
     std::optional<std::uint16_t> productId;  // the USB product id
     std::optional<std::string> serial;
     std::optional<std::string> wwn;  // the kernel's world-wide identifier (`wwid`): "naa.…", "eui.…", "t10.…"
+    std::optional<std::string> backingFile;  // a loop device's file (`loop/backing_file`)
 
     friend bool operator==(const BlockAttachment&, const BlockAttachment&) = default;
 };

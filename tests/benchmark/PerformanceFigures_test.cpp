@@ -4,6 +4,8 @@
 #include "benchmark/PerformanceMetrics.h"
 #include "benchmark/PerformanceReport.h"
 #include "benchmark/ProgressTracker.h"
+#include "benchmark/ResultHistory.h"
+#include "health/HealthHistory.h"
 #include "platform/linux/PosixFileSystem.h"
 #include "support/ManualMainExecutor.h"
 #include "support/ScopedEnvironment.h"
@@ -274,17 +276,23 @@ DiskVolumeDescriptor volume(std::optional<std::uint64_t> freeBytes = 100'000'000
 }
 
 struct Harness {
-    explicit Harness(std::uint64_t payload) {
+    explicit Harness(std::uint64_t payload,
+                     std::optional<DiskPerformanceTester::Dependencies::History> history = std::nullopt) {
         DiskPerformanceTester::Parameters parameters;
         parameters.randomPhaseDuration = 0.05;
         parameters.payloadBytes = payload;
         // The volume's device counts `sectorsPerReading` more sectors read and written at each reading.
-        devices->add("loop9", [this] {
-            BlockStatistics counters;
-            counters.sectorsRead = counters.sectorsWritten = readings++ * sectorsPerReading;
-            return counters;
-        });
-        tester = DiskPerformanceTester::create({main, files, devices}, parameters);
+        BlockAttachment loop;
+        loop.backingFile = "/images/loop9.img";
+        devices->add(
+            "loop9",
+            [this] {
+                BlockStatistics counters;
+                counters.sectorsRead = counters.sectorsWritten = readings++ * sectorsPerReading;
+                return counters;
+            },
+            loop);
+        tester = DiskPerformanceTester::create({main, files, devices, std::move(history)}, parameters);
         tester->setDataSize(DataSize::gigabytes(1));
         subscription = tester->subscribe([this](const DiskPerformanceTester::State& state) {
             if (state.progressState) progress.push_back(*state.progressState);
@@ -514,6 +522,91 @@ TEST(DiskPerformanceTester, QueueDepthTestLaysOutTheFileThenReadsAndWritesEachPr
         EXPECT_EQ(jobs[i].duration, std::chrono::milliseconds(20));
     }
     EXPECT_FALSE(h.files->holdsFiles());
+}
+
+// Each finished run is recorded for its drive; the next run of the same kind is compared with it,
+// and a fall beyond run-to-run noise is a drop.
+TEST(ResultHistory, RunsAreComparedWithThePreviousRunOfTheirKindOnTheirDrive) {
+    const testing::TemporaryFolder folder;
+    const DiskPerformanceTester::Dependencies::History history{(folder.path() / "h.sqlite").string(), "9.9"};
+    for (int run = 0; run < 2; ++run) {
+        Harness h(4096 * 4, history);
+        h.runToEnd();
+        ASSERT_TRUE(h.tester->state().lastResult) << h.tester->state().errorMessage.value_or("");
+        const auto& comparison = h.tester->state().lastResult->comparison;
+        ASSERT_EQ(comparison.has_value(), run == 1);
+        EXPECT_EQ(comparison ? comparison->changes.size() : 4U, 4U);
+    }
+    auto opened = health::HealthHistory::open(history.path);
+    ASSERT_TRUE(opened) << opened.error();
+    auto& stored = *opened.value();
+    PerformanceResult result = fixedResult();
+    result.phaseTraffic = {{BenchmarkPhase::randomRead, 1000, 10},
+                           {BenchmarkPhase::sequentialWrite, 1000, std::nullopt}};
+    const std::string key = "file:/images/loop9.img";
+    ASSERT_EQ(stored.runs(key)->size(), 2U);
+    EXPECT_EQ(stored.runs(key)->back().version, "9.9");
+    const auto before = benchmarkRun(result, "9.9");
+    EXPECT_EQ(storedPageCheck(before), result.phaseTraffic);
+
+    // Against the run before it of its own kind: a direct run in between does not count.
+    health::DriveIdentity drive;
+    drive.backingFile = "/images/other.img";
+    ASSERT_TRUE(stored.recordRun(drive, before).value());
+    result.mode.bypassCache = true;
+    result.finishedAt += std::chrono::minutes(1);
+    ASSERT_TRUE(stored.recordRun(drive, benchmarkRun(result, "9.9")).value());
+    result.mode.bypassCache = false;
+    result.finishedAt += std::chrono::minutes(1);
+    const double write = result.writeThroughput, read = result.readThroughput;
+    result.writeThroughput = write * 0.84;  // -16%: a drop
+    result.readThroughput = read * 0.86;    // -14%: noise
+    const auto runs = stored.runs(drive.key()).value();
+    ASSERT_EQ(runs.size(), 2U);
+    const auto* previous = previousRun(runs, runKind(result.mode), benchmarkRun(result, "").finishedMs);
+    ASSERT_NE(previous, nullptr);
+    EXPECT_EQ(previous->finishedMs, before.finishedMs);
+    const auto comparison = compareWith(comparableFigures(result), *previous);
+    ASSERT_NE(comparison.change("writeThroughput"), nullptr);
+    EXPECT_NEAR(comparison.change("writeThroughput")->percent, -16, 1e-9);
+    EXPECT_TRUE(comparison.change("writeThroughput")->dropped);
+    EXPECT_FALSE(comparison.change("readThroughput")->dropped);
+    EXPECT_FALSE(comparison.change("randomReadIOPS")->dropped);
+
+    testing::ScopedLanguage english("en_US.UTF-8");
+    result.comparison = comparison;
+    const std::string report = report::reportHTML(result, fixedVolume());
+    EXPECT_NE(report.find("<h2>Compared With the Previous Run</h2>"), std::string::npos);
+    EXPECT_NE(report.find("Warning: Average Write Speed is 16% below the previous run&#39;s"), std::string::npos)
+        << report;
+    EXPECT_EQ(report.find("Warning: Average Read Speed"), std::string::npos);
+    EXPECT_EQ(PerformanceMetrics::resultItems(result)[1].icon, PerformanceMetrics::warningIcon());
+}
+
+TEST(ResultHistory, DrivesAreKnownByWorldWideNameSerialOrBackingFile) {
+    struct Case {
+        std::optional<std::string> wwn, model, serial, backingFile;
+        const char* key;
+    };
+    const Case cases[] = {
+        {"naa.5002538E40A22954", "Samsung SSD", "S3YZ", std::nullopt, "wwn:0x5002538e40a22954"},
+        {"eui.0025385b71b0a0b1", "INTEL SSDPEKNW010T8", "BTNH", std::nullopt, "model-serial:INTEL SSDPEKNW010T8/BTNH"},
+        {std::nullopt, std::nullopt, std::nullopt, "/var/images/a.img", "file:/var/images/a.img"},
+        {"t10.ATA QEMU", std::nullopt, std::nullopt, std::nullopt, ""},
+    };
+    for (const auto& c : cases) {
+        BlockDevice device;
+        device.name = "sdz";
+        device.attachment.wwn = c.wwn;
+        device.attachment.model = c.model;
+        device.attachment.serial = c.serial;
+        device.attachment.backingFile = c.backingFile;
+        EXPECT_EQ(driveIdentity(device).key(), c.key);
+    }
+    // The change as the strip and the report show it.
+    EXPECT_EQ(changeText(-21.4), "\u221221%");
+    EXPECT_EQ(changeText(3.25), "+3.2%");
+    EXPECT_EQ(changeText(0.01), "±0%");
 }
 
 }  // namespace

@@ -35,7 +35,7 @@ Exposition sampleExposition() {
     v.writeAwaitPeakSeconds = 0.25;  // no read completed: no read series
     v.queueDepthPeak = 0;
     SmartFigures smart;
-    smart.drive.identity = {"0x5002538e40a22954", "SSD", "S3YZ", "loop3"};
+    smart.drive.identity = {"0x5002538e40a22954", "SSD", "S3YZ", "loop3", {}};
     smart.drive.snapshot.passed = false;
     smart.drive.snapshot[health::Figure::temperature] = 41;
     smart.drive.snapshot[health::Figure::powerOnHours] = 2;

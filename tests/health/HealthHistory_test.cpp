@@ -67,7 +67,7 @@ HealthSnapshot reading(std::int64_t at, double temperature, double reallocated, 
     return snapshot;
 }
 
-const DriveIdentity kDrive{"0x5000000000000001", "Disk", "S1", "sdb"};
+const DriveIdentity kDrive{"0x5000000000000001", "Disk", "S1", "sdb", {}};
 
 TEST(HealthHistory, StoresChangesAndHourlyReadingsAndMeasuresGrowthFromTheBaseline) {
     const TemporaryFolder folder;

@@ -334,7 +334,7 @@ TEST(VolumeControlPanel, ShowsTheLinkCeilingWhileTheVolumeHasOneAndAQueueDepthRe
 TEST(SmartInfoSheet, HistoryShowsEachFigureTheDriveReportsAndItsGrowth) {
     const testing::TemporaryFolder folder;
     const std::string path = folder.string() + "/health.sqlite";
-    const health::DriveIdentity drive{"0x5002538e40a22954", "Samsung SSD 860 EVO 500GB", "S3Z2NB0K123456X", "sda"};
+    const health::DriveIdentity drive{"0x5002538e40a22954", "Samsung SSD 860 EVO 500GB", "S3Z2NB0K123456X", "sda", {}};
     const std::int64_t now = std::time(nullptr) / 3600 * 3600;
     {
         auto history = health::HealthHistory::open(path);

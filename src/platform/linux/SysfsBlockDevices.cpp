@@ -110,6 +110,8 @@ class AttachmentWalk {
 public:
     void visit(const fs::path& dir, const std::string& subsystem) {
         if (!result_.wwn) result_.wwn = textAttribute(dir, "wwid");
+        if (subsystem == "block" && !result_.backingFile)
+            result_.backingFile = textAttribute(dir / "loop", "backing_file");
         if (subsystem == "block" || subsystem == "nvme" || subsystem == "usb" || subsystem == "mmc") {
             if (!result_.serial) result_.serial = textAttribute(dir, "serial");
         }
