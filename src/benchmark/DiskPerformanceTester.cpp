@@ -12,6 +12,8 @@
 #include <fmt/format.h>
 
 #include "benchmark/PerformanceReport.h"
+#include "benchmark/SustainedWrite.h"
+#include "benchmark/TemperatureSampler.h"
 #include "benchmark/TestError.h"
 #include "concurrency/WeakOwner.h"
 #include "log/Log.h"
@@ -144,6 +146,8 @@ public:
         TestMode mode;
         EffectivePayload payload;
         Uuid token;
+        std::shared_ptr<DriveTemperatureProbe> temperatureProbe;
+        std::string deviceName;  // the volume's, for the temperature probe
     };
 
     Run(Context context, CancellationToken cancellation)
@@ -158,7 +162,11 @@ public:
         try {
             std::unique_lock turn(*c_.turn, std::defer_lock);
             waitForTurn(turn);
-            result = c_.mode.kind == TestKind::queueDepth ? performQueueDepth() : perform();
+            switch (c_.mode.kind) {
+                case TestKind::standard: result = perform(); break;
+                case TestKind::queueDepth: result = performQueueDepth(); break;
+                case TestKind::sustainedWrite: result = performSustainedWrite(); break;
+            }
             result->mode = c_.mode;
         } catch (const RunCancelled&) {
             outcome = Outcome::cancelled;
@@ -312,6 +320,21 @@ private:
         c_.registry->add(file);
         c_.heldBytes->fetch_add(bytes);
         return file;
+    }
+
+    // What `work` returns for a test file made for it, which is handed to the cleanup afterwards,
+    // whether the work succeeded or threw.
+    template <class Work>
+    auto withTestFile(const std::string& prefix, std::uint64_t bytes, Work&& work) {
+        const TestFile file = createTestFile(prefix, bytes);
+        try {
+            auto outcome = work(file);
+            handToCleanup(file, bytes);
+            return outcome;
+        } catch (...) {
+            handToCleanup(file, bytes);
+            throw;
+        }
     }
 
     // Each file created is handed over exactly once, with the bytes it was created for.
@@ -543,15 +566,9 @@ private:
     Result performQueueDepth() {
         runStart_ = Clock::now();
         checkCancellation();
-        const TestFile file = createTestFile("Vantorix_IO_QueueTest_", c_.payload.byteCount);
-        std::vector<QueueDepthFigure> figures;
-        try {
-            figures = queueDepthProfiles(file);
-        } catch (...) {
-            handToCleanup(file, c_.payload.byteCount);
-            throw;
-        }
-        handToCleanup(file, c_.payload.byteCount);
+        std::vector<QueueDepthFigure> figures = withTestFile(
+            "Vantorix_IO_QueueTest_", c_.payload.byteCount,
+            [this](const TestFile& file) { return queueDepthProfiles(file); });
 
         const auto& sequential = figures.at(0);
         const auto& random = figures.at(3);  // random 4 KiB at depth 1, as in the standard test
@@ -605,8 +622,14 @@ private:
 
     // Publishes the progress of the step under way, `stepFraction` of it done.
     void reportStep(ProgressState& progress, std::size_t stepIndex, double stepFraction, Clock::time_point now) {
-        progress.fractionCompleted = std::clamp(
-            (static_cast<double>(stepIndex) + std::clamp(stepFraction, 0.0, 1.0)) / kQueueDepthSteps, 0.0, 1.0);
+        reportFraction(progress,
+                       (static_cast<double>(stepIndex) + std::clamp(stepFraction, 0.0, 1.0)) / kQueueDepthSteps, now);
+    }
+
+    // Publishes the progress of a queued test, `fraction` of it done, with the time left at the
+    // pace so far.
+    void reportFraction(ProgressState& progress, double fraction, Clock::time_point now) {
+        progress.fractionCompleted = std::clamp(fraction, 0.0, 1.0);
         progress.elapsedTime = secondsBetween(runStart_, now);
         progress.estimatedRemainingTime.reset();
         if (progress.fractionCompleted > 0) {
@@ -692,6 +715,91 @@ private:
         return figures;
     }
 
+    // The sustained-write test: one file written sequentially until its size or until the speed
+    // has held steady after a cliff (see analyzeSustainedWrite), with a point every 256 MiB.
+    Result performSustainedWrite() {
+        runStart_ = Clock::now();
+        checkCancellation();
+        SustainedWriteFigures figures = withTestFile("Vantorix_IO_SustainedTest_", c_.payload.byteCount,
+                                                     [this](const TestFile& file) { return sustainedWrite(file); });
+
+        Result result = resultOfThisRun();
+        result.actualByteCount = figures.bytesWritten;
+        result.writeDuration = figures.seconds;
+        result.writeThroughput = figures.averageBytesPerSecond;
+        result.maximumWriteThroughput = figures.maximumBytesPerSecond;
+        for (const auto& point : figures.points) {
+            result.timeline.push_back({Uuid::make(), TimelineSample::Phase::sequentialWrite, point.seconds,
+                                       point.bytesWritten, point.bytesPerSecond});
+        }
+        result.sustained = std::move(figures);
+        result.finishedAt = std::chrono::system_clock::now();
+        return result;
+    }
+
+    // A result that says which run it is and what its size was; its figures are to be filled in.
+    Result resultOfThisRun() const {
+        Result result;
+        result.id = Uuid::make();
+        result.dataSize = c_.dataSize;
+        result.actualByteCount = c_.payload.byteCount;
+        result.isPayloadAdjusted = c_.payload.isAdjusted;
+        result.randomBlockSize = randomBlockSize;
+        return result;
+    }
+
+    SustainedWriteFigures sustainedWrite(const TestFile& testFile) {
+        const std::unique_ptr<QueuedFile> file = openQueued(testFile);
+        const std::uint64_t size = c_.payload.byteCount;
+        // The temperature is read on the sampler's thread; a point takes the last reading.
+        const TemperatureSampler temperatures(c_.temperatureProbe, c_.deviceName);
+        std::vector<SustainedPoint> points;
+        std::uint64_t nextPoint = kSustainedStepBytes;
+        bool steady = false;
+        bool volumeGone = false;
+        ProgressState progress;
+        progress.phase = BenchmarkPhase::sequentialWrite;
+        progress.stepName = sustainedStepName();
+        started(BenchmarkPhase::sequentialWrite);
+        const auto start = Clock::now();
+        reportFraction(progress, 0, start);
+        const auto addPoint = [&](std::uint64_t bytes, Clock::time_point now) {
+            const double seconds = secondsBetween(start, now);
+            const double stepSeconds = seconds - (points.empty() ? 0.0 : points.back().seconds);
+            const std::uint64_t stepBytes = bytes - (points.empty() ? 0 : points.back().bytesWritten);
+            points.push_back({bytes, seconds, stepSeconds > 0 ? static_cast<double>(stepBytes) / stepSeconds : 0.0,
+                              temperatures.latest()});
+        };
+        auto written = file->run(
+            layoutJob(size), [&] { return steady || volumeGone || cancellation_.isCancelled(); },
+            [&](std::uint64_t bytes) {
+                const auto now = Clock::now();
+                if (bytes >= nextPoint) {
+                    addPoint(bytes, now);
+                    while (nextPoint <= bytes) nextPoint += kSustainedStepBytes;
+                    steady = analyzeSustainedWrite(points).steadyAfterCliff;
+                }
+                if (secondsBetween(lastQueuePublish_, now) < ProgressTracker::kPublishInterval) return;
+                volumeGone = !c_.folder->isInPlace();
+                reportFraction(progress, static_cast<double>(bytes) / static_cast<double>(size), now);
+            });
+        checkCancellation();
+        if (volumeGone) checkInPlace();
+        if (!written) fail(TestError::writeFailed, "the sustained write", written.error());
+        const std::uint64_t bytes = written.value().bytes;
+        const auto end = Clock::now();
+        // The last step, short of 256 MiB, is a point too.
+        if (points.empty() || points.back().bytesWritten < bytes) addPoint(bytes, end);
+        // Direct writes are on the device once they complete: the speed is the writing's, and the
+        // flush that follows (of a drive's volatile cache, far smaller than the file) is not timed.
+        checked(file->synchronize(), TestError::writeFailed, "flushing the sustained test file");
+        (void)file->close();
+        finished(BenchmarkPhase::sequentialWrite, bytes);
+        reportFraction(progress, 1, Clock::now());
+        checkInPlace();
+        return sustainedWriteFigures(std::move(points), bytes, secondsBetween(start, end), steady);
+    }
+
     Context c_;
     CancellationToken cancellation_;
     Clock::time_point lastQueuePublish_;
@@ -731,6 +839,7 @@ void DiskPerformanceTester::setTestMode(const TestMode& mode) {
 std::optional<EffectivePayload> DiskPerformanceTester::payloadPreview(
     const std::optional<DiskVolumeDescriptor>& volume) const {
     if (!volume) return std::nullopt;
+    if (state().testMode.kind == TestKind::sustainedWrite) return sustainedPayload(*volume);
     std::optional<EffectivePayload> payload;
     if (parameters_.payloadBytes) {
         if (volume->availableCapacityBytes && *parameters_.payloadBytes > *volume->availableCapacityBytes) {
@@ -752,6 +861,17 @@ std::optional<EffectivePayload> DiskPerformanceTester::payloadPreview(
     payload->byteCount -= payload->byteCount % granule;
     if (payload->byteCount == 0 && mode.usesDirectIo()) return std::nullopt;
     return payload;
+}
+
+std::optional<EffectivePayload> DiskPerformanceTester::sustainedPayload(const DiskVolumeDescriptor& volume) const {
+    std::optional<std::uint64_t> requested = parameters_.payloadBytes;
+    const DataSize& size = state().dataSize;
+    if (!requested && !size.isAvailableSpace()) {
+        requested = static_cast<std::uint64_t>(size.gigabyteCount()) * DataSize::kGigabyte;
+    }
+    const auto bytes = sustainedFileSize(requested, volume.availableCapacityBytes);
+    if (!bytes) return std::nullopt;
+    return EffectivePayload{*bytes, false};
 }
 
 void DiskPerformanceTester::runTest(const std::optional<DiskVolumeDescriptor>& volume) {
@@ -796,9 +916,11 @@ void DiskPerformanceTester::runTest(const std::optional<DiskVolumeDescriptor>& v
     state_.update([&](State& state) {
         state.isRunning = true;
         state.progressState = ProgressState{};
-        if (state.testMode.kind == TestKind::queueDepth) {
+        if (state.testMode.kind != TestKind::standard) {
             state.progressState->phase = BenchmarkPhase::sequentialWrite;
-            state.progressState->stepName = queueDepthStepName(kQueueDepthProfiles.size(), true);
+            state.progressState->stepName = state.testMode.kind == TestKind::queueDepth
+                                                ? queueDepthStepName(kQueueDepthProfiles.size(), true)
+                                                : sustainedStepName();
         }
         state.errorMessage.reset();
         state.automaticReportMessage.reset();
@@ -821,7 +943,9 @@ void DiskPerformanceTester::runTest(const std::optional<DiskVolumeDescriptor>& v
                          state().dataSize,
                          state().testMode,
                          *payload,
-                         token};
+                         token,
+                         dependencies_.temperatureProbe,
+                         volume->deviceName};
     retire(std::exchange(current_, {}));
     current_.volumeRoot = volume->mountPoint;
     current_.heldBytes = std::move(heldBytes);

@@ -12,6 +12,7 @@
 
 #include "benchmark/BenchmarkPhase.h"
 #include "benchmark/DataSize.h"
+#include "benchmark/DriveTemperatureProbe.h"
 #include "benchmark/PerformanceResult.h"
 #include "benchmark/ProgressTracker.h"
 #include "benchmark/TemporaryFileRegistry.h"
@@ -30,13 +31,13 @@ namespace vantorix {
 // timed phases: random 4 KiB writes, random 4 KiB reads, a sequential write of the whole payload
 // in 16 MiB blocks and a sequential read of it, through the page cache or, with the cache
 // bypassed, with direct I/O. The queue-depth test runs four profiles, each read and written for a
-// fixed time, with direct I/O on io_uring. Each run is one task, known by a token; its progress and
-// outcome are published on the main thread, its files are removed on the cleanup queue and,
-// after a success, a report is written on the export queue. A run holds the volume's folder open
-// from its start: its files and its report are made in that folder, and a volume that goes away
-// (its path leads elsewhere) fails the run. Runs lay out their files one after another: a run
-// started right after a stop waits until the stopped one has let go of its files and their
-// removal is committed.
+// fixed time, with direct I/O on io_uring. The sustained-write test writes one file of up to
+// kSustainedSizeLimit with direct I/O on io_uring and follows its speed. Each run is one task, known by a token; its
+// progress and outcome are published on the main thread, its files are removed on the cleanup queue and, after a
+// success, a report is written on the export queue. A run holds the volume's folder open from its start: its files and
+// its report are made in that folder, and a volume that goes away (its path leads elsewhere) fails the run. Runs lay
+// out their files one after another: a run started right after a stop waits until the stopped one has let go of its
+// files and their removal is committed.
 class DiskPerformanceTester : public std::enable_shared_from_this<DiskPerformanceTester> {
 public:
     using Result = PerformanceResult;
@@ -51,13 +52,15 @@ public:
     struct Dependencies {
         std::shared_ptr<MainExecutor> mainExecutor;
         std::shared_ptr<FileSystem> files;
+        // The drive's temperature beside the sustained-write test's speed; absent, there is none.
+        std::shared_ptr<DriveTemperatureProbe> temperatureProbe = {};
     };
 
     // What a run does. The defaults are what users get; tests and comparisons may shorten them.
     struct Parameters {
         double randomPhaseDuration = 5.0;  // seconds of each random phase
-        // Bytes of each sequential phase in place of the size rule (still checked against the
-        // volume's free space).
+        // Bytes of each sequential phase (of the sustained-write test's file) in place of the size
+        // rule (still checked against the volume's free space).
         std::optional<std::uint64_t> payloadBytes;
     };
 
@@ -124,6 +127,8 @@ private:
 
     DiskPerformanceTester(Dependencies dependencies, Parameters parameters);
 
+    // The sustained-write test's file for the volume (see sustainedFileSize).
+    std::optional<EffectivePayload> sustainedPayload(const DiskVolumeDescriptor& volume) const;
     void publishProgress(const Uuid& token, const ProgressState& progress);
     void deliver(const Uuid& token, Outcome outcome, std::optional<Result> result, std::string message,
                  std::shared_ptr<Directory> folder);

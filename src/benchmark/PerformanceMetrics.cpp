@@ -59,6 +59,7 @@ std::string PerformanceMetrics::iopsText(double operationsPerSecond) {
 }
 
 std::vector<MetricItem> PerformanceMetrics::resultItems(const PerformanceResult& result) {
+    if (result.sustained) return sustainedItems(result, *result.sustained);
     if (result.mode.kind == TestKind::queueDepth) {
         std::vector<MetricItem> items{
             {"externaldrive.fill", localized("样本大小", "Sample Size"), sizeText(result.actualByteCount),

@@ -2,10 +2,12 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "benchmark/DataSize.h"
 #include "benchmark/ProgressTracker.h"
+#include "benchmark/SustainedWrite.h"
 #include "benchmark/TestMode.h"
 #include "util/Uuid.h"
 
@@ -33,6 +35,8 @@ struct PerformanceResult {
     // The queue-depth test's figures, one per profile in the order of kQueueDepthProfiles; empty
     // for the standard test.
     std::vector<QueueDepthFigure> queueDepthFigures;
+    // The sustained-write test's figures; absent for the other tests.
+    std::optional<SustainedWriteFigures> sustained;
 };
 
 }  // namespace vantorix
