@@ -33,9 +33,10 @@ std::shared_ptr<DiskIOMonitor> System::makeMonitor(std::shared_ptr<MainExecutor>
     return DiskIOMonitor::create({devices, volumes, std::move(mainExecutor), deliveryInterval});
 }
 
-std::shared_ptr<DiskPerformanceTester> System::makeTester(std::shared_ptr<MainExecutor> mainExecutor,
-                                                          DiskPerformanceTester::Parameters parameters) const {
-    return DiskPerformanceTester::create({std::move(mainExecutor), files}, parameters);
+std::shared_ptr<DiskPerformanceTester> System::makeTester(
+    std::shared_ptr<MainExecutor> mainExecutor, DiskPerformanceTester::Parameters parameters,
+    std::shared_ptr<DriveTemperatureProbe> temperatureProbe) const {
+    return DiskPerformanceTester::create({std::move(mainExecutor), files, std::move(temperatureProbe)}, parameters);
 }
 
 }  // namespace vantorix

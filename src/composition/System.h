@@ -35,8 +35,11 @@ struct System {
     std::shared_ptr<DiskIOMonitor> makeMonitor(
         std::shared_ptr<MainExecutor> mainExecutor,
         std::chrono::nanoseconds deliveryInterval = DiskIOMonitor::aggregationInterval) const;
-    std::shared_ptr<DiskPerformanceTester> makeTester(std::shared_ptr<MainExecutor> mainExecutor,
-                                                      DiskPerformanceTester::Parameters parameters = {}) const;
+    // With a temperature probe (SmartPipeline::temperatureProbe), the sustained-write test follows
+    // the drive's temperature.
+    std::shared_ptr<DiskPerformanceTester> makeTester(
+        std::shared_ptr<MainExecutor> mainExecutor, DiskPerformanceTester::Parameters parameters = {},
+        std::shared_ptr<DriveTemperatureProbe> temperatureProbe = nullptr) const;
 };
 
 }  // namespace vantorix

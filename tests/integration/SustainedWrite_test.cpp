@@ -1,0 +1,76 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include "support/BlockThrottle.h"
+#include "support/LoopVolume.h"
+#include "support/Process.h"
+#include "support/TemporaryFolder.h"
+
+namespace vantorix {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using json = nlohmann::json;
+
+constexpr double kFast = 100e6;  // bytes per second before the flip
+constexpr double kSlow = 40e6;   // and after it
+constexpr std::uint64_t kStep = 268'435'456;
+
+// The throttle drops from fast to slow once 12 s of writing went to the device: the test must put
+// the cliff where the device's counters say the drop came, settle on the slow speed, stop early
+// once that speed has held, and leave only its report. About 45 s.
+TEST(SustainedWriteOnLoopVolume, FindsTheCliffWhereTheThrottleDroppedAndStopsOnceSteady) {
+    for (const auto& reason : {testing::LoopVolume::unavailableReason(), testing::BlockThrottle::unavailableReason()}) {
+        if (!reason.empty()) GTEST_SKIP() << reason;
+    }
+    std::string error;
+    const auto volume = testing::LoopVolume::create("SUSTAINED", 3584ull << 20, &error);
+    ASSERT_TRUE(volume) << error;
+    auto throttle = testing::BlockThrottle::create(volume->deviceName(), &error);
+    ASSERT_TRUE(throttle) << error;
+    const std::string group = throttle->path();
+    ASSERT_TRUE(throttle->limitWrites(static_cast<std::uint64_t>(kFast)));
+
+    const std::uint64_t before = testing::deviceBytesWritten(volume->deviceName());
+    const auto run = testing::RunningProcess::start(
+        throttle->joined({VANTORIX_CLI_PATH, "bench", volume->mountPoint(), "--profile", "sustained", "--json",
+                          "--payload-bytes", std::to_string(2860ull << 20)}),
+        {{"LANGUAGE", "en_US"}, {"VANTORIX_LOG", "off"}, {"VANTORIX_HELPER_SOCKET", "/nonexistent/vantorix.sock"}});
+    std::uint64_t flip = 0;
+    ASSERT_TRUE(testing::eventually(
+        [&] {
+            flip = testing::deviceBytesWritten(volume->deviceName()) - before;
+            return flip >= static_cast<std::uint64_t>(12 * kFast);
+        },
+        60s));
+    ASSERT_TRUE(throttle->limitWrites(static_cast<std::uint64_t>(kSlow)));
+
+    std::string out;
+    while (const auto line = run->readLine(120s)) out += *line;
+    ASSERT_EQ(run->waitForExit(10s), 0) << run->standardError();
+    const json result = json::parse(out);
+    const json& sustained = result["sustained"];
+    ASSERT_FALSE(sustained["cliff"].is_null()) << sustained.dump();
+    const auto cliff = sustained["cliff"]["bytes"].get<double>();
+    RecordProperty("flipBytes", std::to_string(flip));
+    RecordProperty("cliffBytes", std::to_string(static_cast<std::uint64_t>(cliff)));
+    RecordProperty("steadyBytesPerSecond", sustained["steadyBytesPerSecond"].dump());
+    EXPECT_NEAR(cliff, static_cast<double>(flip), static_cast<double>(kStep)) << sustained.dump();
+    EXPECT_NEAR(sustained["cliff"]["speedBefore"].get<double>(), kFast, kFast * 0.1);
+    EXPECT_NEAR(sustained["steadyBytesPerSecond"].get<double>(), kSlow, kSlow * 0.1);
+    EXPECT_TRUE(sustained["stoppedEarly"].get<bool>());
+    EXPECT_LT(sustained["bytesWritten"].get<std::uint64_t>(), 2860ull << 20);
+
+    const fs::path report = result["reportPath"].get<std::string>();
+    auto names = testing::namesIn(volume->mountPoint());
+    names.erase("lost+found");
+    EXPECT_EQ(names, std::set<std::string>{report.filename()});
+    throttle.reset();
+    EXPECT_FALSE(fs::exists(group));
+}
+
+}  // namespace
+}  // namespace vantorix
