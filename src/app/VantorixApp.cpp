@@ -49,7 +49,7 @@ VantorixApp::VantorixApp(Options options)
     if (options_.httpClient) system.http = options_.httpClient;
     if (options_.downloadsFolder) system.downloadsFolder = options_.downloadsFolder;
     monitor_ = system.makeMonitor(mainExecutor_);
-    tester_ = system.makeTester(mainExecutor_, options_.testParameters);
+    tester_ = system.makeTester(mainExecutor_, options_.testParameters, smart_.temperatureProbe());
     smartRefresh_ = smart_.attachRefresh(monitor_, mainExecutor_);
     // Every answer of the selected drive goes into its health history, off the main thread.
     const std::string historyPath = options_.healthHistoryPath.value_or(health::HealthHistory::userPath());
@@ -220,7 +220,8 @@ void VantorixApp::refreshSizeChecks() {
     const TestMode& mode = tester_->state().testMode;
     const QString kind = QString::fromStdString(rawValue(mode.kind));
     for (auto* action : kindGroup_->actions()) action->setChecked(action->data().toString() == kind);
-    // The queue-depth test always bypasses the cache: shown checked, and not to be changed.
+    // The queue-depth and sustained-write tests always bypass the cache: shown checked, and not to
+    // be changed.
     bypassCacheAction_->setChecked(mode.usesDirectIo());
     bypassCacheAction_->setEnabled(mode.kind == TestKind::standard);
 }
