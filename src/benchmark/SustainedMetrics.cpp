@@ -46,12 +46,11 @@ std::vector<MetricItem> PerformanceMetrics::sustainedItems(const PerformanceResu
                          speedText(figures.cliff->speedBefore) + " → " + speedText(figures.cliff->speedAfter),
                          Style::normal});
     } else {
-        items.push_back(
-            {"arrow.down.to.line.compact", localized("速度骤降点", "Speed Cliff"), localized("无", "None"),
-             Style::placeholder});
+        items.push_back({"arrow.down.to.line.compact", localized("速度骤降点", "Speed Cliff"), localized("无", "None"),
+                         Style::placeholder});
     }
-    items.push_back({"gauge.with.needle", localized("稳定速度", "Steady Speed"), speedText(figures.steadyBytesPerSecond),
-                     Style::highlight});
+    items.push_back({"gauge.with.needle", localized("稳定速度", "Steady Speed"),
+                     speedText(figures.steadyBytesPerSecond), Style::highlight});
     items.push_back({"clock.badge.checkmark", localized("完成时间", "Finished"),
                      text::mediumDateTimeText(result.finishedAt), Style::normal});
     return items;

@@ -29,33 +29,35 @@ constexpr const char* kInk = "#cbd5f5";
 constexpr double kMegabyte = 1e6;
 constexpr double kGigabyte = 1e9;
 
-// The smallest of 1, 2, 2.5 and 5 times a power of ten that is at least `value`: a round top for
-// an axis with four equal steps.
+// The smallest of 1, 2, 4 and 8 times a power of ten that is at least `value`: a top for an axis
+// whose four equal steps are round.
 double roundedUp(double value) {
     if (value <= 0) return 1;
     const double power = std::pow(10.0, std::floor(std::log10(value)));
-    for (const double factor : {1.0, 2.0, 2.5, 5.0, 10.0}) {
+    for (const double factor : {1.0, 2.0, 4.0, 8.0, 10.0}) {
         if (factor * power >= value) return factor * power;
     }
     return 10 * power;
 }
 
-std::string number(double value) { return text::decimalText(value, 0, value < 10 ? 1 : 0); }
+std::string number(double value) { return text::decimalText(value, 0, value < 10 ? 2 : 0); }
 
 std::string textAt(double x, double y, const std::string& anchor, const std::string& content, int size = 24,
                    const char* colour = kInk) {
-    return fmt::format("\n    <text x=\"{:.2f}\" y=\"{:.2f}\" fill=\"{}\" font-size=\"{}\" text-anchor=\"{}\">{}</text>",
-                       x, y, colour, size, anchor, htmlEscaped(content));
+    return fmt::format(
+        "\n    <text x=\"{:.2f}\" y=\"{:.2f}\" fill=\"{}\" font-size=\"{}\" text-anchor=\"{}\">{}</text>", x, y, colour,
+        size, anchor, htmlEscaped(content));
 }
 
 std::string lineAt(double x1, double y1, double x2, double y2, const char* stroke, double width,
                    const char* extra = "") {
     return fmt::format(
-        "\n    <line x1=\"{:.2f}\" y1=\"{:.2f}\" x2=\"{:.2f}\" y2=\"{:.2f}\" stroke=\"{}\" stroke-width=\"{}\"{} />", x1,
-        y1, x2, y2, stroke, width, extra);
+        "\n    <line x1=\"{:.2f}\" y1=\"{:.2f}\" x2=\"{:.2f}\" y2=\"{:.2f}\" stroke=\"{}\" stroke-width=\"{}\"{} />",
+        x1, y1, x2, y2, stroke, width, extra);
 }
 
-// The range of the temperatures taken, widened to whole steps of five degrees; nothing without any.
+// The range of the temperatures taken with five degrees to spare, four steps of a multiple of five
+// degrees; nothing without any.
 std::optional<std::pair<double, double>> temperatureRange(const std::vector<SustainedPoint>& points) {
     std::optional<std::pair<double, double>> range;
     for (const auto& point : points) {
@@ -66,7 +68,7 @@ std::optional<std::pair<double, double>> temperatureRange(const std::vector<Sust
     }
     if (!range) return range;
     range->first = std::floor(range->first / 5) * 5 - 5;
-    range->second = std::ceil(range->second / 5) * 5 + 5;
+    range->second = range->first + std::max(20.0, std::ceil((range->second + 5 - range->first) / 20) * 20);
     return range;
 }
 
@@ -74,7 +76,8 @@ std::optional<std::pair<double, double>> temperatureRange(const std::vector<Sust
 std::string sustainedMetrics(const SustainedWriteFigures& figures) {
     std::vector<std::pair<std::string, std::string>> metrics{
         {localized("写入量", "Written"), PerformanceMetrics::sizeText(figures.bytesWritten)},
-        {localized("写入平均速度", "Average Write Speed"), PerformanceMetrics::speedText(figures.averageBytesPerSecond)},
+        {localized("写入平均速度", "Average Write Speed"),
+         PerformanceMetrics::speedText(figures.averageBytesPerSecond)},
         {localized("前 10 秒平均速度", "First 10 s Average"),
          PerformanceMetrics::speedText(figures.initialBytesPerSecond)},
         {localized("速度骤降点", "Speed Cliff"),
@@ -88,9 +91,9 @@ std::string sustainedMetrics(const SustainedWriteFigures& figures) {
     }
     metrics.emplace_back(localized("稳定速度", "Steady Speed"),
                          PerformanceMetrics::speedText(figures.steadyBytesPerSecond));
-    metrics.emplace_back(localized("提前结束", "Stopped Early"),
-                         figures.stoppedEarly ? localized("是（速度已稳定）", "Yes (speed steady)")
-                                              : localized("否", "No"));
+    metrics.emplace_back(
+        localized("提前结束", "Stopped Early"),
+        figures.stoppedEarly ? localized("是（速度已稳定）", "Yes (speed steady)") : localized("否", "No"));
     std::string html = "\n        <div class=\"metrics\">";
     for (const auto& [label, value] : metrics) {
         html += "\n            <div class=\"metric\">\n                <span>" + htmlEscaped(label) +
@@ -130,7 +133,8 @@ struct ChartScale {
         return kBottom - std::min(bytesPerSecond / kMegabyte / topSpeed, 1.0) * (kBottom - kTop);
     }
     double yTemperature(double celsius) const {
-        return kBottom - (celsius - temperatures->first) / (temperatures->second - temperatures->first) * (kBottom - kTop);
+        return kBottom -
+               (celsius - temperatures->first) / (temperatures->second - temperatures->first) * (kBottom - kTop);
     }
 };
 
@@ -142,7 +146,8 @@ std::string axes(const ChartScale& scale) {
         const double y = kBottom - fraction * (kBottom - kTop);
         svg += lineAt(kLeft, y, kRight, y, step == 0 ? "rgba(148,163,184,0.8)" : "rgba(148,163,184,0.3)", 1.5);
         svg += textAt(kLeft - 14, y + 8, "end", number(fraction * scale.topSpeed));
-        svg += textAt(kLeft + fraction * (kRight - kLeft), kBottom + 36, "middle", number(fraction * scale.topGigabytes));
+        svg += textAt(kLeft + fraction * (kRight - kLeft), kBottom + 36, "middle",
+                      number(fraction * scale.topGigabytes));
         if (const auto& range = scale.temperatures) {
             svg += textAt(kRight + 14, y + 8, "start", number(range->first + fraction * (range->second - range->first)),
                           24, kTemperatureColour);
@@ -190,8 +195,8 @@ std::string temperatureLine(const std::vector<SustainedPoint>& points, const Cha
     std::string line;
     for (const auto& point : points) {
         if (!point.celsius) continue;
-        line += fmt::format("{}{:.2f},{:.2f}", line.empty() ? "" : " ", scale.x(static_cast<double>(point.bytesWritten)),
-                            scale.yTemperature(*point.celsius));
+        line += fmt::format("{}{:.2f},{:.2f}", line.empty() ? "" : " ",
+                            scale.x(static_cast<double>(point.bytesWritten)), scale.yTemperature(*point.celsius));
     }
     return fmt::format(
         "\n    <polyline points=\"{}\" fill=\"none\" stroke=\"{}\" stroke-width=\"2.5\" "
@@ -205,7 +210,7 @@ std::string cliffMark(const SustainedCliff& cliff, const ChartScale& scale) {
     const bool leftOfLine = x > (kLeft + kRight) / 2;
     return lineAt(x, kTop, x, kBottom, kMarkColour, 2.5, " stroke-dasharray=\"12 8\"") +
            textAt(x + (leftOfLine ? -12 : 12), kTop + 30, leftOfLine ? "end" : "start",
-                  localized("速度骤降 ", "Cliff at ") + PerformanceMetrics::sizeText(cliff.bytes), 26, kMarkColour);
+                  localized("速度骤降点 ", "Cliff at ") + PerformanceMetrics::sizeText(cliff.bytes), 26, kMarkColour);
 }
 
 std::string legend(bool withTemperature) {
@@ -229,8 +234,9 @@ std::string sustainedChartSVG(const SustainedWriteFigures& figures) {
         kWidth, kHeight, htmlEscaped(localized("写入速度随写入量变化的曲线", "Write speed against the data written")));
     svg += axes(scale);
     if (figures.points.empty()) {
-        return svg + textAt((kLeft + kRight) / 2, (kTop + kBottom) / 2, "middle",
-                            localized("暂无采样数据", "No samples recorded"), 32) +
+        return svg +
+               textAt((kLeft + kRight) / 2, (kTop + kBottom) / 2, "middle",
+                      localized("暂无采样数据", "No samples recorded"), 32) +
                "\n</svg>";
     }
     svg += speedLines(figures, scale);
@@ -241,8 +247,8 @@ std::string sustainedChartSVG(const SustainedWriteFigures& figures) {
 
 std::string sustainedSection(const SustainedWriteFigures& figures) {
     const std::string samplesHeading = htmlEscaped(localized("采样数据", "Sampled Data"));
-    return "\n    <div class=\"card\">\n        <h2>" + htmlEscaped(localized("持续写入", "Sustained Write")) + "</h2>" +
-           sustainedMetrics(figures) + "\n    </div>\n    <div class=\"card\">\n        <h2>" +
+    return "\n    <div class=\"card\">\n        <h2>" + htmlEscaped(localized("持续写入", "Sustained Write")) +
+           "</h2>" + sustainedMetrics(figures) + "\n    </div>\n    <div class=\"card\">\n        <h2>" +
            htmlEscaped(localized("写入速度图表", "Write Speed Chart")) +
            "</h2>\n        <div class=\"chart-wrapper\">\n            " + sustainedChartSVG(figures) +
            "\n        </div>\n    </div>\n    <div class=\"card\">\n        <h2>" + samplesHeading +

@@ -42,8 +42,8 @@ std::optional<SustainedCliff> findCliff(const Points& points) {
         // The window's average is a weighted mean of its steps' speeds, so one of them is slow:
         // the first such step is where the speed fell.
         std::size_t step = 0;
-        while (step < i && !(points[step].seconds > at - kSustainedWindowSeconds &&
-                             points[step].bytesPerSecond < threshold)) {
+        while (step < i &&
+               !(points[step].seconds > at - kSustainedWindowSeconds && points[step].bytesPerSecond < threshold)) {
             ++step;
         }
         SustainedCliff cliff;
