@@ -23,9 +23,8 @@ constexpr std::uint64_t kStep = 268'435'456;
 // the cliff where the device's counters say the drop came, settle on the slow speed, stop early
 // once that speed has held, and leave only its report. About 45 s.
 TEST(SustainedWriteOnLoopVolume, FindsTheCliffWhereTheThrottleDroppedAndStopsOnceSteady) {
-    for (const auto& reason : {testing::LoopVolume::unavailableReason(), testing::BlockThrottle::unavailableReason()}) {
-        if (!reason.empty()) GTEST_SKIP() << reason;
-    }
+    const std::string reason = testing::LoopVolume::unavailableReason() + testing::BlockThrottle::unavailableReason();
+    if (!reason.empty()) GTEST_SKIP() << reason;
     std::string error;
     const auto volume = testing::LoopVolume::create("SUSTAINED", 3584ull << 20, &error);
     ASSERT_TRUE(volume) << error;
@@ -55,14 +54,12 @@ TEST(SustainedWriteOnLoopVolume, FindsTheCliffWhereTheThrottleDroppedAndStopsOnc
     const json& sustained = result["sustained"];
     ASSERT_FALSE(sustained["cliff"].is_null()) << sustained.dump();
     const auto cliff = sustained["cliff"]["bytes"].get<double>();
-    RecordProperty("flipBytes", std::to_string(flip));
-    RecordProperty("cliffBytes", std::to_string(static_cast<std::uint64_t>(cliff)));
-    RecordProperty("steadyBytesPerSecond", sustained["steadyBytesPerSecond"].dump());
+    RecordProperty("flipBytes", std::to_string(flip));  // the figures beside the test's in its XML output
+    RecordProperty("sustained", sustained.dump());
     EXPECT_NEAR(cliff, static_cast<double>(flip), static_cast<double>(kStep)) << sustained.dump();
     EXPECT_NEAR(sustained["cliff"]["speedBefore"].get<double>(), kFast, kFast * 0.1);
     EXPECT_NEAR(sustained["steadyBytesPerSecond"].get<double>(), kSlow, kSlow * 0.1);
     EXPECT_TRUE(sustained["stoppedEarly"].get<bool>());
-    EXPECT_LT(sustained["bytesWritten"].get<std::uint64_t>(), 2860ull << 20);
 
     const fs::path report = result["reportPath"].get<std::string>();
     auto names = testing::namesIn(volume->mountPoint());

@@ -30,13 +30,12 @@ bool writeTo(const fs::path& file, const std::string& text) {
 
 std::string BlockThrottle::unavailableReason() {
     if (::geteuid() != 0) return "needs root to make a control group";
-    if (!hasVersion1() && !hasUnifiedIo()) return "neither cgroup v1's blkio nor cgroup v2's io controller is here";
-    return {};
+    return hasVersion1() || hasUnifiedIo() ? "" : "neither cgroup v1's blkio nor cgroup v2's io controller is here";
 }
 
 std::unique_ptr<BlockThrottle> BlockThrottle::create(const std::string& deviceName, std::string* error) {
     static std::atomic<int> counter{0};
-    std::unique_ptr<BlockThrottle> throttle(new BlockThrottle());
+    auto throttle = std::make_unique<BlockThrottle>();
     throttle->unified_ = !hasVersion1();
     const std::string name = "vantorix-throttle-" + std::to_string(::getpid()) + "-" + std::to_string(++counter);
     throttle->device_ = fileContents("/sys/class/block/" + deviceName + "/dev");
