@@ -232,8 +232,7 @@ int run(const Options& options) {
         "bench0", [] { return BlockStatistics{}; }, attachment);
     auto monitor = DiskIOMonitor::create({devices, std::make_shared<BenchVolume>(), monitorMain});
     auto dashboardMain = std::make_shared<TimedMainExecutor>();
-    auto tester = DiskPerformanceTester::create(
-        {dashboardMain, std::make_shared<PosixFileSystem>(), nullptr, std::nullopt});
+    auto tester = DiskPerformanceTester::create({dashboardMain, std::make_shared<PosixFileSystem>()});
 
     // Subscribed before and after the dashboard, so that they mark where its reaction starts and ends.
     Clock::time_point applied, reacted;

@@ -53,7 +53,7 @@ VantorixApp::VantorixApp(Options options)
     const std::string historyPath = options_.healthHistoryPath.value_or(health::HealthHistory::userPath());
     std::optional<DiskPerformanceTester::Dependencies::History> runHistory;
     if (!historyPath.empty()) runHistory = {historyPath, VANTORIX_VERSION};
-    tester_ = system.makeTester(mainExecutor_, options_.testParameters, runHistory);
+    tester_ = system.makeTester(mainExecutor_, options_.testParameters, smart_.temperatureProbe(), runHistory);
     smartRefresh_ = smart_.attachRefresh(monitor_, mainExecutor_);
     if (!historyPath.empty()) {
         healthRecorder_ = std::make_shared<health::HealthRecorder>(historyPath, mainExecutor_);
@@ -222,7 +222,8 @@ void VantorixApp::refreshSizeChecks() {
     const TestMode& mode = tester_->state().testMode;
     const QString kind = QString::fromStdString(rawValue(mode.kind));
     for (auto* action : kindGroup_->actions()) action->setChecked(action->data().toString() == kind);
-    // The queue-depth test always bypasses the cache: shown checked, and not to be changed.
+    // The queue-depth and sustained-write tests always bypass the cache: shown checked, and not to
+    // be changed.
     bypassCacheAction_->setChecked(mode.usesDirectIo());
     bypassCacheAction_->setEnabled(mode.kind == TestKind::standard);
 }

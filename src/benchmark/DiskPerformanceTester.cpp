@@ -13,6 +13,8 @@
 
 #include "benchmark/PerformanceReport.h"
 #include "benchmark/ResultHistory.h"
+#include "benchmark/SustainedWrite.h"
+#include "benchmark/TemperatureSampler.h"
 #include "benchmark/TestError.h"
 #include "concurrency/WeakOwner.h"
 #include "log/Log.h"
@@ -146,7 +148,8 @@ public:
         EffectivePayload payload;
         Uuid token;
         std::shared_ptr<BlockDevices> devices;
-        std::string deviceName;  // the volume's block device, whose counters each phase is held against
+        std::string deviceName;  // the volume's block device: its counters, its temperature
+        std::shared_ptr<DriveTemperatureProbe> temperatureProbe;
         std::optional<Dependencies::History> history;
         health::DriveIdentity drive;  // the drive the volume is on, as its history knows it
     };
@@ -163,7 +166,11 @@ public:
         try {
             std::unique_lock turn(*c_.turn, std::defer_lock);
             waitForTurn(turn);
-            result = c_.mode.kind == TestKind::queueDepth ? performQueueDepth() : perform();
+            switch (c_.mode.kind) {
+                case TestKind::standard: result = perform(); break;
+                case TestKind::queueDepth: result = performQueueDepth(); break;
+                case TestKind::sustainedWrite: result = performSustainedWrite(); break;
+            }
             result->mode = c_.mode;
             compareAndRecord(*result);
         } catch (const RunCancelled&) {
@@ -339,6 +346,21 @@ private:
         c_.registry->add(file);
         c_.heldBytes->fetch_add(bytes);
         return file;
+    }
+
+    // What `work` returns for a test file made for it, which is handed to the cleanup afterwards,
+    // whether the work succeeded or threw.
+    template <class Work>
+    auto withTestFile(const std::string& prefix, std::uint64_t bytes, Work&& work) {
+        const TestFile file = createTestFile(prefix, bytes);
+        try {
+            auto outcome = work(file);
+            handToCleanup(file, bytes);
+            return outcome;
+        } catch (...) {
+            handToCleanup(file, bytes);
+            throw;
+        }
     }
 
     // Each file created is handed over exactly once, with the bytes it was created for.
@@ -595,15 +617,9 @@ private:
     Result performQueueDepth() {
         runStart_ = Clock::now();
         checkCancellation();
-        const TestFile file = createTestFile("Vantorix_IO_QueueTest_", c_.payload.byteCount);
-        std::vector<QueueDepthFigure> figures;
-        try {
-            figures = queueDepthProfiles(file);
-        } catch (...) {
-            handToCleanup(file, c_.payload.byteCount);
-            throw;
-        }
-        handToCleanup(file, c_.payload.byteCount);
+        std::vector<QueueDepthFigure> figures = withTestFile(
+            "Vantorix_IO_QueueTest_", c_.payload.byteCount,
+            [this](const TestFile& file) { return queueDepthProfiles(file); });
 
         const auto& sequential = figures.at(0);
         const auto& random = figures.at(3);  // random 4 KiB at depth 1, as in the standard test
@@ -657,8 +673,14 @@ private:
 
     // Publishes the progress of the step under way, `stepFraction` of it done.
     void reportStep(ProgressState& progress, std::size_t stepIndex, double stepFraction, Clock::time_point now) {
-        progress.fractionCompleted = std::clamp(
-            (static_cast<double>(stepIndex) + std::clamp(stepFraction, 0.0, 1.0)) / kQueueDepthSteps, 0.0, 1.0);
+        reportFraction(progress,
+                       (static_cast<double>(stepIndex) + std::clamp(stepFraction, 0.0, 1.0)) / kQueueDepthSteps, now);
+    }
+
+    // Publishes the progress of a queued test, `fraction` of it done, with the time left at the
+    // pace so far.
+    void reportFraction(ProgressState& progress, double fraction, Clock::time_point now) {
+        progress.fractionCompleted = std::clamp(fraction, 0.0, 1.0);
         progress.elapsedTime = secondsBetween(runStart_, now);
         progress.estimatedRemainingTime.reset();
         if (progress.fractionCompleted > 0) {
@@ -744,6 +766,91 @@ private:
         return figures;
     }
 
+    // The sustained-write test: one file written sequentially until its size or until the speed
+    // has held steady after a cliff (see analyzeSustainedWrite), with a point every 256 MiB.
+    Result performSustainedWrite() {
+        runStart_ = Clock::now();
+        checkCancellation();
+        SustainedWriteFigures figures = withTestFile("Vantorix_IO_SustainedTest_", c_.payload.byteCount,
+                                                     [this](const TestFile& file) { return sustainedWrite(file); });
+
+        Result result = resultOfThisRun();
+        result.actualByteCount = figures.bytesWritten;
+        result.writeDuration = figures.seconds;
+        result.writeThroughput = figures.averageBytesPerSecond;
+        result.maximumWriteThroughput = figures.maximumBytesPerSecond;
+        for (const auto& point : figures.points) {
+            result.timeline.push_back({Uuid::make(), TimelineSample::Phase::sequentialWrite, point.seconds,
+                                       point.bytesWritten, point.bytesPerSecond});
+        }
+        result.sustained = std::move(figures);
+        result.finishedAt = std::chrono::system_clock::now();
+        return result;
+    }
+
+    // A result that says which run it is and what its size was; its figures are to be filled in.
+    Result resultOfThisRun() const {
+        Result result;
+        result.id = Uuid::make();
+        result.dataSize = c_.dataSize;
+        result.actualByteCount = c_.payload.byteCount;
+        result.isPayloadAdjusted = c_.payload.isAdjusted;
+        result.randomBlockSize = randomBlockSize;
+        return result;
+    }
+
+    SustainedWriteFigures sustainedWrite(const TestFile& testFile) {
+        const std::unique_ptr<QueuedFile> file = openQueued(testFile);
+        const std::uint64_t size = c_.payload.byteCount;
+        // The temperature is read on the sampler's thread; a point takes the last reading.
+        const TemperatureSampler temperatures(c_.temperatureProbe, c_.deviceName);
+        std::vector<SustainedPoint> points;
+        std::uint64_t nextPoint = kSustainedStepBytes;
+        bool steady = false;
+        bool volumeGone = false;
+        ProgressState progress;
+        progress.phase = BenchmarkPhase::sequentialWrite;
+        progress.stepName = sustainedStepName();
+        started(BenchmarkPhase::sequentialWrite);
+        const auto start = Clock::now();
+        reportFraction(progress, 0, start);
+        const auto addPoint = [&](std::uint64_t bytes, Clock::time_point now) {
+            const double seconds = secondsBetween(start, now);
+            const double stepSeconds = seconds - (points.empty() ? 0.0 : points.back().seconds);
+            const std::uint64_t stepBytes = bytes - (points.empty() ? 0 : points.back().bytesWritten);
+            points.push_back({bytes, seconds, stepSeconds > 0 ? static_cast<double>(stepBytes) / stepSeconds : 0.0,
+                              temperatures.latest()});
+        };
+        auto written = file->run(
+            layoutJob(size), [&] { return steady || volumeGone || cancellation_.isCancelled(); },
+            [&](std::uint64_t bytes) {
+                const auto now = Clock::now();
+                if (bytes >= nextPoint) {
+                    addPoint(bytes, now);
+                    while (nextPoint <= bytes) nextPoint += kSustainedStepBytes;
+                    steady = analyzeSustainedWrite(points).steadyAfterCliff;
+                }
+                if (secondsBetween(lastQueuePublish_, now) < ProgressTracker::kPublishInterval) return;
+                volumeGone = !c_.folder->isInPlace();
+                reportFraction(progress, static_cast<double>(bytes) / static_cast<double>(size), now);
+            });
+        checkCancellation();
+        if (volumeGone) checkInPlace();
+        if (!written) fail(TestError::writeFailed, "the sustained write", written.error());
+        const std::uint64_t bytes = written.value().bytes;
+        const auto end = Clock::now();
+        // The last step, short of 256 MiB, is a point too.
+        if (points.empty() || points.back().bytesWritten < bytes) addPoint(bytes, end);
+        // Direct writes are on the device once they complete: the speed is the writing's, and the
+        // flush that follows (of a drive's volatile cache, far smaller than the file) is not timed.
+        checked(file->synchronize(), TestError::writeFailed, "flushing the sustained test file");
+        (void)file->close();
+        finished(BenchmarkPhase::sequentialWrite, bytes);
+        reportFraction(progress, 1, Clock::now());
+        checkInPlace();
+        return sustainedWriteFigures(std::move(points), bytes, secondsBetween(start, end), steady);
+    }
+
     Context c_;
     CancellationToken cancellation_;
     std::unique_ptr<BlockStatisticsFile> counters_;
@@ -786,6 +893,7 @@ void DiskPerformanceTester::setTestMode(const TestMode& mode) {
 std::optional<EffectivePayload> DiskPerformanceTester::payloadPreview(
     const std::optional<DiskVolumeDescriptor>& volume) const {
     if (!volume) return std::nullopt;
+    if (state().testMode.kind == TestKind::sustainedWrite) return sustainedPayload(*volume);
     std::optional<EffectivePayload> payload;
     if (parameters_.payloadBytes) {
         if (volume->availableCapacityBytes && *parameters_.payloadBytes > *volume->availableCapacityBytes) {
@@ -809,6 +917,46 @@ std::optional<EffectivePayload> DiskPerformanceTester::payloadPreview(
     return payload;
 }
 
+std::optional<EffectivePayload> DiskPerformanceTester::sustainedPayload(const DiskVolumeDescriptor& volume) const {
+    std::optional<std::uint64_t> requested = parameters_.payloadBytes;
+    const DataSize& size = state().dataSize;
+    if (!requested && !size.isAvailableSpace()) {
+        requested = static_cast<std::uint64_t>(size.gigabyteCount()) * DataSize::kGigabyte;
+    }
+    const auto bytes = sustainedFileSize(requested, volume.availableCapacityBytes);
+    if (!bytes) return std::nullopt;
+    return EffectivePayload{*bytes, false};
+}
+
+::vantorix::Result<EffectivePayload, TestError> DiskPerformanceTester::payloadFor(const DiskVolumeDescriptor& volume,
+                                                                                  Directory& folder) const {
+    auto payload = payloadPreview(std::optional(volume));
+    std::optional<std::uint64_t> available = volume.availableCapacityBytes;
+    if (!payload) {
+        // The free space the volume reported may leave out what test files removed just before
+        // are about to give back: an earlier run's removals still uncommitted, or its files still
+        // open in a run that is winding down after a stop. Both count.
+        const std::uint64_t held = bytesHeldByEarlierRuns(volume);
+        (void)folder.commitRemovals();
+        if (const auto fresh = folder.availableBytes()) {
+            DiskVolumeDescriptor now = volume;
+            now.availableCapacityBytes = *fresh + std::min(held, std::numeric_limits<std::uint64_t>::max() - *fresh);
+            available = now.availableCapacityBytes;
+            payload = payloadPreview(now);
+        }
+    }
+    if (!payload) {
+        const DataSize& size = state().dataSize;
+        const std::uint64_t needed = parameters_.payloadBytes ? *parameters_.payloadBytes
+                                     : size.isAvailableSpace()
+                                         ? DataSize::kGigabyte
+                                         : static_cast<std::uint64_t>(size.gigabyteCount()) * DataSize::kGigabyte;
+        return Failure{TestError(TestError::insufficientFreeSpace,
+                                 available && *available < needed ? spaceShortfall(needed, *available, false) : "")};
+    }
+    return *payload;
+}
+
 void DiskPerformanceTester::runTest(const std::optional<DiskVolumeDescriptor>& volume) {
     if (state().isRunning) return;
     const auto refuse = [this](const TestError& error) {
@@ -823,37 +971,17 @@ void DiskPerformanceTester::runTest(const std::optional<DiskVolumeDescriptor>& v
                                      : TestError::because(TestError::temporaryFileCreationFailed, code));
     }
     std::shared_ptr<Directory> folder = std::move(opened).value();
-    auto payload = payloadPreview(volume);
-    std::optional<std::uint64_t> available = volume->availableCapacityBytes;
-    if (!payload) {
-        // The free space the volume reported may leave out what test files removed just before
-        // are about to give back: an earlier run's removals still uncommitted, or its files still
-        // open in a run that is winding down after a stop. Both count.
-        const std::uint64_t held = bytesHeldByEarlierRuns(*volume);
-        (void)folder->commitRemovals();
-        if (const auto fresh = folder->availableBytes()) {
-            DiskVolumeDescriptor now = *volume;
-            now.availableCapacityBytes = *fresh + std::min(held, std::numeric_limits<std::uint64_t>::max() - *fresh);
-            available = now.availableCapacityBytes;
-            payload = payloadPreview(now);
-        }
-    }
-    if (!payload) {
-        const DataSize& size = state().dataSize;
-        const std::uint64_t needed = parameters_.payloadBytes ? *parameters_.payloadBytes
-                                     : size.isAvailableSpace()
-                                         ? DataSize::kGigabyte
-                                         : static_cast<std::uint64_t>(size.gigabyteCount()) * DataSize::kGigabyte;
-        return refuse(TestError(TestError::insufficientFreeSpace,
-                                available && *available < needed ? spaceShortfall(needed, *available, false) : ""));
-    }
+    auto payload = payloadFor(*volume, *folder);
+    if (!payload) return refuse(payload.error());
 
     state_.update([&](State& state) {
         state.isRunning = true;
         state.progressState = ProgressState{};
-        if (state.testMode.kind == TestKind::queueDepth) {
+        if (state.testMode.kind != TestKind::standard) {
             state.progressState->phase = BenchmarkPhase::sequentialWrite;
-            state.progressState->stepName = queueDepthStepName(kQueueDepthProfiles.size(), true);
+            state.progressState->stepName = state.testMode.kind == TestKind::queueDepth
+                                                ? queueDepthStepName(kQueueDepthProfiles.size(), true)
+                                                : sustainedStepName();
         }
         state.errorMessage.reset();
         state.automaticReportMessage.reset();
@@ -879,6 +1007,7 @@ void DiskPerformanceTester::runTest(const std::optional<DiskVolumeDescriptor>& v
                          token,
                          dependencies_.devices,
                          volume->deviceName,
+                         dependencies_.temperatureProbe,
                          dependencies_.history,
                          driveOf(*volume)};
     retire(std::exchange(current_, {}));

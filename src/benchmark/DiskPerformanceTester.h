@@ -12,9 +12,11 @@
 
 #include "benchmark/BenchmarkPhase.h"
 #include "benchmark/DataSize.h"
+#include "benchmark/DriveTemperatureProbe.h"
 #include "benchmark/PerformanceResult.h"
 #include "benchmark/ProgressTracker.h"
 #include "benchmark/TemporaryFileRegistry.h"
+#include "benchmark/TestError.h"
 #include "benchmark/TestMode.h"
 #include "concurrency/MainExecutor.h"
 #include "concurrency/Published.h"
@@ -32,13 +34,13 @@ namespace vantorix {
 // timed phases: random 4 KiB writes, random 4 KiB reads, a sequential write of the whole payload
 // in 16 MiB blocks and a sequential read of it, through the page cache or, with the cache
 // bypassed, with direct I/O. The queue-depth test runs four profiles, each read and written for a
-// fixed time, with direct I/O on io_uring. Each run is one task, known by a token; its progress and
-// outcome are published on the main thread, its files are removed on the cleanup queue and,
-// after a success, a report is written on the export queue. A run holds the volume's folder open
-// from its start: its files and its report are made in that folder, and a volume that goes away
-// (its path leads elsewhere) fails the run. Runs lay out their files one after another: a run
-// started right after a stop waits until the stopped one has let go of its files and their
-// removal is committed.
+// fixed time, with direct I/O on io_uring. The sustained-write test writes one file of up to
+// kSustainedSizeLimit with direct I/O on io_uring and follows its speed. Each run is one task, known by a token; its
+// progress and outcome are published on the main thread, its files are removed on the cleanup queue and, after a
+// success, a report is written on the export queue. A run holds the volume's folder open from its start: its files and
+// its report are made in that folder, and a volume that goes away (its path leads elsewhere) fails the run. Runs lay
+// out their files one after another: a run started right after a stop waits until the stopped one has let go of its
+// files and their removal is committed.
 class DiskPerformanceTester : public std::enable_shared_from_this<DiskPerformanceTester> {
 public:
     using Result = PerformanceResult;
@@ -54,21 +56,23 @@ public:
         std::shared_ptr<MainExecutor> mainExecutor;
         std::shared_ptr<FileSystem> files;
         // The volumes' block devices, whose counters each phase is held against; null: none.
-        std::shared_ptr<BlockDevices> devices;
+        std::shared_ptr<BlockDevices> devices = {};
+        // The drive's temperature beside the sustained-write test's speed; absent, there is none.
+        std::shared_ptr<DriveTemperatureProbe> temperatureProbe = {};
         // Where each finished run is recorded for its drive and compared with the previous run of
         // its kind (the drive-health history), and the version recorded with it; none: neither.
         struct History {
             std::string path;
             std::string version;
         };
-        std::optional<History> history;
+        std::optional<History> history = {};
     };
 
     // What a run does. The defaults are what users get; tests and comparisons may shorten them.
     struct Parameters {
         double randomPhaseDuration = 5.0;  // seconds of each random phase
-        // Bytes of each sequential phase in place of the size rule (still checked against the
-        // volume's free space).
+        // Bytes of each sequential phase (of the sustained-write test's file) in place of the size
+        // rule (still checked against the volume's free space).
         std::optional<std::uint64_t> payloadBytes;
     };
 
@@ -135,12 +139,17 @@ private:
 
     DiskPerformanceTester(Dependencies dependencies, Parameters parameters);
 
+    // The sustained-write test's file for the volume (see sustainedFileSize).
+    std::optional<EffectivePayload> sustainedPayload(const DiskVolumeDescriptor& volume) const;
     void publishProgress(const Uuid& token, const ProgressState& progress);
     void deliver(const Uuid& token, Outcome outcome, std::optional<Result> result, std::string message,
                  std::shared_ptr<Directory> folder);
     void startAutomaticExport(const Result& result, const DiskVolumeDescriptor& volume,
                               std::shared_ptr<Directory> folder);
     void retire(RunRecord run);
+    // The payload of a run on the volume, or why it cannot run there.
+    ::vantorix::Result<EffectivePayload, TestError> payloadFor(const DiskVolumeDescriptor& volume,
+                                                               Directory& folder) const;
     // The drive the volume is on, when runs are recorded and the device is known.
     health::DriveIdentity driveOf(const DiskVolumeDescriptor& volume) const;
     // What stopped or finished runs on the volume still hold in test files.

@@ -62,19 +62,6 @@ std::string PerformanceMetrics::iopsText(double operationsPerSecond) {
 
 namespace {
 
-// The value with its change since the previous run of the same kind, when there was one.
-std::string withChange(std::string value, const PerformanceResult& result, const std::string& figure) {
-    if (!result.comparison) return value;
-    if (const auto* change = result.comparison->change(figure))
-        value += localized("（", " (") + changeText(change->percent) + localized("）", ")");
-    return value;
-}
-
-bool dropped(const PerformanceResult& result, const std::string& figure) {
-    const auto* change = result.comparison ? result.comparison->change(figure) : nullptr;
-    return change != nullptr && change->dropped;
-}
-
 // When the changes are against a previous run: when it finished.
 void addPreviousRun(std::vector<MetricItem>& items, const PerformanceResult& result) {
     if (!result.comparison) return;
@@ -82,17 +69,14 @@ void addPreviousRun(std::vector<MetricItem>& items, const PerformanceResult& res
                      text::mediumDateTimeText(result.comparison->previousFinishedAt), Style::normal});
 }
 
-// A figure that dropped since the previous run of its kind carries the warning's symbol.
-const char* iconOf(const char* icon, const PerformanceResult& result, std::initializer_list<std::string> figures) {
-    for (const auto& figure : figures) {
-        if (dropped(result, figure)) return PerformanceMetrics::warningIcon();
-    }
-    return icon;
-}
-
 }  // namespace
 
 std::vector<MetricItem> PerformanceMetrics::resultItems(const PerformanceResult& result) {
+    if (result.sustained) {
+        auto items = sustainedItems(result, *result.sustained);
+        addPreviousRun(items, result);
+        return items;
+    }
     if (result.mode.kind == TestKind::queueDepth) {
         std::vector<MetricItem> items{
             {"externaldrive.fill", localized("样本大小", "Sample Size"), sizeText(result.actualByteCount),
@@ -103,10 +87,10 @@ std::vector<MetricItem> PerformanceMetrics::resultItems(const PerformanceResult&
             const bool sequential = figure.profile.rfind("SEQ", 0) == 0;
             const std::string read = figure.profile + " read", write = figure.profile + " write";
             const auto value = [&](double bytesPerSecond, double iops, const std::string& name) {
-                return withChange(sequential ? speedText(bytesPerSecond) : iopsText(iops) + " IOPS", result, name);
+                return valueWithChange(sequential ? speedText(bytesPerSecond) : iopsText(iops) + " IOPS", result, name);
             };
             items.push_back(
-                {iconOf(sequential ? "speedometer" : "square.grid.3x3", result, {read, write}), figure.profile,
+                {iconWithDrop(sequential ? "speedometer" : "square.grid.3x3", result, {read, write}), figure.profile,
                  localized("读 ", "Read ") + value(figure.readBytesPerSecond, figure.readIOPS, read) +
                      localized(" · 写 ", " · Write ") + value(figure.writeBytesPerSecond, figure.writeIOPS, write),
                  sequential && figure.profile == kQueueDepthProfiles[0].name ? Style::highlight : Style::normal});
@@ -118,15 +102,17 @@ std::vector<MetricItem> PerformanceMetrics::resultItems(const PerformanceResult&
     }
     std::vector<MetricItem> items{
         {"externaldrive.fill", localized("样本大小", "Sample Size"), sizeText(result.actualByteCount), Style::normal},
-        {iconOf("arrow.down.circle.fill", result, {"writeThroughput"}),
+        {iconWithDrop("arrow.down.circle.fill", result, {"writeThroughput"}),
          localized("写入平均速度", "Average Write Speed"),
-         withChange(speedText(result.writeThroughput), result, "writeThroughput"), Style::highlight},
-        {iconOf("arrow.up.circle.fill", result, {"readThroughput"}), localized("读取平均速度", "Average Read Speed"),
-         withChange(speedText(result.readThroughput), result, "readThroughput"), Style::highlight},
-        {iconOf("square.grid.3x3.fill", result, {"randomWriteIOPS"}), localized("随机写入 IOPS", "Random Write IOPS"),
-         withChange(iopsText(result.randomWriteIOPS), result, "randomWriteIOPS"), Style::normal},
-        {iconOf("square.grid.3x3", result, {"randomReadIOPS"}), localized("随机读取 IOPS", "Random Read IOPS"),
-         withChange(iopsText(result.randomReadIOPS), result, "randomReadIOPS"), Style::normal},
+         valueWithChange(speedText(result.writeThroughput), result, "writeThroughput"), Style::highlight},
+        {iconWithDrop("arrow.up.circle.fill", result, {"readThroughput"}),
+         localized("读取平均速度", "Average Read Speed"),
+         valueWithChange(speedText(result.readThroughput), result, "readThroughput"), Style::highlight},
+        {iconWithDrop("square.grid.3x3.fill", result, {"randomWriteIOPS"}),
+         localized("随机写入 IOPS", "Random Write IOPS"),
+         valueWithChange(iopsText(result.randomWriteIOPS), result, "randomWriteIOPS"), Style::normal},
+        {iconWithDrop("square.grid.3x3", result, {"randomReadIOPS"}), localized("随机读取 IOPS", "Random Read IOPS"),
+         valueWithChange(iopsText(result.randomReadIOPS), result, "randomReadIOPS"), Style::normal},
         {"arrow.down.to.line.compact", localized("写入最大速度", "Peak Write Speed"),
          speedText(result.maximumWriteThroughput), Style::normal},
         {"arrow.up.to.line.compact", localized("读取最大速度", "Peak Read Speed"),

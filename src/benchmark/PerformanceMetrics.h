@@ -40,6 +40,12 @@ struct PerformanceMetrics {
                                                 const std::string& payloadValue);
     // After a run: sample size, average and peak speeds, IOPS and the finish time.
     static std::vector<MetricItem> resultItems(const PerformanceResult& result);
+    // After a sustained-write test: written bytes, average speed, the cliff with the speeds before
+    // and after it, the steady speed and the finish time (SustainedMetrics.cpp).
+    static std::vector<MetricItem> sustainedItems(const PerformanceResult& result,
+                                                  const SustainedWriteFigures& figures);
+    // "Write speed fell at 12.3 GB: 1.2 GB/s before, 420 MB/s after", or why there is no cliff.
+    static std::string cliffSentence(const SustainedWriteFigures& figures);
 
     // The speed a result is held against its link's ceiling: the higher of the sequential write
     // and read averages. A peak is one short sample, whose window can catch a burst a cache

@@ -411,12 +411,14 @@ std::string reportHTML(const PerformanceResult& result, const DiskVolumeDescript
                                   "</h2>\n        <div class=\"badge\"><span>" +
                                   join(badgeTexts, "</span></div>\n        <div class=\"badge\"><span>") +
                                   "</span></div>";
-    if (result.mode.kind == TestKind::queueDepth) {
+    if (result.mode.kind != TestKind::standard) {
         html += badgeList + "\n        <p>" + htmlEscaped(finishedLine) + "</p>\n    </div>";
         html += comparisonSection(result.comparison);
-        html += "\n    <div class=\"card\">\n        <h2>" +
-                htmlEscaped(localized("队列深度测试", "Queue-Depth Profiles")) + "</h2>\n        " +
-                queueDepthTable(result.queueDepthFigures) + "\n    </div>\n    ";
+        html += result.sustained
+                    ? sustainedSection(*result.sustained)
+                    : "\n    <div class=\"card\">\n        <h2>" +
+                          htmlEscaped(localized("队列深度测试", "Queue-Depth Profiles")) + "</h2>\n        " +
+                          queueDepthTable(result.queueDepthFigures) + "\n    </div>\n    ";
         html += smartSection(volume.smartInfo);
         return html + "\n</body>\n</html>";
     }

@@ -42,6 +42,13 @@ std::string chartSVG(const std::vector<TimelineSample>& timeline, const ChartLab
 // The SMART card: the summary's status and capability, then its attributes.
 std::string smartSection(const std::optional<DiskSMARTInfo>& smart);
 
+// The sustained-write test's chart: the speed of each step against the data written, the cliff
+// marked, and the drive's temperature on a right-hand axis when it was sampled
+// (SustainedReport.cpp).
+std::string sustainedChartSVG(const SustainedWriteFigures& figures);
+// Its cards: the figures, the chart and the table of points.
+std::string sustainedSection(const SustainedWriteFigures& figures);
+
 std::string reportHTML(const PerformanceResult& result, const DiskVolumeDescriptor& volume);
 
 }  // namespace vantorix::report

@@ -9,6 +9,7 @@
 #include "benchmark/DataSize.h"
 #include "benchmark/PageCacheCheck.h"
 #include "benchmark/ProgressTracker.h"
+#include "benchmark/SustainedWrite.h"
 #include "benchmark/TestMode.h"
 #include "util/Uuid.h"
 
@@ -65,6 +66,8 @@ struct PerformanceResult {
     std::vector<PhaseTraffic> phaseTraffic;
     // Against the previous run of the same kind on the same drive, when the drive's history has one.
     std::optional<ResultComparison> comparison;
+    // The sustained-write test's figures; absent for the other tests.
+    std::optional<SustainedWriteFigures> sustained;
 };
 
 }  // namespace vantorix

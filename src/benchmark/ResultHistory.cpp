@@ -21,7 +21,9 @@ using text::localized;
 constexpr std::string_view kReadSuffix = " read";
 constexpr std::string_view kWriteSuffix = " write";
 
-bool isSpeed(const std::string& name) { return name.find("Throughput") != std::string::npos || name.starts_with("SEQ"); }
+bool isSpeed(const std::string& name) {
+    return name.find("Throughput") != std::string::npos || name.starts_with("SEQ");
+}
 
 std::int64_t unixMilliseconds(std::chrono::system_clock::time_point time) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
@@ -30,17 +32,21 @@ std::int64_t unixMilliseconds(std::chrono::system_clock::time_point time) {
 }  // namespace
 
 std::string runKind(const TestMode& mode) {
-    if (mode.kind == TestKind::queueDepth) return rawValue(mode.kind);
+    if (mode.kind != TestKind::standard) return rawValue(mode.kind);
     return mode.bypassCache ? "standardDirect" : "standard";
 }
 
 std::vector<ComparableFigure> comparableFigures(const PerformanceResult& result) {
+    if (result.sustained) {
+        return {{"averageWriteThroughput", result.sustained->averageBytesPerSecond},
+                {"steadyWriteThroughput", result.sustained->steadyBytesPerSecond}};
+    }
     if (result.mode.kind == TestKind::queueDepth) {
         std::vector<ComparableFigure> figures;
         for (const auto& figure : result.queueDepthFigures) {
             const bool sequential = figure.profile.starts_with("SEQ");
-            figures.push_back({figure.profile + std::string(kReadSuffix),
-                               sequential ? figure.readBytesPerSecond : figure.readIOPS});
+            figures.push_back(
+                {figure.profile + std::string(kReadSuffix), sequential ? figure.readBytesPerSecond : figure.readIOPS});
             figures.push_back({figure.profile + std::string(kWriteSuffix),
                                sequential ? figure.writeBytesPerSecond : figure.writeIOPS});
         }
@@ -57,8 +63,10 @@ std::string figureTitle(const std::string& name) {
     if (name == "readThroughput") return localized("读取平均速度", "Average Read Speed");
     if (name == "randomWriteIOPS") return localized("随机写入 IOPS", "Random Write IOPS");
     if (name == "randomReadIOPS") return localized("随机读取 IOPS", "Random Read IOPS");
-    for (const auto& [suffix, word] : {std::pair{kReadSuffix, localized("读取", "Read")},
-                                       std::pair{kWriteSuffix, localized("写入", "Write")}}) {
+    if (name == "averageWriteThroughput") return localized("持续写入平均速度", "Average Sustained Write Speed");
+    if (name == "steadyWriteThroughput") return localized("稳定速度", "Steady Speed");
+    for (const auto& [suffix, word] :
+         {std::pair{kReadSuffix, localized("读取", "Read")}, std::pair{kWriteSuffix, localized("写入", "Write")}}) {
         if (name.ends_with(suffix)) return name.substr(0, name.size() - suffix.size()) + " " + word;
     }
     return name;
@@ -78,9 +86,9 @@ std::string changeText(double percent) {
 std::string dropWarning(const FigureChange& change, std::chrono::system_clock::time_point previousFinishedAt) {
     const std::string size = text::decimalText(std::abs(change.percent), 0, 0);
     const std::string when = text::mediumDateTimeText(previousFinishedAt);
-    return text::isEnglish() ? fmt::format("Warning: {} is {}% below the previous run's ({}).",
-                                           figureTitle(change.name), size, when)
-                             : fmt::format("警告：{}比上次测试（{}）低 {}%。", figureTitle(change.name), when, size);
+    return text::isEnglish()
+               ? fmt::format("Warning: {} is {}% below the previous run's ({}).", figureTitle(change.name), size, when)
+               : fmt::format("警告：{}比上次测试（{}）低 {}%。", figureTitle(change.name), when, size);
 }
 
 std::vector<std::string> dropWarnings(const std::optional<ResultComparison>& comparison) {
@@ -90,6 +98,21 @@ std::vector<std::string> dropWarnings(const std::optional<ResultComparison>& com
         if (change.dropped) warnings.push_back(dropWarning(change, comparison->previousFinishedAt));
     }
     return warnings;
+}
+
+std::string valueWithChange(std::string value, const PerformanceResult& result, const std::string& figure) {
+    const auto* change = result.comparison ? result.comparison->change(figure) : nullptr;
+    if (change != nullptr) value += localized("（", " (") + changeText(change->percent) + localized("）", ")");
+    return value;
+}
+
+const char* iconWithDrop(const char* icon, const PerformanceResult& result,
+                         std::initializer_list<std::string> figures) {
+    for (const auto& figure : figures) {
+        const auto* change = result.comparison ? result.comparison->change(figure) : nullptr;
+        if (change != nullptr && change->dropped) return PerformanceMetrics::warningIcon();
+    }
+    return icon;
 }
 
 health::BenchmarkRun benchmarkRun(const PerformanceResult& result, const std::string& version) {
@@ -102,8 +125,12 @@ health::BenchmarkRun benchmarkRun(const PerformanceResult& result, const std::st
                           {"deviceBytes", traffic.deviceBytes ? json(*traffic.deviceBytes) : json(nullptr)},
                           {"servedFromPageCache", traffic.servedFromPageCache()}});
     }
-    return {unixMilliseconds(result.finishedAt), runKind(result.mode), result.actualByteCount, figures.dump(),
-            phases.dump(), version};
+    return {unixMilliseconds(result.finishedAt),
+            runKind(result.mode),
+            result.actualByteCount,
+            figures.dump(),
+            phases.dump(),
+            version};
 }
 
 std::vector<ComparableFigure> storedFigures(const health::BenchmarkRun& run) {
@@ -136,7 +163,8 @@ std::vector<PhaseTraffic> storedPageCheck(const health::BenchmarkRun& run) {
 
 ResultComparison compareWith(const std::vector<ComparableFigure>& current, const health::BenchmarkRun& previous) {
     ResultComparison comparison;
-    comparison.previousFinishedAt = std::chrono::system_clock::time_point(std::chrono::milliseconds(previous.finishedMs));
+    comparison.previousFinishedAt = std::chrono::system_clock::time_point(
+        std::chrono::milliseconds(previous.finishedMs));
     const auto before = storedFigures(previous);
     for (const auto& figure : current) {
         const auto found = std::find_if(before.begin(), before.end(),

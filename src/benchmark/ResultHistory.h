@@ -1,5 +1,6 @@
 #pragma once
 
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <vector>
@@ -33,6 +34,12 @@ std::string changeText(double percent);
 std::string dropWarning(const FigureChange& change, std::chrono::system_clock::time_point previousFinishedAt);
 // Every drop's warning, in the order of the figures.
 std::vector<std::string> dropWarnings(const std::optional<ResultComparison>& comparison);
+
+// The value with its change since the previous run of the same kind, when there was one:
+// "327.2 MB/s (−21%)".
+std::string valueWithChange(std::string value, const PerformanceResult& result, const std::string& figure);
+// The warning's symbol when one of the figures dropped since the previous run, else `icon`.
+const char* iconWithDrop(const char* icon, const PerformanceResult& result, std::initializer_list<std::string> figures);
 
 // The history's record of a finished run, and the figures of one read back.
 health::BenchmarkRun benchmarkRun(const PerformanceResult& result, const std::string& version);

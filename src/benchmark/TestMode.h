@@ -9,28 +9,31 @@
 namespace vantorix {
 
 // What kind of test runs. The standard test is the four-phase test at queue depth 1; the
-// queue-depth test measures the four classic profiles on io_uring with direct I/O.
-enum class TestKind { standard, queueDepth };
+// queue-depth test measures the four classic profiles on io_uring with direct I/O; the
+// sustained-write test writes one large file on io_uring with direct I/O and follows its speed.
+enum class TestKind { standard, queueDepth, sustainedWrite };
 
 struct TestMode {
     TestKind kind = TestKind::standard;
-    // The standard test with direct I/O in all four phases. The queue-depth test always bypasses
-    // the cache.
+    // The standard test with direct I/O in all four phases. The other tests always bypass the
+    // cache.
     bool bypassCache = false;
     double secondsPerProfile = 5.0;  // queue-depth test: each read and each write runs this long
 
     bool isDefault() const { return kind == TestKind::standard && !bypassCache; }
-    bool usesDirectIo() const { return kind == TestKind::queueDepth || bypassCache; }
+    bool usesDirectIo() const { return kind != TestKind::standard || bypassCache; }
 
     friend bool operator==(const TestMode&, const TestMode&) = default;
 };
 
-// "standard" or "queueDepth".
+// "standard", "queueDepth" or "sustainedWrite".
 std::string rawValue(TestKind kind);
 // The mode and its parameters in a line, in the current language.
 std::string modeDescription(const TestMode& mode);
 // "SEQ1M Q8T1 Read" and so on; a profile index past the last names the file's preparation.
 std::string queueDepthStepName(std::size_t profile, bool write);
+// The sustained-write test's one step, as its progress names it.
+std::string sustainedStepName();
 
 // One of the queue-depth test's access patterns.
 struct QueueDepthProfile {

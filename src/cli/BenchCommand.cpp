@@ -38,6 +38,30 @@ using text::localized;
 
 // The largest --payload-bytes: a petabyte.
 constexpr std::uint64_t kLargestPayload = 1'000'000'000'000'000;
+// The largest --size of the sustained profile, in GB: a petabyte.
+constexpr std::uint64_t kLargestSizeGigabytes = 1'000'000;
+
+// The sizes the other tests offer, as the menu does.
+bool isMenuSize(const std::string& size) {
+    for (const char* choice : {"full", "1", "10", "100", "1000", "10000"}) {
+        if (size == choice) return true;
+    }
+    return false;
+}
+
+// "full" or a whole number of gigabytes.
+CLI::Validator sizeCheck() {
+    return {[](std::string& value) -> std::string {
+                if (value == "full") return {};
+                const bool digits = !value.empty() && value.size() <= 7 &&
+                                    value.find_first_not_of("0123456789") == std::string::npos;
+                if (digits && std::stoull(value) >= 1 && std::stoull(value) <= kLargestSizeGigabytes) return {};
+                return text::isEnglish()
+                           ? fmt::format("must be full or a whole number of GB from 1 to {}", kLargestSizeGigabytes)
+                           : fmt::format("应为 full 或 1 到 {} 之间的整数 GB", kLargestSizeGigabytes);
+            },
+            ""};
+}
 
 std::string progressLine(const ProgressState& progress) {
     const std::string eta = progress.estimatedRemainingTime
@@ -67,6 +91,33 @@ ordered_json comparisonJson(const std::optional<ResultComparison>& comparison) {
                            {"dropped", change.dropped}});
     }
     return {{"previousFinishedAt", isoTime(comparison->previousFinishedAt)}, {"changes", changes}};
+}
+
+// The sustained-write test's points, cliff and speeds; null for the other tests.
+ordered_json sustainedJson(const std::optional<SustainedWriteFigures>& figures) {
+    if (!figures) return nullptr;
+    ordered_json points = ordered_json::array();
+    for (const auto& point : figures->points) {
+        points.push_back({{"bytesWritten", point.bytesWritten},
+                          {"seconds", point.seconds},
+                          {"bytesPerSecond", point.bytesPerSecond},
+                          {"celsius", point.celsius ? ordered_json(*point.celsius) : ordered_json(nullptr)}});
+    }
+    ordered_json cliff = nullptr;
+    if (figures->cliff) {
+        cliff = {{"bytes", figures->cliff->bytes},
+                 {"secondsIn", figures->cliff->secondsIn},
+                 {"speedBefore", figures->cliff->speedBefore},
+                 {"speedAfter", figures->cliff->speedAfter}};
+    }
+    return {{"bytesWritten", figures->bytesWritten},
+            {"seconds", figures->seconds},
+            {"averageBytesPerSecond", figures->averageBytesPerSecond},
+            {"initialBytesPerSecond", figures->initialBytesPerSecond},
+            {"cliff", cliff},
+            {"steadyBytesPerSecond", figures->steadyBytesPerSecond},
+            {"stoppedEarly", figures->stoppedEarly},
+            {"points", points}};
 }
 
 ordered_json resultJson(const PerformanceResult& result, const DiskVolumeDescriptor& volume,
@@ -118,6 +169,7 @@ ordered_json resultJson(const PerformanceResult& result, const DiskVolumeDescrip
         {"finishedAt", isoTime(result.finishedAt)},
         {"timeline", timeline},
         {"queueDepth", queueDepth},
+        {"sustained", sustainedJson(result.sustained)},
         {"linkCeiling", linkCeilingJson(volume.link)},
         {"linkCeilingShare", linkShare ? ordered_json(*linkShare) : ordered_json(nullptr)},
         {"phases", phases},
@@ -157,6 +209,7 @@ std::string kindTitle(const std::string& kind) {
     if (kind == "standard") return localized("标准（经过页面缓存）", "Standard (through the page cache)");
     if (kind == "standardDirect") return localized("绕过缓存（直接 I/O）", "Cache bypass (direct I/O)");
     if (kind == "queueDepth") return localized("队列深度（io_uring）", "Queue depth (io_uring)");
+    if (kind == "sustainedWrite") return localized("持续写入", "Sustained write");
     return kind;
 }
 
@@ -263,11 +316,19 @@ public:
         if (const std::string path = options_.database.value_or(health::HealthHistory::userPath()); !path.empty()) {
             history = {path, VANTORIX_VERSION};
         }
-        tester_ = environment_.system.makeTester(main_, parameters, history);
-        tester_->setDataSize(options_.size == "full" ? DataSize::availableSpace()
-                                                     : DataSize::gigabytes(std::stoll(options_.size)));
         TestMode mode;
-        mode.kind = options_.profile == "deep" ? TestKind::queueDepth : TestKind::standard;
+        mode.kind = options_.profile == "deep"        ? TestKind::queueDepth
+                    : options_.profile == "sustained" ? TestKind::sustainedWrite
+                                                      : TestKind::standard;
+        smart_ = SmartPipeline::system(main_, RegistrationPolicy{false});
+        // The sustained write follows the drive's temperature, when the helper gives it.
+        tester_ = environment_.system.makeTester(
+            main_, parameters, mode.kind == TestKind::sustainedWrite ? smart_->temperatureProbe() : nullptr, history);
+        // Without a size, the sustained write takes its share of the free space.
+        const bool sustainedDefault = mode.kind == TestKind::sustainedWrite && !options_.sizeGiven;
+        tester_->setDataSize(options_.size == "full" || sustainedDefault
+                                 ? DataSize::availableSpace()
+                                 : DataSize::gigabytes(std::stoll(options_.size)));
         mode.bypassCache = options_.direct;
         mode.secondsPerProfile = options_.seconds;
         tester_->setTestMode(mode);
@@ -331,7 +392,7 @@ public:
 
 private:
     void readSmartInfo() {
-        const auto pipeline = SmartPipeline::system(main_, RegistrationPolicy{false});
+        const SmartPipeline& pipeline = *smart_;
         const ApprovalListener approval;
         const auto outcome = fetchSmartInfo(pipeline, *main_, volume_->deviceName, smartCancellation_);
         if (stopSignal_ != 0) return;
@@ -415,6 +476,7 @@ private:
                 }
             }
             printTable(out_, rows);
+            if (result.sustained) out_ << '\n' << PerformanceMetrics::cliffSentence(*result.sustained) << '\n';
             if (!result.queueDepthFigures.empty()) {
                 out_ << '\n';
                 printQueueDepthTable(out_, result.queueDepthFigures);
@@ -456,6 +518,7 @@ private:
     int stopSignal_ = 0;
     bool done_ = false;
     CancellationSource smartCancellation_;
+    std::optional<SmartPipeline> smart_;
     std::optional<std::string> smartNote_;  // why the report has no SMART data
     int exitStatus_ = kSuccess;
 };
@@ -464,6 +527,20 @@ private:
 
 int runBench(const BenchOptions& options, Environment& environment) {
     if (options.history) return showBenchHistory(options, environment);
+    // Any number of gigabytes is for the sustained write; the other tests offer the menu's sizes.
+    if (options.profile != "sustained" && !isMenuSize(options.size)) {
+        *environment.err << text::terminalText(
+                                text::isEnglish()
+                                    ? fmt::format("--size: {} is not one of full, 1, 10, 100, 1000 and 10000 (other "
+                                                  "counts only with --profile sustained)",
+                                                  options.size)
+                                    : fmt::format(
+                                          "--size：{} 不是 full、1、10、100、1000、10000 之一（其他 GB 数只用于 "
+                                          "--profile sustained）",
+                                          options.size))
+                         << std::endl;
+        return kUsage;
+    }
     // Signals are blocked before the tester's threads start, so only the watcher receives them.
     auto main = std::make_shared<LoopMainExecutor>();
     BenchSession* current = nullptr;
@@ -490,12 +567,16 @@ Command addBenchCommand(CLI::App& parent) {
                         "Run the four-phase performance test on the volume behind a folder and write an HTML report"));
     command->add_option("path", parsed->options.path, text::localized("卷上的文件夹", "A folder on the volume"))
         ->required();
-    command
-        ->add_option("--size", parsed->options.size,
-                     text::localized("测试样本大小：full（全盘）或 GB 数，默认 1",
-                                     "Test Sample Size: full (the whole free space) or a number of GB; 1 by default"))
-        ->check(CLI::IsMember({"full", "1", "10", "100", "1000", "10000"}))
-        ->default_val("1");
+    auto* sizeOption =
+        command
+            ->add_option("--size", parsed->options.size,
+                         text::localized("测试样本大小：full（全盘）或 GB 数（1、10、100、1000、10000），默认 1；"
+                                         "sustained 测试可用任意 GB 数，默认写入可用空间的 80%（至多 256 GiB）",
+                                         "Test Sample Size: full (the whole free space) or a number of GB (1, 10, 100, "
+                                         "1000, 10000); 1 by default. The sustained profile takes any number of GB and "
+                                         "writes 80% of the free space (at most 256 GiB) by default"))
+            ->check(sizeCheck())
+            ->default_val("1");
     command->add_flag("--json", parsed->options.json, text::localized("以 JSON 输出", "Print JSON"));
     command->add_flag(
         "--history", parsed->options.history,
@@ -514,9 +595,12 @@ Command addBenchCommand(CLI::App& parent) {
         ->add_option(
             "--profile", parsed->options.profile,
             text::localized(
-                "standard（四阶段测试）或 deep（io_uring 队列深度测试：SEQ1M Q8/Q1、RND4K Q32/Q1 的读取与写入，直接 I/O）",
-                "standard (the four-phase test) or deep (queue-depth profiles on io_uring: SEQ1M Q8/Q1 and RND4K Q32/Q1, read and write, direct I/O)"))
-        ->check(CLI::IsMember({"standard", "deep"}))
+                "standard（四阶段测试）、deep（io_uring 队列深度测试：SEQ1M Q8/Q1、RND4K Q32/Q1 的读取与写入，直接 I/O）"
+                "或 sustained（io_uring 持续写入一个大文件，1 MiB 块、队列深度 8，直接 I/O，找出速度骤降点）",
+                "standard (the four-phase test), deep (queue-depth profiles on io_uring: SEQ1M Q8/Q1 and RND4K Q32/Q1, "
+                "read and write, direct I/O) or sustained (one large file written on io_uring in 1 MiB blocks at queue "
+                "depth 8, direct I/O, to find where the write speed falls)"))
+        ->check(CLI::IsMember({"standard", "deep", "sustained"}))
         ->default_val("standard");
     command
         ->add_option("--seconds", parsed->options.seconds,
@@ -531,7 +615,8 @@ Command addBenchCommand(CLI::App& parent) {
     auto* randomOption = command->add_option("--random-seconds", parsed->randomSeconds)
                              ->check(namingHiddenOption("--random-seconds", secondsCheck(0, false, 3600)))
                              ->group("");
-    return {command, [parsed, payloadOption, randomOption](Environment& environment) {
+    return {command, [parsed, payloadOption, randomOption, sizeOption](Environment& environment) {
+                parsed->options.sizeGiven = sizeOption->count() > 0;
                 if (*payloadOption) parsed->options.payloadBytes = parsed->payloadBytes;
                 if (*randomOption) parsed->options.randomSeconds = parsed->randomSeconds;
                 return runBench(parsed->options, environment);

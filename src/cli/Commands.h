@@ -82,12 +82,16 @@ int runMonitor(const MonitorOptions& options, Environment& environment);
 struct BenchOptions {
     std::string path;
     // "full" (the free space, truncated to whole gigabytes), or a gigabyte count: "1", "10", "100",
-    // "1000", "10000". 1 GB by default: a command typed without a size should not fill the disk.
+    // "1000", "10000" (any count for the sustained profile). 1 GB by default: a command typed
+    // without a size should not fill the disk. The sustained profile without a size writes 80% of
+    // the free space, at most 256 GiB.
     std::string size = "1";
+    bool sizeGiven = false;
     bool json = false;
-    bool direct = false;               // bypass the page cache in the standard test
-    std::string profile = "standard";  // or "deep": the queue-depth profiles on io_uring
-    double seconds = 5;                // each read and each write of the deep profiles
+    bool direct = false;  // bypass the page cache in the standard test
+    // or "deep": the queue-depth profiles on io_uring; or "sustained": the sustained write
+    std::string profile = "standard";
+    double seconds = 5;  // each read and each write of the deep profiles
     // Shorter runs for tests and comparisons; hidden from --help.
     std::optional<std::uint64_t> payloadBytes;
     std::optional<double> randomSeconds;

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 
+#include "composition/SmartTemperatureProbe.h"
 #include "platform/linux/SysfsBlockDevices.h"
 #include "platform/linux/UnixSocketHelperConnection.h"
 
@@ -39,6 +40,10 @@ SmartPipeline SmartPipeline::over(const std::shared_ptr<HelperService>& helperSe
         {connector, pipeline.manager, SmartctlHelperClient::kDefaultReplyTimeout});
     pipeline.provider = std::make_shared<SMARTInfoProvider>(pipeline.client, std::make_shared<SysfsBlockDevices>());
     return pipeline;
+}
+
+std::shared_ptr<DriveTemperatureProbe> SmartPipeline::temperatureProbe() const {
+    return std::make_shared<SmartTemperatureProbe>(provider);
 }
 
 std::shared_ptr<SmartRefresh> SmartPipeline::attachRefresh(const std::shared_ptr<DiskIOMonitor>& monitor,

@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "benchmark/DriveTemperatureProbe.h"
 #include "concurrency/MainExecutor.h"
 #include "monitor/DiskIOMonitor.h"
 #include "monitor/SmartRefresh.h"
@@ -29,6 +30,9 @@ struct SmartPipeline {
     // The same over a given helper service (tests, and front ends that choose their own).
     static SmartPipeline over(const std::shared_ptr<HelperService>& helperService,
                               std::shared_ptr<MainExecutor> mainExecutor);
+
+    // The drive's temperature through this pipeline, for the sustained-write test.
+    std::shared_ptr<DriveTemperatureProbe> temperatureProbe() const;
 
     // A refresh for `monitor` that fetches through this pipeline; installed as its selection follower.
     std::shared_ptr<SmartRefresh> attachRefresh(

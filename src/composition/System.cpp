@@ -35,8 +35,10 @@ std::shared_ptr<DiskIOMonitor> System::makeMonitor(std::shared_ptr<MainExecutor>
 
 std::shared_ptr<DiskPerformanceTester> System::makeTester(
     std::shared_ptr<MainExecutor> mainExecutor, DiskPerformanceTester::Parameters parameters,
+    std::shared_ptr<DriveTemperatureProbe> temperatureProbe,
     std::optional<DiskPerformanceTester::Dependencies::History> history) const {
-    return DiskPerformanceTester::create({std::move(mainExecutor), files, devices, std::move(history)}, parameters);
+    return DiskPerformanceTester::create(
+        {std::move(mainExecutor), files, devices, std::move(temperatureProbe), std::move(history)}, parameters);
 }
 
 }  // namespace vantorix

@@ -35,8 +35,12 @@ struct System {
     std::shared_ptr<DiskIOMonitor> makeMonitor(
         std::shared_ptr<MainExecutor> mainExecutor,
         std::chrono::nanoseconds deliveryInterval = DiskIOMonitor::aggregationInterval) const;
+    // With a temperature probe (SmartPipeline::temperatureProbe), the sustained-write test follows
+    // the drive's temperature; with a history, each finished run is recorded for its drive and
+    // compared with the previous run of its kind.
     std::shared_ptr<DiskPerformanceTester> makeTester(
         std::shared_ptr<MainExecutor> mainExecutor, DiskPerformanceTester::Parameters parameters = {},
+        std::shared_ptr<DriveTemperatureProbe> temperatureProbe = nullptr,
         std::optional<DiskPerformanceTester::Dependencies::History> history = std::nullopt) const;
 };
 

@@ -41,7 +41,8 @@ std::string testKindPickerTitle() { return localized("测试类型", "Test Kind"
 
 std::vector<PickerEntry<TestKind>> testKindEntries() {
     return {{localized("标准（四阶段）", "Standard (Four Phases)"), TestKind::standard},
-            {localized("队列深度（io_uring）", "Queue Depth (io_uring)"), TestKind::queueDepth}};
+            {localized("队列深度（io_uring）", "Queue Depth (io_uring)"), TestKind::queueDepth},
+            {localized("持续写入", "Sustained Write"), TestKind::sustainedWrite}};
 }
 
 std::string bypassCacheTitle() { return localized("绕过缓存", "Bypass Cache"); }

@@ -44,7 +44,8 @@ std::vector<PickerEntry<DataSize>> testSampleSizeEntries();  // "Full Disk", "1 
 // Below the sizes in the same menu: the kind of test, then whether the standard test bypasses
 // the page cache (the queue-depth test always does).
 std::string testKindPickerTitle();
-std::vector<PickerEntry<TestKind>> testKindEntries();  // "Standard (Four Phases)", "Queue Depth (io_uring)"
+// "Standard (Four Phases)", "Queue Depth (io_uring)", "Sustained Write"
+std::vector<PickerEntry<TestKind>> testKindEntries();
 std::string bypassCacheTitle();
 
 // The chart export's outcome alert.

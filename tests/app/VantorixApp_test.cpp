@@ -88,7 +88,8 @@ TEST(VantorixApp, MenuBarHoldsTheFourCommandsAndPickersShowTheCurrentValues) {
     EXPECT_EQ(texts(app.testSampleSizeMenu(), true), (QStringList{"Full Disk", "Standard (Four Phases)"}));
     const QStringList sizes = texts(app.testSampleSizeMenu());
     EXPECT_EQ(sizes.mid(sizes.indexOf("10000 GB") + 1),
-              (QStringList{"Test Kind", "Standard (Four Phases)", "Queue Depth (io_uring)", "Bypass Cache"}));
+              (QStringList{"Test Kind", "Standard (Four Phases)", "Queue Depth (io_uring)", "Sustained Write",
+                           "Bypass Cache"}));
 
     // A choice made elsewhere shows when the menu opens next; a choice in the menu reaches the engine.
     app.monitor()->setSamplingPrecision(DiskIOMonitor::SamplingPrecision::ms100);
@@ -99,7 +100,7 @@ TEST(VantorixApp, MenuBarHoldsTheFourCommandsAndPickersShowTheCurrentValues) {
     app.testSampleSizeMenu()->actions()[3]->trigger();
     EXPECT_EQ(app.tester()->state().dataSize, DataSize::gigabytes(10));
 
-    // Bypass Cache is a switch of the standard test; the queue-depth test always bypasses.
+    // Bypass Cache is a switch of the standard test; the other tests always bypass.
     const auto trigger = [&](const QString& text) {
         for (auto* action : app.testSampleSizeMenu()->actions()) {
             if (action->text() == text) action->trigger();
@@ -113,6 +114,9 @@ TEST(VantorixApp, MenuBarHoldsTheFourCommandsAndPickersShowTheCurrentValues) {
     EXPECT_EQ(texts(app.testSampleSizeMenu(), true), (QStringList{"10 GB", "Queue Depth (io_uring)", "Bypass Cache"}));
     EXPECT_FALSE(app.testSampleSizeMenu()->actions().back()->isEnabled());
     screenshot(app.testSampleSizeMenu(), "test-sample-size-menu-en-light");
+    trigger("Sustained Write");
+    EXPECT_EQ(app.tester()->state().testMode.kind, TestKind::sustainedWrite);
+    EXPECT_FALSE(app.testSampleSizeMenu()->actions().back()->isEnabled());
     trigger("Standard (Four Phases)");
     trigger("Bypass Cache");
     EXPECT_EQ(app.tester()->state().testMode, TestMode{});

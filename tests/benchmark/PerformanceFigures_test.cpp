@@ -292,7 +292,7 @@ struct Harness {
                 return counters;
             },
             loop);
-        tester = DiskPerformanceTester::create({main, files, devices, std::move(history)}, parameters);
+        tester = DiskPerformanceTester::create({main, files, devices, nullptr, std::move(history)}, parameters);
         tester->setDataSize(DataSize::gigabytes(1));
         subscription = tester->subscribe([this](const DiskPerformanceTester::State& state) {
             if (state.progressState) progress.push_back(*state.progressState);

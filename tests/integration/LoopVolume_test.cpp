@@ -498,7 +498,7 @@ protected:
 
 TEST_F(BenchmarkOnLoopVolume, EachModeRunsToItsFiguresAndLeavesOnlyTheReport) {
     const std::uint64_t payload = 40'000'000;
-    for (const std::string mode : {"", "--direct", "--profile=deep"}) {
+    for (const std::string mode : {"", "--direct", "--profile=deep", "--profile=sustained"}) {
         SCOPED_TRACE(mode);
         std::vector<std::string> arguments{
             "--json", "--payload-bytes", std::to_string(payload), "--seconds", "0.2", "--random-seconds", "0.3"};
@@ -529,6 +529,13 @@ TEST_F(BenchmarkOnLoopVolume, EachModeRunsToItsFiguresAndLeavesOnlyTheReport) {
                 }
             }
             EXPECT_EQ(profiles, (std::vector<std::string>{"SEQ1M Q8T1", "SEQ1M Q1T1", "RND4K Q32T1", "RND4K Q1T1"}));
+            continue;
+        }
+        if (mode == "--profile=sustained") {  // whole 1 MiB blocks, the last step a point too; no reads
+            const auto& sustained = result["sustained"];
+            EXPECT_EQ(sustained["bytesWritten"], payload / 1'048'576 * 1'048'576);
+            EXPECT_EQ(sustained["points"].back()["bytesWritten"], sustained["bytesWritten"]);
+            EXPECT_EQ(result["readThroughput"], 0);
             continue;
         }
         std::vector<std::string> phases;

@@ -25,7 +25,7 @@ std::string LoopVolume::unavailableReason() {
 std::unique_ptr<LoopVolume> LoopVolume::create(const std::string& label, std::uint64_t sizeBytes, std::string* error,
                                                const std::string& mountFolderName) {
     std::unique_ptr<LoopVolume> volume(new LoopVolume());
-    const std::string image = volume->folder_.string() + "/image.ext4";
+    const std::string image = volume->backingFile();
     volume->mountPoint_ = volume->folder_.string() + "/" + mountFolderName;
     std::filesystem::create_directory(volume->mountPoint_);
     std::ofstream(image, std::ios::binary).close();

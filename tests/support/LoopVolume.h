@@ -23,6 +23,7 @@ public:
     const std::string& device() const { return device_; }         // "/dev/loop3"
     std::string deviceName() const { return device_.substr(5); }  // "loop3"
     const std::string& mountPoint() const { return mountPoint_; }
+    std::string backingFile() const { return folder_.string() + "/image.ext4"; }
 
     // Takes the volume apart step by step, as a pulled disk would vanish: unmount, detach the
     // loop device, then remove the device itself (its sysfs node disappears). True on success.

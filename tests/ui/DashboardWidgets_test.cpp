@@ -1,4 +1,5 @@
 #include "ScopedScheme.h"
+#include "benchmark/PerformanceReport.h"
 #include "health/HealthRecorder.h"
 #include "monitor/FixedRingBuffer.h"
 #include "support/ScopedEnvironment.h"
@@ -20,7 +21,9 @@
 #include <QImage>
 #include <QLabel>
 #include <QMouseEvent>
+#include <QPainter>
 #include <QSignalSpy>
+#include <QSvgRenderer>
 #include <QTest>
 #include <QWheelEvent>
 
@@ -326,6 +329,51 @@ TEST(VolumeControlPanel, ShowsTheLinkCeilingWhileTheVolumeHasOneAndAQueueDepthRe
         EXPECT_EQ(panel.infoTexts().size(), 5);
         EXPECT_EQ(panel.infoTexts().indexOf(warning), -1);
         EXPECT_NE(colourOf(panel, panel.infoTexts()[3]), orange);
+    }
+}
+
+// A sustained write that fell from 1.2 GB/s to 420 MB/s after 12 GB while the drive warmed: the
+// strip shows the cliff, the speeds around it and the steady speed, and no read or IOPS figure;
+// the report's chart (pictured here) is valid SVG.
+TEST(VolumeControlPanel, ShowsTheSustainedWriteCliffAndSteadySpeedInTheStrip) {
+    std::vector<SustainedPoint> points;
+    double seconds = 0;
+    for (std::uint64_t bytes = kSustainedStepBytes; bytes < 30'000'000'000; bytes += kSustainedStepBytes) {
+        const double speed = bytes <= 12'000'000'000 ? 1.2e9 : 4.2e8;
+        seconds += static_cast<double>(kSustainedStepBytes) / speed;
+        points.push_back({bytes, seconds, speed, 38 + std::min(seconds, 40.0) / 2});
+    }
+    for (const auto& [lang, dark] :
+         {std::pair{"en_US.UTF-8", false}, {"en_US.UTF-8", true}, {"zh_CN.UTF-8", false}, {"zh_CN.UTF-8", true}}) {
+        const ScopedLanguage language(lang);
+        const ScopedScheme scheme(dark);
+        PerformanceResult result;
+        result.mode = TestMode{TestKind::sustainedWrite, true, 5};
+        result.sustained = sustainedWriteFigures(points, points.back().bytesWritten, seconds, true);
+        result.actualByteCount = result.sustained->bytesWritten;
+        result.writeThroughput = result.sustained->averageBytesPerSecond;
+        VolumeControlPanel panel;
+        panel.resize(380, 900);
+        show(panel, nvmeVolume(4), result);
+        const QString items = panel.strip()->itemTexts().join('\n');
+        const auto& cliff = *result.sustained->cliff;
+        for (const std::string& expected :
+             {PerformanceMetrics::sizeText(cliff.bytes), PerformanceMetrics::speedText(cliff.speedAfter),
+              PerformanceMetrics::speedText(result.sustained->steadyBytesPerSecond)}) {
+            EXPECT_TRUE(items.contains(QString::fromStdString(expected))) << expected << items.toStdString();
+        }
+        EXPECT_FALSE(items.contains("IOPS") || items.contains("Read") || items.contains(QString("读取")));
+        const std::string suffix = std::string(lang).substr(0, 2) + (dark ? "-dark" : "-light");
+        save(panel, "volume-panel-sustained-" + suffix);
+        if (dark) continue;  // the report has one scheme
+        QSvgRenderer chart(QByteArray::fromStdString(report::sustainedChartSVG(*result.sustained)));
+        ASSERT_TRUE(chart.isValid());
+        QImage image(1200, 500, QImage::Format_ARGB32_Premultiplied);
+        image.fill(QColor("#0f172a"));
+        QPainter painter(&image);
+        chart.render(&painter);
+        painter.end();
+        image.save(QString::fromStdString(std::string(VANTORIX_SCREENSHOT_DIR "/sustained-chart-") + suffix + ".png"));
     }
 }
 
