@@ -63,7 +63,7 @@ std::string figureTitle(const std::string& name) {
     if (name == "readThroughput") return localized("读取平均速度", "Average Read Speed");
     if (name == "randomWriteIOPS") return localized("随机写入 IOPS", "Random Write IOPS");
     if (name == "randomReadIOPS") return localized("随机读取 IOPS", "Random Read IOPS");
-    if (name == "averageWriteThroughput") return localized("持续写入平均速度", "Average Sustained Write Speed");
+    if (name == "averageWriteThroughput") return localized("写入平均速度", "Average Write Speed");
     if (name == "steadyWriteThroughput") return localized("稳定速度", "Steady Speed");
     for (const auto& [suffix, word] :
          {std::pair{kReadSuffix, localized("读取", "Read")}, std::pair{kWriteSuffix, localized("写入", "Write")}}) {

@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
+#include "integration/HelperTestClient.h"
 #include "support/BlockThrottle.h"
 #include "support/LoopVolume.h"
 #include "support/Process.h"
@@ -72,7 +73,8 @@ TEST(SustainedWriteOnLoopVolume, FindsTheCliffWhereTheThrottleDroppedAndStopsOnc
 }
 
 // Three runs on one volume are recorded for its drive (the loop device's file) and listed in order;
-// the third, at half the speed, is flagged as a drop against the second.
+// the third, at half the speed, is flagged as a drop against the second. The drive's temperature
+// comes through the real helper (from a stand-in smartctl) beside each point.
 TEST(SustainedWriteOnLoopVolume, RunsAreListedInOrderAndAHalvedSpeedIsADrop) {
     const std::string reason = testing::LoopVolume::unavailableReason() + testing::BlockThrottle::unavailableReason();
     if (!reason.empty()) GTEST_SKIP() << reason;
@@ -83,8 +85,11 @@ TEST(SustainedWriteOnLoopVolume, RunsAreListedInOrderAndAHalvedSpeedIsADrop) {
     ASSERT_TRUE(throttle) << error;
     const testing::TemporaryFolder folder;
     const std::string database = (folder.path() / "history.sqlite").string();
+    auto smartctl = testing::SmartctlStandIn::create(testing::printing(testing::kHelperFixture));  // 36 °C
+    const auto helper = testing::startHelper(smartctl->path());
+    ASSERT_TRUE(helper);
     const std::map<std::string, std::optional<std::string>> environment{
-        {"LANGUAGE", "en_US"}, {"VANTORIX_LOG", "off"}, {"VANTORIX_HELPER_SOCKET", "/nonexistent/vantorix.sock"}};
+        {"LANGUAGE", "en_US"}, {"VANTORIX_LOG", "off"}, {"VANTORIX_HELPER_SOCKET", helper->socketPath()}};
     const auto bench = [&](std::vector<std::string> arguments) {
         arguments.insert(arguments.begin(),
                          {VANTORIX_CLI_PATH, "bench", volume->mountPoint(), "--json", "--database", database});
@@ -97,9 +102,10 @@ TEST(SustainedWriteOnLoopVolume, RunsAreListedInOrderAndAHalvedSpeedIsADrop) {
         ASSERT_EQ(run.exitStatus, 0) << run.err;
         const json result = json::parse(run.out);
         finished.push_back(result["finishedAt"]);
+        EXPECT_EQ(result["sustained"]["points"][0]["celsius"], 36) << result["sustained"].dump();
         fs::remove(result["reportPath"].get<std::string>());
         if (speed < 80e6) {
-            EXPECT_NE(run.err.find("Warning: Average Sustained Write Speed is 5"), std::string::npos) << run.err;
+            EXPECT_NE(run.err.find("Warning: Average Write Speed is 5"), std::string::npos) << run.err;
         }
     }
     const auto listed = bench({"--history"});

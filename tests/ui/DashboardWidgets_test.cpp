@@ -1,5 +1,6 @@
 #include "ScopedScheme.h"
 #include "benchmark/PerformanceReport.h"
+#include "benchmark/ResultHistory.h"
 #include "health/HealthRecorder.h"
 #include "monitor/FixedRingBuffer.h"
 #include "support/ScopedEnvironment.h"
@@ -352,10 +353,19 @@ TEST(VolumeControlPanel, ShowsTheSustainedWriteCliffAndSteadySpeedInTheStrip) {
         result.sustained = sustainedWriteFigures(points, points.back().bytesWritten, seconds, true);
         result.actualByteCount = result.sustained->bytesWritten;
         result.writeThroughput = result.sustained->averageBytesPerSecond;
+        // Against yesterday's run: the average fell by a fifth (a drop), the steady speed held.
+        const double average = result.sustained->averageBytesPerSecond;
+        const double steady = result.sustained->steadyBytesPerSecond;
+        result.comparison = ResultComparison{std::chrono::system_clock::now() - std::chrono::hours(24),
+                                             {{"averageWriteThroughput", average / 0.8, average, -20, true},
+                                              {"steadyWriteThroughput", steady / 1.02, steady, 2, false}}};
         VolumeControlPanel panel;
         panel.resize(380, 900);
         show(panel, nvmeVolume(4), result);
         const QString items = panel.strip()->itemTexts().join('\n');
+        EXPECT_TRUE(items.contains(QString::fromUtf8("\u221220%")) && items.contains("+2%")) << items.toStdString();
+        EXPECT_EQ(panel.strip()->warningText().toStdString(),
+                  vantorix::dropWarning(result.comparison->changes[0], result.comparison->previousFinishedAt));
         const auto& cliff = *result.sustained->cliff;
         for (const std::string& expected :
              {PerformanceMetrics::sizeText(cliff.bytes), PerformanceMetrics::speedText(cliff.speedAfter),
