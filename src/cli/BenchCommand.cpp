@@ -229,7 +229,15 @@ int showBenchHistory(const BenchOptions& options, Environment& environment) {
         text::isEnglish() ? fmt::format("No performance test of the drive of {} has been recorded.", volume->deviceName)
                           : fmt::format("没有 {} 所在硬盘的性能测试记录。", volume->deviceName);
     auto device = environment.system.devices->device(volume->deviceName);
-    const health::DriveIdentity drive = device ? driveIdentity(device.value()) : health::DriveIdentity{};
+    if (!device) {
+        return historyFailure(
+            options, environment, "noDrive",
+            text::isEnglish()
+                ? fmt::format("{} is not on a drive ({}): performance tests are recorded for drives only.",
+                              options.path, volume->deviceName)
+                : fmt::format("{} 不在硬盘上（{}）：只有硬盘的性能测试会被记录。", options.path, volume->deviceName));
+    }
+    const health::DriveIdentity drive = driveIdentity(device.value());
     const std::string path = options.database.value_or(health::HealthHistory::userPath());
     if (!drive.known() || path.empty() || !std::filesystem::exists(path))
         return historyFailure(options, environment, "noHistory", none);

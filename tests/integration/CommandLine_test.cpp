@@ -208,6 +208,10 @@ TEST(VolumeInfoIntegration, VolumesWithoutABlockDeviceResolveButHaveNoStatistics
         EXPECT_TRUE(info["statistics"].is_null());
         EXPECT_EQ(info["error"]["code"], "statisticsUnavailable");
         EXPECT_FALSE(info["device"].get<std::string>().empty());
+        // Nor a drive to keep test results for.
+        const auto history = cli({"bench", path, "--history", "--json"});
+        EXPECT_EQ(history.exitStatus, 1);
+        EXPECT_EQ(json::parse(history.out)["error"]["code"], "noDrive") << history.out;
     }
 }
 
