@@ -17,6 +17,7 @@
 #include "app/VantorixApp.h"
 #include "benchmark/PageCacheCheck.h"
 #include "benchmark/PerformanceReport.h"
+#include "health/HealthHistory.h"
 #include "support/BlockDevice.h"
 #include "support/HelperDaemon.h"
 #include "support/LoopVolume.h"
@@ -200,6 +201,12 @@ TEST_P(DesktopFlow, ASessionOnALoopVolume) {
                 HasSubstr(phaseName(BenchmarkPhase::sequentialRead) +
                           (english ? ": moved 67.1\u00a0MB, device read" : "：传输 67.1\u00a0MB，设备读取")));
     EXPECT_THAT(report, Not(HasSubstr(report::htmlEscaped(pageCacheWarning(BenchmarkPhase::sequentialWrite)))));
+    // The run is in the user's history, for the drive the loop device is made of.
+    auto history = health::HealthHistory::open(health::HealthHistory::userPath());
+    ASSERT_TRUE(history) << history.error();
+    const auto runs = history.value()->runs("file:" + volume->backingFile());
+    ASSERT_TRUE(runs && runs->size() == 1U);
+    EXPECT_EQ(runs->front().kind, "standard");
     auto withReport = filesBefore;
     withReport.insert(fs::path(*app.tester()->state().lastReportPath).filename().string());
     EXPECT_EQ(testing::namesIn(volume->mountPoint()), withReport);
