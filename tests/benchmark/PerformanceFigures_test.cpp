@@ -1,4 +1,3 @@
-#include "MemoryFileSystem.h"
 #include "benchmark/DataSize.h"
 #include "benchmark/DiskPerformanceTester.h"
 #include "benchmark/PerformanceMetrics.h"
@@ -8,6 +7,7 @@
 #include "health/HealthHistory.h"
 #include "platform/linux/PosixFileSystem.h"
 #include "support/ManualMainExecutor.h"
+#include "support/MemoryFileSystem.h"
 #include "support/ScopedEnvironment.h"
 #include "support/ScriptedBlockDevices.h"
 #include "support/TemporaryFolder.h"

@@ -3,7 +3,7 @@
 #include <map>
 
 #include "exporter/MetricsCollector.h"
-#include "monitor/FakeVolumes.h"
+#include "support/FakeVolumes.h"
 #include "support/ScriptedBlockDevices.h"
 
 namespace vantorix::exporter {

@@ -1,4 +1,3 @@
-#include "FakeVolumes.h"
 #include "concurrency/SerialQueue.h"
 #include "log/Log.h"
 #include "monitor/AggregationCoordinator.h"
@@ -7,6 +6,7 @@
 #include "monitor/MonitorMetrics.h"
 #include "monitor/SmartRefresh.h"
 #include "monitor/StatisticsSession.h"
+#include "support/FakeVolumes.h"
 #include "support/ManualMainExecutor.h"
 #include "support/ScriptedBlockDevices.h"
 
