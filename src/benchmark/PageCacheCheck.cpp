@@ -16,12 +16,14 @@ bool isWritePhase(BenchmarkPhase phase) {
     return phase == BenchmarkPhase::randomWrite || phase == BenchmarkPhase::sequentialWrite;
 }
 
-std::string phaseTrafficText(const PhaseTraffic& traffic) {
+std::string phaseBytesText(std::uint64_t bytes) {
     using text::ByteUnits;
-    const auto bytes = [](std::uint64_t count) {
-        return text::byteCountText(count, ByteUnits::bytes | ByteUnits::kilobytes | ByteUnits::megabytes |
-                                              ByteUnits::gigabytes | ByteUnits::terabytes);
-    };
+    return text::byteCountText(bytes, ByteUnits::bytes | ByteUnits::kilobytes | ByteUnits::megabytes |
+                                          ByteUnits::gigabytes | ByteUnits::terabytes);
+}
+
+std::string phaseTrafficText(const PhaseTraffic& traffic) {
+    const auto bytes = phaseBytesText;
     const bool write = isWritePhase(traffic.phase);
     if (!traffic.deviceBytes) {
         return text::isEnglish() ? fmt::format("moved {}; device counters unavailable", bytes(traffic.bytesMoved))

@@ -26,6 +26,8 @@ inline constexpr double kPageCacheShareThreshold = 0.5;
 
 bool isWritePhase(BenchmarkPhase phase);
 
+// A byte count as the check shows it, from bytes to terabytes: "0 B", "4 KB", "67.1 MB".
+std::string phaseBytesText(std::uint64_t bytes);
 // "moved 40 MB, device read 0 bytes", or that the counters were unavailable, in the current language.
 std::string phaseTrafficText(const PhaseTraffic& traffic);
 // The warning for a phase served from the page cache, in the current language.

@@ -135,15 +135,23 @@ std::string queueDepthTable(const std::vector<QueueDepthFigure>& figures) {
                  rows);
 }
 
+// How a warning stands out in a card: in orange, bold.
+constexpr const char* kWarningStyle = "color: #c2410c; font-weight: 600;";
+
+std::string warningParagraphs(const std::vector<std::string>& warnings) {
+    std::string paragraphs;
+    for (const auto& warning : warnings) {
+        paragraphs += std::string("\n        <p style=\"") + kWarningStyle + "\">" + htmlEscaped(warning) + "</p>";
+    }
+    return paragraphs;
+}
+
 // Each phase against the device's counters, with the warning of each phase the page cache served;
 // nothing when every phase reached the device.
 std::string pageCacheSection(const std::vector<PhaseTraffic>& phases) {
     const std::vector<std::string> warnings = pageCacheWarnings(phases);
     if (warnings.empty()) return {};
-    const auto bytes = [](std::uint64_t count) {
-        return text::byteCountText(count, ByteUnits::bytes | ByteUnits::kilobytes | ByteUnits::megabytes |
-                                              ByteUnits::gigabytes | ByteUnits::terabytes);
-    };
+    const auto bytes = phaseBytesText;
     std::vector<std::string> rows;
     rows.reserve(phases.size());
     for (const auto& traffic : phases) {
@@ -154,9 +162,7 @@ std::string pageCacheSection(const std::vector<PhaseTraffic>& phases) {
     }
     std::string section = "\n    <div class=\"card\">\n        <h2>" +
                           htmlEscaped(localized("设备核对", "Device Check")) + "</h2>";
-    for (const auto& warning : warnings) {
-        section += "\n        <p style=\"color: #c2410c; font-weight: 600;\">" + htmlEscaped(warning) + "</p>";
-    }
+    section += warningParagraphs(warnings);
     return section + "\n        " +
            table({localized("阶段", "Phase"), localized("传输", "Moved"), localized("设备读写", "Reached the Device")},
                  rows) +
@@ -170,7 +176,7 @@ std::string comparisonSection(const std::optional<ResultComparison>& comparison)
     std::vector<std::string> rows;
     rows.reserve(comparison->changes.size());
     for (const auto& change : comparison->changes) {
-        const std::string style = change.dropped ? " style=\"color: #c2410c; font-weight: 600;\"" : "";
+        const std::string style = change.dropped ? std::string(" style=\"") + kWarningStyle + "\"" : "";
         rows.push_back("<tr" + style + "><td>" + htmlEscaped(figureTitle(change.name)) + "</td><td>" +
                        htmlEscaped(figureValueText(change.name, change.previous)) + "</td><td>" +
                        htmlEscaped(figureValueText(change.name, change.current)) + "</td><td>" +
@@ -180,9 +186,7 @@ std::string comparisonSection(const std::optional<ResultComparison>& comparison)
                           htmlEscaped(localized("与上次测试对比", "Compared With the Previous Run")) +
                           "</h2>\n        <p>" + htmlEscaped(localized("上次测试：", "Previous run: ")) +
                           htmlEscaped(text::mediumDateTimeText(comparison->previousFinishedAt)) + "</p>";
-    for (const auto& warning : dropWarnings(comparison)) {
-        section += "\n        <p style=\"color: #c2410c; font-weight: 600;\">" + htmlEscaped(warning) + "</p>";
-    }
+    section += warningParagraphs(dropWarnings(comparison));
     return section + "\n        " +
            table({localized("指标", "Figure"), localized("上次", "Previous"), localized("本次", "This Run"),
                   localized("变化", "Change")},

@@ -17,6 +17,7 @@
 #include "cli/OptionChecks.h"
 #include "cli/SignalWatcher.h"
 #include "cli/SmartFetch.h"
+#include "cli/SmartHistory.h"
 #include "cli/StandardStreams.h"
 #include "cli/TextTable.h"
 #include "composition/SmartPipeline.h"
@@ -287,13 +288,7 @@ int showBenchHistory(const BenchOptions& options, Environment& environment) {
         printTable(out, rows);
     }
     if (options.json) {
-        printJson(*environment.out, ordered_json{{"drive",
-                                                  {{"key", drive.key()},
-                                                   {"wwn", drive.wwn},
-                                                   {"model", drive.model},
-                                                   {"serial", drive.serial},
-                                                   {"device", drive.deviceHint}}},
-                                                 {"runs", list}});
+        printJson(*environment.out, ordered_json{{"drive", identityJson(drive)}, {"runs", list}});
     }
     *environment.out << std::flush;
     return kSuccess;
